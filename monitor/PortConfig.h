@@ -1,0 +1,93 @@
+// A port's configuration: the two records that carry it, and the registry below the monitor's own
+// key, where it lasts. All access goes through the spooler's registry callbacks (MONITORREG), in
+// the spooler's own security context.
+//
+//   <monitor's root key>\Ports\<port name>: one value for each field, see docs/registry.md
+#pragma once
+
+#include "monitor/Resource.h"
+
+#include <cstddef>
+
+// The standard record, as port monitors and their user interfaces exchange it (platform record
+// PORT_DATA_1 of tcpxcv.h, UTF-16, little-endian).
+struct PORT_DATA_1 {
+    WCHAR sztPortName[64];
+    DWORD dwVersion;
+    DWORD dwProtocol;  // kProtocolRaw or kProtocolLpr
+    DWORD cbSize;
+    DWORD dwReserved;
+    WCHAR sztHostAddress[49];  // host name: a key to find the printer again, never connected to
+    WCHAR sztSNMPCommunity[33];
+    DWORD dwDoubleSpool;
+    WCHAR sztQueue[33];
+    WCHAR sztIPAddress[16];  // IPv4, dotted decimal
+    BYTE Reserved[540];
+    DWORD dwPortNumber;
+    DWORD dwSNMPEnabled;
+    DWORD dwSNMPDevIndex;
+};
+static_assert(sizeof(PORT_DATA_1) == 964);
+static_assert(offsetof(PORT_DATA_1, dwVersion) == 128);
+static_assert(offsetof(PORT_DATA_1, sztHostAddress) == 144);
+static_assert(offsetof(PORT_DATA_1, sztSNMPCommunity) == 242);
+static_assert(offsetof(PORT_DATA_1, dwDoubleSpool) == 308);
+static_assert(offsetof(PORT_DATA_1, sztQueue) == 312);
+static_assert(offsetof(PORT_DATA_1, sztIPAddress) == 378);
+static_assert(offsetof(PORT_DATA_1, Reserved) == 410);
+static_assert(offsetof(PORT_DATA_1, dwPortNumber) == 952);
+static_assert(offsetof(PORT_DATA_1, dwSNMPDevIndex) == 960);
+
+constexpr DWORD kProtocolRaw = 1;
+constexpr DWORD kProtocolLpr = 2;
+
+// The extended record: what this monitor remembers of a printer beyond the standard one.
+struct PortDataEx {
+    WCHAR sztPortName[64];
+    DWORD reserved[2];
+    WCHAR sztIPv6HostName[128];  // IPv6 address or host name to connect to
+    DWORD dwAlwaysPrint;         // non-zero: search for the printer when it cannot be reached
+    DWORD dwUseIPV6;             // non-zero: connect to sztIPv6HostName, else to sztIPAddress
+    WCHAR sztHWAddress[13];      // hardware address, twelve hexadecimal digits
+    BYTE padding[2];
+};
+static_assert(sizeof(PortDataEx) == 428);
+static_assert(offsetof(PortDataEx, sztIPv6HostName) == 136);
+static_assert(offsetof(PortDataEx, dwAlwaysPrint) == 392);
+static_assert(offsetof(PortDataEx, dwUseIPV6) == 396);
+static_assert(offsetof(PortDataEx, sztHWAddress) == 400);
+
+// Reads the names of the ports in the registry, in registry order, creating the "Ports" key if it
+// is missing.
+//   list: receives the names as one double-NUL-terminated list, nothing when there are no ports.
+// Returns 0 or the Win32 error code of the registry callback that failed.
+DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept;
+
+// Reads a port's standard record; sztPortName stays empty. A value that is missing, or does not
+// fit its field, leaves the field zero; text fields are always terminated.
+// Returns 0, the failure of opening "Ports", or that of reading the last value ("Double Spool"):
+// a port that was never configured reads as ERROR_FILE_NOT_FOUND.
+DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept;
+
+// Writes a port's standard record, creating the port's key if needed. Empty texts and a port
+// number of 0 leave the values in the registry as they are. Text fields need no terminator.
+// Returns the result of the last write, or the failure of opening "Ports".
+DWORD WritePortConfig(const PORT_DATA_1* in) noexcept;
+
+// Reads a port's extended record, as ReadPortConfig does; always returns 0.
+DWORD ReadPortConfigEx(LPCWSTR portName, PortDataEx* out) noexcept;
+
+// Writes a port's extended record; the port's key must exist. Always returns 0.
+DWORD WritePortConfigEx(const PortDataEx* in) noexcept;
+
+// Creates a port's key, without values. Returns TRUE when it is there afterwards; FALSE, with the
+// last error set, when it could not be made or the name is null.
+BOOL CreatePortKey(LPCWSTR portName) noexcept;
+
+// Deletes a port's key; reports nothing. A null name does nothing.
+void DeletePortKey(LPCWSTR portName) noexcept;
+
+// Stores a printer's new address: addressText as "IPv6HostName" when isIPv6 is non-zero, else as
+// "IPAddress", and isIPv6 as "UseIPV6".
+// Returns the result of the last write, or the failure of opening "Ports".
+DWORD WritePortAddress(LPCWSTR portName, LPCWSTR addressText, DWORD isIPv6) noexcept;

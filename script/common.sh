@@ -1,0 +1,54 @@
+# shellcheck shell=bash
+# Sourced by the other scripts: where things are, and the Wine prefix that belongs to the build
+# folder. Nothing here touches the user's own prefix.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+build=$root/build
+
+export WINEPREFIX=${KEST_WINEPREFIX:-$build/wine}
+export WINEDEBUG=${WINEDEBUG:--all}
+export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree=;mshtml=}
+
+say() { printf '%s\n' "$*" >&2; }
+
+fail() {
+    say "$(basename "$0"): $*"
+    exit 1
+}
+
+# The server of this prefix, and of no other.
+wine_server() {
+    if command -v wineserver >/dev/null; then
+        wineserver "$@"
+    else
+        /usr/lib/wine/wineserver64 "$@"
+    fi
+}
+
+wine_running() { [ -d "$WINEPREFIX" ] && wine_server -k0 2>/dev/null; }
+
+# Makes the prefix if it is not there (about 8 s), once, however many ask at the same time.
+wine_prefix() {
+    [ -e "$WINEPREFIX/.kest-ready" ] && return
+    mkdir -p "$WINEPREFIX"
+    (
+        flock 9
+        [ -e "$WINEPREFIX/.kest-ready" ] && exit
+        say "making a Wine prefix in ${WINEPREFIX#"$root"/}"
+        wine wineboot -i >/dev/null 2>&1 9>&-
+        wine_server -w 9>&-
+        touch "$WINEPREFIX/.kest-ready"
+    ) 9>"$WINEPREFIX.lock"
+}
+
+# Starts the prefix's server unless one runs, and ends at exit what was started here. A server
+# that stays makes a program start in a tenth of a second instead of in three.
+wine_up() {
+    wine_prefix
+    wine_running && return
+    wine_server -p >/dev/null 2>&1
+    trap wine_down EXIT
+}
+
+wine_down() { wine_server -k 2>/dev/null || true; }

@@ -1,0 +1,37 @@
+// What every command of kestctl shares: how it reports, and how it fails.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+// Ends a command with exit code 1. The message says what went wrong and, where there is
+// something to do about it, what.
+struct CommandFailed : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
+void AddJsonFlag(CLI::App& command, bool& wanted);
+
+// Prints one JSON document, indented, with a line end. Bytes that are not UTF-8 are replaced.
+void PrintJson(const nlohmann::json& document);
+
+// Prints rows under a heading in columns as wide as their widest cell.
+void PrintTable(const std::vector<std::string>& heading,
+                const std::vector<std::vector<std::string>>& rows);
+
+// True when standard output is a terminal (then progress may be shown on it).
+bool OutputIsTerminal();
+
+// One function for each group of commands; each adds its subcommands, whose callbacks do the work
+// and throw CommandFailed. Usage errors are CLI11's own (exit code 2).
+void AddPortCommands(CLI::App& app);
+void AddPrintCommand(CLI::App& app);
+void AddNetworkCommands(CLI::App& app);
+void AddSlpCommands(CLI::App& app);
+void AddFindCommand(CLI::App& app);
+void AddSettingsCommands(CLI::App& app);
