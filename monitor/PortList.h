@@ -1,53 +1,114 @@
 // The ports that the monitor owns, in memory, and the entry points that only manage them.
 #pragma once
 
-#include "monitor/Library.h"
-
+#include <atomic>
 #include <cstddef>
 
+#include "monitor/Library.h"
+
 struct MonitorHandle;
+struct XcvHandle;
 
-constexpr DWORD kPortSignature = 0x00005450;     // "PT"
 constexpr DWORD kMonitorSignature = 0x004D4C49;  // "ILM"
+constexpr DWORD kPortSignature = 0x00005450;     // "PT"
 
-constexpr DWORD kPortDeleted = 4;     // skipped by enumeration and deletion; nothing here sets it
-constexpr DWORD kJobInProgress = 8;   // between StartDocPort and EndDocPort
+constexpr DWORD kPortDeleted = 4;     // skipped by enumeration and removal; nothing here sets it
+constexpr DWORD kJobInProgress = 8;   // from StartDocPort to EndDocPort
 constexpr size_t kMaxPortName = 247;  // characters, without the terminator
 
-// One port: a single zero-filled block of the global allocator, with the name behind the record.
-// Its address is the port handle that the spooler gets.
+// One port: a single zero-filled block of the global allocator, with the name right behind the
+// record. Its address is the port handle that the spooler gets.
 struct PortEntry {
     DWORD signature = kPortSignature;
     DWORD blockSize = 0;  // bytes: the record and its name with terminator
     PortEntry* next = nullptr;
     LPWSTR name = nullptr;
     UniqueSocket socket;
-    // Job bytes in the temporary file. A running total of the entry's whole life, never reset
-    // between jobs: that is the count the daemon has always been told, and it stays.
+    // Job bytes written to temporary files: a running total over the entry's whole life, never
+    // reset between jobs, and announced as it is. Kept on purpose.
     LONG byteCount = 0;
-    DWORD flags = 0;
+    std::atomic<DWORD> flags = 0;
     UniqueBlock<WCHAR> printerName;
     UniqueBlock<BYTE> scratch;
     UniquePrinter printer;
     DWORD jobId = 0;
     MonitorHandle* monitor = nullptr;
     UniqueAddressList addresses;
-    BYTE lprJobNumber = 0;
-    DWORD protocol = 0;
+    BYTE lprJobNumber = 0;  // eight bits wide on purpose: it wraps from 255 to 0
+    DWORD protocol = 0;     // kProtocolRaw or kProtocolLpr, as of the last job start
     UniqueFile tempFile;
     DWORD doubleSpool = 0;
     WCHAR tempFileName[MAX_PATH] = {};
-    // A port can be deleted while the spooler still has it open or a job runs on it. It leaves
-    // the list at once; its block goes when the last of them lets go of it.
-    LONG openCount = 0;
-    BOOL unlinked = FALSE;
+
+    // A port may be deleted while the spooler has it open or a job runs on it. It leaves the list
+    // at once; the block goes with the last of those who hold it: the list, each open, a job.
+    std::atomic<LONG> holders = 1;
+    std::atomic<LONG> opens = 0;
 };
 static_assert(offsetof(PortEntry, next) == 8);
 static_assert(offsetof(PortEntry, name) == 16);
 static_assert(offsetof(PortEntry, socket) == 24);
 static_assert(offsetof(PortEntry, byteCount) == 32);
+static_assert(offsetof(PortEntry, flags) == 36);
 static_assert(offsetof(PortEntry, printerName) == 40);
+static_assert(offsetof(PortEntry, printer) == 56);
 static_assert(offsetof(PortEntry, monitor) == 72);
 static_assert(offsetof(PortEntry, lprJobNumber) == 88);
 static_assert(offsetof(PortEntry, tempFile) == 96);
 static_assert(offsetof(PortEntry, tempFileName) == 108);
+
+// What the spooler gets as the monitor's handle.
+struct MonitorHandle {
+    DWORD signature = kMonitorSignature;
+    MONITORINIT* init = nullptr;
+    PortEntry* ports = nullptr;       // in the order in which they were added
+    XcvHandle* xcvHandles = nullptr;  // open configuration channels, see Xcv.h
+
+    PortEntry* lastPort = nullptr;  // so that adding a port does not walk the list
+    SRWLOCK xcvLock = SRWLOCK_INIT;
+};
+static_assert(offsetof(MonitorHandle, init) == 8);
+static_assert(offsetof(MonitorHandle, ports) == 16);
+static_assert(offsetof(MonitorHandle, xcvHandles) == 24);
+
+// The monitor, or the port, behind a handle of the spooler; null, with the last error
+// ERROR_INVALID_HANDLE, when the handle is null or something else.
+MonitorHandle* MonitorOf(HANDLE handle) noexcept;
+PortEntry* PortOf(HANDLE handle) noexcept;
+
+// Adds a port at the list's end, under PortListLock.
+// Returns the new entry; null with the last error ERROR_INVALID_NAME when the name is null or
+// longer than kMaxPortName, null as well when there is no memory for it.
+PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
+
+// Takes the first port with this name (in any letter case) out of the list and lets go of it.
+// Takes no lock: callers hold PortListLock, or accept the race. Returns 1 when there was one, else
+// 0.
+int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
+
+// Lets go of all ports in the list, without a lock: for the monitor's end.
+void RemoveAllPortEntries(MonitorHandle* monitor) noexcept;
+
+// A job's hold on its port.
+void HoldPort(PortEntry* port) noexcept;
+void LetGoOfPort(PortEntry* port) noexcept;
+
+// True for the names of the spooler's own network pseudo-ports: "Ne", an optional "-", digits or
+// none, ":". They stand under the monitor's key on some systems and are none of its ports.
+bool IsSpoolerPseudoPort(LPCWSTR name) noexcept;
+
+// Entry points of the monitor (platform interface MONITOR2).
+
+// Lists the ports as PORT_INFO_1 or PORT_INFO_2 (level 1 or 2) records.
+//   pPorts, cbBuf: the caller's buffer and its size in bytes.
+//   pcbNeeded: receives the size needed. pcReturned: receives the number of records.
+// Returns FALSE with ERROR_INSUFFICIENT_BUFFER when the buffer is too small.
+BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR pName, DWORD Level, LPBYTE pPorts, DWORD cbBuf,
+                      LPDWORD pcbNeeded, LPDWORD pcReturned);
+
+// Finds a port by its name, in any letter case; *pHandle receives its handle. An unknown name
+// gives FALSE and leaves the last error as it is.
+BOOL WINAPI OpenPort(HANDLE hMonitor, LPWSTR pName, PHANDLE pHandle);
+
+// Ends what OpenPort began; the port stays. Always TRUE.
+BOOL WINAPI ClosePort(HANDLE hPort);

@@ -1,0 +1,183 @@
+#include "monitor/Lpr.h"
+
+#include <lmcons.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "monitor/AnsiText.h"
+
+namespace {
+
+constexpr long kAcknowledgeSeconds = 4;
+constexpr size_t kCommandSize = 128;  // bytes; a longer command line is cut
+constexpr size_t kAcknowledgeSize = 128;
+constexpr size_t kHostNameSize = 49;
+constexpr size_t kUserNameSize = 128;
+constexpr size_t kQueueNameSize = 33;
+constexpr DWORD kFileChunk = 512;
+
+// The local machine's name; empty when it does not fit.
+struct HostName {
+    HostName() noexcept {
+        if (gethostname(text, sizeof(text)) != 0) {
+            text[0] = '\0';
+        }
+        text[sizeof(text) - 1] = '\0';
+    }
+    char text[kHostNameSize] = {};
+};
+
+// The name of the user on whose behalf the calling thread runs.
+AnsiText<kUserNameSize> UserName() {
+    WCHAR name[kUserNameSize] = {};
+    DWORD size = kUserNameSize;
+    GetUserNameW(name, &size);
+    return AnsiText<kUserNameSize>(name);
+}
+
+// Sends once, under the lock. On an error the connection is closed.
+bool Send(PortEntry* port, const char* bytes, size_t length) {
+    LockGuard lock(PortListLock);
+    if (!port->socket) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return false;
+    }
+    if (send(port->socket.Get(), bytes, static_cast<int>(length), 0) == SOCKET_ERROR) {
+        const int error = WSAGetLastError();
+        port->socket.Reset();
+        WSASetLastError(error);
+        return false;
+    }
+    return true;
+}
+
+// Waits for the daemon's acknowledgement, one zero octet.
+bool ReceiveAck(PortEntry* port) {
+    LockGuard lock(PortListLock);
+    if (!port->socket) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return false;
+    }
+    const DWORD lastError = GetLastError();
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(port->socket.Get(), &readable);
+    timeval patience = {kAcknowledgeSeconds, 0};
+    const int ready = select(0, &readable, nullptr, nullptr, &patience);
+    if (ready == SOCKET_ERROR) {
+        return false;
+    }
+    if (ready == 0) {
+        SetLastError(lastError);
+        return false;
+    }
+    char answer[kAcknowledgeSize];
+    const int received = recv(port->socket.Get(), answer, sizeof(answer), 0);
+    if (received == 0) {
+        SetLastError(WSAENOTCONN);
+    }
+    return received > 0 && answer[0] == '\0';
+}
+
+bool SendWithAck(PortEntry* port, const char* bytes, size_t length) {
+    return Send(port, bytes, length) && ReceiveAck(port);
+}
+
+template <class... Values>
+bool SendCommand(PortEntry* port, const char* format, Values... values) {
+    char command[kCommandSize];
+    snprintf(command, sizeof(command), format, values...);
+    return SendWithAck(port, command, strlen(command));
+}
+
+// RFC 1179, 6.3: receive data file.
+bool SendDataFileCommand(PortEntry* port, LONG byteCount, const char* host) {
+    return SendCommand(port, "\x03%ld dfA00%d%s\n", byteCount, port->lprJobNumber, host);
+}
+
+// Opens a new temporary file for the job's data. One that an earlier job could not send stays on
+// disk.
+bool CreateTempFile(PortEntry* port) {
+    WCHAR folder[MAX_PATH];
+    const DWORD length = GetTempPathW(MAX_PATH, folder);
+    if (length == 0 || length > MAX_PATH ||
+        GetTempFileNameW(folder, L"NPM", 0, port->tempFileName) == 0) {
+        return false;
+    }
+    port->tempFile.Reset(CreateFileW(port->tempFileName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
+                                     CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    return static_cast<bool>(port->tempFile);
+}
+
+// Sends the temporary file as far as its length was announced.
+bool SendTempFileData(PortEntry* port) {
+    SetFilePointer(port->tempFile.Get(), 0, nullptr, FILE_BEGIN);
+    for (LONG left = port->byteCount; left > 0;) {
+        char chunk[kFileChunk];
+        DWORD size = std::min<DWORD>(kFileChunk, static_cast<DWORD>(left));
+        if (!ReadFile(port->tempFile.Get(), chunk, size, &size, nullptr) || size == 0) {
+            break;  // the count includes earlier jobs: the file's end is the usual end
+        }
+        if (!Send(port, chunk, size)) {
+            return false;
+        }
+        left -= static_cast<LONG>(size);
+    }
+    return true;
+}
+
+bool SendTempFile(PortEntry* port) {
+    const bool sent = SendTempFileData(port);
+    port->tempFile.Reset();
+    DeleteFileW(port->tempFileName);
+    return sent;
+}
+
+}  // namespace
+
+bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
+    ++port->lprJobNumber;
+    const HostName host;
+
+    // RFC 1179, 5.2: receive a printer job.
+    if (!SendCommand(port, "\x02%s\n", AnsiText<kQueueNameSize>(queue).text)) {
+        return false;
+    }
+
+    // RFC 1179, 6.2: receive control file; its closing zero octet is the text's own NUL. Daemons
+    // expect three digits of job number, but cope with what follows the two fixed zeros.
+    char controlFile[2 * kHostNameSize + kUserNameSize + 32];
+    snprintf(controlFile, sizeof(controlFile), "H%s\nP%s\nldfA00%d%s\n", host.text, UserName().text,
+             port->lprJobNumber, host.text);
+    const size_t length = strlen(controlFile);
+    if (!SendCommand(port, "\x02%d cfA00%d%s\n", static_cast<int>(length), port->lprJobNumber,
+                     host.text) ||
+        !SendWithAck(port, controlFile, length + 1)) {
+        return false;
+    }
+
+    if (port->doubleSpool != 0) {
+        return CreateTempFile(port);
+    }
+    return SendDataFileCommand(port, 0, host.text);
+}
+
+BOOL SpoolLprData(PortEntry* port, const BYTE* data, DWORD size, LPDWORD written) noexcept {
+    if (!port->tempFile) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    const BOOL done = WriteFile(port->tempFile.Get(), data, size, written, nullptr);
+    port->byteCount = static_cast<LONG>(static_cast<DWORD>(port->byteCount) + *written);
+    return done;
+}
+
+void EndLprJob(PortEntry* port) noexcept {
+    if (port->doubleSpool != 0 &&
+        !(SendDataFileCommand(port, port->byteCount, HostName().text) && SendTempFile(port))) {
+        return;
+    }
+    SendWithAck(port, "", 1);
+}

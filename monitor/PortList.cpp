@@ -1,0 +1,264 @@
+#include "monitor/PortList.h"
+
+#include <cstring>
+#include <cwchar>
+#include <new>
+
+#include "resources/Resource.h"
+
+namespace {
+
+constexpr size_t kResourceTextRoom = 260;  // characters
+
+// The texts that every PORT_INFO_2 carries.
+struct MonitorTexts {
+    WCHAR monitorName[kResourceTextRoom] = {};
+    WCHAR description[kResourceTextRoom] = {};
+
+    MonitorTexts() noexcept {
+        LoadStringW(LibraryModule(), IDS_MONITOR_NAME, monitorName, kResourceTextRoom);
+        LoadStringW(LibraryModule(), IDS_PORT_DESCRIPTION, description, kResourceTextRoom);
+    }
+};
+
+size_t TextSize(LPCWSTR text) {
+    return (wcslen(text) + 1) * sizeof(WCHAR);
+}
+
+size_t RecordSize(DWORD level, const PortEntry* port, const MonitorTexts& texts) {
+    switch (level) {
+        case 1:
+            return sizeof(PORT_INFO_1W) + TextSize(port->name);
+        case 2:
+            return sizeof(PORT_INFO_2W) + TextSize(port->name) + TextSize(texts.monitorName) +
+                   TextSize(texts.description);
+        default:
+            return 0;
+    }
+}
+
+// A caller's buffer, filled from both ends: records upward from its start, texts downward from
+// its end. Its size was checked before; nothing in it need be aligned.
+class PortInfoBuffer {
+  public:
+    PortInfoBuffer(LPBYTE buffer, DWORD size) : records_(buffer), texts_(buffer + size) {}
+
+    LPWSTR PutText(LPCWSTR text) {
+        const size_t size = TextSize(text);
+        texts_ -= size;
+        memcpy(texts_, text, size);
+        return reinterpret_cast<LPWSTR>(texts_);
+    }
+
+    template <class Record>
+    void PutRecord(const Record& record) {
+        memcpy(records_, &record, sizeof(record));
+        records_ += sizeof(record);
+    }
+
+  private:
+    LPBYTE records_;
+    LPBYTE texts_;
+};
+
+void PutPort(PortInfoBuffer& buffer, DWORD level, const PortEntry* port,
+             const MonitorTexts& texts) {
+    if (level == 1) {
+        PORT_INFO_1W info = {};
+        info.pName = buffer.PutText(port->name);
+        buffer.PutRecord(info);
+    } else {
+        PORT_INFO_2W info = {};
+        info.pPortName = buffer.PutText(port->name);
+        info.pMonitorName = buffer.PutText(texts.monitorName);
+        info.pDescription = buffer.PutText(texts.description);
+        info.fPortType = PORT_TYPE_WRITE | PORT_TYPE_READ;
+        buffer.PutRecord(info);
+    }
+}
+
+bool IsListed(const PortEntry* port) {
+    return (port->flags & kPortDeleted) == 0;
+}
+
+bool HasName(const PortEntry* port, LPCWSTR name) {
+    return lstrcmpiW(port->name, name) == 0;
+}
+
+}  // namespace
+
+MonitorHandle* MonitorOf(HANDLE handle) noexcept {
+    auto* monitor = static_cast<MonitorHandle*>(handle);
+    if (monitor == nullptr || monitor->signature != kMonitorSignature) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    return monitor;
+}
+
+PortEntry* PortOf(HANDLE handle) noexcept {
+    auto* port = static_cast<PortEntry*>(handle);
+    if (port == nullptr || port->signature != kPortSignature) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return nullptr;
+    }
+    return port;
+}
+
+PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
+    const size_t length = name == nullptr ? 0 : wcsnlen(name, kMaxPortName + 1);
+    if (name == nullptr || length > kMaxPortName) {
+        SetLastError(ERROR_INVALID_NAME);
+        return nullptr;
+    }
+    const size_t nameSize = (length + 1) * sizeof(WCHAR);
+    void* block = GlobalAlloc(GPTR, sizeof(PortEntry) + nameSize);
+    if (block == nullptr) {
+        return nullptr;
+    }
+    auto* port = new (block) PortEntry;
+    port->blockSize = static_cast<DWORD>(sizeof(PortEntry) + nameSize);
+    port->name = reinterpret_cast<LPWSTR>(port + 1);
+    memcpy(port->name, name, nameSize);
+    port->monitor = monitor;
+
+    LockGuard lock(PortListLock);
+    (monitor->lastPort != nullptr ? monitor->lastPort->next : monitor->ports) = port;
+    monitor->lastPort = port;
+    return port;
+}
+
+int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
+    PortEntry* previous = nullptr;
+    for (PortEntry* port = monitor->ports; port != nullptr; previous = port, port = port->next) {
+        if (!IsListed(port) || !HasName(port, name)) {
+            continue;
+        }
+        (previous != nullptr ? previous->next : monitor->ports) = port->next;
+        if (monitor->lastPort == port) {
+            monitor->lastPort = previous;
+        }
+        LetGoOfPort(port);
+        return 1;
+    }
+    return 0;
+}
+
+void RemoveAllPortEntries(MonitorHandle* monitor) noexcept {
+    monitor->lastPort = nullptr;
+    while (PortEntry* port = monitor->ports) {
+        monitor->ports = port->next;
+        LetGoOfPort(port);
+    }
+}
+
+void HoldPort(PortEntry* port) noexcept {
+    ++port->holders;
+}
+
+void LetGoOfPort(PortEntry* port) noexcept {
+    if (--port->holders == 0) {
+        port->~PortEntry();
+        port->signature = 0;  // so that a handle used too late is refused
+        GlobalFree(port);
+    }
+}
+
+bool IsSpoolerPseudoPort(LPCWSTR name) noexcept {
+    if ((name[0] != L'N' && name[0] != L'n') || (name[1] != L'E' && name[1] != L'e')) {
+        return false;
+    }
+    LPCWSTR rest = name + 2;
+    if (*rest == L'-') {
+        ++rest;
+    }
+    while (*rest >= L'0' && *rest <= L'9') {
+        ++rest;
+    }
+    return rest[0] == L':' && rest[1] == L'\0';
+}
+
+BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR, DWORD Level, LPBYTE pPorts, DWORD cbBuf,
+                      LPDWORD pcbNeeded, LPDWORD pcReturned) {
+    MonitorHandle* monitor = MonitorOf(hMonitor);
+    if (monitor == nullptr) {
+        return FALSE;
+    }
+    if (pcbNeeded == nullptr || pcReturned == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    const DWORD lastError = GetLastError();
+    const MonitorTexts texts;
+    SetLastError(lastError);
+
+    LockGuard lock(PortListLock);
+    size_t needed = 0;
+    size_t listed = 0;
+    for (const PortEntry* port = monitor->ports; port != nullptr; port = port->next) {
+        if (IsListed(port)) {
+            needed += RecordSize(Level, port, texts);
+            ++listed;
+        }
+    }
+    *pcbNeeded = static_cast<DWORD>(needed);
+    if (needed > cbBuf) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return FALSE;
+    }
+    if (needed > 0 && pPorts == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    *pcReturned = 0;
+    if (Level != 1 && Level != 2) {
+        // Nobody asks for other levels. Where one does and there are ports, what the thread's
+        // last error happens to be has always been the answer.
+        return listed == 0 || GetLastError() == ERROR_SUCCESS;
+    }
+    PortInfoBuffer buffer(pPorts, cbBuf);
+    for (const PortEntry* port = monitor->ports; port != nullptr; port = port->next) {
+        if (IsListed(port)) {
+            PutPort(buffer, Level, port, texts);
+            ++*pcReturned;
+        }
+    }
+    return TRUE;
+}
+
+BOOL WINAPI OpenPort(HANDLE hMonitor, LPWSTR pName, PHANDLE pHandle) {
+    MonitorHandle* monitor = MonitorOf(hMonitor);
+    if (monitor == nullptr) {
+        return FALSE;
+    }
+    if (pName == nullptr || pHandle == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    LockGuard lock(PortListLock);
+    for (PortEntry* port = monitor->ports; port != nullptr; port = port->next) {
+        if (HasName(port, pName)) {
+            port->lprJobNumber = 0;
+            ++port->opens;
+            HoldPort(port);
+            *pHandle = port;
+            return TRUE;
+        }
+    }
+    return FALSE;
+}
+
+BOOL WINAPI ClosePort(HANDLE hPort) {
+    PortEntry* port = PortOf(hPort);
+    if (port == nullptr) {
+        return TRUE;
+    }
+    port->scratch.Reset();
+    LONG opens = port->opens;
+    while (opens > 0 && !port->opens.compare_exchange_weak(opens, opens - 1)) {
+    }
+    if (opens > 0) {
+        LetGoOfPort(port);
+    }
+    return TRUE;
+}

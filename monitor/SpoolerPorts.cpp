@@ -1,0 +1,75 @@
+#include "monitor/SpoolerPorts.h"
+
+#include <atomic>
+#include <cwchar>
+
+#include "monitor/Resource.h"
+
+namespace {
+
+using EnumPortsProc = BOOL(WINAPI*)(LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD);
+
+// Kept for the life of the library once found.
+std::atomic<EnumPortsProc> enumPorts = nullptr;
+
+// The spooler's EnumPortsW, out of the library that this process already runs on. Null, with the
+// last error set, when it cannot be had; a later call tries again.
+EnumPortsProc LoadEnumPorts() {
+    if (EnumPortsProc known = enumPorts) {
+        return known;
+    }
+    WCHAR folder[MAX_PATH];
+    const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
+    if (length == 0) {
+        return nullptr;
+    }
+    WCHAR path[MAX_PATH];
+    if (length >= MAX_PATH || swprintf(path, MAX_PATH, L"%ls\\SPOOLSS.DLL", folder) < 0) {
+        SetLastError(ERROR_INSUFFICIENT_BUFFER);
+        return nullptr;
+    }
+    HMODULE spooler = LoadLibraryW(path);
+    if (spooler == nullptr) {
+        return nullptr;
+    }
+    const auto found = reinterpret_cast<EnumPortsProc>(
+        reinterpret_cast<void*>(GetProcAddress(spooler, "EnumPortsW")));
+    if (found == nullptr) {
+        const DWORD error = GetLastError();
+        FreeLibrary(spooler);
+        SetLastError(error);
+        return nullptr;
+    }
+    enumPorts = found;
+    return found;
+}
+
+}  // namespace
+
+bool PortExistsInSpooler(LPWSTR serverName, LPCWSTR portName, DWORD& error) noexcept {
+    error = ERROR_SUCCESS;
+    const EnumPortsProc enumerate = LoadEnumPorts();
+    if (enumerate == nullptr) {
+        error = GetLastError();
+        return false;
+    }
+    DWORD needed = 0;
+    DWORD returned = 0;
+    if (enumerate(serverName, 1, nullptr, 0, &needed, &returned)) {
+        return false;
+    }
+    if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
+        return true;
+    }
+    const UniqueBlock<BYTE> ports(static_cast<LPBYTE>(GlobalAlloc(GPTR, needed)));
+    if (!ports || !enumerate(serverName, 1, ports.Get(), needed, &needed, &returned)) {
+        return true;
+    }
+    const auto* info = reinterpret_cast<const PORT_INFO_1W*>(ports.Get());
+    for (DWORD i = 0; i < returned; ++i) {
+        if (lstrcmpiW(info[i].pName, portName) == 0) {
+            return true;
+        }
+    }
+    return false;
+}

@@ -1,0 +1,358 @@
+#include "monitor/Xcv.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
+#include <new>
+#include <string>
+
+#include "monitor/PortConfig.h"
+#include "monitor/SpoolerPorts.h"
+
+namespace {
+
+constexpr WCHAR kMonitorUI[] = L"kestui.dll";
+
+// One call of a command, as the channel delivers it. The buffers belong to the caller, who may be
+// anybody: nothing in them is aligned or terminated until it was looked at.
+struct XcvCall {
+    XcvHandle* channel;
+    const BYTE* input;
+    DWORD inputSize;
+    BYTE* output;
+    DWORD outputSize;
+    DWORD* outputNeeded;
+
+    bool MayAdminister() const { return (channel->grantedAccess & SERVER_ACCESS_ADMINISTER) != 0; }
+
+    // The input as text, as far as its terminator or its size goes.
+    std::wstring InputText() const {
+        std::wstring text(inputSize / sizeof(WCHAR), L'\0');
+        memcpy(text.data(), input, text.size() * sizeof(WCHAR));
+        text.resize(wcsnlen(text.c_str(), text.size()));
+        return text;
+    }
+
+    // For the commands that answer with a few bytes: says how many, and writes them if they fit.
+    DWORD Answer(const void* bytes, DWORD size) const {
+        if (output == nullptr) {
+            return ERROR_INVALID_PARAMETER;
+        }
+        memcpy(output, bytes, size);
+        return ERROR_SUCCESS;
+    }
+};
+
+// The text at a pointer that comes without a size: up to its terminator, up to `most` characters,
+// and never beyond the memory that can be read there.
+std::wstring TextAt(const BYTE* text, size_t most) {
+    std::wstring result;
+    const BYTE* readableEnd = text;
+    while (result.size() < most) {
+        WCHAR character = 0;
+        while (readableEnd < text + sizeof(character)) {
+            MEMORY_BASIC_INFORMATION region;
+            constexpr DWORD kUnreadable = PAGE_NOACCESS | PAGE_GUARD;
+            if (VirtualQuery(readableEnd, &region, sizeof(region)) == 0 ||
+                region.State != MEM_COMMIT || (region.Protect & kUnreadable) != 0) {
+                return result;
+            }
+            readableEnd = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize;
+        }
+        memcpy(&character, text, sizeof(character));
+        if (character == L'\0') {
+            break;
+        }
+        result += character;
+        text += sizeof(character);
+    }
+    return result;
+}
+
+// Adds a port to the list and to the registry, or to neither. The last error says why not.
+bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name) {
+    if (AddPortEntry(monitor, name) == nullptr) {
+        return false;
+    }
+    if (CreatePortKey(name)) {
+        return true;
+    }
+    const DWORD error = GetLastError();
+    {
+        LockGuard lock(PortListLock);
+        RemovePortEntry(monitor, name);
+    }
+    SetLastError(error);
+    return false;
+}
+
+DWORD AddPort(const XcvCall& call) {
+    if (!call.MayAdminister()) {
+        return ERROR_ACCESS_DENIED;
+    }
+    if (call.input == nullptr || call.inputSize == 0) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    const std::wstring name = call.InputText();
+    if (call.inputSize != (name.size() + 1) * sizeof(WCHAR)) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    DWORD error = ERROR_SUCCESS;
+    if (PortExistsInSpooler(nullptr, name.c_str(), error)) {
+        error = ERROR_ALREADY_EXISTS;
+    }
+    if (error != ERROR_SUCCESS) {
+        SetLastError(error);
+        return error;
+    }
+    return AddPortWithKey(call.channel->monitor, name.c_str()) ? ERROR_SUCCESS : GetLastError();
+}
+
+DWORD DeletePort(const XcvCall& call) {
+    if (!call.MayAdminister()) {
+        return ERROR_ACCESS_DENIED;
+    }
+    if (call.input == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    // One character more than a port can have: a longer name matches none.
+    const std::wstring name = TextAt(call.input, kMaxPortName + 1);
+    LockGuard lock(PortListLock);
+    if (!RemovePortEntry(call.channel->monitor, name.c_str())) {
+        return ERROR_FILE_NOT_FOUND;
+    }
+    DeletePortKey(name.c_str());
+    return ERROR_SUCCESS;
+}
+
+// Writes a record of the input with `write`.
+template <class Record, DWORD (&write)(const Record*) noexcept>
+DWORD SetRecord(const XcvCall& call) {
+    if (call.inputSize != sizeof(Record)) {
+        return ERROR_INVALID_DATA;
+    }
+    if (!call.MayAdminister()) {
+        return ERROR_ACCESS_DENIED;
+    }
+    if (call.input == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    Record record;
+    memcpy(&record, call.input, sizeof(record));
+    write(&record);
+    return ERROR_SUCCESS;
+}
+
+// Reads the record of the port that the input names with `read`. What it could not read is zero.
+template <class Record, DWORD (&read)(LPCWSTR, Record*) noexcept>
+DWORD GetRecord(const XcvCall& call) {
+    if (call.outputSize != sizeof(Record)) {
+        return ERROR_INVALID_DATA;
+    }
+    if (!call.MayAdminister()) {
+        return ERROR_ACCESS_DENIED;
+    }
+    if (call.input == nullptr || call.output == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    Record record;
+    read(call.InputText().c_str(), &record);
+    memcpy(call.output, &record, sizeof(record));
+    return ERROR_SUCCESS;
+}
+
+DWORD MonitorUI(const XcvCall& call) {
+    if (call.outputNeeded == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    *call.outputNeeded = sizeof(kMonitorUI);
+    if (call.outputSize < sizeof(kMonitorUI)) {
+        return ERROR_INSUFFICIENT_BUFFER;
+    }
+    return call.Answer(kMonitorUI, sizeof(kMonitorUI));
+}
+
+DWORD PortExists(const XcvCall& call) {
+    if (call.outputNeeded == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    *call.outputNeeded = sizeof(DWORD);
+    if (call.outputSize < sizeof(DWORD)) {
+        return ERROR_INSUFFICIENT_BUFFER;
+    }
+    if (call.input == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    DWORD error = ERROR_SUCCESS;
+    const DWORD exists = PortExistsInSpooler(nullptr, call.InputText().c_str(), error) ? 1 : 0;
+    return error != ERROR_SUCCESS ? error : call.Answer(&exists, sizeof(exists));
+}
+
+// Commands that clients of other monitors send. They succeed and touch nothing.
+DWORD Accept(const XcvCall&) {
+    return ERROR_SUCCESS;
+}
+
+struct XcvCommand {
+    LPCWSTR name;
+    DWORD (*run)(const XcvCall& call);
+};
+
+constexpr XcvCommand kCommands[] = {
+    {L"AddPort", AddPort},
+    {L"ConfigurePort", SetRecord<PORT_DATA_1, WritePortConfig>},
+    {L"DeletePort", DeletePort},
+    {L"GetConfigInfo", GetRecord<PORT_DATA_1, ReadPortConfig>},
+    {L"HostAddress", Accept},
+    {L"IPAddress", Accept},
+    {L"MonitorUI", MonitorUI},
+    {L"SNMPCommunity", Accept},
+    {L"SNMPDeviceIndex", Accept},
+    {L"SNMPEnabled", Accept},
+    {L"PortExists", PortExists},
+    {L"PortIsValid", Accept},
+    {L"SetConfigExData", SetRecord<PortDataEx, WritePortConfigEx>},
+    {L"GetConfigExData", GetRecord<PortDataEx, ReadPortConfigEx>},
+    {nullptr, nullptr},
+};
+
+const XcvCommand* FindCommand(LPCWSTR name) {
+    for (const XcvCommand* command = kCommands; command->name != nullptr; ++command) {
+        if (wcscmp(command->name, name) == 0) {
+            return command;
+        }
+    }
+    return nullptr;
+}
+
+XcvHandle* XcvOf(HANDLE handle) {
+    auto* xcv = static_cast<XcvHandle*>(handle);
+    return xcv != nullptr && xcv->signature == kXcvSignature ? xcv : nullptr;
+}
+
+// Holds the list of channels while it is changed. Not PortListLock: opening a channel does not
+// wait for it, so that a slow print daemon cannot hold up the administrator. Kept on purpose.
+class XcvListGuard {
+  public:
+    explicit XcvListGuard(MonitorHandle* monitor) : lock_(monitor->xcvLock) {
+        AcquireSRWLockExclusive(&lock_);
+    }
+    ~XcvListGuard() { ReleaseSRWLockExclusive(&lock_); }
+    XcvListGuard(const XcvListGuard&) = delete;
+    XcvListGuard& operator=(const XcvListGuard&) = delete;
+
+  private:
+    SRWLOCK& lock_;
+};
+
+}  // namespace
+
+void DetachXcvHandles(MonitorHandle* monitor) noexcept {
+    for (XcvHandle* xcv = monitor->xcvHandles; xcv != nullptr; xcv = xcv->next) {
+        xcv->monitor = nullptr;
+    }
+    monitor->xcvHandles = nullptr;
+}
+
+BOOL WINAPI XcvOpenPort(HANDLE hMonitor, LPCWSTR pszObject, ACCESS_MASK GrantedAccess,
+                        PHANDLE phXcv) {
+    MonitorHandle* monitor = MonitorOf(hMonitor);
+    if (monitor == nullptr) {
+        return FALSE;
+    }
+    if (pszObject == nullptr || phXcv == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    const size_t nameSize = (wcslen(pszObject) + 1) * sizeof(WCHAR);
+    void* block = GlobalAlloc(GPTR, sizeof(XcvHandle) + nameSize);
+    *phXcv = block;
+    if (block == nullptr) {
+        return FALSE;
+    }
+    auto* xcv = new (block) XcvHandle;
+    xcv->blockSize = static_cast<DWORD>(sizeof(XcvHandle) + nameSize);
+    xcv->objectName = reinterpret_cast<LPWSTR>(xcv + 1);
+    memcpy(xcv->objectName, pszObject, nameSize);
+    xcv->grantedAccess = GrantedAccess;
+    xcv->monitor = monitor;
+
+    const XcvListGuard guard(monitor);
+    XcvHandle** end = &monitor->xcvHandles;
+    while (*end != nullptr) {
+        end = &(*end)->next;
+    }
+    *end = xcv;
+    return TRUE;
+}
+
+DWORD WINAPI XcvDataPort(HANDLE hXcv, LPCWSTR pszDataName, PBYTE pInputData, DWORD cbInputData,
+                         PBYTE pOutputData, DWORD cbOutputData, PDWORD pcbOutputNeeded) {
+    XcvHandle* xcv = XcvOf(hXcv);
+    if (xcv == nullptr || xcv->monitor == nullptr) {
+        return ERROR_INVALID_HANDLE;
+    }
+    const XcvCommand* command = pszDataName == nullptr ? nullptr : FindCommand(pszDataName);
+    if (command == nullptr) {
+        return ERROR_INVALID_PARAMETER;
+    }
+    try {
+        return command->run(
+            {xcv, pInputData, cbInputData, pOutputData, cbOutputData, pcbOutputNeeded});
+    } catch (...) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+}
+
+BOOL WINAPI XcvClosePort(HANDLE hXcv) {
+    XcvHandle* xcv = XcvOf(hXcv);
+    if (xcv == nullptr) {
+        return TRUE;
+    }
+    LockGuard lock(PortListLock);
+    if (MonitorHandle* monitor = xcv->monitor) {
+        const XcvListGuard guard(monitor);
+        XcvHandle** link = &monitor->xcvHandles;
+        while (*link != nullptr && *link != xcv) {
+            link = &(*link)->next;
+        }
+        if (*link == nullptr) {
+            return TRUE;
+        }
+        *link = xcv->next;
+    }
+    xcv->signature = 0;  // so that a handle used too late is refused
+    GlobalFree(xcv);
+    return TRUE;
+}
+
+BOOL WINAPI AddPortEx(HANDLE hMonitor, LPWSTR pName, DWORD Level, LPBYTE lpBuffer, LPWSTR) {
+    MonitorHandle* monitor = MonitorOf(hMonitor);
+    if (monitor == nullptr) {
+        return FALSE;
+    }
+    if (Level != 1 && Level != MAXDWORD) {
+        SetLastError(ERROR_INVALID_LEVEL);
+        return FALSE;
+    }
+    LPCWSTR name = nullptr;
+    if (lpBuffer != nullptr) {
+        memcpy(&name, lpBuffer, sizeof(name));
+    }
+    if (name == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    DWORD error = ERROR_SUCCESS;
+    if (PortExistsInSpooler(pName, name, error)) {
+        // Not ERROR_ALREADY_EXISTS, as the channel's AddPort says: this is what callers of the
+        // older interface have always got. Kept on purpose.
+        error = ERROR_INVALID_PARAMETER;
+    }
+    if (error != ERROR_SUCCESS) {
+        SetLastError(error);
+        return FALSE;
+    }
+    return AddPortWithKey(monitor, name);
+}
