@@ -1,0 +1,53 @@
+#include "tools/kestctl/Command.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <iostream>
+
+namespace {
+
+// Code points, which is what a column is wide for the names that ports and printers have.
+size_t Width(const std::string& text) {
+    return static_cast<size_t>(std::count_if(
+        text.begin(), text.end(), [](unsigned char byte) { return (byte & 0xC0) != 0x80; }));
+}
+
+void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+        line += row[i];
+        line.append(widths[i] - Width(row[i]) + 2, ' ');
+    }
+    line.erase(line.find_last_not_of(' ') + 1);
+    std::cout << line << '\n';
+}
+
+}  // namespace
+
+void AddJsonFlag(CLI::App& command, bool& wanted) {
+    command.add_flag("--json", wanted, "Print JSON instead of text");
+}
+
+void PrintJson(const nlohmann::json& document) {
+    std::cout << document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+}
+
+void PrintTable(const std::vector<std::string>& heading,
+                const std::vector<std::vector<std::string>>& rows) {
+    std::vector<size_t> widths(heading.size());
+    const auto widen = [&widths](const std::vector<std::string>& row) {
+        for (size_t i = 0; i < row.size(); ++i)
+            widths[i] = std::max(widths[i], Width(row[i]));
+    };
+    widen(heading);
+    std::for_each(rows.begin(), rows.end(), widen);
+    PrintRow(heading, widths);
+    for (const auto& row : rows)
+        PrintRow(row, widths);
+}
+
+bool OutputIsTerminal() {
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != FALSE;
+}

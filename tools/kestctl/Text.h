@@ -1,0 +1,15 @@
+// Text between Windows (UTF-16) and the tool's inside and output (UTF-8).
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+#include <string_view>
+
+// Converts text; what is not valid in the one encoding becomes U+FFFD in the other.
+std::wstring ToWide(std::string_view utf8);
+std::string ToUtf8(std::wstring_view utf16);
+
+// The system's text for a Win32, Windows Sockets or getaddrinfo error code, with the code:
+// "Access is denied (5)".
+std::string ErrorText(DWORD code);

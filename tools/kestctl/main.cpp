@@ -1,0 +1,79 @@
+// kestctl, the administrator's command line of the kestmon port monitor.
+//
+// Exit codes: 0 done, 1 failed, 2 wrong usage.
+#include <windows.h>
+#include <shellapi.h>
+
+#include <fcntl.h>
+#include <io.h>
+
+#include <iostream>
+#include <memory>
+
+#include "Version.h"
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/Text.h"
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
+
+// Output is UTF-8: into pipes and files as it is, on a console by its code page, which is the
+// console's own again when the program ends. Line ends stay LF.
+class Utf8Output {
+  public:
+    Utf8Output() : previous_(GetConsoleOutputCP()) {
+        SetConsoleOutputCP(CP_UTF8);
+        _setmode(_fileno(stdout), _O_BINARY);
+        _setmode(_fileno(stderr), _O_BINARY);
+    }
+    ~Utf8Output() {
+        std::cout.flush();
+        SetConsoleOutputCP(previous_);
+    }
+    Utf8Output(const Utf8Output&) = delete;
+    Utf8Output& operator=(const Utf8Output&) = delete;
+
+  private:
+    UINT previous_;
+};
+
+// The arguments without the program's name, last one first, as CLI11 takes them.
+std::vector<std::string> Arguments() {
+    int count = 0;
+    const std::unique_ptr<LPWSTR[], decltype(&LocalFree)> arguments(
+        CommandLineToArgvW(GetCommandLineW(), &count), LocalFree);
+    std::vector<std::string> result;
+    for (int i = count - 1; i > 0; --i)
+        result.push_back(ToUtf8(arguments[i]));
+    return result;
+}
+
+int Run() {
+    CLI::App app{"Manages the network printer ports of the kestmon port monitor.", "kestctl"};
+    // "/tmp/report.prn" is a file, not an option.
+    app.allow_windows_style_options(false);
+    app.fallthrough();
+    app.require_subcommand(1);
+    app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
+    app.set_version_flag("--version", "kestctl " KESTMON_VERSION_STRING);
+
+    try {
+        app.parse(Arguments());
+        return 0;
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : kWrongUsage;
+    } catch (const std::exception& error) {
+        std::cout.flush();
+        std::cerr << "kestctl: " << error.what() << '\n';
+        return kFailed;
+    }
+}
+
+}  // namespace
+
+int main() {
+    const Utf8Output output;
+    return Run();
+}
