@@ -49,6 +49,9 @@ wine_up() {
     wine_running && return
     wine_server -p >/dev/null 2>&1
     trap wine_down EXIT
+    # The first program starts Wine's services, and they keep its output open for as long as they
+    # live: it must not be one whose output somebody reads to the end.
+    wine cmd /c exit </dev/null >/dev/null 2>&1
 }
 
 wine_down() { wine_server -k 2>/dev/null || true; }
