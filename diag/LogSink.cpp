@@ -1,0 +1,78 @@
+#include "diag/LogSink.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+class ExclusiveLock {
+  public:
+    explicit ExclusiveLock(SRWLOCK& lock) noexcept : lock_(lock) { AcquireSRWLockExclusive(&lock_); }
+    ~ExclusiveLock() { ReleaseSRWLockExclusive(&lock_); }
+    ExclusiveLock(const ExclusiveLock&) = delete;
+    ExclusiveLock& operator=(const ExclusiveLock&) = delete;
+
+  private:
+    SRWLOCK& lock_;
+};
+
+}  // namespace
+
+LogFile::LogFile(const std::wstring& path) : path_(path) {
+    try {
+        // The platform's run-time library opens files shared unless told otherwise.
+        stream_.open(path_.c_str(), std::ios::out | std::ios::app);
+    } catch (const std::exception&) {
+    }
+}
+
+void LogFile::Write(int indent, std::stringstream& line) {
+    if (!stream_.is_open()) {
+        return;
+    }
+    for (int i = 0; i < indent; ++i) {
+        stream_ << '\t';
+    }
+    stream_ << line.view() << std::flush;
+    // One full disk must not silence the log for ever.
+    stream_.clear();
+}
+
+LogSink& LogSink::Instance() {
+    // The sink itself is never destroyed: a destructor or a thread that logs while the process
+    // ends, or the library is unloaded, still finds it whole. Only its file is closed at exit.
+    alignas(LogSink) static std::byte storage[sizeof(LogSink)];
+    static LogSink* const sink = [] {
+        auto* made = new (storage) LogSink;
+        std::atexit([] { Instance().CloseAtExit(); });
+        return made;
+    }();
+    return *sink;
+}
+
+void LogSink::CloseAtExit() noexcept {
+    // At process exit the other threads are gone, perhaps with the lock: then the system closes
+    // the file.
+    if (TryAcquireSRWLockExclusive(&lock_)) {
+        file_.reset();
+        ReleaseSRWLockExclusive(&lock_);
+    }
+}
+
+void LogSink::SetLogFile(const std::wstring& path) {
+    const ExclusiveLock lock(lock_);
+    if (file_ && file_->Path() != path) {
+        file_.reset();
+    }
+    if (!file_) {
+        file_ = std::make_unique<LogFile>(path);
+    }
+}
+
+void LogSink::Write(std::stringstream& line) {
+    const ExclusiveLock lock(lock_);
+    if (file_) {
+        file_->Write(indent_, line);
+    }
+}
