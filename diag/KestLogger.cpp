@@ -4,9 +4,13 @@
 
 #include "diag/LogSink.h"
 
-void KestLogger::SetLogFile(const std::wstring& path) { LogSink::Instance().SetLogFile(path); }
+void KestLogger::SetLogFile(const std::wstring& path) {
+    LogSink::Instance().SetLogFile(path);
+}
 
-void KestLogger::Write(std::stringstream& line) { LogSink::Instance().Write(line); }
+void KestLogger::Write(std::stringstream& line) {
+    LogSink::Instance().Write(line);
+}
 
 std::string KestLogger::TimeStamp() {
     const std::time_t now = std::time(nullptr);

@@ -42,8 +42,8 @@ void log_detail::WriteLine(const std::stringstream& body, const char* function,
     KestLogger logger;
     logger.SetLogFile(LogPath());
     std::stringstream line;
-    line << '{' << logger.TimeStamp() << "} - " << std::left << std::setw(kBodyWidth)
-         << body.view() << "\t[" << function << " - " << where.line() << " - .\\"
-         << BaseName(where.file_name()) << "]\n";
+    line << '{' << logger.TimeStamp() << "} - " << std::left << std::setw(kBodyWidth) << body.view()
+         << "\t[" << function << " - " << where.line() << " - .\\" << BaseName(where.file_name())
+         << "]\n";
     logger.Write(line);
 }

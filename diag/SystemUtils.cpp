@@ -8,7 +8,9 @@ namespace system_helper {
 namespace {
 
 // The code-page functions count in int.
-int Length(size_t length) { return length > INT_MAX ? INT_MAX : static_cast<int>(length); }
+int Length(size_t length) {
+    return length > INT_MAX ? INT_MAX : static_cast<int>(length);
+}
 
 }  // namespace
 

@@ -48,8 +48,8 @@ TEST(Log, LinesAreExactToTheByte) {
     };
     const std::string expected =
         padded("[info]          - Network started!") + place("Network::Start", 0) +
-        padded("[system error]  - failed=-104 at 0") + place("PD_X", 1) +
-        "} - [system info]   - " + std::string(70, 'x') + place("SetV6Scope", 2) +
+        padded("[system error]  - failed=-104 at 0") + place("PD_X", 1) + "} - [system info]   - " +
+        std::string(70, 'x') + place("SetV6Scope", 2) +
         padded("[code error]    - Need to initdiscovery first!c") + place("a::B", 3);
     const std::regex time(R"(\{\d{6} \d\d:\d\d:\d\d(?=\} - \[))");
     EXPECT_EQ(std::regex_replace(capture.Text(), time, ""), expected);

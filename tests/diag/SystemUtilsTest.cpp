@@ -13,9 +13,8 @@ TEST(SystemUtils, LocaleNamesAndTheLineForUnknownOnes) {
     EXPECT_EQ(system_helper::LCIDToTLA(1033), L"ENU");
     EXPECT_EQ(capture.Lines(), std::vector<std::string>{});
     EXPECT_EQ(system_helper::LCIDToTLA(0x0000F123), L"");
-    EXPECT_THAT(
-        capture.Lines(),
-        ElementsAre("[system error]  - LCID 61731 is invalid 87|system_helper::LCIDToTLA"));
+    EXPECT_THAT(capture.Lines(),
+                ElementsAre("[system error]  - LCID 61731 is invalid 87|system_helper::LCIDToTLA"));
 }
 
 TEST(SystemUtils, ErrorTextsAreOneLineEach) {
