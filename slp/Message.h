@@ -48,12 +48,12 @@ class Cursor {
 
 // What an attribute request says (RFC 2608, section 10.3; RFC 2165, section 13).
 struct AttributeRequest {
-    unsigned version = 2;      // 1 or 2
-    std::uint16_t xid = 1;     // never 0
-    std::string language;      // version 1: two letters
-    bool multicast = false;    // version 2 tells the agents
-    std::string responders;    // comma-separated numeric addresses
-    std::string service;       // URL or service type
+    unsigned version = 2;    // 1 or 2
+    std::uint16_t xid = 1;   // never 0
+    std::string language;    // version 1: two letters
+    bool multicast = false;  // version 2 tells the agents
+    std::string responders;  // comma-separated numeric addresses
+    std::string service;     // URL or service type
     std::string scopes;
     std::string attributeIds;
 };
@@ -66,9 +66,9 @@ std::optional<std::string> Encode(const AttributeRequest& request);
 std::optional<std::size_t> MessageLength(std::string_view bytes);
 
 struct AttributeReply {
-    bool overflow = false;            // cut short by the datagram; the rest is then empty
-    unsigned error = 0;               // the agent's error code (RFC 2608, section 7)
-    std::string_view attributes;      // part of the message; holds no zero byte
+    bool overflow = false;        // cut short by the datagram; the rest is then empty
+    unsigned error = 0;           // the agent's error code (RFC 2608, section 7)
+    std::string_view attributes;  // part of the message; holds no zero byte
 };
 
 // Reads a whole datagram, or a whole message from a stream, as the reply to the request with

@@ -24,7 +24,9 @@ SLPError SLPParseAttrs(const char* list, const char* attrId, char** value) try {
     return SLP_MEMORY_ALLOC_FAILED;
 }
 
-void SLPFree(void* memory) { std::free(memory); }
+void SLPFree(void* memory) {
+    std::free(memory);
+}
 
 // Requests come with the sockets; until then the library says that it cannot.
 SLPError SLPOpen(const char*, SLPBoolean, SLPHandle* out) {
@@ -33,10 +35,16 @@ SLPError SLPOpen(const char*, SLPBoolean, SLPHandle* out) {
     return SLP_NOT_IMPLEMENTED;
 }
 void SLPClose(SLPHandle) {}
-SLPError SLPSetUnicastIP(SLPHandle, const struct sockaddr*) { return SLP_PARAMETER_BAD; }
-SLPError SLPAssociateIFList(SLPHandle, const char*) { return SLP_PARAMETER_BAD; }
+SLPError SLPSetUnicastIP(SLPHandle, const struct sockaddr*) {
+    return SLP_PARAMETER_BAD;
+}
+SLPError SLPAssociateIFList(SLPHandle, const char*) {
+    return SLP_PARAMETER_BAD;
+}
 SLPError SLPFindAttrs(SLPHandle, const char*, const char*, const char*, SLPAttrCallback, void*,
                       const struct sockaddr*, unsigned) {
     return SLP_PARAMETER_BAD;
 }
-SLPError SLPStopFind(SLPHandle) { return SLP_PARAMETER_BAD; }
+SLPError SLPStopFind(SLPHandle) {
+    return SLP_PARAMETER_BAD;
+}
