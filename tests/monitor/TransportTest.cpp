@@ -1,0 +1,393 @@
+#include "monitor/Transport.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <future>
+
+#include "tests/support/FakeSpooler.h"
+#include "tests/support/HandleCount.h"
+#include "tests/support/TcpPeer.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+
+namespace {
+
+// What the connect that replaces the system's has seen, and how it answers.
+std::atomic<int> connects;
+int connectsToFail = 0;
+
+int WSAAPI CountingConnect(SOCKET socket, const sockaddr* address, int size) {
+    if (++connects <= connectsToFail) {
+        WSASetLastError(WSAECONNREFUSED);
+        return SOCKET_ERROR;
+    }
+    return connect(socket, address, size);
+}
+
+class TransportTest : public testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(spooler.Start()); }
+
+    // A configured port that the monitor knows, opened.
+    HANDLE OpenPort(const std::wstring& name, WORD tcpPort, const wchar_t* address = L"127.0.0.1") {
+        LPCWSTR text = name.c_str();
+        spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, reinterpret_cast<LPBYTE>(&text),
+                              nullptr);
+        spooler.ConfigurePort(name, 1, tcpPort, false, address);
+        spooler.TakeCalls();
+        return spooler.Open(name);
+    }
+
+    BOOL StartJob(HANDLE port, const wchar_t* printer = L"Office", DWORD job = 42) {
+        return spooler->pfnStartDocPort(port, const_cast<LPWSTR>(printer), job, 1, nullptr);
+    }
+
+    BOOL Write(HANDLE port, std::string data, DWORD& written) {
+        return spooler->pfnWritePort(port, reinterpret_cast<LPBYTE>(data.data()),
+                                     static_cast<DWORD>(data.size()), &written);
+    }
+
+    bool WriteAll(HANDLE port, std::string data) {
+        DWORD written = 0;
+        while (!data.empty() && Write(port, data, written)) {
+            data.erase(0, written);
+        }
+        return data.empty();
+    }
+
+    std::vector<std::string> JobCalls() {
+        std::vector<std::string> calls;
+        for (const auto& call : spooler.TakeCalls()) {
+            if (call.find("Printer ") != call.npos || call == "ClosePrinter" ||
+                call.rfind("SetJob", 0) == 0) {
+                calls.push_back(call);
+            }
+        }
+        return calls;
+    }
+
+    FakeSpooler spooler;
+};
+
+TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
+    std::promise<std::string> received;
+    TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
+    HANDLE port = OpenPort(L"P", printer.port);
+    std::string document(3'000'001, '\0');
+    for (size_t i = 0; i < document.size(); ++i) {
+        document[i] = static_cast<char>(i * 31 >> 3);
+    }
+    ASSERT_TRUE(StartJob(port));
+    EXPECT_TRUE(WriteAll(port, document));
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    EXPECT_EQ(received.get_future().get(), document);
+    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    EXPECT_THAT(JobCalls(), ElementsAre());
+}
+
+TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
+    HANDLE sent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    TcpPeer printer([&](PeerConnection& job) {
+        job.ReadAll();
+        EXPECT_EQ(WaitForSingleObject(sent, 100), DWORD{WAIT_TIMEOUT});
+        job.Write(std::string(10000, 'x'));
+    });
+    HANDLE port = OpenPort(L"P", printer.port);
+    ASSERT_TRUE(StartJob(port));
+    EXPECT_TRUE(WriteAll(port, "page"));
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    SetEvent(sent);
+    printer.Finish();
+    CloseHandle(sent);
+}
+
+TEST_F(TransportTest, ASecondStartOnABusyPortDoesNothing) {
+    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
+    HANDLE port = OpenPort(L"P", printer.port);
+    ASSERT_TRUE(StartJob(port));
+    spooler.TakeCalls();
+    EXPECT_TRUE(StartJob(port, L"Other", 43));
+    EXPECT_THAT(spooler.TakeCalls(), ElementsAre());
+    spooler->pfnEndDocPort(port);
+    EXPECT_THAT(JobCalls(), Contains("SetJob 42 6"));
+}
+
+TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
+    HANDLE port = OpenPort(L"P", 9);
+    for (const wchar_t* name : {L"Unknown", static_cast<const wchar_t*>(nullptr)}) {
+        EXPECT_TRUE(StartJob(port, name));
+        DWORD count = 7;
+        EXPECT_FALSE(Write(port, "x", count));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+        EXPECT_EQ(count, 0u);
+        BYTE byte;
+        EXPECT_FALSE(spooler->pfnReadPort(port, &byte, 1, &count));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+        EXPECT_TRUE(spooler->pfnEndDocPort(port));
+        EXPECT_THAT(JobCalls(), Not(Contains("ClosePrinter")));
+    }
+}
+
+TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
+    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
+    TcpPeer gone([](PeerConnection&) {});
+    gone.Finish();
+    HANDLE port = OpenPort(L"P", printer.port);
+    const struct {
+        const char* what;
+        std::function<void()> spoil;
+        DWORD error;
+    } cases[] = {
+        {"refused", [&] { spooler.SetNumber(L"P", L"PortNumber", gone.port); }, WSAECONNREFUSED},
+        {"no address", [&] { spooler.SetText(L"P", L"IPAddress", L""); }, WSAHOST_NOT_FOUND},
+        {"no IPv6 address", [&] { spooler.SetNumber(L"P", L"UseIPV6", 1); }, WSAHOST_NOT_FOUND},
+        {"registry",
+         [&] {
+             spooler.failures = {{"open Ports", 5}};
+         },
+         5},
+        {"never configured",
+         [&] {
+             spooler.failures = {{"query Double Spool", 2}};
+         },
+         2},
+    };
+    for (const auto& c : cases) {
+        c.spoil();
+        SetLastError(0);
+        EXPECT_FALSE(StartJob(port)) << c.what;
+        EXPECT_EQ(GetLastError(), c.error) << c.what;
+        spooler.failures = {};
+        spooler.SetNumber(L"P", L"UseIPV6", 0);
+        spooler.ConfigurePort(L"P", 1, printer.port);
+        EXPECT_TRUE(StartJob(port)) << c.what;
+        EXPECT_TRUE(WriteAll(port, "x")) << c.what;
+        EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    }
+}
+
+TEST_F(TransportTest, ConnectsOverIPv6WhenThePortSaysSo) {
+    std::promise<std::string> received;
+    TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); }, AF_INET6);
+    HANDLE port = OpenPort(L"P", printer.port);
+    spooler.SetText(L"P", L"IPv6HostName", L"::1");
+    spooler.SetNumber(L"P", L"UseIPV6", 1);
+    ASSERT_TRUE(StartJob(port));
+    EXPECT_TRUE(WriteAll(port, "six"));
+    spooler->pfnEndDocPort(port);
+    EXPECT_EQ(received.get_future().get(), "six");
+}
+
+TEST_F(TransportTest, OneSocketServesAllAddressesOfAName) {
+    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
+    static sockaddr_in address;
+    address.sin_family = AF_INET;
+    address.sin_port = htons(printer.port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    static addrinfo list[3] = {};
+    for (int i = 0; i < 3; ++i) {
+        list[i] = {.ai_flags = 0,
+                   .ai_family = AF_INET,
+                   .ai_socktype = SOCK_STREAM,
+                   .ai_protocol = IPPROTO_TCP,
+                   .ai_addrlen = sizeof(address),
+                   .ai_canonname = nullptr,
+                   .ai_addr = reinterpret_cast<sockaddr*>(&address),
+                   .ai_next = i < 2 ? &list[i + 1] : nullptr};
+    }
+    static int sockets;
+    sockets = 0;
+    ImportPatch resolve(
+        spooler.dll, "getaddrinfo",
+        +[](PCSTR, PCSTR, const addrinfo*, addrinfo** result) -> INT WSAAPI {
+            *result = list;
+            return 0;
+        });
+    ImportPatch release(
+        spooler.dll, "freeaddrinfo", +[](addrinfo*) -> VOID WSAAPI {});
+    ImportPatch make(
+        spooler.dll, "socket", +[](int family, int type, int protocol) -> SOCKET WSAAPI {
+            ++sockets;
+            return socket(family, type, protocol);
+        });
+    ImportPatch counted(spooler.dll, "connect", CountingConnect);
+    HANDLE port = OpenPort(L"P", 1);
+    connects = 0;
+    connectsToFail = 2;
+    EXPECT_TRUE(StartJob(port));
+    EXPECT_EQ(connects, 3);
+    EXPECT_EQ(sockets, 1);
+    spooler->pfnEndDocPort(port);
+    connects = 0;
+    connectsToFail = 3;
+    EXPECT_FALSE(StartJob(port));
+    EXPECT_EQ(connects, 3);
+    EXPECT_EQ(GetLastError(), DWORD{WSAECONNREFUSED});
+}
+
+TEST_F(TransportTest, ALostConnectionRestartsTheJob) {
+    TcpPeer printer([](PeerConnection& job) {
+        job.Read(1);
+        job.Reset();
+    });
+    HANDLE port = OpenPort(L"P", printer.port);
+    ASSERT_TRUE(StartJob(port));
+    JobCalls();
+    DWORD written = 0;
+    const std::string chunk(65536, 'x');
+    while (Write(port, chunk, written)) {
+        EXPECT_GT(written, 0u);
+    }
+    EXPECT_EQ(written, 0u);
+    EXPECT_THAT(GetLastError(), testing::AnyOf(WSAECONNRESET, WSAECONNABORTED));
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
+    EXPECT_FALSE(Write(port, chunk, written));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+}
+
+TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {
+    HANDLE step = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+    TcpPeer printer([&](PeerConnection& job) {
+        WaitForSingleObject(step, INFINITE);
+        job.Write("status");
+        WaitForSingleObject(step, INFINITE);
+    });
+    HANDLE port = OpenPort(L"P", printer.port);
+    ASSERT_TRUE(StartJob(port));
+    BYTE buffer[4] = {};
+    DWORD count = 7;
+    EXPECT_TRUE(spooler->pfnReadPort(port, buffer, sizeof(buffer), &count));
+    EXPECT_EQ(count, 0u);
+    SetEvent(step);
+    while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count) && count == 0) {
+        Sleep(1);
+    }
+    EXPECT_EQ(std::string(buffer, buffer + count), "stat");
+    EXPECT_FALSE(spooler->pfnReadPort(port, nullptr, 4, &count));
+    EXPECT_EQ(GetLastError(), DWORD{WSAEMSGSIZE});
+    EXPECT_TRUE(spooler->pfnReadPort(port, buffer, sizeof(buffer), &count));
+    EXPECT_EQ(std::string(buffer, buffer + count), "us");
+    SetEvent(step);
+    printer.Finish();
+    while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count)) {
+        Sleep(1);
+    }
+    EXPECT_EQ(GetLastError(), DWORD{WSAENOTCONN});
+    spooler->pfnEndDocPort(port);
+    CloseHandle(step);
+}
+
+TEST_F(TransportTest, AThousandJobsLeaveNothingBehind) {
+    std::atomic<int> job = 0;
+    TcpPeer printer([&](PeerConnection& connection) {
+        if (job % 3 == 1) {
+            connection.Reset();
+        } else {
+            connection.ReadAll();
+        }
+    });
+    TcpPeer gone([](PeerConnection&) {});
+    gone.Finish();
+    HANDLE port = OpenPort(L"P", printer.port);
+    size_t before = 0;
+    for (job = 0; job < 1000; ++job) {
+        spooler.SetNumber(L"P", L"PortNumber", job % 3 == 2 ? gone.port : printer.port);
+        if (StartJob(port)) {
+            DWORD written = 0;
+            Write(port, "x", written);
+            spooler->pfnEndDocPort(port);
+        }
+        spooler.TakeCalls();
+        if (job == 100) {
+            before = CountHandles();
+        }
+    }
+    // A thread of the peer may still be closing its own.
+    EXPECT_LE(CountHandles(), before + 8);
+}
+
+TEST_F(TransportTest, APortThatIsDeletedUnderAJobLetsItFinish) {
+    std::promise<std::string> received;
+    TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
+    HANDLE port = OpenPort(L"P", printer.port);
+    ASSERT_TRUE(StartJob(port));
+    HANDLE xcv = spooler.OpenXcv();
+    std::wstring name = L"P";
+    const auto erase = [&] {
+        return spooler->pfnXcvDataPort(xcv, L"DeletePort", reinterpret_cast<PBYTE>(name.data()), 4,
+                                       nullptr, 0, nullptr);
+    };
+    EXPECT_EQ(erase(), 0u);
+    EXPECT_EQ(erase(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(spooler.Open(L"P"), nullptr);
+    EXPECT_TRUE(WriteAll(port, "the rest"));
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    EXPECT_EQ(received.get_future().get(), "the rest");
+    EXPECT_FALSE(StartJob(port));
+    EXPECT_TRUE(spooler->pfnClosePort(port));
+    spooler->pfnXcvClosePort(xcv);
+}
+
+TEST_F(TransportTest, JobsRunWhilePortsAreListedAddedAndDeleted) {
+    constexpr int kPorts = 8;
+    std::atomic<size_t> bytes = 0;
+    TcpPeer printer([&](PeerConnection& job) { bytes += job.ReadAll().size(); });
+    std::vector<HANDLE> ports;
+    for (int i = 0; i < kPorts; ++i) {
+        ports.push_back(OpenPort(L"P" + std::to_wstring(i), printer.port));
+    }
+    std::atomic<bool> done = false;
+    std::vector<std::thread> threads;
+    for (int worker = 0; worker < 2; ++worker) {
+        threads.emplace_back([&, worker] {
+            HANDLE xcv = spooler.OpenXcv();
+            std::wstring name = L"extra" + std::to_wstring(worker);
+            const auto size = static_cast<DWORD>((name.size() + 1) * sizeof(WCHAR));
+            auto* input = reinterpret_cast<PBYTE>(name.data());
+            std::vector<BYTE> buffer(65536);
+            DWORD needed = 0;
+            DWORD returned = 0;
+            while (!done) {
+                EXPECT_EQ(
+                    spooler->pfnXcvDataPort(xcv, L"AddPort", input, size, nullptr, 0, nullptr), 0u);
+                EXPECT_TRUE(spooler->pfnEnumPorts(spooler.monitor, nullptr, 2, buffer.data(), 65536,
+                                                  &needed, &returned));
+                EXPECT_GE(returned, DWORD{kPorts} + 1);
+                spooler->pfnClosePort(spooler.Open(name));
+                EXPECT_EQ(
+                    spooler->pfnXcvDataPort(xcv, L"DeletePort", input, size, nullptr, 0, nullptr),
+                    0u);
+                spooler->pfnXcvClosePort(xcv);
+                xcv = spooler.OpenXcv();
+            }
+            spooler->pfnXcvClosePort(xcv);
+        });
+    }
+    std::vector<std::thread> jobs;
+    for (HANDLE port : ports) {
+        jobs.emplace_back([&, port] {
+            for (int i = 0; i < 20; ++i) {
+                EXPECT_TRUE(StartJob(port));
+                EXPECT_TRUE(WriteAll(port, std::string(10000, 'x')));
+                spooler->pfnEndDocPort(port);
+            }
+        });
+    }
+    for (auto& job : jobs) {
+        job.join();
+    }
+    done = true;
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    printer.Finish();
+    EXPECT_EQ(bytes, size_t{kPorts} * 20 * 10000);
+}
+
+}  // namespace

@@ -1,0 +1,75 @@
+// A print spooler for tests: loads the shipped kestmon.dll, gives it registry callbacks over a key
+// of the test's own, and stands in for the print API. It writes down every call that the monitor
+// makes, in order, and can be told to fail any of them.
+#pragma once
+
+#include <winsock2.h>
+#include <windows.h>
+#include <winspool.h>
+#include <winsplp.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/ImportPatch.h"
+
+class FakeSpooler {
+  public:
+    FakeSpooler();
+    ~FakeSpooler();
+    FakeSpooler(const FakeSpooler&) = delete;
+    FakeSpooler& operator=(const FakeSpooler&) = delete;
+
+    // Calls InitializePrintMonitor2; false when it returned null.
+    bool Start();
+    void Stop();
+
+    MONITOR2* operator->() const { return table; }
+
+    // The registry below the monitor's key.
+    void SetPortKey(const std::wstring& port) const;
+    void SetText(const std::wstring& port, const wchar_t* value, const std::wstring& text) const;
+    void SetNumber(const std::wstring& port, const wchar_t* value, DWORD number) const;
+    void SetBytes(const std::wstring& port, const wchar_t* value, DWORD type,
+                  const std::vector<BYTE>& bytes) const;
+    std::wstring Text(const std::wstring& port, const wchar_t* value) const;  // L"-": none
+    int Number(const std::wstring& port, const wchar_t* value) const;         // -1: none
+    bool HasPortKey(const std::wstring& port) const;
+
+    // A configured port at an address on loopback, for jobs.
+    void ConfigurePort(const std::wstring& port, DWORD protocol, WORD tcpPort,
+                       bool doubleSpool = false, const wchar_t* address = L"127.0.0.1") const;
+
+    HANDLE Open(const std::wstring& port) const;  // null when OpenPort fails
+    HANDLE OpenXcv(ACCESS_MASK access = SERVER_ACCESS_ADMINISTER) const;
+
+    // What was called since the last TakeCalls, one text a call, such as "open Ports 20006".
+    std::vector<std::string> TakeCalls();
+    void Record(const std::string& call);
+
+    HMODULE dll = nullptr;
+    MONITOR2* table = nullptr;
+    HANDLE monitor = nullptr;
+    MONITORINIT init = {};
+
+    std::map<std::string, LONG> failures;                 // first words of a call -> its error
+    std::set<std::wstring> printers = {L"Office"};        // what OpenPrinterW knows
+    std::vector<std::wstring> spoolerPorts = {L"LPT1:"};  // what EnumPortsW lists
+    DWORD enumPortsError = 0;                             // how EnumPortsW fails, if it does
+    bool hasSpoolerLibrary = true;
+
+  private:
+    std::vector<std::unique_ptr<ImportPatch>> patches_;
+    std::wstring rootPath_;
+    HKEY root_ = nullptr;
+    MONITORREG registry_ = {};
+    std::mutex mutex_;
+    std::vector<std::string> calls_;
+
+    friend struct Callbacks;
+    LONG Called(const std::string& call);
+};

@@ -1,0 +1,133 @@
+// A printer for tests: listens on loopback and plays one script for each connection.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+// One accepted connection, in the script's hands.
+class PeerConnection {
+  public:
+    explicit PeerConnection(SOCKET socket) : socket_(socket) {}
+
+    // Exactly `length` bytes, or what came before the connection ended.
+    std::string Read(size_t length) const {
+        std::string data;
+        char buffer[65536];
+        int got = 1;
+        while (got > 0 && data.size() < length) {
+            const size_t wanted = std::min(length - data.size(), sizeof(buffer));
+            got = recv(socket_, buffer, static_cast<int>(wanted), 0);
+            data.append(buffer, got > 0 ? got : 0);
+        }
+        return data;
+    }
+    std::string ReadLine() const {
+        std::string line;
+        while (line.empty() || line.back() != '\n') {
+            const std::string byte = Read(1);
+            if (byte.empty()) {
+                break;
+            }
+            line += byte;
+        }
+        return line;
+    }
+    std::string ReadAll() const { return Read(SIZE_MAX); }
+    void Write(const std::string& data) const {
+        send(socket_, data.data(), static_cast<int>(data.size()), 0);
+    }
+    // Ends the connection with a reset instead of an orderly close.
+    void Reset() const {
+        const linger hard = {1, 0};
+        setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard),
+                   sizeof(hard));
+    }
+
+  private:
+    SOCKET socket_;
+};
+
+class TcpPeer {
+  public:
+    using Script = std::function<void(PeerConnection&)>;
+
+    explicit TcpPeer(Script script, int family = AF_INET) : script_(std::move(script)) {
+        listener_ = socket(family, SOCK_STREAM, IPPROTO_TCP);
+        sockaddr_in6 v6 = {};
+        v6.sin6_family = AF_INET6;
+        v6.sin6_addr = in6addr_loopback;
+        sockaddr_in v4 = {};
+        v4.sin_family = AF_INET;
+        v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        const bool is6 = family == AF_INET6;
+        bind(listener_, is6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4),
+             is6 ? sizeof(v6) : sizeof(v4));
+        listen(listener_, SOMAXCONN);
+        addressSize_ = sizeof(address_);
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &addressSize_);
+        // The port is at the same place in both families.
+        port = ntohs(reinterpret_cast<sockaddr_in*>(&address_)->sin_port);
+        thread_ = std::thread([this] { Serve(); });
+    }
+    ~TcpPeer() { Finish(); }
+
+    // Stops listening and waits until the scripts that run have ended.
+    void Finish() {
+        if (!thread_.joinable()) {
+            return;
+        }
+        stopping_ = true;
+        // Closing a socket does not wake an accept everywhere; a last connection does.
+        const SOCKET last = socket(address_.ss_family, SOCK_STREAM, IPPROTO_TCP);
+        connect(last, reinterpret_cast<sockaddr*>(&address_), addressSize_);
+        thread_.join();
+        std::unique_lock lock(mutex_);
+        ended_.wait(lock, [this] { return running_ == 0; });
+        closesocket(last);
+        closesocket(listener_);
+    }
+
+    WORD port = 0;
+
+  private:
+    void Serve() {
+        for (;;) {
+            const SOCKET socket = accept(listener_, nullptr, nullptr);
+            if (stopping_ || socket == INVALID_SOCKET) {
+                closesocket(socket);
+                return;
+            }
+            std::lock_guard lock(mutex_);
+            ++running_;
+            std::thread([this, socket] {
+                PeerConnection connection(socket);
+                script_(connection);
+                closesocket(socket);
+                std::lock_guard lock(mutex_);
+                --running_;
+                ended_.notify_all();
+            }).detach();
+        }
+    }
+
+    Script script_;
+    SOCKET listener_ = INVALID_SOCKET;
+    sockaddr_storage address_ = {};
+    int addressSize_ = 0;
+    std::atomic<bool> stopping_ = false;
+    std::mutex mutex_;
+    std::condition_variable ended_;
+    int running_ = 0;  // scripts
+    std::thread thread_;
+};
