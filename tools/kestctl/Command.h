@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/kestctl/SpoolerChannel.h"
+
 // Ends a command with exit code 1. The message says what went wrong and, where there is
 // something to do about it, what.
 struct CommandFailed : std::runtime_error {
@@ -24,13 +26,27 @@ void PrintJson(const nlohmann::json& document);
 void PrintTable(const std::vector<std::string>& heading,
                 const std::vector<std::vector<std::string>>& rows);
 
+// Gives a command its example, shown by its own help and by that of the whole program.
+//   line: the arguments behind "kestctl ".
+void AddExample(CLI::App& command, const std::string& line);
+
+// The examples of all commands below this one, each on a line of its own, led by a line end.
+std::string Examples(const CLI::App& app);
+
+// Adds the global --direct.
+void AddDirectFlag(CLI::App& app);
+
+// Opens the channel to the monitor: with --direct a SpoolerHost, else the system's spooler.
+// Throws CommandFailed.
+std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
+
 // True when standard output is a terminal (then progress may be shown on it).
 bool OutputIsTerminal();
 
 // One function for each group of commands; each adds its subcommands, whose callbacks do the work
 // and throw CommandFailed. Usage errors are CLI11's own (exit code 2).
-void AddPortCommands(CLI::App& app);
-void AddPrintCommand(CLI::App& app);
+void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel);
+void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);
 void AddFindCommand(CLI::App& app);

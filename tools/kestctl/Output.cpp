@@ -47,6 +47,21 @@ void PrintTable(const std::vector<std::string>& heading,
         PrintRow(row, widths);
 }
 
+void AddExample(CLI::App& command, const std::string& line) {
+    command.footer("Example:\n  kestctl " + line);
+}
+
+std::string Examples(const CLI::App& app) {
+    std::string text;
+    for (const CLI::App* command : app.get_subcommands(nullptr)) {
+        const std::string footer = command->get_footer();
+        text += Examples(*command);
+        if (const size_t line = footer.find('\n'); line != std::string::npos)
+            text += footer.substr(line);
+    }
+    return text;
+}
+
 bool OutputIsTerminal() {
     DWORD mode = 0;
     return GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != FALSE;

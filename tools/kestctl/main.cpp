@@ -58,6 +58,12 @@ int Run() {
     app.require_subcommand(1);
     app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
     app.set_version_flag("--version", "kestctl " KESTMON_VERSION_STRING);
+    AddDirectFlag(app);
+
+    const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
+    AddPortCommands(app, openChannel);
+    AddPrintCommand(app, openChannel);
+    app.footer("Examples:" + Examples(app));
 
     try {
         app.parse(Arguments());

@@ -1,0 +1,76 @@
+# shellcheck shell=bash
+# Print servers that this project did not write, for the demo and the end-to-end tests: p910nd
+# takes RAW jobs, lprng's lpd takes LPR jobs for the queue "kq". Both listen on one loopback
+# address of their own.
+#
+#   peers_start FOLDER    starts them, with all their files in FOLDER, and sets:
+peer_address=    # where they listen
+peer_raw_port=9100
+peer_lpd_port=5515
+peer_raw_file=   # receives each RAW job, from the file's start
+peer_lpd_file=   # receives the LPR jobs, one behind the other
+#   peers_stop            ends them; does nothing when they do not run
+
+peers_pid=
+
+# Both have fixed paths in /etc and /run. They get folders of ours there, in a mount namespace, and
+# run as nobody when root starts them, else as the user who does.
+peers_start() {
+    local folder=$1 drop="exec" own_user=()
+    peers_stop
+    rm -rf "$folder"
+    mkdir -p "$folder"/{etc/lprng,run/lock/p910nd,data/kq}
+    folder=$(cd "$folder" && pwd)
+    peer_address=127.$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1))
+    peer_raw_file=$folder/data/raw
+    peer_lpd_file=$folder/data/lpr
+    : >"$peer_raw_file" >"$peer_lpd_file"
+
+    cp /etc/{passwd,group,hosts,nsswitch.conf,ld.so.cache} "$folder/etc/"
+    echo "kq:sd=/mnt/kq:lp=/mnt/lpr:rw@:mx=0:sh" >"$folder/etc/printcap"
+    echo "DEFAULT ACCEPT" >"$folder/etc/lprng/lpd.perms"
+    if [ "$(id -u)" -eq 0 ]; then
+        drop="exec setpriv --reuid=nobody --regid=nogroup --clear-groups"
+        chown -R nobody:nogroup "$folder/run" "$folder/data"
+    else
+        own_user=(--user --map-root-user)
+        drop="exec unshare --user --map-user=$(id -u) --map-group=$(id -g)"
+    fi
+    cat >"$folder/etc/lprng/lpd.conf" <<EOF
+lpd_listen_port=$peer_address%$peer_lpd_port
+unix_socket_path=off
+lockfile=/mnt/lpd.lock
+user=nobody
+group=nogroup
+server_user=nobody
+EOF
+    # In a process namespace of their own, so that none of their children outlives them.
+    PATH=$PATH:/usr/sbin unshare "${own_user[@]}" --mount --pid --fork --kill-child \
+        bash -c "
+            mount --bind '$folder/data' /mnt
+            mount --bind '$folder/etc' /etc
+            mount --bind '$folder/run' /run
+            ($drop p910nd -d -f /mnt/raw -i $peer_address 0) &
+            ($drop lpd -F) &
+            wait -n" </dev/null >"$folder/log" 2>&1 &
+    peers_pid=$!
+    local tries=0 port
+    for port in "$peer_raw_port" "$peer_lpd_port"; do
+        until [ -n "$(ss -Hltn "src $peer_address:$port")" ]; do
+            if ! kill -0 "$peers_pid" 2>/dev/null || [ $((tries += 1)) -gt 200 ]; then
+                cat "$folder/log" >&2
+                peers_stop
+                return 1
+            fi
+            sleep 0.05
+        done
+    done
+}
+
+peers_stop() {
+    [ -n "$peers_pid" ] || return 0
+    # unshare holds back the gentler signals while it waits.
+    kill -KILL "$peers_pid" 2>/dev/null || true
+    wait "$peers_pid" 2>/dev/null || true
+    peers_pid=
+}

@@ -1,0 +1,21 @@
+// The choice between the two channels.
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/SpoolerHost.h"
+#include "tools/kestctl/SpoolerService.h"
+
+namespace {
+constexpr char kDirect[] = "--direct";
+}
+
+void AddDirectFlag(CLI::App& app) {
+    const std::string description =
+        "Load kestmon.dll from beside this program and go past the system's spooler (which sees a "
+        "port that was added this way after its next start)";
+    app.add_flag(kDirect, description);
+}
+
+std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app) {
+    if (app.get_option(kDirect)->count() > 0)
+        return std::make_unique<SpoolerHost>(SpoolerHost::LibraryBesideProgram());
+    return std::make_unique<SpoolerService>();
+}

@@ -1,0 +1,188 @@
+// kestctl port list|show|add|set|delete
+#include <iostream>
+#include <memory>
+
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/PortStore.h"
+#include "tools/kestctl/SpoolerService.h"
+#include "tools/kestctl/Text.h"
+
+namespace {
+
+// What the arguments of one command are read into; it lives as long as the command does.
+struct PortArguments {
+    std::string name;
+    PortChange change;
+    bool json = false;
+};
+
+std::string OrNone(const std::string& text) {
+    return text.empty() ? "-" : text;
+}
+
+CLI::Validator Checked(std::string (*check)(std::string&)) {
+    return CLI::Validator(check, "");
+}
+
+void AddSettings(CLI::App& command, PortChange& change) {
+    const auto text = [&command](const char* name, std::optional<std::string>& value,
+                                 const char* description, std::string (*check)(std::string&)) {
+        return command.add_option(name, value, description)->transform(Checked(check));
+    };
+    text("--address", change.address, "The printer's IPv4 address", CheckIPv4Address);
+    text("--ipv6", change.ipv6, "The printer's IPv6 address or host name: send to it over IPv6",
+         CheckIPv6Host);
+    command.add_option("--protocol", change.protocol, "raw (a plain stream; the default) or lpr")
+        ->check(CLI::IsMember({"raw", "lpr"}));
+    command.add_option("--port", change.portNumber, "TCP port number (raw: 9100, lpr: 515)")
+        ->check(CLI::Range(1, 65535));
+    text("--queue", change.queue, "LPR: the printer's queue (lp)", CheckQueue);
+    command.add_flag_function(
+        "--double-spool,!--no-double-spool",
+        [&change](std::int64_t count) { change.doubleSpool = count > 0; },
+        "LPR: collect the job first, so that its length can be announced");
+    text("--host-name", change.hostName, "The printer's own name, to find it again by",
+         CheckHostName);
+    text("--mac", change.mac,
+         "The printer's hardware address, to find it again by; none forgets it", CheckMacAddress);
+    command.add_flag_function(
+        "--always-print,!--no-always-print",
+        [&change](std::int64_t count) { change.alwaysPrint = count > 0; },
+        "When the printer cannot be reached, search the network for it and follow it");
+    CLI::Option* community = text("--snmp", change.snmpCommunity,
+                                  "Turn SNMP status on, with this community", CheckCommunity);
+    CLI::Option* index =
+        command.add_option("--snmp-index", change.snmpIndex, "SNMP device index (1)");
+    index->check(CLI::Range(1, 65535));
+    command.add_flag("--no-snmp", change.noSnmp, "Turn SNMP status off")
+        ->excludes(community)
+        ->excludes(index);
+}
+
+CLI::App& AddPortCommand(CLI::App& port, const std::string& name, const std::string& description,
+                         const std::string& example) {
+    CLI::App& command = *port.add_subcommand(name, description);
+    AddExample(command, example);
+    return command;
+}
+
+void AddList(CLI::App& port, const ChannelFactory& openChannel) {
+    CLI::App& command =
+        AddPortCommand(port, "list", "List the ports and where they send to", "port list --json");
+    const auto arguments = std::make_shared<PortArguments>();
+    AddJsonFlag(command, arguments->json);
+    command.callback([arguments, openChannel] {
+        const auto channel = openChannel();
+        nlohmann::json document = nlohmann::json::array();
+        std::vector<std::vector<std::string>> rows;
+        for (const std::wstring& name : channel->PortNames()) {
+            const PortRecords port = ReadPort(*channel, name);
+            const nlohmann::json settings = ToJson(name, port);
+            document.push_back(settings);
+            rows.push_back({settings["name"], Destination(port), OrNone(settings["mac"]),
+                            port.extended.dwAlwaysPrint != 0 ? "yes" : "no"});
+        }
+        if (arguments->json)
+            PrintJson(document);
+        else if (rows.empty())
+            std::cout << "there is no port yet: `kestctl port add` makes one\n";
+        else
+            PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT"}, rows);
+    });
+}
+
+void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
+    CLI::App& command =
+        AddPortCommand(port, "show", "Show all settings of a port", "port show OFFICE");
+    const auto arguments = std::make_shared<PortArguments>();
+    command.add_option("NAME", arguments->name, "The port")->required();
+    AddJsonFlag(command, arguments->json);
+    command.callback([arguments, openChannel] {
+        const auto channel = openChannel();
+        const std::wstring name = FindPort(*channel, ToWide(arguments->name));
+        const PortRecords port = ReadPort(*channel, name);
+        const nlohmann::json settings = ToJson(name, port);
+        if (arguments->json) {
+            PrintJson(settings);
+            return;
+        }
+        const auto yesNo = [](bool value) { return std::string(value ? "yes" : "no"); };
+        const nlohmann::json& snmp = settings["snmp"];
+        PrintTable({"port", settings["name"]},
+                   {{"sends", Destination(port)},
+                    {"IPv4 address", OrNone(settings["address"])},
+                    {"IPv6 host", OrNone(settings["ipv6Host"])},
+                    {"always print", yesNo(settings["alwaysPrint"])},
+                    {"MAC address", OrNone(settings["mac"])},
+                    {"host name", OrNone(settings["hostName"])},
+                    {"SNMP", snmp["enabled"] ? "community " + std::string(snmp["community"]) +
+                                                   ", device " + snmp["index"].dump()
+                                             : "off"}});
+    });
+}
+
+void AddAdd(CLI::App& port, const ChannelFactory& openChannel) {
+    CLI::App& command = AddPortCommand(port, "add", "Add a port for a printer",
+                                       "port add OFFICE --address 192.168.1.20 "
+                                       "--mac 00:04:00:4a:1b:2c --always-print");
+    const auto arguments = std::make_shared<PortArguments>();
+    command.add_option("NAME", arguments->name, "The new port's name")
+        ->required()
+        ->transform(Checked(CheckPortName));
+    AddSettings(command, arguments->change);
+    command.callback([arguments, openChannel] {
+        PortRecords records;
+        Apply(arguments->change, records);
+        const auto channel = openChannel();
+        AddPort(*channel, ToWide(arguments->name), records);
+        std::cout << "port " << arguments->name << " added: " << Destination(records) << '\n';
+    });
+}
+
+void AddSet(CLI::App& port, const ChannelFactory& openChannel) {
+    CLI::App& command = AddPortCommand(port, "set", "Change settings of a port; the others stay",
+                                       "port set OFFICE --address 192.168.1.21");
+    const auto arguments = std::make_shared<PortArguments>();
+    command.add_option("NAME", arguments->name, "The port")->required();
+    AddSettings(command, arguments->change);
+    command.callback([arguments, openChannel, &command] {
+        if (command.count_all() <= 2)  // "set" and NAME
+            throw CLI::RequiredError("a setting to change");
+        const auto channel = openChannel();
+        const std::wstring name = FindPort(*channel, ToWide(arguments->name));
+        const PortRecords before = ReadPort(*channel, name);
+        PortRecords after = before;
+        Apply(arguments->change, after);
+        ChangePort(*channel, name, before, after);
+        std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << '\n';
+    });
+}
+
+void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
+    CLI::App& command =
+        AddPortCommand(port, "delete", "Delete a port that no printer uses", "port delete OFFICE");
+    const auto arguments = std::make_shared<PortArguments>();
+    command.add_option("NAME", arguments->name, "The port")->required();
+    command.callback([arguments, openChannel] {
+        const auto channel = openChannel();
+        const std::wstring name = FindPort(*channel, ToWide(arguments->name));
+        if (const auto queues = QueuesOn(name); !queues.empty())
+            throw CommandFailed("port " + ToUtf8(name) + " is used by printer " +
+                                ToUtf8(queues.front()) +
+                                ": delete that printer or give it another port first");
+        DeletePort(*channel, name);
+        std::cout << "port " << ToUtf8(name) << " deleted\n";
+    });
+}
+
+}  // namespace
+
+void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel) {
+    CLI::App& port = *app.add_subcommand("port", "Manage the monitor's ports");
+    port.require_subcommand(1);
+    AddList(port, openChannel);
+    AddShow(port, openChannel);
+    AddAdd(port, openChannel);
+    AddSet(port, openChannel);
+    AddDelete(port, openChannel);
+}

@@ -1,0 +1,58 @@
+// A port's configuration as the administrator sees it: values as people write them, checked, laid
+// over the monitor's two records, and shown.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <optional>
+#include <string>
+
+#include "monitor/PortConfig.h"
+
+// What the monitor keeps of one port.
+struct PortRecords {
+    PORT_DATA_1 standard = {};
+    PortDataEx extended = {};
+};
+
+// The checks of single values. Each takes the text as it was given (UTF-8), may bring it into the
+// form that is stored, and returns what is wrong with it, or nothing: CLI11's convention.
+std::string CheckPortName(std::string& text);
+std::string CheckIPv4Address(std::string& text);
+std::string CheckIPv6Host(std::string& text);    // an IPv6 address or a host name
+std::string CheckHostName(std::string& text);    // the printer's own name, a key to search by
+std::string CheckMacAddress(std::string& text);  // stored as twelve digits; "none" as no text
+std::string CheckQueue(std::string& text);
+std::string CheckCommunity(std::string& text);
+
+// What a command line asks for; what it does not mention has no value. Texts have passed their
+// checks.
+struct PortChange {
+    std::optional<std::string> address;
+    std::optional<std::string> ipv6;
+    std::optional<std::string> protocol;  // "raw" or "lpr"
+    std::optional<DWORD> portNumber;
+    std::optional<std::string> queue;
+    std::optional<bool> doubleSpool;
+    std::optional<std::string> hostName;
+    std::optional<std::string> mac;
+    std::optional<bool> alwaysPrint;
+    std::optional<std::string> snmpCommunity;
+    std::optional<DWORD> snmpIndex;
+    bool noSnmp = false;
+};
+
+// Lays a change over a port's records (all zero for a port that is new) and completes what a
+// working port needs: the protocol's usual port number, LPR's queue "lp". The address given last
+// is the one that is used.
+// Throws CLI::ValidationError where the values do not go together; the records are undefined then.
+void Apply(const PortChange& change, PortRecords& records);
+
+// All settings by name, for --json.
+nlohmann::json ToJson(const std::wstring& name, const PortRecords& records);
+
+// Where jobs go, in one line: "lpr to 192.168.1.20:515, queue lp, double spooled".
+std::string Destination(const PortRecords& records);
+// The address that jobs are sent to.
+std::string AddressInUse(const PortRecords& records);
+std::string ProtocolName(DWORD protocol);

@@ -1,0 +1,250 @@
+#include "tools/kestctl/SpoolerHost.h"
+
+#include <utility>
+
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/ControlJob.h"
+#include "tools/kestctl/PortStore.h"
+#include "tools/kestctl/Text.h"
+
+namespace {
+
+// The registry as the monitor sees it: the callbacks of MONITORREG on plain registry keys. The
+// spooler's handle, the last argument of each, is of no use here.
+
+LONG WINAPI CreateKey(HANDLE key, LPCWSTR name, DWORD options, REGSAM access,
+                      PSECURITY_ATTRIBUTES security, PHANDLE result, PDWORD disposition, HANDLE) {
+    return RegCreateKeyExW(static_cast<HKEY>(key), name, 0, nullptr, options, access, security,
+                           reinterpret_cast<PHKEY>(result), disposition);
+}
+
+LONG WINAPI OpenKey(HANDLE key, LPCWSTR name, REGSAM access, PHANDLE result, HANDLE) {
+    return RegOpenKeyExW(static_cast<HKEY>(key), name, 0, access, reinterpret_cast<PHKEY>(result));
+}
+
+LONG WINAPI CloseKey(HANDLE key, HANDLE) {
+    return RegCloseKey(static_cast<HKEY>(key));
+}
+
+LONG WINAPI DeleteKey(HANDLE key, LPCWSTR name, HANDLE) {
+    return RegDeleteKeyW(static_cast<HKEY>(key), name);
+}
+
+LONG WINAPI EnumKey(HANDLE key, DWORD index, LPWSTR name, PDWORD length, PFILETIME written,
+                    HANDLE) {
+    return RegEnumKeyExW(static_cast<HKEY>(key), index, name, length, nullptr, nullptr, nullptr,
+                         written);
+}
+
+LONG WINAPI QueryInfoKey(HANDLE key, PDWORD subkeys, PDWORD longestSubkey, PDWORD values,
+                         PDWORD longestValueName, PDWORD longestData, PDWORD security,
+                         PFILETIME written, HANDLE) {
+    return RegQueryInfoKeyW(static_cast<HKEY>(key), nullptr, nullptr, nullptr, subkeys,
+                            longestSubkey, nullptr, values, longestValueName, longestData, security,
+                            written);
+}
+
+LONG WINAPI SetValue(HANDLE key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size, HANDLE) {
+    return RegSetValueExW(static_cast<HKEY>(key), name, 0, type, data, size);
+}
+
+LONG WINAPI DeleteValue(HANDLE key, LPCWSTR name, HANDLE) {
+    return RegDeleteValueW(static_cast<HKEY>(key), name);
+}
+
+LONG WINAPI EnumValue(HANDLE key, DWORD index, LPWSTR name, PDWORD length, PDWORD type, PBYTE data,
+                      PDWORD size, HANDLE) {
+    return RegEnumValueW(static_cast<HKEY>(key), index, name, length, nullptr, type, data, size);
+}
+
+LONG WINAPI QueryValue(HANDLE key, LPCWSTR name, PDWORD type, PBYTE data, PDWORD size, HANDLE) {
+    return RegQueryValueExW(static_cast<HKEY>(key), name, nullptr, type, data, size);
+}
+
+constexpr MONITORREG kRegistry = {sizeof(MONITORREG), CreateKey, OpenKey,      CloseKey,
+                                  DeleteKey,          EnumKey,   QueryInfoKey, SetValue,
+                                  DeleteValue,        EnumValue, QueryValue};
+
+// One transceive channel to the monitor, open for as long as one command takes.
+class XcvChannel {
+  public:
+    XcvChannel(const MONITOR2& table, HANDLE monitor) : table_(table) {
+        if (!table_.pfnXcvOpenPort(monitor, L"", SERVER_ACCESS_ADMINISTER, &handle_))
+            throw CommandFailed("the monitor opens no channel: " + ErrorText(GetLastError()));
+    }
+    ~XcvChannel() { table_.pfnXcvClosePort(handle_); }
+    XcvChannel(const XcvChannel&) = delete;
+    XcvChannel& operator=(const XcvChannel&) = delete;
+
+    HANDLE Get() const { return handle_; }
+
+  private:
+    const MONITOR2& table_;
+    HANDLE handle_ = nullptr;
+};
+
+class OpenedPort {
+  public:
+    OpenedPort(const MONITOR2& table, HANDLE monitor, const std::wstring& name) : table_(table) {
+        std::wstring text = name;
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        if (!table_.pfnOpenPort(monitor, text.data(), &handle_))
+            throw CommandFailed("port " + ToUtf8(name) +
+                                " cannot be opened: " + ErrorText(GetLastError()));
+    }
+    ~OpenedPort() { table_.pfnClosePort(handle_); }
+    OpenedPort(const OpenedPort&) = delete;
+    OpenedPort& operator=(const OpenedPort&) = delete;
+
+    HANDLE Get() const { return handle_; }
+
+  private:
+    const MONITOR2& table_;
+    HANDLE handle_ = nullptr;
+};
+
+// Why a job did not start, for somebody who has to do something about it.
+std::string StartFailure(DWORD error) {
+    switch (error) {
+        case ERROR_SUCCESS:
+            return "the printer did not accept it, or did not answer in time";
+        case ERROR_FILE_NOT_FOUND:
+            return "the port has no configuration yet: set it with kestctl port set";
+        default:
+            return ErrorText(error);
+    }
+}
+
+class HostJob : public PrintJob {
+  public:
+    HostJob(const MONITOR2& table, HANDLE monitor, const std::wstring& port,
+            const PortRecords& records, const std::wstring& document, const std::wstring& printer)
+        : table_(table),
+          portText_("port " + ToUtf8(port) + " (" + Destination(records) + ")"),
+          lpr_(records.standard.dwProtocol == kProtocolLpr),
+          port_(table, monitor, port),
+          control_(printer, document) {
+        std::wstring printerName = control_.Printer();
+        std::wstring documentName = document;
+        wchar_t raw[] = L"RAW";
+        DOC_INFO_1W info = {documentName.data(), nullptr, raw};
+        SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
+        if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
+                                    reinterpret_cast<LPBYTE>(&info)))
+            throw CommandFailed(portText_ +
+                                " does not start the job: " + StartFailure(GetLastError()));
+    }
+
+    ~HostJob() override {
+        if (!ended_)
+            table_.pfnEndDocPort(port_.Get());
+    }
+
+    size_t Write(const BYTE* bytes, size_t count) override {
+        DWORD taken = 0;
+        SetLastError(ERROR_SUCCESS);
+        if (!table_.pfnWritePort(port_.Get(), const_cast<BYTE*>(bytes), static_cast<DWORD>(count),
+                                 &taken) ||
+            taken == 0)
+            throw CommandFailed(portText_ +
+                                " takes no more of the job: " + ErrorText(GetLastError()) +
+                                "; the spooler would restart it, --direct sends it once: print it "
+                                "again");
+        return taken;
+    }
+
+    void End() override {
+        ended_ = true;
+        table_.pfnEndDocPort(port_.Get());
+    }
+
+    // The monitor tells nobody how the end of an LPR job went.
+    std::string Outcome() const override {
+        return "sent through " + portText_ +
+               (lpr_ ? "; whether its daemon kept the job, the daemon's own queue shows" : "");
+    }
+
+  private:
+    const MONITOR2& table_;
+    std::string portText_;
+    bool lpr_;
+    OpenedPort port_;
+    ControlJob control_;
+    bool ended_ = false;
+};
+
+UniqueRegistryKey OpenRoot(LPCWSTR path) {
+    UniqueRegistryKey key;
+    const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS,
+                                       nullptr, key.Out(), nullptr);
+    if (error != ERROR_SUCCESS)
+        throw CommandFailed(
+            "the monitor's registry key cannot be opened: " + ErrorText(static_cast<DWORD>(error)) +
+            (error == ERROR_ACCESS_DENIED ? "; run kestctl as administrator" : ""));
+    return key;
+}
+
+}  // namespace
+
+SpoolerHost::SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey)
+    : root_(OpenRoot(rootKey)), registry_(kRegistry) {
+    init_ = {sizeof(MONITORINIT), this, root_.Get(), &registry_, TRUE, nullptr};
+    library_.Reset(LoadLibraryExW(library.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    if (!library_)
+        throw CommandFailed(ToUtf8(library.native()) +
+                            " cannot be loaded: " + ErrorText(GetLastError()));
+    const auto initialize = reinterpret_cast<decltype(&InitializePrintMonitor2)>(
+        reinterpret_cast<void (*)()>(GetProcAddress(library_.Get(), "InitializePrintMonitor2")));
+    table_ = initialize != nullptr ? initialize(&init_, &monitor_) : nullptr;
+    if (table_ == nullptr)
+        throw CommandFailed(ToUtf8(library.native()) +
+                            " does not start as a monitor: " + ErrorText(GetLastError()));
+}
+
+SpoolerHost::~SpoolerHost() {
+    table_->pfnShutdown(monitor_);
+}
+
+std::filesystem::path SpoolerHost::LibraryBesideProgram() {
+    std::wstring path(MAX_PATH, L'\0');
+    DWORD length = 0;
+    while ((length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()))) ==
+           path.size())
+        path.resize(2 * path.size());
+    path.resize(length);
+    return std::filesystem::path(path).replace_filename(L"kestmon.dll");
+}
+
+std::vector<std::wstring> SpoolerHost::PortNames() {
+    std::vector<BYTE> buffer;
+    DWORD needed = 0;
+    DWORD count = 0;
+    while (!table_->pfnEnumPorts(monitor_, nullptr, 1, buffer.data(),
+                                 static_cast<DWORD>(buffer.size()), &needed, &count)) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size())
+            throw CommandFailed("the monitor does not list its ports: " + ErrorText(error));
+        buffer.resize(needed);
+    }
+    std::vector<std::wstring> names;
+    const auto* info = reinterpret_cast<const PORT_INFO_1W*>(buffer.data());
+    for (DWORD i = 0; i < count; ++i)
+        names.emplace_back(info[i].pName);
+    return names;
+}
+
+DWORD SpoolerHost::Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
+                       DWORD outputSize) {
+    const XcvChannel channel(*table_, monitor_);
+    DWORD needed = 0;
+    return table_->pfnXcvDataPort(channel.Get(), command,
+                                  static_cast<BYTE*>(const_cast<void*>(input)), inputSize,
+                                  static_cast<BYTE*>(output), outputSize, &needed);
+}
+
+std::unique_ptr<PrintJob> SpoolerHost::StartJob(const std::wstring& port,
+                                                const std::wstring& document,
+                                                const std::wstring& printer) {
+    return std::make_unique<HostJob>(*table_, monitor_, port, ReadPort(*this, port), document,
+                                     printer);
+}

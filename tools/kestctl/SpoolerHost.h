@@ -1,0 +1,65 @@
+// A small spooler of the tool's own: loads the monitor into this process, gives it the registry
+// below its real key, and calls the entries of its table as the print spooler would. For a look
+// without installing, for tests, and for finding out whether a fault is the spooler's or the
+// monitor's.
+#pragma once
+
+#include <filesystem>
+#include <string>
+
+#include "monitor/Resource.h"
+#include "tools/kestctl/SpoolerChannel.h"
+
+struct RegistryKeyTraits {
+    using Type = HKEY;
+    static constexpr HKEY kNone = nullptr;
+    static void Close(HKEY key) noexcept { RegCloseKey(key); }
+};
+using UniqueRegistryKey = UniqueResource<RegistryKeyTraits>;
+
+struct LibraryTraits {
+    using Type = HMODULE;
+    static constexpr HMODULE kNone = nullptr;
+    static void Close(HMODULE library) noexcept { FreeLibrary(library); }
+};
+using UniqueLibrary = UniqueResource<LibraryTraits>;
+
+class SpoolerHost : public SpoolerChannel {
+  public:
+    // The monitor's own key, below HKEY_LOCAL_MACHINE.
+    static constexpr LPCWSTR kMonitorKey =
+        L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon";
+
+    // Loads the monitor.
+    //   library: kestmon.dll.
+    //   rootKey: the key below HKEY_LOCAL_MACHINE that becomes the monitor's root; made if it is
+    //   not there.
+    // Throws CommandFailed.
+    explicit SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey = kMonitorKey);
+    ~SpoolerHost() override;
+    SpoolerHost(const SpoolerHost&) = delete;
+    SpoolerHost& operator=(const SpoolerHost&) = delete;
+
+    // kestmon.dll beside this program.
+    static std::filesystem::path LibraryBesideProgram();
+
+    std::vector<std::wstring> PortNames() override;
+    DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
+              DWORD outputSize) override;
+
+    // The job never enters a queue; a ControlJob stands for it in `printer`.
+    std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
+                                       const std::wstring& printer) override;
+
+    // What the spooler itself would call.
+    const MONITOR2& Table() const { return *table_; }
+    HANDLE Monitor() const { return monitor_; }
+
+  private:
+    UniqueRegistryKey root_;
+    MONITORREG registry_;
+    MONITORINIT init_;
+    UniqueLibrary library_;
+    MONITOR2* table_ = nullptr;
+    HANDLE monitor_ = nullptr;
+};

@@ -1,0 +1,28 @@
+// The channel through the system's own print spooler.
+#pragma once
+
+#include <string>
+
+#include "monitor/Resource.h"
+#include "tools/kestctl/SpoolerChannel.h"
+
+class SpoolerService : public SpoolerChannel {
+  public:
+    // monitor: the name under which the monitor is installed.
+    explicit SpoolerService(std::wstring monitor = L"kestmon") : monitor_(std::move(monitor)) {}
+
+    std::vector<std::wstring> PortNames() override;
+    DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
+              DWORD outputSize) override;
+
+    // The job goes into the queue `printer`, or into the first whose port this is.
+    std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
+                                       const std::wstring& printer) override;
+
+  private:
+    std::wstring monitor_;
+    UniquePrinter xcv_;  // opened by the first command
+};
+
+// The local queues that print to a port, by name.
+std::vector<std::wstring> QueuesOn(const std::wstring& port);
