@@ -24,7 +24,7 @@ peers_start() {
     peer_address=127.$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1))
     peer_raw_file=$folder/data/raw
     peer_lpd_file=$folder/data/lpr
-    : >"$peer_raw_file" >"$peer_lpd_file"
+    touch "$peer_raw_file" "$peer_lpd_file"
 
     cp /etc/{passwd,group,hosts,nsswitch.conf,ld.so.cache} "$folder/etc/"
     echo "kq:sd=/mnt/kq:lp=/mnt/lpr:rw@:mx=0:sh" >"$folder/etc/printcap"
