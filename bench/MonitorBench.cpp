@@ -1,0 +1,328 @@
+// What the monitor costs over the bare system: jobs through kestmon.dll beside the same bytes sent
+// with nothing in between, measured in turn in one run, and the cost of many ports.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+#include <winspool.h>
+#include <winsplp.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/ImportPatch.h"
+
+namespace {
+
+constexpr size_t kMebibyte = 1024 * 1024;
+
+double Seconds(const std::function<void()>& work) {
+    const auto begin = std::chrono::steady_clock::now();
+    work();
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+[[noreturn]] void Fail(const char* what) {
+    printf("bench: %s (error %lu)\n", what, GetLastError());
+    ExitProcess(1);
+}
+
+// Takes whatever is sent to it, on loopback, and closes when the sender has.
+class Sink {
+  public:
+    Sink() : listener_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)) {
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        listen(listener_, SOMAXCONN);
+        int size = sizeof(address);
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
+        std::thread([this] {
+            std::vector<char> buffer(kMebibyte);
+            for (SOCKET job; (job = accept(listener_, nullptr, nullptr)) != INVALID_SOCKET;) {
+                while (recv(job, buffer.data(), static_cast<int>(buffer.size()), 0) > 0) {
+                }
+                closesocket(job);
+            }
+        }).detach();
+    }
+
+    sockaddr_in address = {};
+
+  private:
+    SOCKET listener_;
+};
+
+struct Library {
+    Library() {
+        WCHAR self[MAX_PATH];
+        GetModuleFileNameW(nullptr, self, MAX_PATH);
+        const auto path =
+            std::filesystem::path(self).parent_path().parent_path() / "bin" / "kestmon.dll";
+        module = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+        if (module == nullptr) {
+            Fail("kestmon.dll does not load");
+        }
+    }
+    ~Library() { FreeLibrary(module); }
+    Library(const Library&) = delete;
+    Library& operator=(const Library&) = delete;
+
+    HMODULE module;
+};
+
+// A spooler that costs nothing: its registry answers from memory, its print API does nothing.
+class FreeSpooler {
+  public:
+    explicit FreeSpooler(size_t ports, WORD tcpPort = 0) : ports_(ports), tcpPort_(tcpPort) {
+        registry_ = {.cbSize = sizeof(registry_),
+                     .fpCreateKey = CreateKey,
+                     .fpOpenKey = OpenKey,
+                     .fpCloseKey = [](HANDLE, HANDLE) -> LONG { return 0; },
+                     .fpDeleteKey = nullptr,
+                     .fpEnumKey = EnumKey,
+                     .fpQueryInfoKey = QueryInfoKey,
+                     .fpSetValue = nullptr,
+                     .fpDeleteValue = nullptr,
+                     .fpEnumValue = nullptr,
+                     .fpQueryValue = QueryValue};
+        init_ = {.cbSize = sizeof(init_),
+                 .hSpooler = this,
+                 .hckRegistryRoot = nullptr,
+                 .pMonitorReg = &registry_,
+                 .bLocal = TRUE,
+                 .pszServerName = nullptr};
+    }
+    FreeSpooler(const FreeSpooler&) = delete;
+    FreeSpooler& operator=(const FreeSpooler&) = delete;
+
+    void Start() {
+        using Initialize = LPMONITOR2(WINAPI*)(PMONITORINIT, PHANDLE);
+        table = reinterpret_cast<Initialize>(reinterpret_cast<void*>(
+            GetProcAddress(dll_.module, "InitializePrintMonitor2")))(&init_, &monitor);
+        if (table == nullptr) {
+            Fail("InitializePrintMonitor2");
+        }
+    }
+    void Stop() { table->pfnShutdown(monitor); }
+
+    void Print(HANDLE port, const std::vector<char>& chunk, size_t total) {
+        if (!table->pfnStartDocPort(port, printer_, 1, 1, nullptr)) {
+            Fail("StartDocPort");
+        }
+        auto* bytes = reinterpret_cast<LPBYTE>(const_cast<char*>(chunk.data()));
+        for (size_t left = total; left > 0;) {
+            DWORD written = 0;
+            if (!table->pfnWritePort(port, bytes, static_cast<DWORD>(std::min(left, chunk.size())),
+                                     &written)) {
+                Fail("WritePort");
+            }
+            left -= written;
+        }
+        table->pfnEndDocPort(port);
+    }
+
+    MONITOR2* table = nullptr;
+    HANDLE monitor = nullptr;
+
+  private:
+    static FreeSpooler* Of(HANDLE spooler) { return static_cast<FreeSpooler*>(spooler); }
+
+    static LONG WINAPI CreateKey(HANDLE, LPCWSTR, DWORD, REGSAM, PSECURITY_ATTRIBUTES,
+                                 PHANDLE result, PDWORD, HANDLE) {
+        *result = reinterpret_cast<HANDLE>(1);
+        return 0;
+    }
+    static LONG WINAPI OpenKey(HANDLE, LPCWSTR, REGSAM, PHANDLE result, HANDLE) {
+        *result = reinterpret_cast<HANDLE>(1);
+        return 0;
+    }
+    static LONG WINAPI EnumKey(HANDLE, DWORD index, LPWSTR name, PDWORD, PFILETIME,
+                               HANDLE spooler) {
+        if (index >= Of(spooler)->ports_) {
+            return ERROR_NO_MORE_ITEMS;
+        }
+        swprintf(name, 12, L"Port %lu", index);
+        return 0;
+    }
+    static LONG WINAPI QueryInfoKey(HANDLE, PDWORD subKeys, PDWORD longest, PDWORD, PDWORD, PDWORD,
+                                    PDWORD, PFILETIME, HANDLE spooler) {
+        *subKeys = static_cast<DWORD>(Of(spooler)->ports_);
+        *longest = 12;
+        return 0;
+    }
+    static LONG WINAPI QueryValue(HANDLE, LPCWSTR value, PDWORD, PBYTE data, PDWORD size,
+                                  HANDLE spooler) {
+        static constexpr WCHAR kAddress[] = L"127.0.0.1";
+        if (wcscmp(value, L"IPAddress") == 0) {
+            memcpy(data, kAddress, *size = sizeof(kAddress));
+        } else if (wcscmp(value, L"PortNumber") == 0) {
+            *reinterpret_cast<DWORD*>(data) = Of(spooler)->tcpPort_;
+        } else {
+            memset(data, 0, *size);
+        }
+        return 0;
+    }
+
+    size_t ports_;
+    WORD tcpPort_;
+    MONITORREG registry_ = {};
+    MONITORINIT init_ = {};
+    WCHAR printer_[7] = L"Office";
+
+    Library dll_;
+    ImportPatch closeKey_{dll_.module, "RegCloseKey", +[](HKEY) -> LONG WINAPI { return 0; }};
+    ImportPatch revert_{dll_.module, "RevertToPrinterSelf",
+                        +[]() -> HANDLE WINAPI { return nullptr; }};
+    ImportPatch openPrinter_{dll_.module, "OpenPrinterW",
+                             +[](LPWSTR, LPHANDLE printer, LPPRINTER_DEFAULTSW) -> BOOL WINAPI {
+                                 *printer = reinterpret_cast<HANDLE>(1);
+                                 return TRUE;
+                             }};
+    ImportPatch closePrinter_{dll_.module, "ClosePrinter",
+                              +[](HANDLE) -> BOOL WINAPI { return TRUE; }};
+    ImportPatch setJob_{dll_.module, "SetJobW",
+                        +[](HANDLE, DWORD, DWORD, LPBYTE, DWORD) -> BOOL WINAPI { return TRUE; }};
+};
+
+// The same job with nothing between the bytes and the system.
+void SendBare(const sockaddr_in& to, const std::vector<char>& chunk, size_t total) {
+    const SOCKET job = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (connect(job, reinterpret_cast<const sockaddr*>(&to), sizeof(to)) != 0) {
+        Fail("connect");
+    }
+    for (size_t left = total; left > 0;) {
+        const int sent = send(job, chunk.data(), static_cast<int>(std::min(left, chunk.size())), 0);
+        if (sent <= 0) {
+            Fail("send");
+        }
+        left -= sent;
+    }
+    shutdown(job, SD_SEND);
+    char answer[4096];
+    while (recv(job, answer, sizeof(answer), 0) > 0) {
+    }
+    closesocket(job);
+}
+
+void CompareJobs(const char* title, int rounds, int jobs, size_t bytes, size_t chunkSize,
+                 double aim, bool throughput) {
+    const Sink sink;
+    FreeSpooler spooler(1, ntohs(sink.address.sin_port));
+    spooler.Start();
+    HANDLE port = nullptr;
+    WCHAR name[] = L"Port 0";
+    if (!spooler.table->pfnOpenPort(spooler.monitor, name, &port)) {
+        Fail("OpenPort");
+    }
+    const std::vector<char> chunk(chunkSize, 'k');
+    std::vector<double> ratios;
+    printf("\n%s\n  %-6s %12s %12s %8s\n", title, "round", "bare", "monitor", "ratio");
+    for (int round = 1; round <= rounds; ++round) {
+        const auto bare = [&] {
+            return Seconds([&] {
+                for (int job = 0; job < jobs; ++job) {
+                    SendBare(sink.address, chunk, bytes);
+                }
+            });
+        };
+        const auto monitored = [&] {
+            return Seconds([&] {
+                for (int job = 0; job < jobs; ++job) {
+                    spooler.Print(port, chunk, bytes);
+                }
+            });
+        };
+        double bareTime = 0;
+        double monitorTime = 0;
+        if (round % 2 == 1) {  // neither side always goes first
+            bareTime = bare();
+            monitorTime = monitored();
+        } else {
+            monitorTime = monitored();
+            bareTime = bare();
+        }
+        if (throughput) {
+            const double mebibytes = static_cast<double>(bytes) / kMebibyte;
+            ratios.push_back(bareTime / monitorTime);
+            printf("  %-6d %7.0f MiB/s %7.0f MiB/s %8.3f\n", round, mebibytes / bareTime,
+                   mebibytes / monitorTime, ratios.back());
+        } else {
+            ratios.push_back(monitorTime / bareTime);
+            printf("  %-6d %9.3f ms %9.3f ms %8.3f\n", round, 1000 * bareTime / jobs,
+                   1000 * monitorTime / jobs, ratios.back());
+        }
+    }
+    printf("  median ratio %.3f (aim: at %s %.2f)\n", Median(ratios), throughput ? "least" : "most",
+           aim);
+    spooler.table->pfnClosePort(port);
+    spooler.Stop();
+}
+
+double LoadAndList(size_t ports) {
+    FreeSpooler spooler(ports);
+    std::vector<BYTE> buffer(ports * 256 + 256);
+    const double time = Seconds([&] {
+        spooler.Start();
+        DWORD needed = 0;
+        DWORD returned = 0;
+        if (!spooler.table->pfnEnumPorts(spooler.monitor, nullptr, 2, buffer.data(),
+                                         static_cast<DWORD>(buffer.size()), &needed, &returned) ||
+            returned != ports) {
+            Fail("EnumPorts");
+        }
+    });
+    spooler.Stop();
+    return time;
+}
+
+// LoadAndList in a process of its own, as a spooler that starts meets it: with cold memory.
+double LoadAndListAfresh(const std::string& self, size_t ports) {
+    FILE* child = _popen(("\"" + self + "\" " + std::to_string(ports)).c_str(), "r");
+    double seconds = 0;
+    if (child == nullptr || fscanf(child, "%lf", &seconds) != 1) {
+        Fail("cannot run myself");
+    }
+    _pclose(child);
+    return seconds;
+}
+
+void CompareManyPorts(const std::string& self, int rounds) {
+    std::vector<double> ratios;
+    printf("\nLoading and listing ports (level 2), each in a new process\n  %-6s %12s %12s %8s\n",
+           "round", "1,000", "10,000", "ratio");
+    for (int round = 1; round <= rounds; ++round) {
+        const double few = LoadAndListAfresh(self, 1000);
+        const double many = LoadAndListAfresh(self, 10000);
+        ratios.push_back(many / few);
+        printf("  %-6d %9.3f ms %9.3f ms %8.2f\n", round, 1000 * few, 1000 * many, ratios.back());
+    }
+    printf("  median ratio %.2f (aim: at most 12)\n", Median(ratios));
+}
+
+}  // namespace
+
+int main(int argumentCount, char** arguments) {
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    WSADATA data;
+    WSAStartup(MAKEWORD(2, 2), &data);
+    if (argumentCount > 1) {
+        printf("%f\n", LoadAndList(std::stoul(arguments[1])));
+        return 0;
+    }
+    CompareJobs("One RAW job of 1 GiB in chunks of 64 KiB, WritePort beside send", 7, 1,
+                1024 * kMebibyte, 64 * 1024, 0.97, true);
+    CompareJobs("1,000 RAW jobs of 1 KiB, time for each", 7, 1000, 1024, 1024, 1.3, false);
+    CompareManyPorts(arguments[0], 9);
+    return 0;
+}
