@@ -3,15 +3,15 @@
 # takes RAW jobs, lprng's lpd takes LPR jobs for the queue "kq". Both listen on one loopback
 # address of their own.
 #
-#   peers_start FOLDER    starts them, with all their files in FOLDER, and sets:
-peer_address=    # where they listen
+#   peers_start FOLDER           starts them, with all their files in FOLDER, and sets
+peer_address=                    # where they listen
 peer_raw_port=9100
 peer_lpd_port=5515
-peer_raw_file=   # receives each RAW job, from the file's start
-peer_lpd_file=   # receives the LPR jobs, one behind the other
-#   peers_stop            ends them; does nothing when they do not run
+#   peer_received raw|lpr FILE   waits until the job is through, puts what arrived into FILE
+#   peers_stop                   ends them; does nothing when they do not run
 
 peers_pid=
+peers_folder=
 
 # Both have fixed paths in /etc and /run. They get folders of ours there, in a mount namespace, and
 # run as nobody when root starts them, else as the user who does.
@@ -22,9 +22,8 @@ peers_start() {
     mkdir -p "$folder"/{etc/lprng,run/lock/p910nd,data/kq}
     folder=$(cd "$folder" && pwd)
     peer_address=127.$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1))
-    peer_raw_file=$folder/data/raw
-    peer_lpd_file=$folder/data/lpr
-    touch "$peer_raw_file" "$peer_lpd_file"
+    peers_folder=$folder
+    touch "$folder/data/raw" "$folder/data/lpr"
 
     cp /etc/{passwd,group,hosts,nsswitch.conf,ld.so.cache} "$folder/etc/"
     echo "kq:sd=/mnt/kq:lp=/mnt/lpr:rw@:mx=0:sh" >"$folder/etc/printcap"
@@ -39,6 +38,7 @@ peers_start() {
     cat >"$folder/etc/lprng/lpd.conf" <<EOF
 lpd_listen_port=$peer_address%$peer_lpd_port
 unix_socket_path=off
+done_jobs=0
 lockfile=/mnt/lpd.lock
 user=nobody
 group=nogroup
@@ -65,6 +65,17 @@ EOF
             sleep 0.05
         done
     done
+}
+
+# lpd has acknowledged a job before it prints it; when it has, the job leaves the queue's folder.
+peer_received() {
+    local tries=0
+    while [ "$1" = lpr ] && compgen -G "$peers_folder/data/kq/[cdh]f*" >/dev/null; do
+        [ $((tries += 1)) -le 400 ] || return 1
+        sleep 0.05
+    done
+    cp "$peers_folder/data/$1" "$2"
+    : >"$peers_folder/data/$1"
 }
 
 peers_stop() {
