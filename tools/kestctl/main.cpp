@@ -63,6 +63,7 @@ int Run() {
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
     AddPortCommands(app, openChannel);
     AddPrintCommand(app, openChannel);
+    AddNetworkCommands(app);
     app.footer("Examples:" + Examples(app));
 
     try {
