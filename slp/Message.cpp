@@ -1,6 +1,9 @@
 #include "slp/Message.h"
 
 #include <algorithm>
+#include <utility>
+
+#include "slp/Limits.h"
 
 namespace slp {
 namespace {
@@ -145,24 +148,15 @@ std::optional<std::string> Encode(const AttributeRequest& request) {
     return out.Take();
 }
 
-std::optional<std::size_t> MessageLength(std::string_view bytes) {
-    Cursor in(bytes.substr(0, kLengthPrefix));
-    const std::uint32_t version = in.Number(1);
-    in.Number(1);  // function
-    if (bytes.size() < kLengthPrefix || version < 1 || version > 2)
-        return std::nullopt;
-    return in.Number(version == 1 ? 2 : 3);
-}
-
 std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version,
-                                          std::uint16_t xid) {
+                                          std::uint16_t xid, Carrier carrier) {
     Cursor in(message);
     if (in.Number(1) != version || in.Number(1) != kAttributeReply)
         return std::nullopt;
     const ReplyHeader header = version == 1 ? ReadHeader1(in) : ReadHeader2(in);
     if (!in.ok() || header.xid != xid)
         return std::nullopt;
-    if (header.overflow && header.length >= message.size())
+    if (carrier == Carrier::Datagram && header.overflow && header.length >= message.size())
         return AttributeReply{true, 0, {}};
     if (header.length != message.size())
         return std::nullopt;
@@ -178,6 +172,21 @@ std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned ver
     if (!in.ok() || reply.attributes.find('\0') != std::string_view::npos)
         return std::nullopt;
     return reply;
+}
+
+std::size_t StreamMessage::Wanted() const {
+    return (length_ == 0 ? kLengthPrefix : length_) - bytes_.size();
+}
+
+bool StreamMessage::Add(std::string_view bytes) {
+    bytes_ += bytes;
+    if (length_ != 0 || bytes_.size() < kLengthPrefix)
+        return true;
+    Cursor in(bytes_);
+    const std::uint32_t version = in.Number(1);
+    in.Number(1);  // function
+    length_ = in.Number(version == 1 ? 2 : 3);
+    return (version == 1 || version == 2) && length_ > kLengthPrefix && length_ <= kMaxReply;
 }
 
 }  // namespace slp

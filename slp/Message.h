@@ -11,15 +11,8 @@
 
 namespace slp {
 
-// No request is sent that a datagram of this size cannot hold (RFC 2608, section 6: 1400 bytes
-// unless configured otherwise).
-constexpr std::size_t kMaxRequest = 1400;
-
-// No reply is taken over TCP that is longer than this.
-constexpr std::size_t kMaxReply = 65536;
-
 // A message's first bytes that tell its version and whole length.
-constexpr std::size_t kLengthPrefix = 5;
+inline constexpr std::size_t kLengthPrefix = 5;
 
 // Reads forward through bytes that it does not own and never past their end. The first read that
 // asks for more than is left fails; from then on every read gives zero or an empty text.
@@ -58,12 +51,8 @@ struct AttributeRequest {
     std::string attributeIds;
 };
 
-// The bytes of a request, or nothing when they exceed kMaxRequest.
+// The bytes of a request, or nothing when they exceed kMaxRequest (Limits.h).
 std::optional<std::string> Encode(const AttributeRequest& request);
-
-// What the first bytes of a message say about it; nothing when there are fewer than
-// kLengthPrefix or the version is neither 1 nor 2.
-std::optional<std::size_t> MessageLength(std::string_view bytes);
 
 struct AttributeReply {
     bool overflow = false;        // cut short by the datagram; the rest is then empty
@@ -75,8 +64,26 @@ struct AttributeReply {
 // this version and transaction id. Nothing when it is not that: another version, function or
 // transaction, a length that is not the message's own, a field that runs past the end, an
 // attribute list with a zero byte in it.
-// A reply that is marked as cut short may say the length that it would have had.
+// Only a datagram can be marked as cut short; it may then say the length that it would have had.
+enum class Carrier { Datagram, Stream };
 std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version,
-                                          std::uint16_t xid);
+                                          std::uint16_t xid, Carrier carrier);
+
+// Puts one message together from the pieces in which a stream brings it, and never wants a byte
+// more than the message has.
+class StreamMessage {
+  public:
+    // How many bytes to read next at most; 0 when the message is whole.
+    std::size_t Wanted() const;
+    // Adds at most Wanted() bytes. False when no acceptable message can come of them: another
+    // version than 1 or 2, a length that no message has or above kMaxReply.
+    bool Add(std::string_view bytes);
+    // What has come so far.
+    std::string_view bytes() const { return bytes_; }
+
+  private:
+    std::string bytes_;
+    std::size_t length_ = 0;  // 0 until it is known
+};
 
 }  // namespace slp

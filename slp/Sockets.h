@@ -1,0 +1,123 @@
+// The Windows side of a request: sockets, events and addresses as types that close themselves,
+// and the interfaces that multicast goes out of.
+#pragma once
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace slp {
+
+inline constexpr unsigned short kPort = 427;
+
+// One of the process's references to Windows Sockets 2.2.
+class SocketsReference {
+  public:
+    SocketsReference();
+    ~SocketsReference();
+    SocketsReference(const SocketsReference&) = delete;
+    SocketsReference& operator=(const SocketsReference&) = delete;
+    bool ok() const { return ok_; }
+
+  private:
+    bool ok_;
+};
+
+// A kernel object's handle; null when there is none.
+class Handle {
+  public:
+    explicit Handle(HANDLE handle = nullptr) : handle_(handle) {}
+    ~Handle();
+    Handle(Handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+    Handle& operator=(Handle&& other) noexcept {
+        std::swap(handle_, other.handle_);
+        return *this;
+    }
+    HANDLE get() const { return handle_; }
+    explicit operator bool() const { return handle_ != nullptr; }
+
+  private:
+    HANDLE handle_;
+};
+
+// A socket that does not block; INVALID_SOCKET when it could not be made.
+class Socket {
+  public:
+    Socket(int family, int type);
+    ~Socket();
+    Socket(Socket&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}
+    Socket& operator=(Socket&& other) noexcept {
+        std::swap(socket_, other.socket_);
+        return *this;
+    }
+    SOCKET get() const { return socket_; }
+    explicit operator bool() const { return socket_ != INVALID_SOCKET; }
+
+    // Has `event` set whenever one of `networkEvents` (FD_READ and so on) happens.
+    bool Signal(HANDLE event, long networkEvents) const;
+    // setsockopt for the options that take a number. False when the system refuses.
+    bool Set(int level, int option, DWORD value) const;
+
+  private:
+    SOCKET socket_;
+};
+
+// An IPv4 or IPv6 socket address.
+class Address {
+  public:
+    Address() = default;
+    // Any address and any port of this family, to bind to.
+    static Address Any(int family);
+    // Copies an address as a caller gives it; nothing when its family is another. Port 0 becomes
+    // 427.
+    static std::optional<Address> From(const sockaddr* address);
+    // Reads a numeric IPv4 or IPv6 address, without port or zone.
+    static std::optional<Address> Parse(const std::string& text);
+
+    unsigned short port() const;
+    const sockaddr* get() const { return &any_; }
+    // Where the system may write an address, and how long at most.
+    sockaddr* Receive(int& size);
+    int size() const;
+    int family() const { return any_.sa_family; }
+    const in_addr& host4() const { return v4_.sin_addr; }
+    ULONG scope() const { return family() == AF_INET6 ? v6_.sin6_scope_id : 0; }
+
+    // The same address with another port, or for another interface's link.
+    Address WithPort(unsigned short port) const;
+    Address WithScope(ULONG scope) const;
+
+    bool IsMulticast() const;
+    // Whether one host can have this address: it is neither unspecified nor multicast nor
+    // broadcast.
+    bool IsHost() const;
+    // Whether both are the same host's, whatever their ports and zones.
+    bool SameHost(const Address& other) const;
+    // The numeric form, without port and zone.
+    std::string Text() const;
+
+  private:
+    union {
+        sockaddr any_;
+        sockaddr_in v4_;
+        sockaddr_in6 v6_{};
+    };
+};
+
+// An interface that is up, as multicast of one family leaves by it.
+struct Interface {
+    in_addr host{};   // its address, for IPv4
+    ULONG index = 0;  // its number, for IPv6
+};
+
+// The interfaces that are up and have an address of this family.
+//   only  if given, restricts them to those with one of these addresses.
+// Nothing when the system does not list them.
+std::optional<std::vector<Interface>> UpInterfaces(int family, const std::vector<Address>& only);
+
+}  // namespace slp

@@ -1,0 +1,202 @@
+#include "slp/UserAgent.h"
+
+#include <process.h>
+
+#include <algorithm>
+#include <random>
+#include <string_view>
+
+namespace slp {
+namespace {
+
+constexpr char kGroup2[] = "239.255.255.253";  // RFC 2608, section 6.1
+constexpr char kGroup1[] = "224.0.1.22";       // RFC 2165, section 22
+
+// Not to be guessed by a host that does not see the request.
+std::uint16_t NewTransaction() {
+    std::random_device source;
+    return static_cast<std::uint16_t>(std::uniform_int_distribution<>(1, 0xFFFF)(source));
+}
+
+std::string OrElse(const char* text, const char* otherwise) {
+    return text != nullptr && *text != '\0' ? text : otherwise;
+}
+
+std::string_view Trim(std::string_view text) {
+    const std::size_t first = text.find_first_not_of(" \t");
+    return first == std::string_view::npos
+               ? std::string_view()
+               : text.substr(first, text.find_last_not_of(" \t") - first + 1);
+}
+
+// The library cannot be unloaded while this is held: its code is what the thread runs.
+HMODULE HoldLibrary() {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<LPCWSTR>(&HoldLibrary), &module);
+    return module;
+}
+
+}  // namespace
+
+SLPError UserAgent::SetUnicast(const sockaddr* to) {
+    const auto address = Address::From(to);
+    if (!address || !address->IsHost())
+        return SLP_PARAMETER_BAD;
+    const std::lock_guard lock(mutex_);
+    unicast_ = address;
+    return SLP_OK;
+}
+
+SLPError UserAgent::AssociateInterfaces(const char* list) {
+    if (list == nullptr)
+        return SLP_PARAMETER_BAD;
+    std::vector<Address> interfaces;
+    for (std::string_view rest = list;;) {
+        const std::size_t comma = rest.find(',');
+        const auto address = Address::Parse(std::string(Trim(rest.substr(0, comma))));
+        if (!address)
+            return SLP_PARAMETER_BAD;
+        interfaces.push_back(*address);
+        if (comma == std::string_view::npos)
+            break;
+        rest.remove_prefix(comma + 1);
+    }
+    const std::lock_guard lock(mutex_);
+    interfaces_ = std::move(interfaces);
+    return SLP_OK;
+}
+
+// Makes the question of a query; the lock is held.
+SLPError UserAgent::Ask(const Query& query, Question& question) const {
+    if (query.callback == nullptr || query.service == nullptr || *query.service == '\0' ||
+        query.version < 1 || query.version > 2)
+        return SLP_PARAMETER_BAD;
+
+    std::optional<Address> to = unicast_;
+    if (!to && query.to != nullptr)
+        to = Address::From(query.to);
+    else if (!to)
+        to = Address::Parse(query.version == 1 ? kGroup1 : kGroup2)->WithPort(kPort);
+    if (!to || !(to->IsMulticast() || to->IsHost()))
+        return SLP_PARAMETER_BAD;
+
+    std::string language = language_;
+    if (query.version == 1) {  // it has room for two letters, the language without its country
+        language = language.substr(0, language.find('-'));
+        if (language.size() != 2)
+            return SLP_LANGUAGE_NOT_SUPPORTED;
+    }
+    question = {
+        {query.version, NewTransaction(), std::move(language), to->IsMulticast(), "", query.service,
+         OrElse(query.scopes, query.version == 2 ? "DEFAULT" : ""), OrElse(query.attributeIds, "")},
+        *to,
+        interfaces_,
+        query.handle,
+        query.callback,
+        query.cookie};
+    return Encode(question.message) ? SLP_OK : SLP_PARAMETER_BAD;
+}
+
+SLPError UserAgent::FindAttributes(const Query& query) {
+    std::unique_lock lock(mutex_);
+    Question question;
+    if (const SLPError error = Ask(query, question); closed_ || error != SLP_OK)
+        return closed_ ? SLP_PARAMETER_BAD : error;
+    if (std::any_of(running_.begin(), running_.end(),
+                    [](const Running& other) { return !other.lastCall; }))
+        return SLP_HANDLE_IN_USE;
+    Reservation running(
+        *this, running_.insert(running_.end(), {std::make_shared<Request>(std::move(question)),
+                                                GetCurrentThreadId()}));
+    lock.unlock();
+
+    if (const SLPError error = running->request->Start(); error != SLP_OK)
+        return error;
+    return asynchronous_ ? ExecuteOnThread(std::move(running)) : Execute(*running);
+}
+
+UserAgent::Reservation::~Reservation() {
+    if (agent_ == nullptr)
+        return;
+    const std::lock_guard lock(agent_->mutex_);
+    agent_->running_.erase(place_);
+    agent_->ended_.notify_all();
+}
+
+SLPError UserAgent::Execute(Running& running) {
+    const SLPError result = running.request->Collect();
+    {
+        const std::lock_guard lock(mutex_);
+        running.lastCall = true;
+    }
+    running.request->LastCall();
+    return result;
+}
+
+struct UserAgent::ThreadStart {
+    std::shared_ptr<UserAgent> agent;
+    Reservation running;
+    HMODULE library;
+};
+
+SLPError UserAgent::ExecuteOnThread(Reservation running) {
+    Running& place = *running;
+    auto start =
+        std::make_unique<ThreadStart>(ThreadStart{shared_from_this(), std::move(running), nullptr});
+    start->library = HoldLibrary();
+    {
+        const std::lock_guard lock(mutex_);
+        std::erase_if(threads_, [](const Thread& thread) {
+            return WaitForSingleObject(thread.handle.get(), 0) == WAIT_OBJECT_0;
+        });
+        threads_.reserve(threads_.size() + 1);
+        unsigned id = 0;
+        const auto thread =
+            reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadMain, start.get(), 0, &id));
+        if (thread != nullptr) {
+            (void)start.release();  // the thread's now
+            threads_.push_back({Handle(thread), id});
+            place.thread = id;
+            return SLP_OK;
+        }
+    }
+    FreeLibrary(start->library);
+    return SLP_INTERNAL_SYSTEM_ERROR;
+}
+
+unsigned __stdcall UserAgent::ThreadMain(void* argument) {
+    HMODULE library = nullptr;
+    {
+        const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
+        library = start->library;
+        start->agent->Execute(*start->running);
+    }
+    FreeLibraryAndExitThread(library, 0);
+}
+
+void UserAgent::StopFind() {
+    const std::lock_guard lock(mutex_);
+    for (const Running& running : running_)
+        running.request->Stop();
+}
+
+void UserAgent::Close() {
+    StopFind();
+    const DWORD self = GetCurrentThreadId();
+    std::vector<Thread> threads;
+    {
+        std::unique_lock lock(mutex_);
+        closed_ = true;
+        ended_.wait(lock, [&] {
+            return std::all_of(running_.begin(), running_.end(),
+                               [&](const Running& running) { return running.thread == self; });
+        });
+        threads.swap(threads_);
+    }
+    for (const Thread& thread : threads)
+        if (thread.id != self)
+            WaitForSingleObject(thread.handle.get(), INFINITE);
+}
+
+}  // namespace slp
