@@ -35,7 +35,8 @@ inline constexpr std::size_t kMaxReported = 32 * 1024 * 1024;
 // Datagrams that are read before the clock, the fetches and the stop are looked at again.
 inline constexpr int kDatagramsPerTurn = 64;
 
-// What the system keeps for us while we are busy: a thousand agents' answers, and more.
-inline constexpr int kReceiveBuffer = 2 * 1024 * 1024;
+// What the system keeps for us while we are busy: a thousand agents' answers at once, with room
+// for the noise among them.
+inline constexpr int kReceiveBuffer = 4 * 1024 * 1024;
 
 }  // namespace slp

@@ -23,6 +23,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 constexpr char kService[] = "service:printer";
+constexpr char kAnyHost[] = "0.0.0.0";
 constexpr char kGroup[] = "239.255.255.253";
 
 // Windows Sockets for the agents of this program; the library has its own reference.
@@ -81,8 +82,8 @@ class Agent {
     using Behaviour = std::function<void(const Agent&, const Request&)>;
 
     explicit Agent(Behaviour behaviour, const std::string& host = "127.0.0.1")
-        : socket_(Bound(SOCK_DGRAM, host == kGroup ? "0.0.0.0" : host, 0)),
-          here_(host == kGroup ? "127.0.0.1" : host, PortOf(socket_)) {
+        : socket_(Bound(SOCK_DGRAM, host == kGroup ? kAnyHost : host, 0)),
+          here_(host == kGroup || host == kAnyHost ? "127.0.0.1" : host, PortOf(socket_)) {
         if (host == kGroup) {
             ip_mreq group{};
             inet_pton(AF_INET, kGroup, &group.imr_multiaddr);
@@ -299,7 +300,7 @@ TEST(UserAgent, TheHandlesAgentOverridesTheDestination) {
 TEST(UserAgent, HearsTheAgentThroughTheNoise) {
     const Agent agent([&](const Agent& self, const Agent::Request& request) {
         const std::uint16_t xid = XidOf(request.bytes);
-        for (int i = 1; i <= 3000; ++i) {
+        for (int i = 1; i <= 400; ++i) {
             self.Send(std::string(1000, 'x'), request);
             self.Send(ListReply(2, static_cast<std::uint16_t>(xid + i), "(ip=6.6.6.6)"), request);
         }
@@ -370,10 +371,12 @@ TEST(UserAgent, IsNotHeldUpByTcpServersThatMisbehave) {
 // This machine answers from 127.0.0.1, whatever loopback address was asked: nobody asked that one.
 TEST(UserAgent, GivesUpAfterAllRoundsWhenOnlyAStrangerAnswers) {
     std::atomic<int> requests = 0;
-    const Agent agent([&](const Agent& self, const Agent::Request& request) {
-        ++requests;
-        self.Send(ListReply(2, XidOf(request.bytes), "(ip=6.6.6.6)"), request);
-    });
+    const Agent agent(
+        [&](const Agent& self, const Agent::Request& request) {
+            ++requests;
+            self.Send(ListReply(2, XidOf(request.bytes), "(ip=6.6.6.6)"), request);
+        },
+        kAnyHost);
     Answers answers;
     const milliseconds took = Ask(answers, Endpoint("127.0.0.5", agent.port()).get());
     EXPECT_GE(took, milliseconds(3400));
