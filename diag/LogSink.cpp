@@ -43,7 +43,8 @@ void LogFile::Write(int indent, std::stringstream& line) {
 
 LogSink& LogSink::Instance() {
     // The sink itself is never destroyed: a destructor or a thread that logs while the process
-    // ends, or the library is unloaded, still finds it whole. Only its file is closed at exit.
+    // ends, or the library is unloaded, still finds it whole. Only its file is closed at exit, and
+    // opened once more for each line that still comes.
     alignas(LogSink) static std::byte storage[sizeof(LogSink)];
     static LogSink* const sink = [] {
         auto* made = new (storage) LogSink;
@@ -57,6 +58,7 @@ void LogSink::CloseAtExit() noexcept {
     // At process exit the other threads are gone, perhaps with the lock: then the system closes
     // the file.
     if (TryAcquireSRWLockExclusive(&lock_)) {
+        atExit_ = true;
         file_.reset();
         ReleaseSRWLockExclusive(&lock_);
     }
@@ -76,5 +78,8 @@ void LogSink::Write(std::stringstream& line) {
     const ExclusiveLock lock(lock_);
     if (file_) {
         file_->Write(indent_, line);
+    }
+    if (atExit_) {
+        file_.reset();
     }
 }

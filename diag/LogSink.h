@@ -49,6 +49,7 @@ class LogSink {
     void CloseAtExit() noexcept;
 
     SRWLOCK lock_ = SRWLOCK_INIT;
+    bool atExit_ = false;
     int indent_ = 0;
     std::unique_ptr<LogFile> file_;
 };

@@ -176,12 +176,14 @@ TEST(Log, LinesOfManyThreadsStayWhole) {
 
 // Exit handlers run in reverse order of registration: one registered before the sink was made
 // logs after the sink's own.
-TEST(Log, LoggingAfterTheSinkHasClosedDoesNoHarm) {
+TEST(Log, ALineAfterTheSinkHasClosedIsWrittenAndLeavesNothingOpen) {
     EXPECT_EXIT(
         {
+            static const LogCapture* const capture = new LogCapture;
             std::atexit([] {
                 LogInfo("atexit", "after the sink");
-                _exit(std::filesystem::exists(std::filesystem::temp_directory_path()) ? 7 : 8);
+                const bool written = capture->Lines().size() == 2;
+                _exit(written && std::filesystem::remove(capture->Path()) ? 7 : 8);
             });
             LogInfo("f", "the sink is made");
             std::exit(0);
