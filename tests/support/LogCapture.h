@@ -21,6 +21,8 @@ class LogCapture {
         folder_ = std::filesystem::temp_directory_path() /
                   (L"kest-log-" + std::to_wstring(GetCurrentProcessId()) + L"-" +
                    std::to_wstring(++count));
+        // A process that was ended may have left one of the same name.
+        std::filesystem::remove_all(folder_);
         std::filesystem::create_directories(folder_);
         SetEnvironmentVariableW(L"TMP", folder_.c_str());
     }
