@@ -1,0 +1,121 @@
+// The library against populations of service agents on a network of its own: population.sh makes
+// both and runs this program in it. Each test asks for the service type that its agents offer.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <windows.h>
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <set>
+
+#include "slp/Slp.h"
+#include "tests/slp/Caller.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+std::string Value(const std::string& list, const char* tag) {
+    char* value = nullptr;
+    EXPECT_EQ(SLPParseAttrs(list.c_str(), tag, &value), SLP_OK) << list.substr(0, 200);
+    const std::string copy = value != nullptr ? value : "";
+    SLPFree(value);
+    return copy;
+}
+
+struct Outcome {
+    std::multiset<std::string> addresses;  // of those that answered
+    std::vector<std::string> lists;
+    milliseconds took;
+};
+
+Outcome Ask(const char* service, unsigned version = 2, const sockaddr* to = nullptr,
+            DWORD callbackTime = 0) {
+    const SLPHandle handle = Open(SLP_FALSE);
+    Answers answers;
+    answers.then = [=](SLPHandle, SLPError) {
+        Sleep(callbackTime);
+        return SLP_TRUE;
+    };
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(Find(handle, answers, to, version, service), SLP_OK);
+    const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
+    SLPClose(handle);
+    EXPECT_EQ(answers.lastCalls(), 1);
+    Outcome outcome{{}, answers.lists(), took};
+    for (const std::string& list : outcome.lists)
+        outcome.addresses.insert(Value(list, "ip"));
+    return outcome;
+}
+
+// The addresses from `first` on: as many as there are agents, each once.
+std::multiset<std::string> Agents(std::size_t count, unsigned first) {
+    std::multiset<std::string> addresses;
+    for (unsigned n = first; n < first + count; ++n)
+        addresses.insert("10.77." + std::to_string(n / 256) + '.' + std::to_string(n % 256));
+    return addresses;
+}
+
+TEST(Population, HundredsAnswerAndEachIsReportedOnce) {
+    EXPECT_EQ(Ask("service:many").addresses, Agents(500, 0x100));
+    EXPECT_EQ(Ask("service:old", 1).addresses, Agents(100, 0x100));
+    EXPECT_EQ(Ask("service:old", 2).addresses, Agents(0, 0));
+}
+
+TEST(Population, ASlowCallerGetsAllAnswers) {
+    EXPECT_EQ(Ask("service:some", 2, nullptr, 20).addresses, Agents(60, 0x100));
+}
+
+// Ten agents answer at once, ten miss the first two sendings, and ten take their time.
+TEST(Population, RepetitionsFindWhoWasNotHeard) {
+    EXPECT_EQ(Ask("service:mixed").addresses, Agents(30, 0x100));
+}
+
+TEST(Population, LongListsComeByTcp) {
+    const Outcome outcome = Ask("service:long");
+    EXPECT_EQ(outcome.addresses, Agents(50, 0x100));
+    for (const std::string& list : outcome.lists)
+        EXPECT_EQ(Value(list, "end"), "here");
+}
+
+// Half a thousand TCP servers that stall, drip, send without end, break off or refuse keep nobody
+// honest from being found, nor the request from ending.
+TEST(Population, BadTcpServersHoldNobodyUp) {
+    const Outcome outcome = Ask("service:hostile");
+    const auto honest = Agents(20, 0x4000);
+    for (const std::string& address : honest)
+        EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
+    EXPECT_EQ(outcome.addresses.size(), honest.size());
+    EXPECT_LT(outcome.took, milliseconds(7000));
+}
+
+// One host speaks as thousands; the few that are what they say are among those heard.
+TEST(Population, ACrowdOfImpostorsIsBounded) {
+    const Outcome outcome = Ask("service:crowd");
+    EXPECT_GT(outcome.addresses.size(), 1000u);
+    EXPECT_LT(outcome.took, milliseconds(7000));
+    for (const std::string& address : Agents(3, 0x4000))
+        EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
+}
+
+TEST(Population, ErrorsAndSilenceAreNoAnswers) {
+    const Outcome outcome = Ask("service:none");
+    EXPECT_TRUE(outcome.lists.empty());
+    EXPECT_GE(outcome.took, milliseconds(3400));
+    EXPECT_LT(outcome.took, milliseconds(6000));
+}
+
+TEST(Population, SixIsAskedByItsGroupAndByItsAddress) {
+    const Endpoint group("ff02::116", 0);
+    const Outcome all = Ask("service:six", 2, group.get());
+    EXPECT_EQ(all.addresses.size(), 20u);
+    EXPECT_EQ(all.addresses.count("fd77:0:0:1::14"), 1u);
+    const Endpoint one("fd77:0:0:1::5", 0);
+    EXPECT_THAT(Ask("service:six", 2, one.get()).addresses, testing::ElementsAre("fd77:0:0:1::5"));
+    const Endpoint four("10.77.1.7", 0);
+    EXPECT_THAT(Ask("service:many", 2, four.get()).addresses, testing::ElementsAre("10.77.1.7"));
+}
+
+}  // namespace

@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Runs a test program in a network of its own, with the service agents that it expects on the
+# other end of the cable: population.sh PROGRAM.exe
+. "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
+. "$root/tests/support/netns.sh"
+
+netns_need
+netns_up
+
+long="(ip={ip}),(x=$(printf 'x%.0s' {1..20000})),(end=here)"
+agents=(
+    "service:many first=10.77.1.0 count=500 copies=2"
+    "service:old first=10.77.1.0 count=100 version=1"
+    "service:some first=10.77.1.0 count=60"
+    "service:mixed first=10.77.1.0 count=10"
+    "service:mixed first=10.77.1.10 count=10 deaf=2"
+    "service:mixed first=10.77.1.20 count=10 delay=0.3-0.9"
+    "service:long first=10.77.1.0 count=50 tcp=whole list=$long"
+    "service:hostile first=10.77.1.0 count=100 tcp=stall"
+    "service:hostile first=10.77.2.0 count=100 tcp=drip"
+    "service:hostile first=10.77.3.0 count=100 tcp=endless"
+    "service:hostile first=10.77.4.0 count=100 tcp=cut"
+    "service:hostile first=10.77.5.0 count=100 tcp=refuse"
+    "service:hostile first=10.77.64.0 count=10"
+    "service:hostile first=10.77.64.10 count=10 tcp=whole list=$long"
+    "service:crowd first=10.77.1.0 count=5000"
+    "service:crowd first=10.77.64.0 count=3 delay=0.2"
+    "service:none first=10.77.1.0 count=10 error=4"
+    "service:none first=10.77.1.10 count=10 silent"
+    "service:six first=fd77:0:0:1::1 count=20"
+)
+coproc AGENTS { exec ip netns exec "$peer_ns" "$root/tests/support/service_agents.py" "${agents[@]}"; }
+read -r _ <&"${AGENTS[0]}"
+disown "$AGENTS_PID"
+client_wine "$@"

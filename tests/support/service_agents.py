@@ -1,0 +1,270 @@
+#!/usr/bin/python3
+"""A population of SLP service agents: one process that answers attribute requests as many hosts.
+
+  service_agents.py 'SERVICE KEY=VALUE ...' ...
+
+Each argument is a group of agents that answer requests for one service type. The keys:
+
+  first=10.77.0.1  address of the first agent; the others follow it. All have to be this host's.
+  count=1          how many
+  version=2        the protocol version that they speak
+  list=TEXT        the attribute list; {ip}, {n} and {mac} stand for the agent's own
+  delay=0          seconds after which they answer; delay=A-B spreads them over that time
+  copies=1         how often they send each answer
+  deaf=0           how many sendings of a request they miss before they hear one
+  error=0          the error code that they answer with instead of a list
+  silent           they never answer
+  tcp=whole        the datagram is marked as cut short, and the list comes by TCP: `whole`, or
+                   `stall` (nothing comes), `drip` (a byte now and then), `endless` (bytes
+                   without end), `cut` (half of it), `refuse` (of no connection: none is taken)
+
+Agents hear 239.255.255.253, 224.0.1.22 and FF02::116 on every interface, and their own addresses,
+at port 427; they are silent when they find themselves among the responders of a request. A blank
+in a list is written as `_`. Prints `ready` when all of that is in place.
+"""
+import heapq
+import ipaddress
+import itertools
+import selectors
+import socket
+import struct
+import sys
+import threading
+import time
+
+PORT = 427
+GROUPS = ("239.255.255.253", "224.0.1.22")
+GROUP6 = "ff02::116"
+ATTRIBUTE_REQUEST, ATTRIBUTE_REPLY = 6, 7
+MAX_DATAGRAM = 1400
+
+# Linux's numbers; Python 3.11 does not have them.
+IP_PKTINFO = 8
+IPV6_FREEBIND = 78  # answer from addresses that are routed here, if on no interface
+
+
+class Reader:
+    def __init__(self, data):
+        self.data = data
+
+    def number(self, size):
+        return int.from_bytes(self.take(size), "big")
+
+    def text(self):
+        return self.take(self.number(2)).decode()
+
+    def take(self, size):
+        if size > len(self.data):
+            raise ValueError("cut short")
+        taken, self.data = self.data[:size], self.data[size:]
+        return taken
+
+
+class Request:
+    """An attribute request (RFC 2608, 10.3; RFC 2165, 13); ValueError when it is none."""
+
+    def __init__(self, data):
+        reader = Reader(data)
+        self.version, function = reader.number(1), reader.number(1)
+        if self.version not in (1, 2) or function != ATTRIBUTE_REQUEST:
+            raise ValueError("no attribute request")
+        length = reader.number(2 if self.version == 1 else 3)
+        if length != len(data):
+            raise ValueError("wrong length")
+        if self.version == 1:
+            reader.take(6)
+            self.xid = reader.number(2)
+        else:
+            reader.take(5)
+            self.xid = reader.number(2)
+            reader.text()
+        self.responders = reader.text().split(",")
+        self.service, self.scopes, self.attributes = (reader.text() for _ in range(3))
+        if self.version == 2:
+            reader.text()
+        if reader.data:
+            raise ValueError("bytes too many")
+
+    def reply(self, body, overflow=False):
+        if self.version == 1:
+            return struct.pack(">BBHBB2sHH", 1, ATTRIBUTE_REPLY, 12 + len(body),
+                               0x80 if overflow else 0, 0, b"en", 106, self.xid) + body
+        return (bytes((2, ATTRIBUTE_REPLY)) + (16 + len(body)).to_bytes(3, "big")
+                + struct.pack(">H3xHH2s", 0x8000 if overflow else 0, self.xid, 2, b"en") + body)
+
+    def attribute_reply(self, text):
+        return self.reply(self.list_body(text.encode()))
+
+    def list_body(self, text):
+        end = b"\0" if self.version == 2 else b""
+        return struct.pack(">HH", 0, len(text)) + text + end
+
+
+class Agents:
+    """One argument of the command line."""
+
+    def __init__(self, text):
+        self.service, *options = text.split()
+        values = dict(option.partition("=")[::2] for option in options)
+        first = ipaddress.ip_address(values.get("first", "10.77.0.1"))
+        self.version = int(values.get("version", 2))
+        self.template = values.get("list", "(ip={ip}),(mac={mac}),(n={n})").replace("_", " ")
+        earliest, _, latest = values.get("delay", "0").partition("-")
+        self.delays = float(earliest), float(latest or earliest)
+        self.copies = int(values.get("copies", 1))
+        self.deaf = int(values.get("deaf", 0))
+        self.error = int(values.get("error", 0))
+        self.silent = "silent" in values
+        self.tcp = values.get("tcp")
+        self.numbers = {str(first + n): n for n in range(int(values.get("count", 1)))}
+        self.heard = {}
+
+    def list_of(self, address):
+        n = self.numbers[address]
+        return self.template.format(ip=address, n=n, mac=f"0004{n:08x}")
+
+    def answers(self, request, asked):
+        """(delay, address, datagram) for each agent that answers; `asked` is one, or None."""
+        if request.service != self.service or request.version != self.version or self.silent:
+            return
+        sending = self.heard[request.xid] = self.heard.get(request.xid, 0) + 1
+        if sending <= self.deaf:
+            return
+        heard = set(request.responders)
+        for address, n in self.numbers.items():
+            if address in heard or asked not in (None, address):
+                continue
+            delay = self.delays[0] + (self.delays[1] - self.delays[0]) * n / len(self.numbers)
+            for _ in range(self.copies):
+                yield delay, address, self.datagram(request, address)
+
+    def datagram(self, request, address):
+        if self.error:
+            return request.reply(struct.pack(">H", self.error))
+        text = self.list_of(address).encode()
+        if self.tcp:
+            return request.reply(request.list_body(text[:MAX_DATAGRAM - 100]), overflow=True)
+        return request.attribute_reply(text.decode())
+
+    def serve(self, connection, request, address):
+        """Answers a request that came by TCP."""
+        reply = request.attribute_reply(self.list_of(address))
+        if self.tcp == "whole":
+            connection.sendall(reply)
+        elif self.tcp == "cut":
+            connection.sendall(reply[:len(reply) // 2])
+        elif self.tcp == "stall":
+            connection.recv(1)
+        elif self.tcp == "drip":
+            for byte in reply:
+                connection.sendall(bytes((byte,)))
+                time.sleep(0.2)
+        elif self.tcp == "endless":
+            connection.sendall(reply[:2] + b"\xff\xff\xff")
+            while True:
+                connection.sendall(b"x" * 65536)
+
+
+def udp_socket(family):
+    """A socket that tells which address a datagram came to, and can answer from that address."""
+    udp = socket.socket(family, socket.SOCK_DGRAM)
+    udp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    udp.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4 << 20)
+    interfaces = [index for index, _ in socket.if_nameindex()]
+    if family == socket.AF_INET:
+        udp.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
+        for group, index in itertools.product(GROUPS, interfaces):
+            udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, struct.pack(
+                "=4s4si", socket.inet_aton(group), bytes(4), index))
+    else:
+        udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+        udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVPKTINFO, 1)
+        udp.setsockopt(socket.IPPROTO_IPV6, IPV6_FREEBIND, 1)
+        for index in interfaces:
+            udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_JOIN_GROUP, struct.pack(
+                "=16si", socket.inet_pton(family, GROUP6), index))
+    udp.bind(("", PORT))
+    return udp
+
+
+def receive(udp):
+    """(request, its sender, the address that it was sent to)"""
+    data, ancillary, _, sender = udp.recvmsg(65536, 1024)
+    info = ancillary[0][2]
+    if udp.family == socket.AF_INET:
+        return Request(data), sender, socket.inet_ntop(udp.family, info[8:12])
+    return Request(data), sender, socket.inet_ntop(udp.family, info[:16])
+
+
+def send(udp, datagram, source, to):
+    packed = socket.inet_pton(udp.family, source)
+    if udp.family == socket.AF_INET:
+        control = (socket.IPPROTO_IP, IP_PKTINFO, struct.pack("=i4s4x", 0, packed))
+    else:
+        control = (socket.IPPROTO_IPV6, socket.IPV6_PKTINFO, packed + struct.pack("=i", 0))
+    udp.sendmsg([datagram], [control], 0, to)
+
+
+def serve_datagrams(population):
+    selector = selectors.DefaultSelector()
+    for family in (socket.AF_INET, socket.AF_INET6):
+        selector.register(udp_socket(family), selectors.EVENT_READ)
+    print("ready", flush=True)
+    waiting, order = [], itertools.count()
+    while True:
+        timeout = max(0, waiting[0][0] - time.monotonic()) if waiting else None
+        for key, _ in selector.select(timeout):
+            udp = key.fileobj
+            try:
+                request, sender, to = receive(udp)
+            except ValueError:
+                continue
+            asked = None if ipaddress.ip_address(to).is_multicast else to
+            now = time.monotonic()
+            for agents in population:
+                for delay, source, datagram in agents.answers(request, asked):
+                    heapq.heappush(waiting,
+                                   (now + delay, next(order), udp, datagram, source, sender))
+        while waiting and waiting[0][0] <= time.monotonic():
+            send(*heapq.heappop(waiting)[2:])
+
+
+def serve_connection(population, connection):
+    connection.settimeout(60)
+    address = connection.getsockname()[0]
+    try:
+        request = Request(connection.recv(2000))
+        for agents in population:
+            if (agents.service, agents.version) == (request.service, request.version) \
+                    and address in agents.numbers and address not in request.responders:
+                agents.serve(connection, request, address)
+    except (OSError, ValueError):
+        pass
+    connection.close()
+
+
+def serve_streams(population, family):
+    listener = socket.socket(family, socket.SOCK_STREAM)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    if family == socket.AF_INET6:
+        listener.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+    listener.bind(("", PORT))
+    listener.listen(1024)
+    while True:
+        connection, _ = listener.accept()
+        threading.Thread(target=serve_connection, args=(population, connection),
+                         daemon=True).start()
+
+
+def main():
+    if len(sys.argv) < 2 or sys.argv[1] in ("-h", "--help"):
+        sys.exit(__doc__)
+    population = [Agents(text) for text in sys.argv[1:]]
+    if any(agents.tcp and agents.tcp != "refuse" for agents in population):
+        for family in (socket.AF_INET, socket.AF_INET6):
+            threading.Thread(target=serve_streams, args=(population, family), daemon=True).start()
+    serve_datagrams(population)
+
+
+if __name__ == "__main__":
+    main()
