@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <charconv>
 
-#include "slp/Message.h"
-
 namespace slp {
 namespace {
 
@@ -25,47 +23,52 @@ bool SameTag(std::string_view a, std::string_view b) {
                       [](char x, char y) { return Lower(x) == Lower(y); });
 }
 
-std::string Unescape(std::string_view text) {
+}  // namespace
+
+std::optional<Attribute> NextAttribute(Cursor& list) {
+    while (list.left() > 0) {
+        Attribute found{Trim(list.Until("(,")), {}, true};
+        if (list.Next() == '(') {
+            list.Bytes(1);
+            found.tag = Trim(list.Until("=)"));
+            if (list.Next() == '=')
+                list.Bytes(1);
+            found.value = Trim(list.Until(")"));
+            found.whole = list.Next() == ')';
+            list.Until(",");
+        }
+        if (list.left() > 0)
+            list.Bytes(1);  // the comma
+        if (!found.tag.empty())
+            return found;
+    }
+    return std::nullopt;
+}
+
+std::string Unescape(std::string_view escaped) {
     std::string value;
-    value.reserve(text.size());
-    while (!text.empty()) {
+    value.reserve(escaped.size());
+    while (!escaped.empty()) {
         unsigned char byte = 0;
-        const char* const digits = text.data() + 1;
-        if (text[0] == '\\' && text.size() >= 3 &&
+        const char* const digits = escaped.data() + 1;
+        if (escaped[0] == '\\' && escaped.size() >= 3 &&
             std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2 && byte != 0) {
             value += static_cast<char>(byte);
-            text.remove_prefix(3);
+            escaped.remove_prefix(3);
         } else {
-            value += text[0];
-            text.remove_prefix(1);
+            value += escaped[0];
+            escaped.remove_prefix(1);
         }
     }
     return value;
 }
 
-}  // namespace
-
 std::optional<std::string> FindAttribute(std::string_view list, std::string_view tag) {
     tag = Trim(tag);
-    Cursor in(list);
-    while (in.left() > 0) {
-        const std::string_view keyword = Trim(in.Until("(,"));
-        if (in.Next() == '(') {
-            in.Bytes(1);
-            const std::string_view name = Trim(in.Until("=)"));
-            if (in.Next() == '=')
-                in.Bytes(1);
-            const std::string_view value = Trim(in.Until(")"));
-            const bool closed = in.Next() == ')';
-            in.Until(",");  // an agent that does not escape brackets gets no further than the first
-            if (SameTag(name, tag))
-                return closed ? std::optional(Unescape(value)) : std::nullopt;
-        } else if (SameTag(keyword, tag)) {
-            return std::string();
-        }
-        if (in.left() > 0)
-            in.Bytes(1);  // the comma
-    }
+    Cursor rest(list);
+    while (const auto attribute = NextAttribute(rest))
+        if (SameTag(attribute->tag, tag))
+            return attribute->whole ? std::optional(Unescape(attribute->value)) : std::nullopt;
     return std::nullopt;
 }
 

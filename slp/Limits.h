@@ -16,8 +16,10 @@ inline constexpr std::array kWaitingTimes{
 // How long one reply may take by TCP, and how long fetches may outlast the last waiting time.
 inline constexpr std::chrono::milliseconds kFetchTime(1500);
 
-// Fetches at the same time; more wait for their turn.
-inline constexpr std::size_t kMaxFetches = 128;
+// Fetches at the same time, and how long one of them may take while others wait for its place:
+// agents that stall must not keep out those that do not. Together about a thousand a second.
+inline constexpr std::size_t kMaxFetches = 256;
+inline constexpr std::chrono::milliseconds kFetchTimeInQueue(250);
 
 // A request longer than a datagram of this size is not sent (RFC 2608, section 6: 1400 bytes).
 inline constexpr std::size_t kMaxRequest = 1400;
@@ -32,8 +34,10 @@ inline constexpr std::size_t kMaxResponders = 16384;
 // Attribute lists that one request reports, all together, in bytes.
 inline constexpr std::size_t kMaxReported = 32 * 1024 * 1024;
 
-// Datagrams that are read before the clock, the fetches and the stop are looked at again.
+// Datagrams that are read, and fetches that are begun, before the clock and the stop are looked at
+// again.
 inline constexpr int kDatagramsPerTurn = 64;
+inline constexpr int kConnectsPerTurn = 16;
 
 // What the system keeps for us while we are busy: a thousand agents' answers at once, with room
 // for the noise among them.

@@ -11,12 +11,13 @@ Request::Request(Question question)
     : question_(std::move(question)),
       collector_(question_.message.version, question_.message.xid),
       stop_(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-      network_(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      datagrams_(CreateEventW(nullptr, FALSE, FALSE, nullptr)),
+      streams_(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
       socket_(question_.to.family(), SOCK_DGRAM),
       datagram_(kMaxReply) {}
 
 SLPError Request::Start() {
-    if (!stop_ || !network_)
+    if (!stop_ || !datagrams_ || !streams_)
         return SLP_INTERNAL_SYSTEM_ERROR;
     if (!socket_ || !Prepare())
         return SLP_NETWORK_INIT_FAILED;
@@ -40,7 +41,7 @@ bool Request::Prepare() const {
         socket_.Set(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 255);
     const Address any = Address::Any(question_.to.family());
     return bind(socket_.get(), any.get(), any.size()) == 0 &&
-           socket_.Signal(network_.get(), FD_READ);
+           socket_.Signal(datagrams_.get(), FD_READ);
 }
 
 // Sends the request with the agents heard so far. False when no interface took it. When the
@@ -109,18 +110,24 @@ void Request::FinishFetches() {
 // Waits for the network, a stop or the time, whichever is first, and takes in what has come: a
 // bounded part of it, so that no flood keeps the request from its clock.
 void Request::Turn(Clock::time_point until) {
-    for (const Fetch& fetch : fetches_)
-        until = std::min(until, fetch.deadline);
+    if (!fetches_.empty())
+        until = std::min(until, fetches_.front().begin + FetchTime());
     Wait(until);
     ReadDatagrams();
     ServeFetches();
     StartFetches();
 }
 
+// How long the oldest fetch may go on.
+milliseconds Request::FetchTime() const {
+    return !waiting_.empty() && fetches_.size() >= kMaxFetches ? kFetchTimeInQueue : kFetchTime;
+}
+
 void Request::Wait(Clock::time_point until) {
-    const HANDLE events[] = {stop_.get(), network_.get()};
+    const HANDLE events[] = {stop_.get(), datagrams_.get(), streams_.get()};
+    const bool busy = unread_ || (!waiting_.empty() && fetches_.size() < kMaxFetches);
     const auto time = std::chrono::ceil<milliseconds>(until - Now()).count();
-    WaitForMultipleObjects(2, events, FALSE, unread_ || time <= 0 ? 0 : static_cast<DWORD>(time));
+    WaitForMultipleObjects(3, events, FALSE, busy || time <= 0 ? 0 : static_cast<DWORD>(time));
 }
 
 void Request::ReadDatagrams() {
@@ -161,15 +168,18 @@ void Request::TakeDatagram(const Address& from, std::string_view bytes) {
 }
 
 void Request::StartFetches() {
-    while (!waiting_.empty() && fetches_.size() < kMaxFetches) {
+    while (!fetches_.empty() && Now() >= fetches_.front().begin + FetchTime())
+        fetches_.pop_front();
+    for (int count = 0;
+         count < kConnectsPerTurn && !waiting_.empty() && fetches_.size() < kMaxFetches; ++count) {
         Connect(waiting_.front());
         waiting_.pop_front();
     }
 }
 
 void Request::Connect(const Address& agent) {
-    Fetch fetch{Socket(agent.family(), SOCK_STREAM), Now() + kFetchTime, {}};
-    if (!fetch.socket || !fetch.socket.Signal(network_.get(), FD_CONNECT | FD_READ | FD_CLOSE))
+    Fetch fetch{Socket(agent.family(), SOCK_STREAM), Now(), {}};
+    if (!fetch.socket || !fetch.socket.Signal(streams_.get(), FD_CONNECT | FD_READ | FD_CLOSE))
         return;
     if (connect(fetch.socket.get(), agent.get(), agent.size()) == 0 ||
         WSAGetLastError() == WSAEWOULDBLOCK)
@@ -177,8 +187,11 @@ void Request::Connect(const Address& agent) {
 }
 
 void Request::ServeFetches() {
+    if (WaitForSingleObject(streams_.get(), 0) != WAIT_OBJECT_0)
+        return;
+    ResetEvent(streams_.get());  // before the look at the sockets, so that nothing later is missed
     for (auto fetch = fetches_.begin(); fetch != fetches_.end() && !stopped_;)
-        fetch = Serve(*fetch) && Now() < fetch->deadline ? std::next(fetch) : fetches_.erase(fetch);
+        fetch = Serve(*fetch) ? std::next(fetch) : fetches_.erase(fetch);
 }
 
 // Takes a fetch further. False when there is nothing more to it.

@@ -50,7 +50,7 @@ class Request {
     // A reply on its way by TCP.
     struct Fetch {
         Socket socket;
-        Clock::time_point deadline;
+        Clock::time_point begin;
         StreamMessage reply;
     };
 
@@ -68,6 +68,7 @@ class Request {
     void Wait(Clock::time_point until);
     void ReadDatagrams();
     void TakeDatagram(const Address& from, std::string_view bytes);
+    std::chrono::milliseconds FetchTime() const;
     void StartFetches();
     void Connect(const Address& agent);
     void ServeFetches();
@@ -79,12 +80,13 @@ class Request {
     Question question_;
     Collector collector_;
     Handle stop_;
-    Handle network_;
+    Handle datagrams_;  // something may be read
+    Handle streams_;    // something has happened to a fetch
     Socket socket_;
     std::vector<Interface> outlets_;
     std::vector<char> datagram_;
     std::deque<Address> waiting_;  // agents whose lists are to be fetched when there is room
-    std::list<Fetch> fetches_;
+    std::list<Fetch> fetches_;     // the oldest first
     std::atomic<bool> stopped_ = false;
     bool answered_ = false;  // by the one agent that was asked
     bool unread_ = false;    // datagrams were left behind by the last turn

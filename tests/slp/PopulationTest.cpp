@@ -61,7 +61,6 @@ std::multiset<std::string> Agents(std::size_t count, unsigned first) {
 TEST(Population, HundredsAnswerAndEachIsReportedOnce) {
     EXPECT_EQ(Ask("service:many").addresses, Agents(500, 0x100));
     EXPECT_EQ(Ask("service:old", 1).addresses, Agents(100, 0x100));
-    EXPECT_EQ(Ask("service:old", 2).addresses, Agents(0, 0));
 }
 
 TEST(Population, ASlowCallerGetsAllAnswers) {
@@ -80,7 +79,7 @@ TEST(Population, LongListsComeByTcp) {
         EXPECT_EQ(Value(list, "end"), "here");
 }
 
-// Half a thousand TCP servers that stall, drip, send without end, break off or refuse keep nobody
+// Six hundred TCP servers that stall, drip, send without end, break off or refuse keep nobody
 // honest from being found, nor the request from ending.
 TEST(Population, BadTcpServersHoldNobodyUp) {
     const Outcome outcome = Ask("service:hostile");

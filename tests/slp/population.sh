@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs a test program in a network of its own, with the service agents that it expects on the
-# other end of the cable: population.sh PROGRAM.exe
+# Runs a test program, and kestctl, in a network of its own, with the service agents that they
+# expect on the other end of the cable: population.sh PROGRAM.exe KESTCTL.exe
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
 
@@ -16,8 +16,8 @@ agents=(
     "service:mixed first=10.77.1.10 count=10 deaf=2"
     "service:mixed first=10.77.1.20 count=10 delay=0.3-0.9"
     "service:long first=10.77.1.0 count=50 tcp=whole list=$long"
-    "service:hostile first=10.77.1.0 count=100 tcp=stall"
-    "service:hostile first=10.77.2.0 count=100 tcp=drip"
+    "service:hostile first=10.77.1.0 count=250 tcp=stall"
+    "service:hostile first=10.77.2.0 count=50 tcp=drip"
     "service:hostile first=10.77.3.0 count=100 tcp=endless"
     "service:hostile first=10.77.4.0 count=100 tcp=cut"
     "service:hostile first=10.77.5.0 count=100 tcp=refuse"
@@ -27,9 +27,21 @@ agents=(
     "service:crowd first=10.77.64.0 count=3 delay=0.2"
     "service:none first=10.77.1.0 count=10 error=4"
     "service:none first=10.77.1.10 count=10 silent"
+    "service:none first=10.77.1.20 count=10 version=1"
+    "service:shown first=10.77.1.7 list=(ip={ip}),empty,(place=2nd\\2C_left\\1B[2J)"
     "service:six first=fd77:0:0:1::1 count=20"
 )
 coproc AGENTS { exec ip netns exec "$peer_ns" "$root/tests/support/service_agents.py" "${agents[@]}"; }
 read -r _ <&"${AGENTS[0]}"
 disown "$AGENTS_PID"
-client_wine "$@"
+
+client_wine "$1"
+
+shown=$(client_wine "$2" slp find service:shown --interface 10.77.255.1)
+[ "$shown" = "agent 1
+  ip     10.77.1.7
+  empty
+  place  2nd, left?[2J
+1 agent answered" ] || fail "kestctl slp find shows: $shown"
+client_wine "$2" slp find service:six --unicast fd77:0:0:1::3 --json |
+    grep -q '"ip": "fd77:0:0:1::3"' || fail "kestctl slp find --json does not show the agent"

@@ -64,6 +64,7 @@ int Run() {
     AddPortCommands(app, openChannel);
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
+    AddSlpCommands(app);
     app.footer("Examples:" + Examples(app));
 
     try {

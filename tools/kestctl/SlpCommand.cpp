@@ -1,0 +1,184 @@
+// kestctl slp find: who answers an SLP attribute request, and with what.
+#include <winsock2.h>
+#include <windows.h>
+
+#include <chrono>
+#include <iostream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "discovery/IPAddress.h"
+#include "slp/AttributeList.h"
+#include "slp/Slp.h"
+#include "tools/kestctl/Command.h"
+
+namespace {
+
+struct FindArguments {
+    std::string service = "service:printer";
+    std::string unicast;
+    unsigned version = 2;
+    std::vector<std::string> interfaces;
+    bool json = false;
+};
+
+struct CloseHandleOfSlp {
+    using pointer = SLPHandle;
+    void operator()(SLPHandle handle) const { SLPClose(handle); }
+};
+using UniqueSlpHandle = std::unique_ptr<void, CloseHandleOfSlp>;
+
+// What the request's callback is handed.
+struct Findings {
+    bool json;
+    nlohmann::json agents = nlohmann::json::array();
+};
+
+const char* Explain(SLPError error) {
+    switch (error) {
+        case SLP_PARAMETER_BAD:
+            return "the request cannot be made: check the service type and its length";
+        case SLP_NETWORK_INIT_FAILED:
+            return "Windows Sockets cannot be started, or the machine's interfaces not be listed";
+        case SLP_NETWORK_ERROR:
+            return "no interface would send the request: check with `kestctl interfaces` that "
+                   "one is up, and that what --interface names is its address";
+        case SLP_MEMORY_ALLOC_FAILED:
+            return "there is not enough memory";
+        default:
+            return "the system would not run the request";
+    }
+}
+
+[[noreturn]] void Fail(SLPError error) {
+    throw CommandFailed(std::string(Explain(error)) + " (SLP error " + std::to_string(error) + ')');
+}
+
+// Text from the network for a terminal, which must not take any of it for a command.
+std::string Printable(std::string text) {
+    for (char& c : text) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) {
+            c = '?';
+        }
+    }
+    return text;
+}
+
+// Tags and values in the order in which the agent has them.
+using Attributes = std::vector<std::pair<std::string, std::string>>;
+
+void PrintAgent(std::size_t number, const Attributes& attributes) {
+    std::size_t width = 0;
+    for (const auto& [tag, value] : attributes) {
+        width = std::max(width, tag.size());
+    }
+    std::cout << "agent " << number << '\n';
+    for (const auto& [tag, value] : attributes) {
+        std::cout << "  " << Printable(tag);
+        if (!value.empty()) {
+            std::cout << std::string(width - tag.size() + 2, ' ') << Printable(value);
+        }
+        std::cout << '\n';
+    }
+    std::cout << std::flush;
+}
+
+SLPBoolean TakeAnswer(SLPHandle, const char* list, SLPError code, void* cookie) {
+    if (code != SLP_OK) {
+        return SLP_TRUE;
+    }
+    auto& findings = *static_cast<Findings*>(cookie);
+    Attributes attributes;
+    slp::Cursor rest(list);
+    while (const auto attribute = slp::NextAttribute(rest)) {
+        attributes.emplace_back(attribute->tag, slp::Unescape(attribute->value));
+    }
+    if (!findings.json) {
+        PrintAgent(findings.agents.size() + 1, attributes);
+    }
+    auto object = nlohmann::json::object();
+    for (auto& [tag, value] : attributes) {
+        object.emplace(std::move(tag), std::move(value));
+    }
+    findings.agents.push_back({{"list", list}, {"attributes", std::move(object)}});
+    return SLP_TRUE;
+}
+
+void Direct(SLPHandle handle, const FindArguments& arguments) {
+    if (!arguments.unicast.empty()) {
+        const IPAddress address(arguments.unicast);
+        int length = 0;
+        const sockaddr* to = address.GetSockAddr(length);
+        if (to == nullptr || SLPSetUnicastIP(handle, to) != SLP_OK) {
+            throw CommandFailed("'" + arguments.unicast +
+                                "' is no host's address: `kestctl resolve NAME` shows a host's");
+        }
+    }
+    std::string list;
+    for (const std::string& address : arguments.interfaces) {
+        list += (list.empty() ? "" : ",") + address;
+    }
+    if (!list.empty() && SLPAssociateIFList(handle, list.c_str()) != SLP_OK) {
+        throw CommandFailed("'" + list +
+                            "' is no interface's address: `kestctl interfaces` shows them");
+    }
+}
+
+void RunFind(const FindArguments& arguments) {
+    SLPHandle opened = nullptr;
+    if (const SLPError error = SLPOpen("en", SLP_FALSE, &opened); error != SLP_OK) {
+        Fail(error);
+    }
+    const UniqueSlpHandle handle(opened);
+    Direct(handle.get(), arguments);
+
+    const auto begin = std::chrono::steady_clock::now();
+    Findings findings{arguments.json};
+    if (const SLPError error =
+            SLPFindAttrs(handle.get(), arguments.service.c_str(), nullptr, nullptr, TakeAnswer,
+                         &findings, nullptr, arguments.version);
+        error != SLP_OK) {
+        Fail(error);
+    }
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    if (arguments.json) {
+        PrintJson({{"service", arguments.service},
+                   {"version", arguments.version},
+                   {"seconds", took.count()},
+                   {"agents", findings.agents}});
+    }
+    if (findings.agents.empty()) {
+        throw CommandFailed(
+            "no agent answered: check that the printer is on and offers '" + arguments.service +
+            "' by SLP version " + std::to_string(arguments.version) +
+            ", and that no firewall keeps UDP port 427 from it; --unicast asks one address alone");
+    }
+    if (!arguments.json) {
+        std::cout << findings.agents.size() << (findings.agents.size() == 1 ? " agent" : " agents")
+                  << " answered\n";
+    }
+}
+
+}  // namespace
+
+void AddSlpCommands(CLI::App& app) {
+    CLI::App& group = *app.add_subcommand("slp", "Speak SLP, as the search for printers does");
+    group.require_subcommand(1);
+
+    const auto arguments = std::make_shared<FindArguments>();
+    CLI::App& find =
+        *group.add_subcommand("find", "List the attributes of all agents that answer a request");
+    AddExample(find, "slp find service:printer --version 1");
+    find.add_option("SERVICE-TYPE", arguments->service, "The service type or URL to ask for")
+        ->capture_default_str();
+    find.add_option("--unicast", arguments->unicast, "Ask this IPv4 or IPv6 address alone");
+    find.add_option("--version", arguments->version, "The version of SLP to speak")
+        ->check(CLI::Range(1, 2))
+        ->capture_default_str();
+    find.add_option("--interface", arguments->interfaces,
+                    "Ask only by the interface with this address; may be given several times")
+        ->allow_extra_args(false);
+    AddJsonFlag(find, arguments->json);
+    find.callback([arguments] { RunFind(*arguments); });
+}
