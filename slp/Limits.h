@@ -17,8 +17,8 @@ inline constexpr std::array kWaitingTimes{
 inline constexpr std::chrono::milliseconds kFetchTime(1500);
 
 // Fetches at the same time, and how long one of them may take while others wait for its place:
-// agents that stall must not keep out those that do not. Together about a thousand a second.
-inline constexpr std::size_t kMaxFetches = 256;
+// agents that stall must not keep out those that do not. Together at least 256 a second.
+inline constexpr std::size_t kMaxFetches = 64;
 inline constexpr std::chrono::milliseconds kFetchTimeInQueue(250);
 
 // A request longer than a datagram of this size is not sent (RFC 2608, section 6: 1400 bytes).

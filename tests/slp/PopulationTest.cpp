@@ -79,8 +79,8 @@ TEST(Population, LongListsComeByTcp) {
         EXPECT_EQ(Value(list, "end"), "here");
 }
 
-// Six hundred TCP servers that stall, drip, send without end, break off or refuse keep nobody
-// honest from being found, nor the request from ending.
+// More TCP servers than are asked at a time stall, drip, send without end, break off or refuse.
+// They keep nobody honest from being found, nor the request from ending.
 TEST(Population, BadTcpServersHoldNobodyUp) {
     const Outcome outcome = Ask("service:hostile");
     const auto honest = Agents(20, 0x4000);

@@ -55,7 +55,7 @@ netns_up() {
     cp -a "$WINEPREFIX"/{*.reg,.update-timestamp,dosdevices} "$client_prefix"
     ln -s "$WINEPREFIX/drive_c" "$client_prefix/drive_c"
     # shellcheck disable=SC2016 # the shell in the client expands it
-    WINEPREFIX=$client_prefix in_client bash -c \
+    KEST_WINEPREFIX=$client_prefix in_client bash -c \
         '. "$1"; wine_server -p && wine cmd /c exit' bash "$root/script/common.sh" \
         </dev/null >/dev/null 2>&1
 }
