@@ -15,7 +15,8 @@ void AddDirectFlag(CLI::App& app) {
 }
 
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app) {
-    if (app.get_option(kDirect)->count() > 0)
+    if (app.get_option(kDirect)->count() > 0) {
         return std::make_unique<SpoolerHost>(SpoolerHost::LibraryBesideProgram());
+    }
     return std::make_unique<SpoolerService>();
 }

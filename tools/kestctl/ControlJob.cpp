@@ -22,8 +22,9 @@ std::wstring DefaultPrinter() {
     DWORD size = 0;
     GetDefaultPrinterW(nullptr, &size);
     std::wstring name(size, L'\0');
-    if (size == 0 || !GetDefaultPrinterW(name.data(), &size))
+    if (size == 0 || !GetDefaultPrinterW(name.data(), &size)) {
         return {};
+    }
     name.resize(wcslen(name.c_str()));
     return name;
 }
@@ -46,7 +47,8 @@ bool PrintsDirectly(HANDLE printer) {
 }  // namespace
 
 // Named after the process, so that two of them do not share a queue.
-WineQueue::WineQueue() : name_(L"kestctl-" + std::to_wstring(GetCurrentProcessId())) {
+WineQueue::WineQueue(std::wstring port)
+    : name_(L"kestctl-" + std::to_wstring(GetCurrentProcessId())) {
     wchar_t driverFile[] = L"wineps.drv";
     wchar_t dataFile[] = L"generic.ppd";
     wchar_t dataType[] = L"RAW";
@@ -57,24 +59,26 @@ WineQueue::WineQueue() : name_(L"kestctl-" + std::to_wstring(GetCurrentProcessId
     driver.pDataFile = dataFile;
     driver.pConfigFile = driverFile;
     driver.pDefaultDataType = dataType;
-    wchar_t port[] = L"NUL:";
     wchar_t processor[] = L"WinPrint";
     PRINTER_INFO_2W printer = {};
     printer.pPrinterName = name_.data();
-    printer.pPortName = port;
+    printer.pPortName = port.data();
     printer.pDriverName = name_.data();
     printer.pPrintProcessor = processor;
     printer.pDatatype = dataType;
     PRINTER_DEFAULTSW access = {nullptr, nullptr, PRINTER_ALL_ACCESS};
     if (AddPrinterDriverExW(nullptr, 3, reinterpret_cast<BYTE*>(&driver),
-                            APD_COPY_NEW_FILES | APD_COPY_FROM_DIRECTORY))
+                            APD_COPY_NEW_FILES | APD_COPY_FROM_DIRECTORY)) {
         printer_.Reset(AddPrinterW(nullptr, 2, reinterpret_cast<BYTE*>(&printer)));
+    }
     // A process of this number that was killed left it behind.
-    if (!printer_ && GetLastError() == ERROR_PRINTER_ALREADY_EXISTS)
+    if (!printer_ && GetLastError() == ERROR_PRINTER_ALREADY_EXISTS) {
         OpenPrinterW(name_.data(), printer_.Out(), &access);
-    if (!printer_)
+    }
+    if (!printer_) {
         throw CommandFailed("Wine makes no printer to control the job with: " +
                             ErrorText(GetLastError()) + "; name one with --printer");
+    }
 }
 
 WineQueue::~WineQueue() {
@@ -84,23 +88,28 @@ WineQueue::~WineQueue() {
 
 ControlJob::ControlJob(const std::wstring& printer, const std::wstring& document)
     : printerName_(printer.empty() ? DefaultPrinter() : printer) {
-    if (printerName_.empty() && UnderWine())
+    if (printerName_.empty() && UnderWine()) {
         printerName_ = ownQueue_.emplace().Name();
-    if (printerName_.empty())
+    }
+    if (printerName_.empty()) {
         throw CommandFailed(
             "there is no default printer to control the job with: "
             "name a printer with --printer");
+    }
     PRINTER_DEFAULTSW access = {nullptr, nullptr, PRINTER_ACCESS_USE};
-    if (!OpenPrinterW(printerName_.data(), printer_.Out(), &access))
+    if (!OpenPrinterW(printerName_.data(), printer_.Out(), &access)) {
         Fail(printerName_, "cannot be opened: " + ErrorText(GetLastError()));
-    if (PrintsDirectly(printer_.Get()))
+    }
+    if (PrintsDirectly(printer_.Get())) {
         Fail(printerName_, "prints without spooling");
+    }
     std::wstring documentName = document;
     wchar_t raw[] = L"RAW";
     DOC_INFO_1W info = {documentName.data(), nullptr, raw};
     id_ = StartDocPrinterW(printer_.Get(), 1, reinterpret_cast<LPBYTE>(&info));
-    if (id_ == 0)
+    if (id_ == 0) {
         Fail(printerName_, "gives no job: " + ErrorText(GetLastError()));
+    }
     if (!SetJobW(printer_.Get(), id_, 0, nullptr, JOB_CONTROL_PAUSE)) {
         const DWORD error = GetLastError();
         Remove();
@@ -116,8 +125,9 @@ ControlJob::ControlJob(const std::wstring& printer, const std::wstring& document
 ControlJob::~ControlJob() {
     SetConsoleCtrlHandler(OnConsoleEvent, FALSE);
     const std::lock_guard lock(liveLock);
-    if (std::erase(live, this) != 0)
+    if (std::erase(live, this) != 0) {
         Remove();
+    }
 }
 
 // Deleted first, aborted then: closing a printer while its document is open would end the
@@ -130,8 +140,9 @@ void ControlJob::Remove() noexcept {
 
 BOOL WINAPI ControlJob::OnConsoleEvent(DWORD) {
     const std::lock_guard lock(liveLock);
-    for (ControlJob* job : live)
+    for (ControlJob* job : live) {
         job->Remove();
+    }
     live.clear();
     return FALSE;  // and now what the system does by default: it ends the process
 }

@@ -7,10 +7,10 @@
 #include "monitor/Resource.h"
 
 // A queue that lives as long as this object, for Wine, where there is often none: Wine's own
-// driver on the port NUL:. Nothing is ever printed through it.
+// driver. Nothing is ever printed through it unless a port is given that can print.
 class WineQueue {
   public:
-    WineQueue();  // throws CommandFailed
+    explicit WineQueue(std::wstring port = L"NUL:");  // throws CommandFailed
     ~WineQueue();
     WineQueue(const WineQueue&) = delete;
     WineQueue& operator=(const WineQueue&) = delete;

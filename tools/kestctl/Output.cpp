@@ -37,14 +37,16 @@ void PrintTable(const std::vector<std::string>& heading,
                 const std::vector<std::vector<std::string>>& rows) {
     std::vector<size_t> widths(heading.size());
     const auto widen = [&widths](const std::vector<std::string>& row) {
-        for (size_t i = 0; i < row.size(); ++i)
+        for (size_t i = 0; i < row.size(); ++i) {
             widths[i] = std::max(widths[i], Width(row[i]));
+        }
     };
     widen(heading);
     std::for_each(rows.begin(), rows.end(), widen);
     PrintRow(heading, widths);
-    for (const auto& row : rows)
+    for (const auto& row : rows) {
         PrintRow(row, widths);
+    }
 }
 
 void AddExample(CLI::App& command, const std::string& line) {
@@ -56,8 +58,9 @@ std::string Examples(const CLI::App& app) {
     for (const CLI::App* command : app.get_subcommands(nullptr)) {
         const std::string footer = command->get_footer();
         text += Examples(*command);
-        if (const size_t line = footer.find('\n'); line != std::string::npos)
+        if (const size_t line = footer.find('\n'); line != std::string::npos) {
             text += footer.substr(line);
+        }
     }
     return text;
 }

@@ -82,12 +82,13 @@ void AddList(CLI::App& port, const ChannelFactory& openChannel) {
             rows.push_back({settings["name"], Destination(port), OrNone(settings["mac"]),
                             port.extended.dwAlwaysPrint != 0 ? "yes" : "no"});
         }
-        if (arguments->json)
+        if (arguments->json) {
             PrintJson(document);
-        else if (rows.empty())
+        } else if (rows.empty()) {
             std::cout << "there is no port yet: `kestctl port add` makes one\n";
-        else
+        } else {
             PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT"}, rows);
+        }
     });
 }
 
@@ -146,8 +147,10 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel) {
     command.add_option("NAME", arguments->name, "The port")->required();
     AddSettings(command, arguments->change);
     command.callback([arguments, openChannel, &command] {
-        if (command.count_all() <= 2)  // "set" and NAME
+        const auto isGiven = [](const CLI::Option* option) { return option->count() > 0; };
+        if (command.get_options(isGiven).size() == 1) {  // NAME alone
             throw CLI::RequiredError("a setting to change");
+        }
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
         const PortRecords before = ReadPort(*channel, name);
@@ -166,10 +169,11 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
-        if (const auto queues = QueuesOn(name); !queues.empty())
+        if (const auto queues = QueuesOn(name); !queues.empty()) {
             throw CommandFailed("port " + ToUtf8(name) + " is used by printer " +
                                 ToUtf8(queues.front()) +
                                 ": delete that printer or give it another port first");
+        }
         DeletePort(*channel, name);
         std::cout << "port " << ToUtf8(name) << " deleted\n";
     });

@@ -44,23 +44,27 @@ constexpr char kHostNameCharacters[] =
 
 // What every text must be. An empty one cannot be stored: the monitor keeps the old value then.
 std::string CheckText(const std::string& text, size_t room) {
-    if (text.empty())
+    if (text.empty()) {
         return "must not be empty";
+    }
     const size_t length = ToWide(text).size();
-    if (length > room)
+    if (length > room) {
         return "is too long: " + std::to_string(length) + " characters, " + std::to_string(room) +
                " fit";
-    if (HasControlCharacter(text))
+    }
+    if (HasControlCharacter(text)) {
         return "contains a control character";
+    }
     return {};
 }
 
 // Printable ASCII without blanks: what goes over the wire as one word.
 std::string CheckWord(const std::string& text, size_t room) {
     std::string problem = CheckText(text, room);
-    if (problem.empty() &&
-        std::any_of(text.begin(), text.end(), [](unsigned char c) { return c <= ' ' || c > '~'; }))
+    if (problem.empty() && std::any_of(text.begin(), text.end(),
+                                       [](unsigned char c) { return c <= ' ' || c > '~'; })) {
         problem = "may only have printable ASCII characters, no blanks";
+    }
     return problem;
 }
 
@@ -77,35 +81,41 @@ void ApplyAddress(const PortChange& change, PortRecords& records) {
         SetField(records.extended.sztIPv6HostName, *change.ipv6);
         records.extended.dwUseIPV6 = TRUE;
     }
-    if (AddressInUse(records).empty())
+    if (AddressInUse(records).empty()) {
         throw CLI::ValidationError("--address", "is needed: where is the printer?");
+    }
 }
 
 void ApplyProtocol(const PortChange& change, PORT_DATA_1& port) {
     const DWORD before = port.dwProtocol;
-    if (change.protocol)
+    if (change.protocol) {
         port.dwProtocol = *change.protocol == "lpr" ? kProtocolLpr : kProtocolRaw;
-    else if (before == 0)
+    } else if (before == 0) {
         port.dwProtocol = kProtocolRaw;
+    }
 
-    if (change.portNumber)
+    if (change.portNumber) {
         port.dwPortNumber = *change.portNumber;
-    else if (port.dwPortNumber == 0 ||
-             (before != port.dwProtocol && port.dwPortNumber == UsualPortNumber(before)))
+    } else if (port.dwPortNumber == 0 ||
+               (before != port.dwProtocol && port.dwPortNumber == UsualPortNumber(before))) {
         port.dwPortNumber = UsualPortNumber(port.dwProtocol);
+    }
 
     if (port.dwProtocol == kProtocolLpr) {
-        if (change.queue)
+        if (change.queue) {
             SetField(port.sztQueue, *change.queue);
-        else if (port.sztQueue[0] == L'\0')
+        } else if (port.sztQueue[0] == L'\0') {
             SetField(port.sztQueue, "lp");
+        }
         port.dwDoubleSpool = change.doubleSpool.value_or(port.dwDoubleSpool != 0);
         return;
     }
-    if (change.queue)
+    if (change.queue) {
         throw CLI::ValidationError("--queue", "belongs to LPR: add --protocol lpr");
-    if (change.doubleSpool.value_or(false))
+    }
+    if (change.doubleSpool.value_or(false)) {
         throw CLI::ValidationError("--double-spool", "belongs to LPR: add --protocol lpr");
+    }
     port.dwDoubleSpool = FALSE;
 }
 
@@ -115,47 +125,58 @@ void ApplySnmp(const PortChange& change, PORT_DATA_1& port) {
         port.dwSNMPEnabled = TRUE;
     }
     if (change.snmpIndex) {
-        if (port.dwSNMPEnabled == 0)
+        if (port.dwSNMPEnabled == 0) {
             throw CLI::ValidationError("--snmp-index", "goes with --snmp COMMUNITY");
+        }
         port.dwSNMPDevIndex = *change.snmpIndex;
     } else if (port.dwSNMPEnabled != 0 && port.dwSNMPDevIndex == 0) {
         port.dwSNMPDevIndex = 1;
     }
-    if (change.noSnmp)
+    if (change.noSnmp) {
         port.dwSNMPEnabled = FALSE;
+    }
 }
 
 }  // namespace
 
 std::string CheckPortName(std::string& text) {
-    if (std::string problem = CheckText(text, kPortNameRoom); !problem.empty())
+    if (std::string problem = CheckText(text, kPortNameRoom); !problem.empty()) {
         return problem;
-    if (text.front() == ' ' || text.back() == ' ')
+    }
+    if (text.front() == ' ' || text.back() == ' ') {
         return "must not begin or end with a blank";
-    if (text.find('\\') != std::string::npos)
+    }
+    if (text.find('\\') != std::string::npos) {
         return "must not contain a backslash: the name is a registry key's";
-    if (text.find(',') != std::string::npos)
+    }
+    if (text.find(',') != std::string::npos) {
         return "must not contain a comma: the spooler separates ports by it";
-    if (IsSpoolerPseudoPort(ToWide(text).c_str()))
+    }
+    if (IsSpoolerPseudoPort(ToWide(text).c_str())) {
         return "is a name of the spooler's own network ports, which the monitor skips when it "
                "starts";
+    }
     return {};
 }
 
 std::string CheckIPv4Address(std::string& text) {
     const std::string example = ": give it like 192.168.1.20";
-    if (!IsIPv4AddressText(text))
+    if (!IsIPv4AddressText(text)) {
         return "'" + text + "' is not an IPv4 address" +
                (IsIPv6AddressText(text) ? ": give an IPv6 address with --ipv6" : example);
-    if (const size_t colon = text.find(':'); colon != std::string::npos)
+    }
+    if (const size_t colon = text.find(':'); colon != std::string::npos) {
         return "takes the address alone: give the port number with --port " +
                text.substr(colon + 1);
+    }
     // Some resolvers read 010 as 8.
     for (size_t start = 0; start < text.size(); start = text.find('.', start) + 1) {
-        if (text[start] == '0' && start + 1 < text.size() && text[start + 1] != '.')
+        if (text[start] == '0' && start + 1 < text.size() && text[start + 1] != '.') {
             return "'" + text + "' has a number with a leading zero" + example;
-        if (text.find('.', start) == std::string::npos)
+        }
+        if (text.find('.', start) == std::string::npos) {
             break;
+        }
     }
     return {};
 }
@@ -165,16 +186,20 @@ std::string CheckIPv6Host(std::string& text) {
         !problem.empty())
         return problem;
     if (text.find(':') == std::string::npos) {
-        if (IsIPv4AddressText(text))
+        if (IsIPv4AddressText(text)) {
             return "'" + text + "' is an IPv4 address: give it with --address";
-        if (text.find_first_not_of(kHostNameCharacters) != std::string::npos)
+        }
+        if (text.find_first_not_of(kHostNameCharacters) != std::string::npos) {
             return "'" + text + "' is neither an IPv6 address nor a host name";
+        }
         return {};
     }
-    if (text.front() == '[')
+    if (text.front() == '[') {
         return "takes the address without brackets; the port number goes with --port";
-    if (!IsIPv6AddressText(text) || text.find('/') != std::string::npos)
+    }
+    if (!IsIPv6AddressText(text) || text.find('/') != std::string::npos) {
         return "'" + text + "' is not an IPv6 address: give it like fd00::20 or fe80::20%3";
+    }
     return {};
 }
 
@@ -190,22 +215,26 @@ std::string CheckMacAddress(std::string& text) {
     // Six pairs, three groups of four, or no separators at all.
     std::string digits;
     for (const auto& [separator, group] : {std::pair{':', 2}, {'-', 2}, {'.', 4}}) {
-        if (text.find(separator) == std::string::npos)
+        if (text.find(separator) == std::string::npos) {
             continue;
+        }
         for (size_t i = 0; i < text.size(); ++i) {
-            if ((i + 1) % (group + 1) != 0)
+            if ((i + 1) % (group + 1) != 0) {
                 digits += text[i];
-            else if (text[i] != separator || i + 1 == text.size())
+            } else if (text[i] != separator || i + 1 == text.size()) {
                 digits += '?';
+            }
         }
         break;
     }
-    if (digits.empty())
+    if (digits.empty()) {
         digits = text;
+    }
     std::transform(digits.begin(), digits.end(), digits.begin(),
                    [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 32) : c; });
-    if (!IsMacAddressText(digits))
+    if (!IsMacAddressText(digits)) {
         return "'" + text + "' is not a MAC address: give it like 00:04:00:4a:1b:2c";
+    }
     text = digits;
     return {};
 }
@@ -221,22 +250,26 @@ std::string CheckCommunity(std::string& text) {
 void Apply(const PortChange& change, PortRecords& records) {
     PORT_DATA_1& standard = records.standard;
     PortDataEx& extended = records.extended;
-    if (standard.dwVersion == 0)
+    if (standard.dwVersion == 0) {
         standard.dwVersion = 1;
+    }
     standard.cbSize = sizeof(standard);
     ApplyAddress(change, records);
     ApplyProtocol(change, standard);
     ApplySnmp(change, standard);
-    if (change.hostName)
+    if (change.hostName) {
         SetField(standard.sztHostAddress, *change.hostName);
-    if (change.mac)
+    }
+    if (change.mac) {
         SetField(extended.sztHWAddress, *change.mac);
+    }
     extended.dwAlwaysPrint = change.alwaysPrint.value_or(extended.dwAlwaysPrint != 0);
     if (change.alwaysPrint.value_or(false) && extended.sztHWAddress[0] == L'\0' &&
-        standard.sztHostAddress[0] == L'\0')
+        standard.sztHostAddress[0] == L'\0') {
         throw CLI::ValidationError("--always-print",
                                    "needs --mac or --host-name: how else is the printer found "
                                    "again?");
+    }
 }
 
 std::string ProtocolName(DWORD protocol) {
@@ -259,8 +292,9 @@ std::string AddressInUse(const PortRecords& records) {
 
 std::string Destination(const PortRecords& records) {
     const PORT_DATA_1& port = records.standard;
-    if (port.dwProtocol == 0)
+    if (port.dwProtocol == 0) {
         return ProtocolName(0);
+    }
     const std::string address = AddressInUse(records);
     const bool brackets = address.find(':') != std::string::npos;
     std::string text = ProtocolName(port.dwProtocol) + " to " +
@@ -268,8 +302,9 @@ std::string Destination(const PortRecords& records) {
                        std::to_string(port.dwPortNumber);
     if (port.dwProtocol == kProtocolLpr) {
         text += ", queue " + FieldText(port.sztQueue);
-        if (port.dwDoubleSpool != 0)
+        if (port.dwDoubleSpool != 0) {
             text += ", double spooled";
+        }
     }
     return text;
 }

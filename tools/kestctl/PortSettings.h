@@ -28,17 +28,17 @@ std::string CheckCommunity(std::string& text);
 // What a command line asks for; what it does not mention has no value. Texts have passed their
 // checks.
 struct PortChange {
-    std::optional<std::string> address;
-    std::optional<std::string> ipv6;
-    std::optional<std::string> protocol;  // "raw" or "lpr"
-    std::optional<DWORD> portNumber;
-    std::optional<std::string> queue;
-    std::optional<bool> doubleSpool;
-    std::optional<std::string> hostName;
-    std::optional<std::string> mac;
-    std::optional<bool> alwaysPrint;
-    std::optional<std::string> snmpCommunity;
-    std::optional<DWORD> snmpIndex;
+    std::optional<std::string> address = {};
+    std::optional<std::string> ipv6 = {};
+    std::optional<std::string> protocol = {};  // "raw" or "lpr"
+    std::optional<DWORD> portNumber = {};
+    std::optional<std::string> queue = {};
+    std::optional<bool> doubleSpool = {};
+    std::optional<std::string> hostName = {};
+    std::optional<std::string> mac = {};
+    std::optional<bool> alwaysPrint = {};
+    std::optional<std::string> snmpCommunity = {};
+    std::optional<DWORD> snmpIndex = {};
     bool noSnmp = false;
 };
 

@@ -12,8 +12,9 @@ std::string Reason(DWORD code) {
 }
 
 void Require(DWORD code, const std::string& failure) {
-    if (code != ERROR_SUCCESS)
+    if (code != ERROR_SUCCESS) {
         throw CommandFailed(failure + ": " + Reason(code));
+    }
 }
 
 DWORD SendName(SpoolerChannel& channel, LPCWSTR command, const std::wstring& name,
@@ -30,8 +31,9 @@ auto WithName(const std::vector<std::wstring>& names, const std::wstring& name) 
 
 void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords records) {
     const std::string failure = "port " + ToUtf8(name) + " cannot be configured";
-    if (name.size() >= std::size(records.standard.sztPortName))
+    if (name.size() >= std::size(records.standard.sztPortName)) {
         throw CommandFailed(failure + ": its name is too long for the configuration record");
+    }
     name.copy(records.standard.sztPortName, name.size());
     name.copy(records.extended.sztPortName, name.size());
     Require(channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
@@ -39,10 +41,11 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     Require(
         channel.Xcv(L"SetConfigExData", &records.extended, sizeof(records.extended), nullptr, 0),
         failure);
-    if (ToJson(name, ReadPort(channel, name)) != ToJson(name, records))
+    if (ToJson(name, ReadPort(channel, name)) != ToJson(name, records)) {
         throw CommandFailed(failure +
                             ": the registry did not take all values; may the account "
                             "write the monitor's registry key?");
+    }
 }
 
 }  // namespace
@@ -50,9 +53,10 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
     const std::vector<std::wstring> names = channel.PortNames();
     const auto found = WithName(names, name);
-    if (found == names.end())
+    if (found == names.end()) {
         throw CommandFailed("there is no port " + ToUtf8(name) +
                             ": `kestctl port list` shows those there are");
+    }
     return *found;
 }
 
@@ -69,20 +73,23 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
 
 void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
     const std::vector<std::wstring> names = channel.PortNames();
-    if (const auto found = WithName(names, name); found != names.end())
+    if (const auto found = WithName(names, name); found != names.end()) {
         throw CommandFailed("port " + ToUtf8(*found) + " is already there: `kestctl port set " +
                             Quoted(*found) + " ...` changes it");
+    }
     const DWORD code = SendName(channel, L"AddPort", name);
-    if (code == ERROR_ALREADY_EXISTS)
+    if (code == ERROR_ALREADY_EXISTS) {
         throw CommandFailed("another monitor of the spooler has a port " + ToUtf8(name) +
                             ": choose another name");
+    }
     Require(code, "port " + ToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
     } catch (const CommandFailed& failed) {
         const DWORD removal = SendName(channel, L"DeletePort", name);
-        if (removal == ERROR_SUCCESS)
+        if (removal == ERROR_SUCCESS) {
             throw CommandFailed(std::string(failed.what()) + "; the port was taken away again");
+        }
         throw CommandFailed(std::string(failed.what()) +
                             "; the port could not be taken away again: " + ErrorText(removal) +
                             "; remove it: `kestctl port delete " + Quoted(name) + "`");
@@ -106,9 +113,10 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
 
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
     const DWORD code = SendName(channel, L"DeletePort", name);
-    if (code == ERROR_BUSY)
+    if (code == ERROR_BUSY) {
         throw CommandFailed("port " + ToUtf8(name) +
                             " is in use by a printer: move the printer to another port first");
+    }
     Require(code, "port " + ToUtf8(name) + " cannot be deleted");
 }
 

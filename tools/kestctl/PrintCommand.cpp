@@ -24,11 +24,13 @@ class Document {
         file_.Reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
         LARGE_INTEGER size = {};
-        if (!file_ || !GetFileSizeEx(file_.Get(), &size))
+        if (!file_ || !GetFileSizeEx(file_.Get(), &size)) {
             Fail();
+        }
         size_ = static_cast<std::uint64_t>(size.QuadPart);
-        if (size_ == 0)
+        if (size_ == 0) {
             throw CommandFailed(path_ + " is empty: there is nothing to print");
+        }
     }
 
     std::uint64_t Size() const { return size_; }
@@ -37,8 +39,9 @@ class Document {
     size_t Read(std::vector<BYTE>& buffer) {
         DWORD count = 0;
         if (!ReadFile(file_.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &count,
-                      nullptr))
+                      nullptr)) {
             Fail();
+        }
         return count;
     }
 
@@ -57,16 +60,18 @@ class Progress {
   public:
     explicit Progress(std::uint64_t total) : total_(total), shown_(OutputIsTerminal()) {}
     ~Progress() {
-        if (shown_)
+        if (shown_) {
             std::cout << "\r" << std::string(kWidth + 40, ' ') << '\r' << std::flush;
+        }
     }
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
     void Show(std::uint64_t done) {
         const auto now = std::chrono::steady_clock::now();
-        if (!shown_ || (done < total_ && now < next_))
+        if (!shown_ || (done < total_ && now < next_)) {
             return;
+        }
         next_ = now + std::chrono::milliseconds(100);
         const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total_));
         const auto filled = static_cast<size_t>(part * kWidth);

@@ -69,8 +69,9 @@ constexpr MONITORREG kRegistry = {sizeof(MONITORREG), CreateKey, OpenKey,      C
 class XcvChannel {
   public:
     XcvChannel(const MONITOR2& table, HANDLE monitor) : table_(table) {
-        if (!table_.pfnXcvOpenPort(monitor, L"", SERVER_ACCESS_ADMINISTER, &handle_))
+        if (!table_.pfnXcvOpenPort(monitor, L"", SERVER_ACCESS_ADMINISTER, &handle_)) {
             throw CommandFailed("the monitor opens no channel: " + ErrorText(GetLastError()));
+        }
     }
     ~XcvChannel() { table_.pfnXcvClosePort(handle_); }
     XcvChannel(const XcvChannel&) = delete;
@@ -88,9 +89,10 @@ class OpenedPort {
     OpenedPort(const MONITOR2& table, HANDLE monitor, const std::wstring& name) : table_(table) {
         std::wstring text = name;
         SetLastError(ERROR_FILE_NOT_FOUND);
-        if (!table_.pfnOpenPort(monitor, text.data(), &handle_))
+        if (!table_.pfnOpenPort(monitor, text.data(), &handle_)) {
             throw CommandFailed("port " + ToUtf8(name) +
                                 " cannot be opened: " + ErrorText(GetLastError()));
+        }
     }
     ~OpenedPort() { table_.pfnClosePort(handle_); }
     OpenedPort(const OpenedPort&) = delete;
@@ -130,14 +132,16 @@ class HostJob : public PrintJob {
         DOC_INFO_1W info = {documentName.data(), nullptr, raw};
         SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
-                                    reinterpret_cast<LPBYTE>(&info)))
+                                    reinterpret_cast<LPBYTE>(&info))) {
             throw CommandFailed(portText_ +
                                 " does not start the job: " + StartFailure(GetLastError()));
+        }
     }
 
     ~HostJob() override {
-        if (!ended_)
+        if (!ended_) {
             table_.pfnEndDocPort(port_.Get());
+        }
     }
 
     size_t Write(const BYTE* bytes, size_t count) override {
@@ -145,11 +149,12 @@ class HostJob : public PrintJob {
         SetLastError(ERROR_SUCCESS);
         if (!table_.pfnWritePort(port_.Get(), const_cast<BYTE*>(bytes), static_cast<DWORD>(count),
                                  &taken) ||
-            taken == 0)
+            taken == 0) {
             throw CommandFailed(portText_ +
                                 " takes no more of the job: " + ErrorText(GetLastError()) +
                                 "; the spooler would restart it, --direct sends it once: print it "
                                 "again");
+        }
         return taken;
     }
 
@@ -177,10 +182,11 @@ UniqueRegistryKey OpenRoot(LPCWSTR path) {
     UniqueRegistryKey key;
     const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS,
                                        nullptr, key.Out(), nullptr);
-    if (error != ERROR_SUCCESS)
+    if (error != ERROR_SUCCESS) {
         throw CommandFailed(
             "the monitor's registry key cannot be opened: " + ErrorText(static_cast<DWORD>(error)) +
             (error == ERROR_ACCESS_DENIED ? "; run kestctl as administrator" : ""));
+    }
     return key;
 }
 
@@ -190,15 +196,17 @@ SpoolerHost::SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey)
     : root_(OpenRoot(rootKey)), registry_(kRegistry) {
     init_ = {sizeof(MONITORINIT), this, root_.Get(), &registry_, TRUE, nullptr};
     library_.Reset(LoadLibraryExW(library.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
-    if (!library_)
+    if (!library_) {
         throw CommandFailed(ToUtf8(library.native()) +
                             " cannot be loaded: " + ErrorText(GetLastError()));
+    }
     const auto initialize = reinterpret_cast<decltype(&InitializePrintMonitor2)>(
         reinterpret_cast<void (*)()>(GetProcAddress(library_.Get(), "InitializePrintMonitor2")));
     table_ = initialize != nullptr ? initialize(&init_, &monitor_) : nullptr;
-    if (table_ == nullptr)
+    if (table_ == nullptr) {
         throw CommandFailed(ToUtf8(library.native()) +
                             " does not start as a monitor: " + ErrorText(GetLastError()));
+    }
 }
 
 SpoolerHost::~SpoolerHost() {
@@ -209,8 +217,9 @@ std::filesystem::path SpoolerHost::LibraryBesideProgram() {
     std::wstring path(MAX_PATH, L'\0');
     DWORD length = 0;
     while ((length = GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size()))) ==
-           path.size())
+           path.size()) {
         path.resize(2 * path.size());
+    }
     path.resize(length);
     return std::filesystem::path(path).replace_filename(L"kestmon.dll");
 }
@@ -222,14 +231,16 @@ std::vector<std::wstring> SpoolerHost::PortNames() {
     while (!table_->pfnEnumPorts(monitor_, nullptr, 1, buffer.data(),
                                  static_cast<DWORD>(buffer.size()), &needed, &count)) {
         const DWORD error = GetLastError();
-        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size())
+        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
             throw CommandFailed("the monitor does not list its ports: " + ErrorText(error));
+        }
         buffer.resize(needed);
     }
     std::vector<std::wstring> names;
     const auto* info = reinterpret_cast<const PORT_INFO_1W*>(buffer.data());
-    for (DWORD i = 0; i < count; ++i)
+    for (DWORD i = 0; i < count; ++i) {
         names.emplace_back(info[i].pName);
+    }
     return names;
 }
 

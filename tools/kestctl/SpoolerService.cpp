@@ -18,11 +18,12 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const char* what, Enumerate enum
     // What is listed may grow between two calls.
     while (!enumerate(buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count)) {
         const DWORD error = GetLastError();
-        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size())
+        if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
             throw CommandFailed(
                 std::string("the spooler does not list its ") + what + ": " + ErrorText(error) +
                 (error == RPC_S_SERVER_UNAVAILABLE ? "; start its service: net start spooler"
                                                    : ""));
+        }
         buffer.resize(needed);
     }
     return {std::move(buffer), count};
@@ -32,8 +33,9 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const char* what, Enumerate enum
 bool NamesPort(const std::wstring& ports, const std::wstring& port) {
     std::wistringstream stream(ports);
     for (std::wstring name; std::getline(stream, name, L',');) {
-        if (lstrcmpiW(name.c_str(), port.c_str()) == 0)
+        if (lstrcmpiW(name.c_str(), port.c_str()) == 0) {
             return true;
+        }
     }
     return false;
 }
@@ -43,37 +45,42 @@ class QueuedJob : public PrintJob {
     QueuedJob(const std::wstring& queue, const std::wstring& document) : queue_(ToUtf8(queue)) {
         std::wstring name = queue;
         std::wstring documentName = document;
-        if (!OpenPrinterW(name.data(), printer_.Out(), nullptr))
+        if (!OpenPrinterW(name.data(), printer_.Out(), nullptr)) {
             throw CommandFailed("printer " + queue_ +
                                 " cannot be opened: " + ErrorText(GetLastError()));
+        }
         wchar_t raw[] = L"RAW";
         DOC_INFO_1W info = {documentName.data(), nullptr, raw};
         id_ = StartDocPrinterW(printer_.Get(), 1, reinterpret_cast<LPBYTE>(&info));
-        if (id_ == 0)
+        if (id_ == 0) {
             throw CommandFailed("printer " + queue_ +
                                 " does not take the job: " + ErrorText(GetLastError()));
+        }
         StartPagePrinter(printer_.Get());
     }
 
     ~QueuedJob() override {
-        if (!ended_)
+        if (!ended_) {
             AbortPrinter(printer_.Get());
+        }
     }
 
     size_t Write(const BYTE* bytes, size_t count) override {
         DWORD taken = 0;
         if (!WritePrinter(printer_.Get(), const_cast<BYTE*>(bytes), static_cast<DWORD>(count),
                           &taken) ||
-            taken == 0)
+            taken == 0) {
             throw CommandFailed("printer " + queue_ + " takes no more of job " +
                                 std::to_string(id_) + ": " + ErrorText(GetLastError()));
+        }
         return taken;
     }
 
     void End() override {
-        if (!EndPagePrinter(printer_.Get()) || !EndDocPrinter(printer_.Get()))
+        if (!EndPagePrinter(printer_.Get()) || !EndDocPrinter(printer_.Get())) {
             throw CommandFailed("printer " + queue_ + " does not end job " + std::to_string(id_) +
                                 ": " + ErrorText(GetLastError()));
+        }
         ended_ = true;
     }
 
@@ -99,8 +106,9 @@ std::vector<std::wstring> QueuesOn(const std::wstring& port) {
     std::vector<std::wstring> queues;
     const auto* info = reinterpret_cast<const PRINTER_INFO_2W*>(buffer.data());
     for (size_t i = 0; i < count; ++i) {
-        if (info[i].pPortName != nullptr && NamesPort(info[i].pPortName, port))
+        if (info[i].pPortName != nullptr && NamesPort(info[i].pPortName, port)) {
             queues.emplace_back(info[i].pPrinterName);
+        }
     }
     return queues;
 }
@@ -114,8 +122,9 @@ std::vector<std::wstring> SpoolerService::PortNames() {
     const auto* info = reinterpret_cast<const PORT_INFO_2W*>(buffer.data());
     for (size_t i = 0; i < count; ++i) {
         if (info[i].pMonitorName != nullptr &&
-            lstrcmpiW(info[i].pMonitorName, monitor_.c_str()) == 0)
+            lstrcmpiW(info[i].pMonitorName, monitor_.c_str()) == 0) {
             names.emplace_back(info[i].pPortName);
+        }
     }
     return names;
 }
@@ -128,12 +137,13 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();
             std::string hint;
-            if (error == ERROR_ACCESS_DENIED)
+            if (error == ERROR_ACCESS_DENIED) {
                 hint = "; run kestctl as administrator";
-            else if (error == RPC_S_SERVER_UNAVAILABLE)
+            } else if (error == RPC_S_SERVER_UNAVAILABLE) {
                 hint = "; start its service: net start spooler";
-            else
+            } else {
                 hint = "; install the monitor and restart the spooler, or go without it: --direct";
+            }
             throw CommandFailed("the spooler gives no access to the monitor " + ToUtf8(monitor_) +
                                 ": " + ErrorText(error) + hint);
         }
@@ -141,21 +151,24 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
     DWORD needed = 0;
     DWORD status = ERROR_SUCCESS;
     if (!XcvDataW(xcv_.Get(), command, static_cast<BYTE*>(const_cast<void*>(input)), inputSize,
-                  static_cast<BYTE*>(output), outputSize, &needed, &status))
+                  static_cast<BYTE*>(output), outputSize, &needed, &status)) {
         throw CommandFailed("the spooler does not pass on " + ToUtf8(command) + ": " +
                             ErrorText(GetLastError()));
+    }
     return status;
 }
 
 std::unique_ptr<PrintJob> SpoolerService::StartJob(const std::wstring& port,
                                                    const std::wstring& document,
                                                    const std::wstring& printer) {
-    if (!printer.empty())
+    if (!printer.empty()) {
         return std::make_unique<QueuedJob>(printer, document);
+    }
     const std::vector<std::wstring> queues = QueuesOn(port);
-    if (queues.empty())
+    if (queues.empty()) {
         throw CommandFailed("no printer prints to port " + ToUtf8(port) +
                             ": add one (Windows: Add-Printer -PortName), or send without one: "
                             "--direct");
+    }
     return std::make_unique<QueuedJob>(queues.front(), document);
 }

@@ -45,8 +45,9 @@ std::vector<std::string> Arguments() {
     const std::unique_ptr<LPWSTR[], decltype(&LocalFree)> arguments(
         CommandLineToArgvW(GetCommandLineW(), &count), LocalFree);
     std::vector<std::string> result;
-    for (int i = count - 1; i > 0; --i)
+    for (int i = count - 1; i > 0; --i) {
         result.push_back(ToUtf8(arguments[i]));
+    }
     return result;
 }
 

@@ -1,0 +1,128 @@
+// The monitor behind a channel, as a few maps: keeps ports, fails where it is told to, and collects
+// what jobs are sent.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <sstream>
+
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/PortSettings.h"
+
+struct FakeMonitor {
+    std::map<std::wstring, PortRecords> ports;
+    std::map<std::wstring, DWORD> failing;  // command, the code it answers with
+    std::wstring ignored;                   // command that answers 0 and does nothing
+    int opened = 0;
+
+    std::wstring document;      // name of the last job
+    std::string received;       // its bytes
+    size_t accepts = SIZE_MAX;  // bytes until its connection breaks
+    bool ended = false;
+
+    ChannelFactory Factory();
+};
+
+class FakeJob : public PrintJob {
+  public:
+    explicit FakeJob(FakeMonitor& monitor) : monitor_(monitor) {}
+    // Never more than 1,000 bytes at a time: everybody must offer the rest once more.
+    size_t Write(const BYTE* bytes, size_t count) override {
+        const size_t room = monitor_.accepts - monitor_.received.size();
+        const size_t taken = std::min({count, room, size_t{1000}});
+        if (taken == 0) {
+            throw CommandFailed("connection lost");
+        }
+        monitor_.received.append(reinterpret_cast<const char*>(bytes), taken);
+        return taken;
+    }
+    void End() override { monitor_.ended = true; }
+    std::string Outcome() const override { return "sent"; }
+
+  private:
+    FakeMonitor& monitor_;
+};
+
+class FakeChannel : public SpoolerChannel {
+  public:
+    explicit FakeChannel(FakeMonitor& monitor) : monitor_(monitor) { ++monitor_.opened; }
+
+    std::vector<std::wstring> PortNames() override {
+        std::vector<std::wstring> names;
+        for (const auto& [name, records] : monitor_.ports) {
+            names.push_back(name);
+        }
+        return names;
+    }
+
+    DWORD Xcv(LPCWSTR command, const void* input, DWORD, void* output, DWORD) override {
+        if (const auto failing = monitor_.failing.find(command);
+            failing != monitor_.failing.end()) {
+            return failing->second;
+        }
+        const std::wstring name = static_cast<LPCWSTR>(input);  // the records begin with it, too
+        const std::wstring is = command;
+        if (is == monitor_.ignored) {
+            return ERROR_SUCCESS;
+        }
+        if (is == L"AddPort") {
+            monitor_.ports[name] = {};
+        } else if (is == L"DeletePort") {
+            monitor_.ports.erase(name);
+        } else if (is == L"ConfigurePort") {
+            memcpy(&monitor_.ports[name].standard, input, sizeof(PORT_DATA_1));
+        } else if (is == L"SetConfigExData") {
+            memcpy(&monitor_.ports[name].extended, input, sizeof(PortDataEx));
+        } else if (is == L"GetConfigInfo") {
+            memcpy(output, &monitor_.ports[name].standard, sizeof(PORT_DATA_1));
+        } else if (is == L"GetConfigExData") {
+            memcpy(output, &monitor_.ports[name].extended, sizeof(PortDataEx));
+        } else {
+            return ERROR_INVALID_PARAMETER;
+        }
+        return ERROR_SUCCESS;
+    }
+
+    std::unique_ptr<PrintJob> StartJob(const std::wstring&, const std::wstring& document,
+                                       const std::wstring&) override {
+        monitor_.document = document;
+        return std::make_unique<FakeJob>(monitor_);
+    }
+
+  private:
+    FakeMonitor& monitor_;
+};
+
+inline ChannelFactory FakeMonitor::Factory() {
+    return [this] { return std::make_unique<FakeChannel>(*this); };
+}
+
+// Runs a command line with this monitor behind it. Returns what it printed; what it throws passes.
+inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> arguments) {
+    CLI::App app;
+    app.allow_windows_style_options(false);
+    AddPortCommands(app, monitor.Factory());
+    AddPrintCommand(app, monitor.Factory());
+    std::ostringstream output;
+    std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
+    struct Restore {
+        std::streambuf* buffer;
+        ~Restore() { std::cout.rdbuf(buffer); }
+    } restore{before};
+    std::reverse(arguments.begin(), arguments.end());
+    app.parse(arguments);
+    return output.str();
+}
+
+// What a command line fails with, or nothing.
+inline std::string Failure(FakeMonitor& monitor, std::vector<std::string> arguments) {
+    try {
+        Kestctl(monitor, std::move(arguments));
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return {};
+}

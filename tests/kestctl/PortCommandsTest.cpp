@@ -1,0 +1,113 @@
+#include "tools/kestctl/PortStore.h"
+
+#include <gmock/gmock.h>
+
+#include "tests/kestctl/FakeMonitor.h"
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+TEST(PortCommands, AddShowSetAndDelete) {
+    FakeMonitor monitor;
+    EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr("kestctl port add"));
+    EXPECT_EQ(Kestctl(monitor, {"port", "list", "--json"}), "[]\n");
+    EXPECT_EQ(Kestctl(monitor, {"port", "add", "B\u00fcro", "--address", "10.0.0.1", "--mac",
+                                "00-04-00-4a-1b-2c", "--always-print"}),
+              "port B\u00fcro added: raw to 10.0.0.1:9100\n");
+    Kestctl(monitor, {"port", "add", "LAGER", "--address", "10.0.0.2", "--protocol", "lpr"});
+
+    // By any letter case; what is not mentioned stays.
+    Kestctl(monitor, {"port", "set", "b\u00dcro", "--address", "10.0.0.9", "--no-always-print"});
+    const auto port =
+        nlohmann::json::parse(Kestctl(monitor, {"port", "show", "b\u00fcro", "--json"}));
+    EXPECT_EQ(port["name"], "B\u00fcro");
+    EXPECT_EQ(port["address"], "10.0.0.9");
+    EXPECT_EQ(port["mac"], "0004004A1B2C");
+    EXPECT_EQ(port["alwaysPrint"], false);
+    const auto list = nlohmann::json::parse(Kestctl(monitor, {"port", "list", "--json"}));
+    ASSERT_EQ(list.size(), 2u);
+    EXPECT_EQ(list[0], port);
+    EXPECT_EQ(Kestctl(monitor, {"port", "list"}),
+              "PORT   SENDS                          MAC           ALWAYS PRINT\n"
+              "B\u00fcro   raw to 10.0.0.9:9100           0004004A1B2C  no\n"
+              "LAGER  lpr to 10.0.0.2:515, queue lp  -             no\n");
+
+    Kestctl(monitor, {"port", "delete", "lager"});
+    EXPECT_EQ(monitor.ports.size(), 1u);
+}
+
+TEST(PortCommands, AddIsAllOrNothing) {
+    const std::vector<std::string> add = {"port", "add", "OFFICE", "--address", "10.0.0.1"};
+    for (const wchar_t* step :
+         {L"AddPort", L"ConfigurePort", L"SetConfigExData", L"GetConfigInfo"}) {
+        FakeMonitor monitor;
+        monitor.failing[step] = ERROR_ACCESS_DENIED;
+        EXPECT_THAT(Failure(monitor, add),
+                    AllOf(HasSubstr("OFFICE"), HasSubstr("(5)"), HasSubstr("as administrator")));
+        EXPECT_THAT(monitor.ports, IsEmpty()) << step;
+    }
+    // The monitor answers 0 although the registry took nothing.
+    FakeMonitor monitor;
+    monitor.ignored = L"ConfigurePort";
+    EXPECT_THAT(Failure(monitor, add), HasSubstr("taken away again"));
+    EXPECT_THAT(monitor.ports, IsEmpty());
+    // And when not even that is possible, it says so.
+    monitor.failing[L"DeletePort"] = ERROR_ACCESS_DENIED;
+    EXPECT_THAT(Failure(monitor, add), HasSubstr("kestctl port delete OFFICE"));
+}
+
+TEST(PortCommands, SetRestoresWhatWasThereWhenItFails) {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1"});
+    monitor.failing[L"SetConfigExData"] = ERROR_ACCESS_DENIED;
+    EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--address", "10.0.0.2"}),
+                HasSubstr("kestctl port show OFFICE"));
+    monitor.failing.clear();
+    EXPECT_EQ(
+        nlohmann::json::parse(Kestctl(monitor, {"port", "show", "OFFICE", "--json"}))["address"],
+        "10.0.0.1");
+}
+
+TEST(PortCommands, FailuresSayWhatToDo) {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "MY OFFICE", "--address", "10.0.0.1"});
+    EXPECT_THAT(Failure(monitor, {"port", "add", "my office", "--address", "10.0.0.2"}),
+                HasSubstr("`kestctl port set \"MY OFFICE\" ...` changes it"));
+    for (const char* command : {"show", "delete"}) {
+        EXPECT_THAT(Failure(monitor, {"port", command, "NONE"}), HasSubstr("kestctl port list"));
+    }
+    monitor.failing[L"AddPort"] = ERROR_ALREADY_EXISTS;
+    EXPECT_THAT(Failure(monitor, {"port", "add", "LPT1:", "--address", "10.0.0.1"}),
+                HasSubstr("another monitor"));
+    monitor.failing[L"DeletePort"] = ERROR_BUSY;
+    EXPECT_THAT(Failure(monitor, {"port", "delete", "MY OFFICE"}), HasSubstr("another port first"));
+}
+
+// A command line that is wrong is refused before anything is opened.
+TEST(PortCommands, WrongUsageReachesNoMonitor) {
+    const std::vector<std::string> lines[] = {
+        {"port"},
+        {"port", "add", "P"},
+        {"port", "add", "P", "--address", "10.0.0.1:9100"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--port", "0"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--port", "65536"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--protocol", "ipp"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--queue", "q"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--mac", "00:04"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--snmp", "public", "--no-snmp"},
+        {"port", "add", "Ne01:", "--address", "10.0.0.1"},
+        {"port", "set", "P"},
+        {"port", "show"},
+        {"print", "file"},
+    };
+    for (const auto& line : lines) {
+        FakeMonitor monitor;
+        EXPECT_THROW(Kestctl(monitor, line), CLI::ParseError) << line.back();
+        EXPECT_EQ(monitor.opened, 0) << line.back();
+    }
+}
+
+}  // namespace

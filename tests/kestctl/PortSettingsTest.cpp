@@ -1,0 +1,137 @@
+#include "tools/kestctl/PortSettings.h"
+
+#include <CLI/CLI.hpp>
+#include <gmock/gmock.h>
+
+#include "tools/kestctl/Text.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+using Check = std::string (*)(std::string&);
+
+TEST(PortValues, AreStoredInOneForm) {
+    const struct {
+        Check check;
+        std::string given;
+        std::string stored;
+    } cases[] = {
+        {CheckMacAddress, "00:04:00:4a:1b:2c", "0004004A1B2C"},
+        {CheckMacAddress, "00-04-00-4A-1B-2C", "0004004A1B2C"},
+        {CheckMacAddress, "0004.004a.1b2c", "0004004A1B2C"},
+        {CheckMacAddress, "0004004a1b2c", "0004004A1B2C"},
+        {CheckMacAddress, "none", ""},
+        {CheckIPv4Address, "192.168.1.20", "192.168.1.20"},
+        {CheckIPv4Address, "10.0.0.0", "10.0.0.0"},
+        {CheckIPv6Host, "fd00::20", "fd00::20"},
+        {CheckIPv6Host, "fe80::20%3", "fe80::20%3"},
+        {CheckIPv6Host, "printer-2.example.org", "printer-2.example.org"},
+        {CheckPortName, "B\u00fcro 1", "B\u00fcro 1"},
+        // Lengths count as the field counts them, not in bytes of UTF-8.
+        {CheckPortName, ToUtf8(std::wstring(63, L'\u00e4')), ToUtf8(std::wstring(63, L'\u00e4'))},
+        {CheckQueue, std::string(32, 'q'), std::string(32, 'q')},
+        {CheckHostName, std::string(48, 'h'), std::string(48, 'h')},
+    };
+    for (const auto& c : cases) {
+        std::string text = c.given;
+        EXPECT_EQ(c.check(text), "") << c.given;
+        EXPECT_EQ(text, c.stored) << c.given;
+    }
+}
+
+TEST(PortValues, AreRefusedWithWhatToDo) {
+    const struct {
+        Check check;
+        std::string given;
+        std::string reason;
+    } cases[] = {
+        {CheckPortName, "", "empty"},
+        {CheckPortName, std::string(64, 'p'), "63 fit"},
+        {CheckPortName, "a\\b", "backslash"},
+        {CheckPortName, "LPT1:,OFFICE", "comma"},
+        {CheckPortName, "Ne01:", "skips"},
+        {CheckPortName, " OFFICE", "blank"},
+        {CheckPortName, "OFF\tICE", "control character"},
+        {CheckIPv4Address, "192.168.1.20:9100", "--port 9100"},
+        {CheckIPv4Address, "192.168.1.256", "192.168.1.20"},
+        {CheckIPv4Address, "192.168.1.020", "leading zero"},
+        {CheckIPv4Address, "01.2.3.4", "leading zero"},
+        {CheckIPv4Address, "printer", "not an IPv4 address"},
+        {CheckIPv4Address, "", "not an IPv4 address"},
+        {CheckIPv4Address, "fd00::20", "--ipv6"},
+        {CheckIPv6Host, "10.1.2.3", "--address"},
+        {CheckIPv6Host, "[fd00::20]", "brackets"},
+        {CheckIPv6Host, "fd00::20/64", "not an IPv6 address"},
+        {CheckIPv6Host, "fd00::1::2", "not an IPv6 address"},
+        {CheckIPv6Host, "my printer", "host name"},
+        {CheckIPv6Host, std::string(128, 'h'), "127 fit"},
+        {CheckMacAddress, "00:04:00:4a:1b", "not a MAC address"},
+        {CheckMacAddress, "00:04:00:4a:1b:2c:", "not a MAC address"},
+        {CheckMacAddress, "00:04-00:4a:1b:2c", "not a MAC address"},
+        {CheckMacAddress, "000:4:00:4a:1b:2c", "not a MAC address"},
+        {CheckMacAddress, "00.04.00.4a.1b.2c", "not a MAC address"},
+        {CheckMacAddress, "00:04:00:4a:1b:2g", "not a MAC address"},
+        {CheckMacAddress, "", "not a MAC address"},
+        {CheckQueue, std::string(33, 'q'), "32 fit"},
+        {CheckQueue, "my queue", "no blanks"},
+        {CheckQueue, "", "empty"},
+        {CheckHostName, std::string(49, 'h'), "48 fit"},
+        {CheckCommunity, std::string(33, 'c'), "32 fit"},
+    };
+    for (const auto& c : cases) {
+        std::string text = c.given;
+        EXPECT_THAT(c.check(text), HasSubstr(c.reason)) << c.given;
+    }
+}
+
+// Changes laid one over the other, and where jobs go then.
+TEST(PortSettings, AreCompletedAndKept) {
+    PortRecords port;
+    const auto apply = [&port](const PortChange& change) {
+        Apply(change, port);
+        return Destination(port);
+    };
+    EXPECT_EQ(apply({.address = "10.0.0.1"}), "raw to 10.0.0.1:9100");
+    EXPECT_EQ(apply({.protocol = "lpr"}), "lpr to 10.0.0.1:515, queue lp");
+    EXPECT_EQ(apply({.queue = "q2", .doubleSpool = true}),
+              "lpr to 10.0.0.1:515, queue q2, double spooled");
+    EXPECT_EQ(apply({.ipv6 = "fd00::20", .mac = "0004004A1B2C"}),
+              "lpr to [fd00::20]:515, queue q2, double spooled");
+    EXPECT_EQ(apply({.protocol = "raw"}), "raw to [fd00::20]:9100");
+    EXPECT_EQ(apply({.address = "10.0.0.2", .portNumber = 9101}), "raw to 10.0.0.2:9101");
+    // A number that somebody chose stays with a change of the protocol.
+    EXPECT_EQ(apply({.protocol = "lpr"}), "lpr to 10.0.0.2:9101, queue q2");
+    apply({.alwaysPrint = true, .snmpCommunity = "public"});
+    apply({.portNumber = 515});
+    EXPECT_EQ(ToJson(L"P", port),
+              nlohmann::json::parse(R"({"name": "P", "configured": true, "protocol": "lpr",
+                  "address": "10.0.0.2", "ipv6Host": "fd00::20", "useIPv6": false,
+                  "portNumber": 515, "queue": "q2", "doubleSpool": false, "hostName": "",
+                  "mac": "0004004A1B2C", "alwaysPrint": true,
+                  "snmp": {"enabled": true, "community": "public", "index": 1}})"));
+}
+
+TEST(PortSettings, MustGoTogether) {
+    const struct {
+        PortChange change;
+        std::string reason;
+    } cases[] = {
+        {{.protocol = "raw"}, "--address"},
+        {{.address = "10.0.0.1", .queue = "q"}, "--protocol lpr"},
+        {{.address = "10.0.0.1", .doubleSpool = true}, "--protocol lpr"},
+        {{.address = "10.0.0.1", .alwaysPrint = true}, "--mac or --host-name"},
+        {{.address = "10.0.0.1", .snmpIndex = 2}, "--snmp COMMUNITY"},
+    };
+    for (const auto& c : cases) {
+        PortRecords port;
+        try {
+            Apply(c.change, port);
+            ADD_FAILURE() << c.reason;
+        } catch (const CLI::ValidationError& error) {
+            EXPECT_THAT(error.what(), HasSubstr(c.reason));
+        }
+    }
+}
+
+}  // namespace
