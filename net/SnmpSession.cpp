@@ -1,0 +1,388 @@
+#include "net/SnmpSession.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <new>
+#include <span>
+#include <utility>
+
+#include "discovery/AddressText.h"
+#include "net/Network.h"
+
+const char kConfigMethodOid[] = "1.3.6.1.4.1.11.2.4.3.5.1.0";
+const char kAddressOid[] = "1.3.6.1.4.1.11.2.4.3.5.2.0";
+const char kSubnetMaskOid[] = "1.3.6.1.4.1.11.2.4.3.5.12.0";
+const char kGatewayOid[] = "1.3.6.1.4.1.11.2.4.3.5.13.0";
+const char kSpareOid[] = "1.3.6.1.4.1.11.2.3.9.4.2.1.1.3.11.0";
+
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kNotAnAddress = 3;
+constexpr int kNoBlock = 5;
+constexpr int kNothingReceived = 11;
+constexpr int kNoMemory = 14;
+constexpr DWORD kTimeout = 5000;  // ms
+
+constexpr char kCommunity[] = "snmpro";
+// The octet string has this length whatever the text's, and keeps it: printers are given the
+// community with the zeros behind it.
+constexpr smiUINT32 kCommunityLength = 21;
+static_assert(sizeof kCommunity <= kCommunityLength);
+
+// Held while a callback runs, so that closing a session can wait for one that has begun.
+SRWLOCK callbackLock = SRWLOCK_INIT;
+
+// An object identifier that WinSNMP made.
+class SnmpOid {
+  public:
+    explicit SnmpOid(const char* text) noexcept {
+        if (SnmpStrToOid(text, &oid_) == SNMPAPI_FAILURE) {
+            oid_ = {};
+        }
+    }
+    explicit SnmpOid(const smiOID& oid) noexcept : oid_(oid) {}
+    SnmpOid(const SnmpOid&) = delete;
+    SnmpOid& operator=(const SnmpOid&) = delete;
+    ~SnmpOid() {
+        if (oid_.ptr != nullptr) {
+            SnmpFreeDescriptor(SNMP_SYNTAX_OID, reinterpret_cast<smiLPOPAQUE>(&oid_));
+        }
+    }
+
+    explicit operator bool() const noexcept { return oid_.ptr != nullptr; }
+    smiLPCOID Get() const noexcept { return &oid_; }
+    bool operator==(const SnmpOid& other) const noexcept {
+        return std::equal(oid_.ptr, oid_.ptr + oid_.len, other.oid_.ptr,
+                          other.oid_.ptr + other.oid_.len);
+    }
+
+  private:
+    smiOID oid_ = {};
+};
+
+// A request block, freed with its holder; null when there is no memory.
+struct FreeGlobal {
+    void operator()(SnmpRequest* request) const noexcept { GlobalFree(request); }
+};
+std::unique_ptr<SnmpRequest, FreeGlobal> NewRequest(bool isGet, uint32_t count) {
+    const size_t size = offsetof(SnmpRequest, bindings) + count * sizeof(SnmpBinding);
+    std::unique_ptr<SnmpRequest, FreeGlobal> request(
+        static_cast<SnmpRequest*>(GlobalAlloc(GPTR, size)));
+    if (request) {
+        request->isGet = isGet ? 1 : 0;
+        request->count = count;
+    }
+    return request;
+}
+
+// An IPv4 address as a value to send; it points to its own bytes.
+class AddressValue {
+  public:
+    explicit AddressValue(const std::string& text) {
+        std::string normalized;
+        NormalizeAddressText(text, normalized, false);
+        address_ = inet_addr(normalized.c_str());
+        value_.syntax = SNMP_SYNTAX_IPADDR;
+        value_.value.string.len = sizeof address_;
+        value_.value.string.ptr = reinterpret_cast<smiLPBYTE>(&address_);
+    }
+    AddressValue(const AddressValue&) = delete;
+    AddressValue& operator=(const AddressValue&) = delete;
+
+    // Null when the text was not an address.
+    const smiVALUE* Get() const noexcept { return address_ != INADDR_NONE ? &value_ : nullptr; }
+
+  private:
+    u_long address_;
+    smiVALUE value_ = {};
+};
+static_assert(sizeof(u_long) == 4);
+
+bool IsAddressOid(const std::string& oid) {
+    return oid == kSubnetMaskOid || oid == kGatewayOid || oid == kAddressOid;
+}
+
+bool HasOctets(smiUINT32 syntax) {
+    switch (syntax) {
+        case SNMP_SYNTAX_BITS:
+        case SNMP_SYNTAX_OCTETS:
+        case SNMP_SYNTAX_IPADDR:
+        case SNMP_SYNTAX_OPAQUE:
+        case SNMP_SYNTAX_NSAPADDR:
+            return true;
+        default:
+            return false;
+    }
+}
+
+// Takes the value at `index` (from 1) of an answer's list. A late answer to another question can
+// be the one that is received: the names must be those that were asked for.
+bool TakeResult(HSNMP_VBL answer, smiUINT32 index, const SnmpBinding& binding) {
+    const SnmpOid asked(binding.oid);
+    smiOID name = {};
+    smiVALUE value = {};
+    if (!asked || SnmpGetVb(answer, index, &name, &value) == SNMPAPI_FAILURE) {
+        return false;
+    }
+    const SnmpOid answered(name);
+    *binding.result = SnmpValue(value);
+    return answered == asked;
+}
+
+// SetAddress and SetInteger answer the other way round than all the rest, and go on doing so:
+// their callers take 1 for success.
+int Inverted(int result) {
+    return result == kDone ? 1 : 0;
+}
+
+}  // namespace
+
+SnmpValue::~SnmpValue() {
+    if ((HasOctets(value_.syntax) || value_.syntax == SNMP_SYNTAX_OID) &&
+        value_.value.string.ptr != nullptr) {
+        SnmpFreeDescriptor(value_.syntax, &value_.value.string);
+    }
+}
+
+bool SnmpValue::GetInteger(unsigned& integer) const {
+    if (value_.syntax != SNMP_SYNTAX_INT) {
+        return false;
+    }
+    integer = value_.value.uNumber;
+    return true;
+}
+
+bool SnmpValue::GetOctets(smiUINT32 syntax, std::string& octets) const {
+    if (value_.syntax != syntax || !HasOctets(syntax)) {
+        return false;
+    }
+    const smiOCTETS& string = value_.value.string;
+    octets.assign(reinterpret_cast<const char*>(string.ptr),
+                  string.ptr != nullptr ? string.len : 0);
+    return true;
+}
+
+bool SnmpValue::GetDottedText(smiUINT32 syntax, std::string& text) const {
+    std::string octets;
+    if (!GetOctets(syntax, octets)) {
+        return false;
+    }
+    text.clear();
+    for (const unsigned char octet : octets) {
+        text += (text.empty() ? "" : ".") + std::to_string(octet);
+    }
+    return true;
+}
+
+void SnmpSession::CloseSession::operator()(HSNMP_SESSION session) const noexcept {
+    SnmpClose(session);
+    SnmpCleanup();
+}
+
+SNMPAPI_STATUS CALLBACK SnmpSession::Callback(HSNMP_SESSION, HWND, UINT, WPARAM, LPARAM,
+                                              void* data) noexcept {
+    if (data != nullptr) {
+        AcquireSRWLockShared(&callbackLock);
+        SetEvent(data);
+        ReleaseSRWLockShared(&callbackLock);
+    }
+    return 0;
+}
+
+void SnmpSession::Open(const IPAddress& target) {
+    Close();
+    replyEvent_.reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    smiUINT32 unused[5] = {};
+    const bool started =
+        SnmpStartup(&unused[0], &unused[1], &unused[2], &unused[3], &unused[4]) != SNMPAPI_FAILURE;
+    session_.reset(SnmpCreateSession(nullptr, 0, Callback, replyEvent_.get()));
+    if (started && !session_) {
+        SnmpCleanup();
+    }
+    SnmpSetTranslateMode(SNMPAPI_UNTRANSLATED_V2);
+
+    smiBYTE community[kCommunityLength] = {};
+    memcpy(community, kCommunity, sizeof kCommunity);
+    const smiOCTETS octets = {kCommunityLength, community};
+    context_.reset(SnmpStrToContext(session_.get(), &octets));
+
+    std::string address;
+    NormalizeAddressText(target.GetText(), address, false);
+    destEntity_.reset(SnmpStrToEntity(session_.get(), address.c_str()));
+    target_ = target;
+}
+
+void SnmpSession::Close() {
+    destEntity_.reset();
+    context_.reset();
+    session_.reset();
+    // A callback that began before the session was closed may not have set the event yet.
+    AcquireSRWLockExclusive(&callbackLock);
+    ReleaseSRWLockExclusive(&callbackLock);
+    replyEvent_.reset();
+}
+
+int SnmpSession::GetNetworkSettings(std::string& ipAddress, std::string& gateway,
+                                    std::string& subnetMask, unsigned& configMethod) {
+    const auto request = NewRequest(true, 4);
+    if (!request) {
+        return kNoBlock;
+    }
+    SnmpValue maskValue;
+    SnmpValue gatewayValue;
+    SnmpValue addressValue;
+    SnmpValue methodValue;
+    request->bindings[0] = {kSubnetMaskOid, nullptr, &maskValue};
+    request->bindings[1] = {kGatewayOid, nullptr, &gatewayValue};
+    request->bindings[2] = {kAddressOid, nullptr, &addressValue};
+    request->bindings[3] = {kConfigMethodOid, nullptr, &methodValue};
+    if (const int result = Request(*request); result != kDone) {
+        return result;
+    }
+    std::string texts[3];
+    unsigned method = 0;
+    if (!gatewayValue.GetDottedText(SNMP_SYNTAX_IPADDR, texts[0]) ||
+        !maskValue.GetDottedText(SNMP_SYNTAX_IPADDR, texts[1]) ||
+        !addressValue.GetDottedText(SNMP_SYNTAX_IPADDR, texts[2]) ||
+        !methodValue.GetInteger(method)) {
+        return kFailed;
+    }
+    gateway = std::move(texts[0]);
+    subnetMask = std::move(texts[1]);
+    ipAddress = std::move(texts[2]);
+    configMethod = method;
+    return kDone;
+}
+
+int SnmpSession::SetNetworkSettings(const std::string& ipAddress, const std::string& gateway,
+                                    const std::string& subnetMask) {
+    const auto request = NewRequest(false, 3);
+    if (!request) {
+        return kNoBlock;
+    }
+    const AddressValue addressValue(ipAddress);
+    const AddressValue gatewayValue(gateway);
+    const AddressValue maskValue(subnetMask);
+    request->bindings[0] = {kAddressOid, addressValue.Get(), nullptr};
+    request->bindings[1] = {kGatewayOid, gatewayValue.Get(), nullptr};
+    request->bindings[2] = {kSubnetMaskOid, maskValue.Get(), nullptr};
+    return Request(*request);
+}
+
+int SnmpSession::GetInteger(const std::string& oid, unsigned& value) {
+    SnmpValue result;
+    const int status = RequestOne(oid, nullptr, &result);
+    return status != kDone || result.GetInteger(value) ? status : kFailed;
+}
+
+int SnmpSession::GetText(const std::string& oid, std::string& text) {
+    SnmpValue result;
+    if (const int status = RequestOne(oid, nullptr, &result); status != kDone) {
+        return status;
+    }
+    const bool read = IsAddressOid(oid) ? result.GetDottedText(SNMP_SYNTAX_IPADDR, text)
+                                        : result.GetOctets(SNMP_SYNTAX_OCTETS, text);
+    return read ? kDone : kFailed;
+}
+
+int SnmpSession::SetAddress(const std::string& oid, const std::string& addressText) {
+    const AddressValue value(addressText);
+    return value.Get() != nullptr ? Inverted(RequestOne(oid, value.Get(), nullptr)) : kNotAnAddress;
+}
+
+int SnmpSession::SetInteger(const std::string& oid, unsigned value) {
+    smiVALUE integer = {};
+    integer.syntax = SNMP_SYNTAX_INT;
+    integer.value.uNumber = value;
+    return Inverted(RequestOne(oid, &integer, nullptr));
+}
+
+int SnmpSession::RequestOne(const std::string& oid, const smiVALUE* value, SnmpValue* result) {
+    const std::unique_ptr<SnmpRequest> request(new (std::nothrow) SnmpRequest());
+    if (!request) {
+        return kNoMemory;
+    }
+    request->isGet = result != nullptr ? 1 : 0;
+    request->count = 1;
+    request->bindings[0] = {oid.c_str(), value, result};
+    return Request(*request);
+}
+
+int SnmpSession::Request(SnmpRequest& request) {
+    const UniqueVbl list(SnmpCreateVbl(session_.get(), nullptr, nullptr));
+    for (const SnmpBinding& binding : std::span(request.bindings, request.count)) {
+        const SnmpOid oid(binding.oid);
+        // A SET that lacks a binding would leave the printer half changed.
+        if (!oid || SnmpSetVb(list.get(), 0, oid.Get(), binding.value) == SNMPAPI_FAILURE) {
+            return kFailed;
+        }
+    }
+    const UniquePdu pdu(SnmpCreatePdu(
+        session_.get(), request.isGet == 1 ? SNMP_PDU_GET : SNMP_PDU_SET, 0, 0, 0, list.get()));
+    ResetEvent(replyEvent_.get());
+    Send(pdu.get());
+    WaitForSingleObject(replyEvent_.get(), kTimeout);
+    return Receive(request);
+}
+
+// Sends from the first of the machine's addresses that the way to the printer starts at.
+void SnmpSession::Send(HSNMP_PDU pdu) {
+    const Network& network = Network::GetInstance();
+    const MIB_IPADDRTABLE* table = network.GetAddressTable();
+    const int rows = table != nullptr ? static_cast<int>(table->dwNumEntries) : 0;
+    for (int i = 0; i < rows; ++i) {
+        const char* address = network.GetLocalAddress(i);
+        const UniqueEntity source(address != nullptr ? SnmpStrToEntity(session_.get(), address)
+                                                     : nullptr);
+        if (source && SnmpSendMsg(session_.get(), source.get(), destEntity_.get(), context_.get(),
+                                  pdu) != SNMPAPI_FAILURE) {
+            return;
+        }
+    }
+}
+
+// Receives whatever is there. Everything that the library hands out here is the caller's to free.
+int SnmpSession::Receive(SnmpRequest& request) {
+    HSNMP_ENTITY from = nullptr;
+    HSNMP_ENTITY to = nullptr;
+    HSNMP_CONTEXT community = nullptr;
+    HSNMP_PDU received = nullptr;
+    const SNMPAPI_STATUS status = SnmpRecvMsg(session_.get(), &from, &to, &community, &received);
+    const bool nothing =
+        status == SNMPAPI_FAILURE && SnmpGetLastError(session_.get()) == SNMPAPI_NOOP;
+    UniqueEntity answering(from);
+    const UniqueEntity self(to);
+    UniqueContext answerContext(community);
+    const UniquePdu pdu(received);
+    if (status == SNMPAPI_FAILURE) {
+        return nothing ? kNothingReceived : kFailed;
+    }
+    destEntity_ = std::move(answering);
+    context_ = std::move(answerContext);
+
+    smiINT type = 0;
+    smiINT32 requestId = 0;
+    smiINT errorStatus = 0;
+    smiINT errorIndex = 0;
+    HSNMP_VBL bindings = nullptr;
+    if (SnmpGetPduData(pdu.get(), &type, &requestId, &errorStatus, &errorIndex, &bindings) ==
+        SNMPAPI_FAILURE) {
+        return kFailed;
+    }
+    const UniqueVbl answer(bindings);
+    // The error status is all that tells a refused SET from one that was carried out.
+    if (errorStatus != SNMP_ERROR_NOERROR) {
+        return kFailed;
+    }
+    smiUINT32 index = 0;
+    for (const SnmpBinding& binding : std::span(request.bindings, request.count)) {
+        ++index;
+        if (binding.result != nullptr && !TakeResult(answer.get(), index, binding)) {
+            return kFailed;
+        }
+    }
+    return kDone;
+}
