@@ -1,0 +1,416 @@
+// The search object and the engine below it, over an SLP library that does as it is told.
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+
+#include "discovery/PrinterDiscoveryClass.h"
+#include "net/Network.h"
+#include "tests/discovery/ConfigFolder.h"
+#include "tests/support/FakeSlp.h"
+#include "tests/support/ImportPatch.h"
+#include "tests/support/LogCapture.h"
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+namespace {
+
+constexpr char kXml[] = R"(<slp_config>
+  <version>2</version><service_name>service:printer</service_name>
+  <multicast_address>239.255.255.253</multicast_address>
+  <attr_parsing_info>
+    <ip_addr_key>ip</ip_addr_key><ip_addr2_key>ip2</ip_addr2_key><mac_addr_key>mac</mac_addr_key>
+    <host_name_key>host</host_name_key><device_id_string_key>id</device_id_string_key>
+    <model_name_key>MDL</model_name_key><description_key>DES</description_key>
+  </attr_parsing_info></slp_config>)";
+
+const std::string kInfo = "[info]          - ";
+
+// The addresses that answer pings.
+std::vector<std::string> pinged;
+std::string answersPing;
+
+DWORD WINAPI FakeEcho(HANDLE, HANDLE, FARPROC, PVOID, IPAddr address, LPVOID, WORD,
+                      PIP_OPTION_INFORMATION, LPVOID reply, DWORD, DWORD) {
+    pinged.push_back(inet_ntoa(reinterpret_cast<in_addr&>(address)));
+    *static_cast<ICMP_ECHO_REPLY*>(reply) = {};
+    static_cast<ICMP_ECHO_REPLY*>(reply)->DataSize = 4;
+    return pinged.back() == answersPing ? 1 : 0;
+}
+
+decltype(&GetProcAddress) realGetProcAddress = nullptr;  // the import, before it is replaced
+
+FARPROC WINAPI FakeGetProcAddress(HMODULE module, LPCSTR name) {
+    return strcmp(name, "IcmpSendEcho2") == 0
+               ? reinterpret_cast<FARPROC>(reinterpret_cast<void*>(FakeEcho))
+               : realGetProcAddress(module, name);
+}
+
+class SearchTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        folder.Write(kXml);
+        ASSERT_TRUE(search.Configure(""));
+        pinged.clear();
+        answersPing.clear();
+    }
+    static void SetUpTestSuite() {
+        realGetProcAddress = GetProcAddress;
+        static const ImportPatch patch(GetModuleHandleW(nullptr), "GetProcAddress",
+                                       FakeGetProcAddress);
+        Singleton<Network>::GetInstance().Start();
+    }
+
+    // The messages of one function.
+    std::vector<std::string> LinesOf(const std::string& function) const {
+        std::vector<std::string> lines;
+        for (const std::string& line : log.Lines()) {
+            if (const size_t bar = line.rfind('|'); line.substr(bar + 1) == function) {
+                lines.push_back(line.substr(0, bar));
+            }
+        }
+        return lines;
+    }
+    std::string Value(const std::string& list, const std::string& key) {
+        std::string value = "untouched";
+        search.ExtractStringValue(key, list, value);
+        return value;
+    }
+
+    LogCapture log;
+    ConfigFolder folder;
+    FakeSlp slp;
+    PrinterDiscovery search;
+    Printer found;
+};
+
+constexpr char kPrinter[] =
+    "(ip=10.1.2.3),(ip2=fe80::1),(mac=0004004A1B2C),(host=PRN-01),(id=MFG:Acme;MDL:Model 100;"
+    "DES:Office printer;)";
+
+TEST_F(SearchTest, FindsAPrinterByItsMacAddress) {
+    slp.answers = {"(ip=10.1.2.9),(mac=0004004a1b2d)", kPrinter};
+    ASSERT_TRUE(search.FindPrinterByMacAddress(MacAddress(std::string("0004004a1b2c")), found));
+    EXPECT_EQ(found.GetIPAddress().GetText(), "10.1.2.3");
+    EXPECT_EQ(found.GetHostName(), "PRN-01");
+    EXPECT_EQ(found.GetModelName(), "Model 100");
+    EXPECT_EQ(found.GetDescription(), "Office printer");
+    EXPECT_THAT(slp.TakeCalls(),
+                ElementsAre("open en sync", "find service:printer 239.255.255.253 v2", "close"));
+    EXPECT_THAT(pinged, IsEmpty());
+
+    const auto mine = LinesOf("PrinterDiscovery::DoSpecificSearch");
+    ASSERT_GE(mine.size(), 4u);
+    EXPECT_THAT(mine, Contains(kInfo + "context macaddress is: 0004004a1b2c"));
+    EXPECT_THAT(std::vector<std::string>(mine.begin() + 4, mine.end()),
+                ElementsAre(kInfo + "Searching for a printer by ip addr, mac addr or hostname!",
+                            kInfo + "Using IPv4 Multicast Address = 239.255.255.253",
+                            kInfo + "Call foundPrinters", kInfo + "Call PD_DiscoverPrintersSynch",
+                            kInfo + "Successfully found 1 printer(s)", kInfo + "Successfull!!!"));
+    EXPECT_THAT(LinesOf("PD_DiscoverPrintersSynch"),
+                ElementsAre(kInfo + "PD_DiscoverPrintersSynch - start", kInfo + "SLPOpen",
+                            kInfo + "SLPSetUnicastIP() - setting mcaddr", kInfo + "Setup userdata",
+                            kInfo + "SLPFindAttrs()", kInfo + "SLPFindAttrs - end=0"));
+    const auto callback = LinesOf("PrinterDiscovery::PrinterDiscoveryCB");
+    EXPECT_THAT(
+        std::vector<std::string>(callback.begin() + 6, callback.end()),
+        ElementsAre(kInfo + "PrinterDiscoveryCB() - start",
+                    StartsWith(kInfo + "Printer is: IPAddress: 10.1.2.3IPAddress2: fe80::1 Mac"),
+                    kInfo + "Printer is the same model we are looking for",
+                    kInfo + "Searching context ipaddress is Invalid object",
+                    kInfo + "Searching context macaddress is 0004004a1b2c",
+                    kInfo + "Searching context hostname is",
+                    StartsWith(kInfo + "Find specific mac"), kInfo + "Adding printer to list",
+                    kInfo + "PrinterDiscoveryCB() - start", kInfo + "We are done!",
+                    kInfo + "Done!"));
+}
+
+TEST_F(SearchTest, HostNamesCompareWholeAndInAnyCase) {
+    slp.answers = {"(ip=10.1.2.3),(host=prn-01.example)", "(ip=10.1.2.4),(host=prn-0)",
+                   "(ip=10.1.2.5),(host=prn-01)", "(ip=10.1.2.6),(host=PRN-01)"};
+    ASSERT_TRUE(search.FindPrinterByHostName("PRN-01", found));
+    EXPECT_EQ(found.GetIPAddress().GetText(), "10.1.2.5") << "the first of those that match";
+    EXPECT_EQ(search.GetFoundPrinterCount(), 2);
+    EXPECT_FALSE(search.FindPrinterByHostName("prn", found));
+    EXPECT_EQ(search.GetFoundPrinterCount(), 0);
+    EXPECT_EQ(found.GetIPAddress().GetText(), "10.1.2.5") << "the record stays as it was";
+    EXPECT_EQ(LinesOf("PrinterDiscovery::DoSpecificSearch").back(),
+              "[code error]    - Return from DiscoverPrinterSynch is 0");
+}
+
+TEST_F(SearchTest, AnAddressIsAskedDirectlyWhenItAnswersPings) {
+    const std::string name = "PrinterDiscovery::DoSpecificSearch";
+    slp.answers = {"(ip=10.1.2.9)", "(ip=10.9.9.9),(ip2=127.0.0.5)"};
+    answersPing = "127.0.0.5";
+    EXPECT_TRUE(search.FindPrinterByIPAddress(IPAddress(std::string("127.0.0.5")), found));
+    EXPECT_EQ(found.GetOtherIPAddress().GetText(), "127.0.0.5");
+    EXPECT_THAT(slp.TakeCalls(), ElementsAre("open en sync", "unicast 127.0.0.5",
+                                             "find service:printer 127.0.0.5 v2", "close"));
+    EXPECT_THAT(LinesOf("PrinterDiscovery::PrinterDiscoveryCB"),
+                Contains(StartsWith(kInfo + "Find specific IP-2")));
+    EXPECT_THAT(LinesOf(name), Contains(kInfo + "Searching for a specific ip address - end"));
+
+    struct Case {
+        std::string address, destination, logged;
+    };
+    for (const auto& [address, destination, logged] : std::vector<Case>{
+             {"127.0.0.6", "239.255.255.253", "Using IPv4 Multicast Address = 239.255.255.253"},
+             {"::1", "ff02::116", "Using IPv6 Multicast Address = FF02:0:0:0:0:0:0:116"}}) {
+        EXPECT_FALSE(search.FindPrinterByIPAddress(IPAddress(address), found));
+        EXPECT_THAT(slp.TakeCalls(), Contains("find service:printer " + destination + " v2"));
+        EXPECT_THAT(LinesOf(name), Contains("[system error]  - Can't ping, do multicast instead"));
+        EXPECT_THAT(LinesOf(name), Contains(kInfo + logged));
+    }
+    EXPECT_THAT(pinged, ElementsAre("127.0.0.5", "127.0.0.6"));
+}
+
+TEST_F(SearchTest, FailuresOfTheLibrary) {
+    const MacAddress mac(std::string("0004004a1b2c"));
+    const std::string engine = "PD_DiscoverPrintersSynch";
+    slp.answers = {kPrinter};
+
+    slp.openResult = SLP_NETWORK_INIT_FAILED;
+    EXPECT_FALSE(search.FindPrinterByMacAddress(mac, found));
+    EXPECT_THAT(slp.TakeCalls(), ElementsAre("open en sync"));
+    EXPECT_EQ(LinesOf(engine).back(), kInfo + "SLPOpen - PDE_INTERNAL_ERROR=-20");
+    EXPECT_EQ(LinesOf("PrinterDiscovery::DoSpecificSearch").back(),
+              "[code error]    - Return from DiscoverPrinterSynch is -104");
+
+    slp.openResult = SLP_OK;
+    slp.findResult = SLP_NETWORK_ERROR;
+    EXPECT_FALSE(search.FindPrinterByMacAddress(mac, found));
+    EXPECT_EQ(slp.TakeCalls().back(), "close");
+    EXPECT_EQ(LinesOf(engine).back(), kInfo + "SLPFindAttrs - end=-104");
+    EXPECT_THAT(LinesOf(engine), Contains(kInfo + "SLPFindAttrs - PDE_INTERNAL_ERROR=-23"));
+
+    slp.findResult = SLP_OK;
+    slp.unicastResult = SLP_PARAMETER_BAD;
+    answersPing = "127.0.0.5";
+    EXPECT_FALSE(search.FindPrinterByIPAddress(IPAddress(answersPing), found));
+    EXPECT_THAT(slp.TakeCalls(), ElementsAre("open en sync", "unicast 127.0.0.5", "close"));
+    EXPECT_EQ(LinesOf(engine).back(), kInfo + "SLPSetUnicastIP() - PDE_BAD_PARAM1");
+
+    // An error between the answers is not one of the search's.
+    slp.unicastResult = SLP_OK;
+    slp.errors = {SLP_MEMORY_ALLOC_FAILED};
+    EXPECT_TRUE(search.FindPrinterByMacAddress(mac, found));
+}
+
+TEST_F(SearchTest, EngineRefusesWhatItCannotUse) {
+    const auto nothing = [](const char*, int32_t, void*) -> int32_t { return 0; };
+    EXPECT_EQ(PD_DiscoverPrintersSynch(nullptr, 0, nothing, nullptr, 2, nullptr, false), -101);
+    EXPECT_EQ(PD_DiscoverPrintersSynch("service:x", 0, nullptr, nullptr, 2, nullptr, false), -101);
+    EXPECT_THAT(slp.TakeCalls(), IsEmpty());
+    EXPECT_EQ(PD_DiscoverPrintersSynch("service:x", 0, nothing, nullptr, 2, nullptr, true), -101);
+    EXPECT_THAT(slp.TakeCalls(), ElementsAre("open en sync", "close"));
+    EXPECT_EQ(LinesOf("PD_DiscoverPrintersSynch").back(),
+              kInfo + "SLPSetUnicastIP() - PDE_BAD_PARAM2");
+}
+
+TEST_F(SearchTest, EngineEventsInOrder) {
+    std::vector<std::pair<std::string, int32_t>> events;
+    const auto note = [](const char* list, int32_t code, void* context) -> int32_t {
+        static_cast<decltype(events)*>(context)->emplace_back(list != nullptr ? list : "-", code);
+        if (code == PD_SUCCESS && std::string(list) == "bad") {
+            throw std::out_of_range("whatever");
+        }
+        return 1;
+    };
+    slp.answers = {"one", "bad", "three"};
+    slp.errors = {SLP_MEMORY_ALLOC_FAILED};
+    EXPECT_EQ(PD_DiscoverPrintersSynch("service:x", 0, note, &events, 1, nullptr, false), 0);
+    EXPECT_THAT(events, ElementsAre(std::pair("one", 0), std::pair("bad", 0), std::pair("three", 0),
+                                    std::pair("-", -21), std::pair("-", -100)));
+}
+
+TEST_F(SearchTest, AnswersMayLackAttributes) {
+    struct Case {
+        std::string list, host, model, description;
+    };
+    const Case cases[] = {
+        // No host name: the value of the attribute before it.
+        {"(ip=10.1.2.3),(mac=0004004A1B2C)", "0004004A1B2C", "", ""},
+        {"(ip=10.1.2.3)", "10.1.2.3", "", ""},
+        {"", "", "", ""},
+        // No description: the model once more.
+        {"(host=a),(id=MDL:Model 100;)", "a", "Model 100", "Model 100"},
+        {"(host=a),(id=DES:Office;)", "a", "", "Office"},
+        {"(host=a),(id=MFG:Acme)", "a", "", ""},
+        {"(host=a),(id=MDL:Model 100)", "a", "Model 100", "Model 100"},
+        {"(host=a),(id=MDL;DES:x)", "a", "DES:x", "x"},
+    };
+    for (const auto& [list, host, model, description] : cases) {
+        Printer printer;
+        search.LoadPrinterSettingsFromData(list, printer);
+        EXPECT_EQ(printer.GetHostName(), host) << list;
+        EXPECT_EQ(printer.GetModelName(), model) << list;
+        EXPECT_EQ(printer.GetDescription(), description) << list;
+    }
+    EXPECT_EQ(Value("(a=1)", "b"), "untouched");
+    EXPECT_EQ(Value("(a=1)", ""), "untouched");
+}
+
+TEST_F(SearchTest, DeviceIdKeyAtTheEndDropsThatAnswerOnly) {
+    std::string value = "untouched";
+    EXPECT_THROW(search.GetDeviceIdAttr("MDL", "DES:x;MDL", value), std::out_of_range);
+    search.GetDeviceIdAttr("MODEL", "MODEL:100;", value);
+    EXPECT_EQ(value, "L:100") << "the skip is that of a three-letter key";
+
+    slp.answers = {"(ip=10.1.2.3),(host=prn),(id=DES:x;MDL)", "(ip=10.1.2.4),(host=prn)"};
+    EXPECT_TRUE(search.FindPrinterByHostName("prn", found));
+    EXPECT_EQ(found.GetIPAddress().GetText(), "10.1.2.4");
+    EXPECT_THAT(LinesOf("PD_AttributeCallback"),
+                ElementsAre(StartsWith("[code error]    - Answer dropped: ")));
+}
+
+TEST_F(SearchTest, HostileAnswersStayOnTheirLineOfTheLog) {
+    const std::string forged = "\r\n{240315 09:07:05} - [info]          - Successfull!!!";
+    slp.answers = {"(ip=10.1.2.3" + forged + "),(host=prn" + forged + "),(id=MDL:" + forged + ")",
+                   "(ip=" + std::string(60000, '1') + "),(host=" + std::string(5000, '(') + ")"};
+    EXPECT_FALSE(search.FindPrinterByHostName("prn", found));
+    for (const std::string& line : log.Lines()) {
+        EXPECT_THAT(line, Not(StartsWith(kInfo + "Successfull!!!"))) << line;
+    }
+    EXPECT_THAT(log.Text(), HasSubstr("(host=prn\\0D\\0A{240315"));
+}
+
+TEST_F(SearchTest, ListHasEachAddressOnce) {
+    slp.answers = {"(ip=10.1.2.3),(host=a)",
+                   "(ip=10.1.2.3),(host=b)",
+                   "(ip2=10.1.2.3),(host=c)",
+                   "(host=d)",
+                   "(host=e)",
+                   "(ip=::1),(host=f)"};
+    ASSERT_TRUE(search.InitAllPrinterDiscovery());
+    EXPECT_TRUE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
+    slp.Report();
+    ASSERT_EQ(search.GetFoundPrinterCount(), 4) << "records without an address equal nothing";
+    EXPECT_EQ(search.GetFoundPrinter(0).GetHostName(), "a");
+    EXPECT_FALSE(search.GetFoundPrinter(1).IsValid());
+    EXPECT_EQ(search.GetFoundPrinter(3).GetHostName(), "f");
+    search.EndAllPrinterDiscovery();
+    EXPECT_DEATH(search.GetFoundPrinter(4), "");
+    EXPECT_DEATH(search.GetFoundPrinter(-1), "");
+}
+
+TEST_F(SearchTest, ModelPatterns) {
+    struct Case {
+        const char *pattern, *text;
+        bool matches;
+    };
+    const Case cases[] = {
+        {"Laser*", "LaserJet 100", true},
+        {"Laser*", "laserjet 100", false},
+        {"Laser?100", "Laser 100", true},
+        {"Laser?100", "Laser100", false},
+        {"*a*b*c", "xaxbxbc", true},
+        {"*a*b*c", "xaxbxbcd", false},
+        {"abc", "abc", true},
+        {"abc", "abcd", false},
+        {"abc", "ab", false},
+        {"abc***", "abc", true},
+        {"*", "", true},
+        {"?", "", false},
+        {"", "", true},
+        {"", "a", false},
+        {"a*a", "a", false},
+        {"*?", "ab", true},
+    };
+    for (const auto& [pattern, text, matches] : cases) {
+        EXPECT_EQ(search.MatchModelPattern(pattern, text), matches) << pattern << " " << text;
+    }
+    slp.answers = {"(ip=10.1.2.3),(host=prn),(id=MDL:Ink 1;)",
+                   "(ip=10.1.2.4),(host=prn),(id=MDL:Laser 1;)"};
+    search.Configure("Laser*");
+    EXPECT_TRUE(search.FindPrinterByHostName("prn", found));
+    EXPECT_EQ(found.GetIPAddress().GetText(), "10.1.2.4");
+    EXPECT_EQ(search.GetFoundPrinterCount(), 1);
+}
+
+TEST_F(SearchTest, AllPrintersFromBeginningToEnd) {
+    static std::vector<int32_t> told;
+    told.clear();
+    const DiscoveryCallback tell = [](int32_t code, void* data) {
+        told.push_back(code);
+        ++*static_cast<int*>(data);
+    };
+    int ends = 0;
+    std::vector<std::string> asTheyCome;
+    search.SetFoundCallback(
+        [&](const Printer& printer) { asTheyCome.push_back(printer.GetHostName()); });
+    ASSERT_TRUE(search.InitAllPrinterDiscovery());
+    ASSERT_TRUE(search.InitAllPrinterDiscovery()) << "it is open already";
+    EXPECT_TRUE(search.AssociateIFList("127.0.0.1"));
+    ASSERT_TRUE(search.SearchForAllPrinterWithModelName(tell, &ends));
+    slp.answers = {"(ip=10.1.2.3),(host=a)", "(ip=10.1.2.3),(host=b)", "(ip=10.1.2.4),(host=c)"};
+    slp.Report();
+    slp.answers.clear();
+    slp.Report();  // told once only
+    EXPECT_EQ(ends, 1);
+    EXPECT_THAT(told, ElementsAre(-100));
+    EXPECT_THAT(asTheyCome, ElementsAre("a", "c"));
+    EXPECT_TRUE(search.StopSearchingForAllPrinterWithModelName());
+    search.EndAllPrinterDiscovery();
+    EXPECT_EQ(search.GetFoundPrinterCount(), 2) << "the list stays";
+    EXPECT_THAT(slp.TakeCalls(),
+                ElementsAre("open en async", "associate 127.0.0.1",
+                            "find service:printer 239.255.255.253 v2", "stop", "close"));
+    EXPECT_THAT(LinesOf("PrinterDiscovery::InitAllPrinterDiscovery"),
+                ElementsAre(kInfo + "We have good handle to discover",
+                            kInfo + "Clearing found printer list",
+                            kInfo + "Calling PD_InitPrinterDiscovery", kInfo + "Init done"));
+
+    // Without user data there is nobody to tell.
+    ASSERT_TRUE(search.InitAllPrinterDiscovery());
+    EXPECT_TRUE(search.SearchForAllPrinterWithModelName(tell, nullptr));
+    slp.Report();
+    // A search for one printer ends the wait for all of them.
+    EXPECT_TRUE(search.SearchForAllPrinterWithModelName(tell, &ends));
+    search.FindPrinterByHostName("a", found);
+    slp.Report();
+    EXPECT_EQ(ends, 1);
+    search.EndAllPrinterDiscovery();
+}
+
+TEST_F(SearchTest, AllPrintersFailing) {
+    const std::string code = "[code error]    - ";
+    const std::string system = "[system error]  - ";
+    const std::string name = "PrinterDiscovery::";
+    EXPECT_FALSE(search.AssociateIFList("127.0.0.1"));
+    EXPECT_FALSE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
+    EXPECT_FALSE(search.StopSearchingForAllPrinterWithModelName());
+    search.EndAllPrinterDiscovery();
+    const std::string needed = code + "Need to initdiscovery first!|" + name;
+    EXPECT_THAT(log.Lines(),
+                testing::IsSupersetOf({code + "PD_AssociateIFList: Need to initdiscovery first!|" +
+                                           name + "AssociateIFList",
+                                       needed + "SearchForAllPrinterWithModelName",
+                                       needed + "StopSearchingForAllPrinterWithModelName",
+                                       needed + "EndAllPrinterDiscovery"}));
+
+    slp.openResult = SLP_INTERNAL_SYSTEM_ERROR;
+    EXPECT_FALSE(search.InitAllPrinterDiscovery());
+    EXPECT_THAT(log.Lines(), Contains(system + "PD_InitPrinterDiscovery returned err = -104|" +
+                                      name + "InitAllPrinterDiscovery"));
+    slp.openResult = SLP_OK;
+    ASSERT_TRUE(search.InitAllPrinterDiscovery());
+    EXPECT_FALSE(search.AssociateIFList(nullptr));
+    slp.associateResult = SLP_PARAMETER_BAD;
+    EXPECT_FALSE(search.AssociateIFList("nonsense"));
+    EXPECT_THAT(log.Lines(), Contains(system + "PD_AssociateIFList returned err = -101|" + name +
+                                      "AssociateIFList"));
+    slp.findResult = SLP_HANDLE_IN_USE;
+    EXPECT_FALSE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
+    EXPECT_THAT(log.Lines(),
+                Contains(system + "PD_StartPrinterDiscoveryAsynch returned err = -104|" + name +
+                         "SearchForAllPrinterWithModelName"));
+    slp.stopResult = SLP_PARAMETER_BAD;
+    EXPECT_FALSE(search.StopSearchingForAllPrinterWithModelName());
+    search.EndAllPrinterDiscovery();
+}
+
+}  // namespace
