@@ -17,6 +17,12 @@ fail() {
     exit 1
 }
 
+# Has a command run when the script ends, before those that it was told earlier.
+at_exit() {
+    exit_commands="$1; ${exit_commands:-}"
+    trap 'eval "$exit_commands"' EXIT
+}
+
 # The server of this prefix, and of no other.
 wine_server() {
     if command -v wineserver >/dev/null; then
@@ -48,7 +54,7 @@ wine_up() {
     wine_prefix
     wine_running && return
     wine_server -p >/dev/null 2>&1
-    trap wine_down EXIT
+    at_exit wine_down
     # The first program starts Wine's services, and they keep its output open for as long as they
     # live: it must not be one whose output somebody reads to the end.
     wine cmd /c exit </dev/null >/dev/null 2>&1

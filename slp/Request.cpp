@@ -91,8 +91,8 @@ SLPError Request::Collect() noexcept {
 }
 
 void Request::Rounds() {
-    for (;;) {
-        const auto end = Now() + collector_.WaitingTime();
+    for (auto end = Now();;) {
+        end += collector_.WaitingTime();
         while (!Over() && Now() < end)
             Turn(end);
         if (Over() || !collector_.NextRound())

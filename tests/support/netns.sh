@@ -38,7 +38,7 @@ netns_need() {
 
 netns_up() {
     wine_prefix
-    trap netns_down EXIT
+    at_exit netns_down
     ip netns add "$client_ns"
     ip netns add "$peer_ns"
     ip -n "$client_ns" link add cable type veth peer name cable netns "$peer_ns"
