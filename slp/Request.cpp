@@ -61,13 +61,12 @@ bool Request::Send() {
 }
 
 bool Request::SendBy(const Interface& outlet, const std::string& bytes) const {
-    if (question_.to.family() == AF_INET)
-        return socket_.Set(IPPROTO_IP, IP_MULTICAST_IF, outlet.host.s_addr) &&
-               SendTo(question_.to, bytes);
-    const ULONG only = question_.to.scope();
-    return (only == 0 || only == outlet.index) &&
+    const Address& to = question_.to;
+    if (to.family() == AF_INET)
+        return socket_.Set(IPPROTO_IP, IP_MULTICAST_IF, outlet.host.s_addr) && SendTo(to, bytes);
+    return (to.scope() == 0 || to.scope() == outlet.index) &&
            socket_.Set(IPPROTO_IPV6, IPV6_MULTICAST_IF, outlet.index) &&
-           SendTo(question_.to.WithScope(outlet.index), bytes);
+           SendTo(to.IsLinkGroup() ? to.WithScope(outlet.index) : to, bytes);
 }
 
 bool Request::SendTo(const Address& to, const std::string& bytes) const {

@@ -152,6 +152,13 @@ bool Address::IsMulticast() const {
                                : v6_.sin6_addr.s6_addr[0] == 0xFF;
 }
 
+bool Address::IsLinkGroup() const {
+    constexpr int kScope = 0x0F;  // RFC 4291, section 2.7
+    constexpr int kLinkLocal = 2;
+    return family() == AF_INET6 && IsMulticast() &&
+           (v6_.sin6_addr.s6_addr[1] & kScope) <= kLinkLocal;
+}
+
 bool Address::IsHost() const {
     if (IsMulticast())
         return false;

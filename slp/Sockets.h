@@ -93,6 +93,8 @@ class Address {
     Address WithScope(ULONG scope) const;
 
     bool IsMulticast() const;
+    // Whether it is an IPv6 group of one link, whose address says nothing without its interface.
+    bool IsLinkGroup() const;
     // Whether one host can have this address: it is neither unspecified nor multicast nor
     // broadcast.
     bool IsHost() const;

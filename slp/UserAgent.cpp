@@ -144,13 +144,13 @@ SLPError UserAgent::ExecuteOnThread(Reservation running) {
     Running& place = *running;
     auto start =
         std::make_unique<ThreadStart>(ThreadStart{shared_from_this(), std::move(running), nullptr});
-    start->library = HoldLibrary();
     {
         const std::lock_guard lock(mutex_);
         std::erase_if(threads_, [](const Thread& thread) {
             return WaitForSingleObject(thread.handle.get(), 0) == WAIT_OBJECT_0;
         });
         threads_.reserve(threads_.size() + 1);
+        start->library = HoldLibrary();
         unsigned id = 0;
         const auto thread =
             reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadMain, start.get(), 0, &id));
