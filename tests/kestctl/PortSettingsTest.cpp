@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include "tools/kestctl/Text.h"
 

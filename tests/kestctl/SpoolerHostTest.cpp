@@ -4,9 +4,8 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/TcpPeer.h"
-#include "tools/kestctl/Command.h"
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/PortStore.h"
-#include "tools/kestctl/SpoolerService.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -73,7 +72,7 @@ TEST_F(SpoolerHostTest, CarriesAJobAndLeavesNothingInAnyQueue) {
     }
     EXPECT_EQ(Print(data), "");
     EXPECT_EQ(received, data);
-    EXPECT_THAT(QueuesOn(L"NUL:"), IsEmpty());
+    EXPECT_THAT(host_->QueuesOn(L"NUL:"), IsEmpty());
 }
 
 TEST_F(SpoolerHostTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
@@ -98,7 +97,7 @@ TEST_F(SpoolerHostTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
     EXPECT_EQ(received, "the next");
     printer.Finish();
     EXPECT_THAT(Print("x"), HasSubstr("(10061)"));
-    EXPECT_THAT(QueuesOn(L"NUL:"), IsEmpty());
+    EXPECT_THAT(host_->QueuesOn(L"NUL:"), IsEmpty());
 }
 
 TEST(SpoolerHost, RefusesWhatIsNoMonitor) {

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "tools/kestctl/Command.h"
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/ControlJob.h"
 
 using testing::Contains;
@@ -44,7 +44,8 @@ TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {
     SpoolerService spooler;
     EXPECT_THROW(spooler.StartJob(port, L"document", L""), CommandFailed);  // no queue there
     const WineQueue queue(port);
-    EXPECT_THAT(QueuesOn(port), ElementsAre(queue.Name()));
+    EXPECT_THAT(spooler.QueuesOn(port), ElementsAre(queue.Name()));
+    EXPECT_THROW(spooler.StartJob(port, L"document", L"another"), CommandFailed);
     const auto job = spooler.StartJob(port, L"document", L"");
     EXPECT_EQ(job->Write(reinterpret_cast<const BYTE*>("a job"), 5), 5u);
     job->End();

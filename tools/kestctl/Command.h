@@ -4,17 +4,11 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/SpoolerChannel.h"
-
-// Ends a command with exit code 1. The message says what went wrong and, where there is
-// something to do about it, what.
-struct CommandFailed : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
 void AddJsonFlag(CLI::App& command, bool& wanted);

@@ -4,7 +4,7 @@
 #include <mutex>
 #include <vector>
 
-#include "tools/kestctl/Command.h"
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/Text.h"
 
 namespace {

@@ -4,7 +4,6 @@
 
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/PortStore.h"
-#include "tools/kestctl/SpoolerService.h"
 #include "tools/kestctl/Text.h"
 
 namespace {
@@ -169,7 +168,7 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
-        if (const auto queues = QueuesOn(name); !queues.empty()) {
+        if (const auto queues = channel->QueuesOn(name); !queues.empty()) {
             throw CommandFailed("port " + ToUtf8(name) + " is used by printer " +
                                 ToUtf8(queues.front()) +
                                 ": delete that printer or give it another port first");

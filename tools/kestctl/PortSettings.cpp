@@ -1,6 +1,7 @@
 #include "tools/kestctl/PortSettings.h"
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <iterator>
@@ -170,12 +171,11 @@ std::string CheckIPv4Address(std::string& text) {
                text.substr(colon + 1);
     }
     // Some resolvers read 010 as 8.
-    for (size_t start = 0; start < text.size(); start = text.find('.', start) + 1) {
-        if (text[start] == '0' && start + 1 < text.size() && text[start + 1] != '.') {
+    const std::string dotted = "." + text;
+    for (size_t zero = dotted.find(".0"); zero != std::string::npos;
+         zero = dotted.find(".0", zero + 1)) {
+        if (zero + 2 < dotted.size() && dotted[zero + 2] != '.') {
             return "'" + text + "' has a number with a leading zero" + example;
-        }
-        if (text.find('.', start) == std::string::npos) {
-            break;
         }
     }
     return {};
@@ -183,8 +183,9 @@ std::string CheckIPv4Address(std::string& text) {
 
 std::string CheckIPv6Host(std::string& text) {
     if (std::string problem = CheckText(text, Room(kEmpty.extended.sztIPv6HostName));
-        !problem.empty())
+        !problem.empty()) {
         return problem;
+    }
     if (text.find(':') == std::string::npos) {
         if (IsIPv4AddressText(text)) {
             return "'" + text + "' is an IPv4 address: give it with --address";

@@ -2,7 +2,7 @@
 // over the monitor's two records, and shown.
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <optional>
 #include <string>

@@ -1,8 +1,10 @@
 #include "tools/kestctl/PortStore.h"
 
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 
-#include "tools/kestctl/Command.h"
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/Text.h"
 
 namespace {
@@ -85,14 +87,15 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
     Require(code, "port " + ToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
-    } catch (const CommandFailed& failed) {
-        const DWORD removal = SendName(channel, L"DeletePort", name);
-        if (removal == ERROR_SUCCESS) {
-            throw CommandFailed(std::string(failed.what()) + "; the port was taken away again");
+    } catch (const std::exception& failed) {
+        std::string outcome = "; the port was taken away again";
+        try {
+            DeletePort(channel, name);
+        } catch (const CommandFailed& stays) {
+            outcome = std::string("; what was made of it stays, because ") + stays.what() +
+                      ": try `kestctl port delete " + Quoted(name) + "`";
         }
-        throw CommandFailed(std::string(failed.what()) +
-                            "; the port could not be taken away again: " + ErrorText(removal) +
-                            "; remove it: `kestctl port delete " + Quoted(name) + "`");
+        throw CommandFailed(failed.what() + outcome);
     }
 }
 

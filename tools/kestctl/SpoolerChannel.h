@@ -39,6 +39,9 @@ class SpoolerChannel {
     virtual DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
                       DWORD outputSize) = 0;
 
+    // The system's local queues that print to a port, by name. Throws CommandFailed.
+    virtual std::vector<std::wstring> QueuesOn(const std::wstring& port) = 0;
+
     // Starts a job of raw bytes through a port.
     //   document: the job's name in its queue.
     //   printer: the queue that it goes through, or that controls it; empty: the channel's choice.

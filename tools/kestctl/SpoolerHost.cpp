@@ -2,9 +2,10 @@
 
 #include <utility>
 
-#include "tools/kestctl/Command.h"
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/ControlJob.h"
 #include "tools/kestctl/PortStore.h"
+#include "tools/kestctl/SpoolerService.h"
 #include "tools/kestctl/Text.h"
 
 namespace {
@@ -106,15 +107,16 @@ class OpenedPort {
 };
 
 // Why a job did not start, for somebody who has to do something about it.
-std::string StartFailure(DWORD error) {
-    switch (error) {
-        case ERROR_SUCCESS:
-            return "the printer did not accept it, or did not answer in time";
-        case ERROR_FILE_NOT_FOUND:
-            return "the port has no configuration yet: set it with kestctl port set";
-        default:
-            return ErrorText(error);
+std::string StartFailure(const PortRecords& port, DWORD error) {
+    if (port.standard.dwProtocol == 0) {
+        return "it has no configuration yet: set it with kestctl port set";
     }
+    const std::string reason = error == ERROR_SUCCESS
+                                   ? "the printer did not accept it, or did not answer in time"
+                                   : ErrorText(error);
+    return reason + (port.extended.dwAlwaysPrint != 0
+                         ? "; if the printer was not reached, the network was searched for it, too"
+                         : "");
 }
 
 class HostJob : public PrintJob {
@@ -133,8 +135,8 @@ class HostJob : public PrintJob {
         SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
                                     reinterpret_cast<LPBYTE>(&info))) {
-            throw CommandFailed(portText_ +
-                                " does not start the job: " + StartFailure(GetLastError()));
+            throw CommandFailed(
+                portText_ + " does not start the job: " + StartFailure(records, GetLastError()));
         }
     }
 
@@ -251,6 +253,15 @@ DWORD SpoolerHost::Xcv(LPCWSTR command, const void* input, DWORD inputSize, void
     return table_->pfnXcvDataPort(channel.Get(), command,
                                   static_cast<BYTE*>(const_cast<void*>(input)), inputSize,
                                   static_cast<BYTE*>(output), outputSize, &needed);
+}
+
+// The system's own spooler may not be running: that is one reason to go past it.
+std::vector<std::wstring> SpoolerHost::QueuesOn(const std::wstring& port) {
+    try {
+        return SpoolerService().QueuesOn(port);
+    } catch (const CommandFailed&) {
+        return {};
+    }
 }
 
 std::unique_ptr<PrintJob> SpoolerHost::StartJob(const std::wstring& port,

@@ -1,8 +1,9 @@
 #include "tools/kestctl/SpoolerService.h"
 
+#include <algorithm>
 #include <sstream>
 
-#include "tools/kestctl/Command.h"
+#include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/Text.h"
 
 namespace {
@@ -98,7 +99,7 @@ class QueuedJob : public PrintJob {
 
 }  // namespace
 
-std::vector<std::wstring> QueuesOn(const std::wstring& port) {
+std::vector<std::wstring> SpoolerService::QueuesOn(const std::wstring& port) {
     const auto [buffer, count] = Enumerated<PRINTER_INFO_2W>(
         "printers", [](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             return EnumPrintersW(PRINTER_ENUM_LOCAL, nullptr, 2, to, size, needed, returned);
@@ -161,14 +162,16 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
 std::unique_ptr<PrintJob> SpoolerService::StartJob(const std::wstring& port,
                                                    const std::wstring& document,
                                                    const std::wstring& printer) {
-    if (!printer.empty()) {
-        return std::make_unique<QueuedJob>(printer, document);
-    }
     const std::vector<std::wstring> queues = QueuesOn(port);
-    if (queues.empty()) {
-        throw CommandFailed("no printer prints to port " + ToUtf8(port) +
-                            ": add one (Windows: Add-Printer -PortName), or send without one: "
-                            "--direct");
+    const auto queue =
+        std::find_if(queues.begin(), queues.end(), [&printer](const std::wstring& name) {
+            return printer.empty() || lstrcmpiW(name.c_str(), printer.c_str()) == 0;
+        });
+    if (queue != queues.end()) {
+        return std::make_unique<QueuedJob>(*queue, document);
     }
-    return std::make_unique<QueuedJob>(queues.front(), document);
+    throw CommandFailed(
+        (printer.empty() ? "no printer prints" : "printer " + ToUtf8(printer) + " does not print") +
+        " to port " + ToUtf8(port) +
+        ": add one that does (Windows: Add-Printer -PortName), or send without one: --direct");
 }

@@ -14,8 +14,9 @@ class SpoolerService : public SpoolerChannel {
     std::vector<std::wstring> PortNames() override;
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
+    std::vector<std::wstring> QueuesOn(const std::wstring& port) override;
 
-    // The job goes into the queue `printer`, or into the first whose port this is.
+    // The job goes into the queue `printer`, or into the first that prints to the port.
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
                                        const std::wstring& printer) override;
 
@@ -23,6 +24,3 @@ class SpoolerService : public SpoolerChannel {
     std::wstring monitor_;
     UniquePrinter xcv_;  // opened by the first command
 };
-
-// The local queues that print to a port, by name.
-std::vector<std::wstring> QueuesOn(const std::wstring& port);
