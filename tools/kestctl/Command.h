@@ -10,6 +10,8 @@
 #include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/SpoolerChannel.h"
 
+class Network;
+
 // Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
 void AddJsonFlag(CLI::App& command, bool& wanted);
 
@@ -33,6 +35,9 @@ void AddDirectFlag(CLI::App& app);
 // Opens the channel to the monitor: with --direct a SpoolerHost, else the system's spooler.
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
+
+// The process's network, started. Throws CommandFailed.
+Network& StartedNetwork();
 
 // True when standard output is a terminal (then progress may be shown on it).
 bool OutputIsTerminal();

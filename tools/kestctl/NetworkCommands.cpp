@@ -19,14 +19,6 @@ struct NetworkArguments {
     bool json = false;
 };
 
-Network& StartedNetwork() {
-    Network& network = Singleton<Network>::GetInstance();
-    if (network.Start() != 0) {
-        throw CommandFailed("Windows Sockets cannot be started: " + ErrorText(WSAGetLastError()));
-    }
-    return network;
-}
-
 const char* Family(const IPAddress& address) {
     return address.GetType() == IPV6 ? "IPv6" : "IPv4";
 }
@@ -143,6 +135,14 @@ void AddCommand(CLI::App& app, const char* name, const char* text, const char* t
 }
 
 }  // namespace
+
+Network& StartedNetwork() {
+    Network& network = Singleton<Network>::GetInstance();
+    if (network.Start() != 0) {
+        throw CommandFailed("Windows Sockets cannot be started: " + ErrorText(WSAGetLastError()));
+    }
+    return network;
+}
 
 void AddNetworkCommands(CLI::App& app) {
     AddCommand(app, "resolve", "Show the address that the monitor finds for a host name", "NAME",

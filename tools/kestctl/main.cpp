@@ -66,6 +66,7 @@ int Run() {
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
     AddSlpCommands(app);
+    AddSettingsCommands(app);
     app.footer("Examples:" + Examples(app));
 
     try {
