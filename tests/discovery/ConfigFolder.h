@@ -16,6 +16,7 @@ class ConfigFolder {
         GetModuleFileNameW(nullptr, self, MAX_PATH);
         const std::wstring process = std::to_wstring(GetCurrentProcessId());
         folder_ = std::filesystem::temp_directory_path() / (L"kest-config-" + process);
+        std::filesystem::remove_all(folder_);  // whatever an ended process left
         std::filesystem::create_directories(folder_);
         // Any library will do whose file lies there.
         const auto file = folder_ / (L"module" + process + L".dll");

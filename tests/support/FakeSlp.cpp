@@ -3,6 +3,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -12,6 +13,7 @@ namespace {
 
 FakeSlp* current = nullptr;
 const SLPHandle kHandle = &current;
+const SLPHandle kAsyncHandle = &current + 1;
 
 std::string Shown(const sockaddr* address) {
     if (address == nullptr) {
@@ -25,6 +27,11 @@ std::string Shown(const sockaddr* address) {
     return text;
 }
 
+void Record(const std::string& call) {
+    const std::lock_guard lock(current->mutex);
+    current->calls.push_back(call);
+}
+
 }  // namespace
 
 FakeSlp::FakeSlp() {
@@ -36,6 +43,7 @@ FakeSlp::~FakeSlp() {
 }
 
 std::vector<std::string> FakeSlp::TakeCalls() {
+    const std::lock_guard lock(mutex);
     return std::exchange(calls, {});
 }
 
@@ -54,32 +62,31 @@ void FakeSlp::Report(SLPAttrCallback callback, void* cookie) const {
 }
 
 SLPError SLPOpen(const char* lang, SLPBoolean isAsync, SLPHandle* out) {
-    current->calls.push_back(std::string("open ") + lang + (isAsync ? " async" : " sync"));
-    current->isAsync = isAsync;
-    *out = current->openResult == SLP_OK ? kHandle : nullptr;
+    Record(std::string("open ") + lang + (isAsync ? " async" : " sync"));
+    *out = current->openResult != SLP_OK ? nullptr : isAsync ? kAsyncHandle : kHandle;
     return current->openResult;
 }
 
 void SLPClose(SLPHandle handle) {
-    current->calls.push_back(handle == kHandle ? "close" : "close what was never opened");
+    Record(handle == kHandle || handle == kAsyncHandle ? "close" : "close what was never opened");
 }
 
 SLPError SLPSetUnicastIP(SLPHandle, const sockaddr* to) {
-    current->calls.push_back("unicast " + Shown(to));
+    Record("unicast " + Shown(to));
     return current->unicastResult;
 }
 
 SLPError SLPAssociateIFList(SLPHandle, const char* list) {
-    current->calls.push_back(std::string("associate ") + list);
+    Record(std::string("associate ") + list);
     return current->associateResult;
 }
 
-SLPError SLPFindAttrs(SLPHandle, const char* service, const char* scopes, const char* attrIds,
-                      SLPAttrCallback callback, void* cookie, const sockaddr* to,
-                      unsigned version) {
-    current->calls.push_back(std::string("find ") + service + " " + Shown(to) + " v" +
-                             std::to_string(version) + (scopes || attrIds ? " restricted" : ""));
-    if (current->isAsync) {
+SLPError SLPFindAttrs(SLPHandle handle, const char* service, const char* scopes,
+                      const char* attrIds, SLPAttrCallback callback, void* cookie,
+                      const sockaddr* to, unsigned version) {
+    Record(std::string("find ") + service + " " + Shown(to) + " v" + std::to_string(version) +
+           (scopes || attrIds ? " restricted" : ""));
+    if (handle == kAsyncHandle) {
         current->asyncCallback = callback;
         current->asyncCookie = cookie;
     } else if (current->findResult == SLP_OK) {
@@ -89,7 +96,7 @@ SLPError SLPFindAttrs(SLPHandle, const char* service, const char* scopes, const 
 }
 
 SLPError SLPStopFind(SLPHandle) {
-    current->calls.push_back("stop");
+    Record("stop");
     return current->stopResult;
 }
 

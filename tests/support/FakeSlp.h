@@ -1,7 +1,9 @@
 // An SLP library for tests, linked in the place of slp64.dll: writes down how it is called and
-// lets the agents answer that a test has put into it. Attribute lists are parsed for real.
+// lets the agents answer that a test has put into it. Attribute lists are parsed for real. Several
+// threads may search at once.
 #pragma once
 
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -30,7 +32,7 @@ struct FakeSlp {
 
     // Since the last TakeCalls, such as "find service:printer 10.1.2.3:0 v2".
     std::vector<std::string> calls;
-    bool isAsync = false;  // the handle opened last
+    std::mutex mutex;  // guards `calls`
     SLPAttrCallback asyncCallback = nullptr;
     void* asyncCookie = nullptr;
 

@@ -6,10 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "diag/SystemUtils.h"
-#include "net/Network.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/Text.h"
+#include "tools/kestctl/Hosts.h"
 
 namespace {
 
@@ -21,18 +19,6 @@ struct NetworkArguments {
 
 const char* Family(const IPAddress& address) {
     return address.GetType() == IPV6 ? "IPv6" : "IPv4";
-}
-
-// The address of a host by its name.
-IPAddress Resolve(const Network& network, const std::string& name) {
-    IPAddress address;
-    const std::string ansi = system_helper::ToNarrow(ToWide(name));
-    if (network.GetIpAddress(ansi, address) != 0 || !address.IsValid()) {
-        throw CommandFailed("the name '" + name +
-                            "' has no address: check its spelling, and with 'nslookup " + name +
-                            "' that the name server knows it");
-    }
-    return address;
 }
 
 void RunResolve(const NetworkArguments& arguments) {
@@ -48,10 +34,7 @@ void RunResolve(const NetworkArguments& arguments) {
 
 void RunPing(const NetworkArguments& arguments) {
     const Network& network = StartedNetwork();
-    IPAddress address(arguments.target);
-    if (!address.IsValid()) {
-        address = Resolve(network, arguments.target);
-    }
+    const IPAddress address = AddressOf(network, arguments.target);
     const bool answered = network.Ping(address) == 0;
     if (arguments.json) {
         PrintJson({{"address", address.GetText()}, {"answered", answered}});

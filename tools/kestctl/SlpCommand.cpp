@@ -12,6 +12,7 @@
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Text.h"
 
 namespace {
 
@@ -53,20 +54,6 @@ const char* Explain(SLPError error) {
 
 [[noreturn]] void Fail(SLPError error) {
     throw CommandFailed(std::string(Explain(error)) + " (SLP error " + std::to_string(error) + ')');
-}
-
-// Text from the network for a terminal, which must not take any of it for a command: neither the
-// control characters of ASCII nor U+0080 to U+009F.
-std::string Printable(std::string text) {
-    unsigned char before = 0;
-    for (char& c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte == 0x7F || (before == 0xC2 && byte < 0xA0)) {
-            c = '?';
-        }
-        before = byte;
-    }
-    return text;
 }
 
 // Tags and values in the order in which the agent has them.

@@ -27,3 +27,16 @@ std::string ErrorText(DWORD code) {
     text = text.substr(0, text.find_last_not_of(L".\r\n ") + 1);
     return (text.empty() ? "error" : ToUtf8(text)) + " (" + std::to_string(code) + ")";
 }
+
+std::string Printable(std::string_view utf8) {
+    std::string result(utf8);
+    for (size_t i = 0; i < result.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(result[i]);
+        const auto next = static_cast<unsigned char>(i + 1 < result.size() ? result[i + 1] : 0);
+        if (byte < 0x20 || byte == 0x7F)
+            result[i] = '?';
+        else if (byte == 0xC2 && next >= 0x80 && next < 0xA0)
+            result.replace(i, 2, "?");
+    }
+    return result;
+}

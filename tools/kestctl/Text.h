@@ -13,3 +13,7 @@ std::string ToUtf8(std::wstring_view utf16);
 // The system's text for a Win32, Windows Sockets or getaddrinfo error code, with the code:
 // "Access is denied (5)".
 std::string ErrorText(DWORD code);
+
+// Text from the network for a terminal, which must not take any of it for a command: control
+// characters (of ASCII, and U+0080 to U+009F) become question marks.
+std::string Printable(std::string_view utf8);

@@ -67,6 +67,7 @@ int Run() {
     AddNetworkCommands(app);
     AddSlpCommands(app);
     AddSettingsCommands(app);
+    AddFindCommand(app);
     app.footer("Examples:" + Examples(app));
 
     try {

@@ -1,0 +1,169 @@
+// Job starts whose printer does not answer, through the shipped kestmon.dll and the shipped
+// SLPConf.xml, over an SLP library that does as it is told.
+#include "discovery/Rediscovery.h"
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <thread>
+
+#include "tests/support/FakeSlp.h"
+#include "tests/support/FakeSpooler.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TcpPeer.h"
+
+using testing::Contains;
+using testing::Not;
+
+namespace {
+
+constexpr wchar_t kGone[] = L"127.0.0.2";  // nobody listens there
+
+class RediscoveryTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        const auto patch = [this](const char* name, auto* function) {
+            patches.push_back(std::make_unique<ImportPatch>(spooler.dll, name, function));
+        };
+        patch("SLPOpen", SLPOpen);
+        patch("SLPClose", SLPClose);
+        patch("SLPFindAttrs", SLPFindAttrs);
+        patch("SLPParseAttrs", SLPParseAttrs);
+        patch("SLPFree", SLPFree);
+        ASSERT_TRUE(spooler.Start());
+    }
+
+    // A port whose printer has gone away from its address.
+    HANDLE OpenPort(const std::wstring& name, WORD tcpPort, const wchar_t* mac,
+                    const wchar_t* hostName, DWORD alwaysPrint = 1) {
+        LPCWSTR text = name.c_str();
+        spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, reinterpret_cast<LPBYTE>(&text),
+                              nullptr);
+        spooler.ConfigurePort(name, 1, tcpPort, false, kGone);
+        spooler.SetText(name, L"HWAddress", mac);
+        spooler.SetText(name, L"HostName", hostName);
+        spooler.SetNumber(name, L"AlwaysPrint", alwaysPrint);
+        spooler.SetNumber(name, L"UseIPV6", 0);
+        return spooler.Open(name);
+    }
+    bool PrintOnce(HANDLE port) {
+        const bool started =
+            spooler->pfnStartDocPort(port, const_cast<LPWSTR>(L"Office"), 42, 1, nullptr) != FALSE;
+        spooler->pfnEndDocPort(port);
+        return started;
+    }
+    size_t Searches() {
+        const auto calls = slp.TakeCalls();
+        return static_cast<size_t>(
+            std::count(calls.begin(), calls.end(), "find service:printer 239.255.255.253 v2"));
+    }
+
+    LogCapture log;
+    FakeSlp slp;
+    FakeSpooler spooler;
+    std::vector<std::unique_ptr<ImportPatch>> patches;
+    TcpPeer printer{[](PeerConnection& connection) { connection.ReadAll(); }};
+};
+
+TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
+    struct Case {
+        const wchar_t *mac, *hostName;
+        std::vector<std::string> answers;
+        bool started;
+        const wchar_t *address, *ipv6;
+        int useIPv6;
+        size_t searches;
+    };
+    const std::string moved = "(ip-address=127.0.0.1),(mac-address=0004004A1B2C),(host-name=P1)";
+    const std::string other = "(ip-address=127.0.0.9),(mac-address=000400000009),(host-name=p1)";
+    const std::string six = "(ip-address=::1),(mac-address=0004004A1B2C)";
+    const std::string nowhere = "(ip-address=nowhere),(mac-address=0004004A1B2C)";
+    const std::vector<Case> cases = {
+        // By hardware address, in any letter case, whoever else has the name and answers first.
+        {L"0004004a1b2c", L"p1", {other, moved}, true, L"127.0.0.1", L"-", 0, 1},
+        // One that nobody has: by name, the whole of it.
+        {L"000400000001", L"p1", {moved}, true, L"127.0.0.1", L"-", 0, 2},
+        {L"000400000001", L"p1.example", {moved}, false, kGone, L"-", 0, 2},
+        // One with separators is none.
+        {L"00:04:00:4a:1", L"P1", {moved}, true, L"127.0.0.1", L"-", 0, 1},
+        {L"00:04:00:4a:1", L"", {moved}, false, kGone, L"-", 0, 0},
+        {L"", L"", {moved}, false, kGone, L"-", 0, 0},
+        {L"", L"p1", {moved}, true, L"127.0.0.1", L"-", 0, 1},
+        {L"0004004a1b2c", L"p1", {}, false, kGone, L"-", 0, 2},
+        {L"0004004a1b2c", L"", {}, false, kGone, L"-", 0, 1},
+        // No address that could be used: the port has none either, and the job fails.
+        {L"0004004a1b2c", L"p1", {nowhere}, false, kGone, L"", 1, 1},
+        // IPv6 only; the peer listens on IPv4 alone, so the job fails where it connects.
+        {L"0004004a1b2c", L"p1", {six}, false, kGone, L"::1", 1, 1},
+    };
+    int number = 0;
+    for (const auto& [mac, hostName, answers, started, address, ipv6, useIPv6, searches] : cases) {
+        const std::wstring name = L"P" + std::to_wstring(++number);
+        SCOPED_TRACE(number);
+        slp.answers = answers;
+        const HANDLE port = OpenPort(name, printer.port, mac, hostName);
+        EXPECT_EQ(PrintOnce(port), started);
+        EXPECT_EQ(Searches(), searches);
+        EXPECT_EQ(spooler.Text(name, L"IPAddress"), address);
+        EXPECT_EQ(spooler.Text(name, L"IPv6HostName"), ipv6);
+        EXPECT_EQ(spooler.Number(name, L"UseIPV6"), useIPv6);
+        EXPECT_EQ(spooler.Text(name, L"HostName"), hostName);
+        if (started) {
+            EXPECT_TRUE(PrintOnce(port));
+            EXPECT_EQ(Searches(), 0u) << "the next job goes there straight";
+        }
+        spooler->pfnClosePort(port);
+    }
+}
+
+TEST_F(RediscoveryTest, PortsThatDoNotFollowAskNobody) {
+    slp.answers = {"(ip-address=127.0.0.1),(mac-address=0004004A1B2C)"};
+    EXPECT_FALSE(PrintOnce(OpenPort(L"P", printer.port, L"0004004a1b2c", L"", 0)));
+    EXPECT_EQ(Searches(), 0u);
+    EXPECT_EQ(log.Text(), "");
+}
+
+TEST_F(RediscoveryTest, IPv6PortGoesBackToIPv4) {
+    slp.answers = {"(ip-address=127.0.0.1),(ip-address-2=::1),(mac-address=0004004A1B2C)"};
+    const HANDLE port = OpenPort(L"P", printer.port, L"0004004a1b2c", L"");
+    spooler.SetNumber(L"P", L"UseIPV6", 1);
+    spooler.SetText(L"P", L"IPv6HostName", L"::1");  // nobody listens there
+    EXPECT_TRUE(PrintOnce(port));
+    EXPECT_EQ(spooler.Text(L"P", L"IPAddress"), L"127.0.0.1");
+    EXPECT_EQ(spooler.Number(L"P", L"UseIPV6"), 0);
+}
+
+TEST_F(RediscoveryTest, AnAddressThatCannotBeStoredFailsTheJob) {
+    slp.answers = {"(ip-address=127.0.0.1),(mac-address=0004004A1B2C)"};
+    const HANDLE port = OpenPort(L"P", printer.port, L"0004004a1b2c", L"");
+    spooler.failures["set UseIPV6"] = ERROR_ACCESS_DENIED;
+    EXPECT_FALSE(PrintOnce(port));
+    EXPECT_EQ(spooler.Text(L"P", L"IPAddress"), L"127.0.0.1") << "the address is written first";
+    spooler.failures.clear();
+    EXPECT_TRUE(PrintOnce(port));
+}
+
+// Each finds its own printer among the answers; the searches share nothing but the log.
+TEST_F(RediscoveryTest, SeveralPortsSearchAtOnce) {
+    constexpr int kPorts = 8;
+    std::vector<HANDLE> ports;
+    for (int i = 0; i < kPorts; ++i) {
+        const std::string n = std::to_string(i);
+        slp.answers.push_back("(ip-address=127.0.0.1" + n + "),(mac-address=00040000000" + n + ")");
+        ports.push_back(OpenPort(L"P" + std::to_wstring(i), printer.port,
+                                 (L"00040000000" + std::to_wstring(i)).c_str(), L""));
+    }
+    std::vector<std::thread> threads;
+    for (const HANDLE port : ports) {
+        threads.emplace_back([this, port] { PrintOnce(port); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (int i = 0; i < kPorts; ++i) {
+        const std::wstring n = std::to_wstring(i);
+        EXPECT_EQ(spooler.Text(L"P" + n, L"IPAddress"), L"127.0.0.1" + n);
+    }
+}
+
+}  // namespace
