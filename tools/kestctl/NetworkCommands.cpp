@@ -8,6 +8,7 @@
 
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Hosts.h"
+#include "tools/kestctl/Text.h"
 
 namespace {
 
