@@ -1,0 +1,208 @@
+#!/usr/bin/env bash
+# Ports that follow their printers, end to end: the shipped files carry jobs through kestctl in a
+# network of their own, to printers that move. follow.sh BIN-FOLDER
+. "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
+. "$root/tests/support/netns.sh"
+
+netns_need
+netns_up
+
+work=$(mktemp -d "$build/follow.XXXXXX")
+trap 'netns_down; rm -rf "$work"' EXIT
+mkdir "$work/jobs" "$work/temp"
+bin=$work/bin
+cp -r "$1" "$bin"
+log=$work/temp/KestSetupWizard.log
+
+# The log goes to a folder of this test's own.
+for name in TEMP TMP; do
+    client_wine reg add 'HKCU\Environment' /v $name /d "Z:${work//\//\\}\\temp" /f >/dev/null
+done
+
+kestctl() { client_wine "$bin/kestctl.exe" --direct "$@"; }
+
+# in_place_of PID COMMAND...: ends a program of the peer, starts another and waits until it is
+# ready; its id is in `started`.
+in_place_of() {
+    if [ -n "$1" ]; then
+        kill -KILL "$1"
+        wait "$1" || true
+    fi
+    exec {ready}< <(exec ip netns exec "$peer_ns" "${@:2}")
+    started=$!
+    read -r _ <&"$ready" || fail "$2 does not start"
+    exec {ready}<&-
+}
+
+# The printers that are on: ADDRESS... take jobs.
+printers_pid=
+printers() {
+    in_place_of "$printers_pid" "$root/tests/support/printers.py" "$work/jobs" "$@"
+    printers_pid=$started
+}
+
+# What they announce: ATTRIBUTE-LIST..., the first at once, each other one 0.1 s later.
+agents_pid=
+announce() {
+    local list groups=() number=0
+    for list in "$@"; do
+        groups+=("service:printer first=10.77.9.$((++number)) delay=0.$((number - 1)) list=$list")
+    done
+    in_place_of "$agents_pid" "$root/tests/support/service_agents.py" "${groups[@]}"
+    agents_pid=$started
+}
+
+# expect WHAT IS SHOULD-BE
+expect() { [ "$2" = "$3" ] || fail "$1: '$2' instead of '$3'"; }
+
+setting() {
+    kestctl port show "$1" --json | python3 -c "import json,sys; print(json.load(sys.stdin)['$2'])"
+}
+
+# job PORT ADDRESS: prints a document of its own, which has to arrive there byte for byte.
+jobs=0
+job() {
+    local port=$1 address=$2 before
+    before=$(find "$work/jobs" -name "$address-*" | wc -l)
+    head -c $((100000 + ++jobs)) /dev/urandom >"$work/document-$port"
+    kestctl print "$work/document-$port" --port "$port" >/dev/null ||
+        fail "port $port: the job was not printed"
+    arrived "$port" "$work/jobs/$address-$((before + 1))"
+}
+
+# The last bytes may still be on their way when the job's end is reported.
+arrived() {
+    local tries=0
+    until [ -e "$2" ]; do
+        [ $((tries += 1)) -le 200 ] || fail "port $1: no job arrived at ${2##*/}"
+        sleep 0.05
+    done
+    cmp "$work/document-$1" "$2" || fail "port $1: the job arrived changed"
+}
+
+no_job() {
+    if kestctl print "$work/document" --port "$1" >/dev/null 2>&1; then
+        fail "port $1: a job that cannot have been printed"
+    fi
+}
+
+# logged COUNT TEXT: how many lines of the log have the text since the last `forget`.
+logged() { expect "lines with '$2'" "$(tail -n "+$log_seen" "$log" | grep -cF "$2")" "$1"; }
+forget() { log_seen=$(($(wc -l <"$log" 2>/dev/null || echo 0) + 1)); }
+
+printer() { printf '(ip-address=%s),(mac-address=%s),(host-name=%s),(printer-device-id=MFG:Acme;MDL:%s;)' "$@"; }
+other=$(printer 10.77.1.99 000400000099 other Other_1)
+echo document >"$work/document"
+
+say "a RAW printer moves"
+forget
+printers 10.77.1.20
+announce "$other" "$(printer 10.77.1.20 0004004A1B2C prn-1 Model_100)"
+kestctl port add RAW --address 10.77.1.20 --follow 10.77.1.20 >/dev/null 2>&1 ||
+    kestctl port add RAW --address 10.77.1.20 --mac 00:04:00:4a:1b:2c --host-name prn-1 \
+        --always-print >/dev/null
+job RAW 10.77.1.20
+printers 10.77.1.31
+announce "$other" "$(printer 10.77.1.31 0004004A1B2C prn-1 Model_100)"
+forget
+job RAW 10.77.1.31
+logged 1 "Find specific mac"
+logged 1 "Successfull!!!"
+expect "the address kept" "$(setting RAW address)" 10.77.1.31
+forget
+job RAW 10.77.1.31
+logged 0 "Searching for a printer"
+
+say "an LPR printer moves, and has another MAC address now: its name is the same"
+kestctl port add LPR --protocol lpr --double-spool --address 10.77.1.22 --mac 000400000022 \
+    --host-name PRN-2 --always-print >/dev/null
+printers 10.77.1.33
+announce "$other" "$(printer 10.77.1.33 000400000033 prn-2 Model_200)"
+forget
+job LPR 10.77.1.33
+logged 2 "Using IPv4 Multicast Address = 239.255.255.253"
+logged 1 "Find specific hostname"
+expect "the address kept" "$(setting LPR address)" 10.77.1.33
+job LPR 10.77.1.33
+
+say "the printer has IPv6 only"
+kestctl port add SIX --address 10.77.1.23 --mac 000400000023 --always-print >/dev/null
+printers fd77:0:0:1::23
+announce "$(printer fd77:0:0:1::23 000400000023 prn-3 Model_300)"
+job SIX fd77:0:0:1::23
+expect "the address kept" "$(setting SIX ipv6Host)" fd77:0:0:1::23
+expect "the old one" "$(setting SIX address)" 10.77.1.23
+job SIX fd77:0:0:1::23
+
+say "somebody else has the printer's name and answers first"
+kestctl port add NAMESAKE --address 10.77.1.24 --mac 000400000024 --host-name prn-4 \
+    --always-print >/dev/null
+printers 10.77.1.35 10.77.1.98
+announce "$(printer 10.77.1.98 000400000098 prn-4 Model_400)" \
+    "$(printer 10.77.1.35 000400000024 prn-4 Model_400)"
+job NAMESAKE 10.77.1.35
+
+say "five ports search at once"
+addresses=()
+lists=()
+for n in 1 2 3 4 5; do
+    kestctl port add "MANY$n" --address "10.77.1.4$n" --mac "00040000004$n" --always-print >/dev/null
+    addresses+=("10.77.1.5$n")
+    lists+=("$(printer "10.77.1.5$n" "00040000004$n" "prn-4$n" Model_500)")
+done
+printers "${addresses[@]}"
+announce "${lists[@]}"
+waiting=()
+for n in 1 2 3 4 5; do
+    job "MANY$n" "10.77.1.5$n" &
+    waiting+=($!)
+done
+for pid in "${waiting[@]}"; do
+    wait "$pid" || fail "one of five ports did not print"
+done
+
+say "kestctl find"
+expect "all printers" "$(kestctl find)" \
+    "NAME                  MODEL                         ADDRESS           MAC
+$(for n in 1 2 3 4 5; do
+        printf 'prn-4%s                Model 500                     10.77.1.5%s        00040000004%s\n' \
+            $n $n $n
+    done)"
+kestctl find --mac 00:04:00:00:00:43 --json | grep -q '"address": "10.77.1.53"' ||
+    fail "kestctl find --mac does not find its printer"
+kestctl find --host-name PRN-42 | grep -q 10.77.1.52 ||
+    fail "kestctl find --host-name does not find its printer"
+if said=$(kestctl find --model 'Laser*' 2>&1); then
+    fail "kestctl find finds a model that is not there"
+fi
+[[ $said == *"kestctl slp find"* ]] || fail "kestctl find gives no hint: $said"
+announce "(no=address)" "(none=either)"
+if said=$(kestctl find 2>&1); then
+    fail "kestctl find finds printers without an address"
+fi
+[[ $said == *"2 answered, but without an address"* ]] || fail "kestctl find says only: $said"
+
+say "nobody answers"
+announce "$other"
+kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 \
+    --always-print >/dev/null
+forget
+begin=$EPOCHREALTIME
+no_job GONE
+took=$(((${EPOCHREALTIME/./} - ${begin/./}) / 1000))
+say "the job failed after $took ms"
+[ "$took" -lt 20000 ] || fail "a search without an answer held the job up for $took ms"
+logged 2 "Successfully found 0 printer(s)"
+logged 2 "Return from DiscoverPrinterSynch is 0"
+expect "the address kept" "$(setting GONE address)" 10.77.1.29
+
+say "no SLPConf.xml, and a broken one"
+for conf in "" "<slp_config><version>2"; do
+    rm "$bin/SLPConf.xml"
+    [ -z "$conf" ] || echo "$conf" >"$bin/SLPConf.xml"
+    forget
+    no_job GONE
+    logged 1 "XMLfile path: Z:${bin//\//\\}\\SLPConf.xml"
+    logged 2 "Return from DiscoverPrinterSynch is -104"
+    echo >"$bin/SLPConf.xml"
+done
