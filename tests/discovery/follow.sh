@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Ports that follow their printers, end to end: the shipped files carry jobs through kestctl in a
-# network of their own, to printers that move. follow.sh BIN-FOLDER
+# network of their own, to printers that move. follow.sh BIN-FOLDER JOB_STARTS.exe
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
 
@@ -13,10 +13,13 @@ mkdir "$work/jobs" "$work/temp"
 bin=$work/bin
 cp -r "$1" "$bin"
 log=$work/temp/KestSetupWizard.log
+touch "$log"
+
+windows_path() { echo "Z:${1//\//\\}"; }
 
 # The log goes to a folder of this test's own.
 for name in TEMP TMP; do
-    client_wine reg add 'HKCU\Environment' /v $name /d "Z:${work//\//\\}\\temp" /f >/dev/null
+    client_wine reg add 'HKCU\Environment' /v $name /d "$(windows_path "$work/temp")" /f >/dev/null
 done
 
 kestctl() { client_wine "$bin/kestctl.exe" --direct "$@"; }
@@ -30,7 +33,7 @@ in_place_of() {
     fi
     exec {ready}< <(exec ip netns exec "$peer_ns" "${@:2}")
     started=$!
-    read -r _ <&"$ready" || fail "$2 does not start"
+    read -r _ <&"$ready" || [ "$2" = true ] || fail "$2 does not start"
     exec {ready}<&-
 }
 
@@ -39,6 +42,13 @@ printers_pid=
 printers() {
     in_place_of "$printers_pid" "$root/tests/support/printers.py" "$work/jobs" "$@"
     printers_pid=$started
+}
+
+# What they announce, each from its own address: ADDRESS ATTRIBUTE-LIST
+announce_at() {
+    in_place_of "$agents_pid" "$root/tests/support/service_agents.py" \
+        "service:printer first=$1 list=$2"
+    agents_pid=$started
 }
 
 # What they announce: ATTRIBUTE-LIST..., the first at once, each other one 0.1 s later.
@@ -88,7 +98,7 @@ no_job() {
 
 # logged COUNT TEXT: how many lines of the log have the text since the last `forget`.
 logged() { expect "lines with '$2'" "$(tail -n "+$log_seen" "$log" | grep -cF "$2")" "$1"; }
-forget() { log_seen=$(($(wc -l <"$log" 2>/dev/null || echo 0) + 1)); }
+forget() { log_seen=$(($(wc -l <"$log") + 1)); }
 
 printer() { printf '(ip-address=%s),(mac-address=%s),(host-name=%s),(printer-device-id=MFG:Acme;MDL:%s;)' "$@"; }
 other=$(printer 10.77.1.99 000400000099 other Other_1)
@@ -97,10 +107,10 @@ echo document >"$work/document"
 say "a RAW printer moves"
 forget
 printers 10.77.1.20
-announce "$other" "$(printer 10.77.1.20 0004004A1B2C prn-1 Model_100)"
-kestctl port add RAW --address 10.77.1.20 --follow 10.77.1.20 >/dev/null 2>&1 ||
-    kestctl port add RAW --address 10.77.1.20 --mac 00:04:00:4a:1b:2c --host-name prn-1 \
-        --always-print >/dev/null
+announce_at 10.77.1.20 "$(printer 10.77.1.20 0004004A1B2C prn-1 Model_100)"
+kestctl port add RAW --address 10.77.1.20 >/dev/null
+expect "following" "$(kestctl port set RAW --follow 10.77.1.20)" \
+    "port RAW set: raw to 10.77.1.20:9100, following 0004004A1B2C, prn-1"
 job RAW 10.77.1.20
 printers 10.77.1.31
 announce "$other" "$(printer 10.77.1.31 0004004A1B2C prn-1 Model_100)"
@@ -152,13 +162,11 @@ for n in 1 2 3 4 5; do
 done
 printers "${addresses[@]}"
 announce "${lists[@]}"
-waiting=()
+head -c 100000 /dev/urandom >"$work/document-MANY"
+client_wine "$2" "$(windows_path "$bin/kestmon.dll")" "$work/document-MANY" MANY{1..5} ||
+    fail "one of five ports did not print"
 for n in 1 2 3 4 5; do
-    job "MANY$n" "10.77.1.5$n" &
-    waiting+=($!)
-done
-for pid in "${waiting[@]}"; do
-    wait "$pid" || fail "one of five ports did not print"
+    arrived MANY "$work/jobs/10.77.1.5$n-1"
 done
 
 say "kestctl find"
@@ -183,7 +191,8 @@ fi
 [[ $said == *"2 answered, but without an address"* ]] || fail "kestctl find says only: $said"
 
 say "nobody answers"
-announce "$other"
+in_place_of "$agents_pid" true
+agents_pid=
 kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 \
     --always-print >/dev/null
 forget
@@ -202,7 +211,7 @@ for conf in "" "<slp_config><version>2"; do
     [ -z "$conf" ] || echo "$conf" >"$bin/SLPConf.xml"
     forget
     no_job GONE
-    logged 1 "XMLfile path: Z:${bin//\//\\}\\SLPConf.xml"
+    logged 1 "XMLfile path: $(windows_path "$bin/SLPConf.xml")"
     logged 2 "Return from DiscoverPrinterSynch is -104"
     echo >"$bin/SLPConf.xml"
 done

@@ -18,6 +18,8 @@ struct FakeMonitor {
     std::wstring ignored;                   // command that answers 0 and does nothing
     std::vector<std::wstring> queues;       // that print to any of the ports
     int opened = 0;
+    PrinterIdentity printer;  // that is asked who it is
+    std::string identified;   // where
 
     std::wstring document;      // name of the last job
     std::string received;       // its bytes
@@ -107,7 +109,10 @@ inline ChannelFactory FakeMonitor::Factory() {
 inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> arguments) {
     CLI::App app;
     app.allow_windows_style_options(false);
-    AddPortCommands(app, monitor.Factory());
+    AddPortCommands(app, monitor.Factory(), [&monitor](const std::string& host) {
+        monitor.identified = host;
+        return monitor.printer;
+    });
     AddPrintCommand(app, monitor.Factory());
     std::ostringstream output;
     std::streambuf* const before = std::cout.rdbuf(output.rdbuf());

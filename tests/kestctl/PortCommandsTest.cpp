@@ -39,6 +39,32 @@ TEST(PortCommands, AddShowSetAndDelete) {
     EXPECT_EQ(monitor.ports.size(), 1u);
 }
 
+TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
+    FakeMonitor monitor;
+    const auto show = [&monitor] {
+        return nlohmann::json::parse(Kestctl(monitor, {"port", "show", "OFFICE", "--json"}));
+    };
+    monitor.printer = {"10.0.0.7", "0004004A1B2C", "prn-1"};
+    EXPECT_EQ(Kestctl(monitor, {"port", "add", "OFFICE", "--follow", "printer.example"}),
+              "port OFFICE added: raw to 10.0.0.7:9100, following 0004004A1B2C, prn-1\n");
+    EXPECT_EQ(monitor.identified, "printer.example");
+    EXPECT_EQ(show()["hostName"], "prn-1");
+    EXPECT_EQ(show()["alwaysPrint"], true);
+
+    // Another printer, which has no name of its own: the old one's MAC address must be gone.
+    monitor.printer = {"fd00::7", "000400000007", ""};
+    EXPECT_EQ(Kestctl(monitor, {"port", "set", "OFFICE", "--follow", "fd00::7"}),
+              "port OFFICE set: raw to [fd00::7]:9100, following 000400000007\n");
+    EXPECT_EQ(show()["mac"], "000400000007");
+    monitor.printer = {"10.0.0.8", "", "prn-3"};
+    EXPECT_EQ(
+        Kestctl(monitor, {"port", "set", "OFFICE", "--follow", "p3", "--address", "10.0.0.9"}),
+        "port OFFICE set: raw to 10.0.0.9:9100, following prn-3\n");
+    EXPECT_EQ(show()["mac"], "");
+    EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--follow", "p", "--mac", "none"}),
+                HasSubstr("excludes"));
+}
+
 TEST(PortCommands, AddIsAllOrNothing) {
     const std::vector<std::string> add = {"port", "add", "OFFICE", "--address", "10.0.0.1"};
     for (const wchar_t* step :

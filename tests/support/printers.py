@@ -12,6 +12,7 @@ import sys
 import threading
 
 RAW, LPR = 9100, 515
+IPV6_FREEBIND = 78  # Linux's number: listen at addresses that are routed here, if on no interface
 saving = threading.Lock()
 
 
@@ -85,6 +86,8 @@ def main():
         for port, take in ((RAW, take_raw), (LPR, take_lpr)):
             listener = socket.socket(family, socket.SOCK_STREAM)
             listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            if family == socket.AF_INET6:
+                listener.setsockopt(socket.IPPROTO_IPV6, IPV6_FREEBIND, 1)
             listener.bind((address, port))
             listener.listen()
             threading.Thread(target=serve, args=(listener, folder, address, take)).start()

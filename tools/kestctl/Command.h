@@ -8,9 +8,8 @@
 #include <vector>
 
 #include "tools/kestctl/CommandFailed.h"
+#include "tools/kestctl/PrinterIdentity.h"
 #include "tools/kestctl/SpoolerChannel.h"
-
-class Network;
 
 // Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
 void AddJsonFlag(CLI::App& command, bool& wanted);
@@ -36,15 +35,13 @@ void AddDirectFlag(CLI::App& app);
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
 
-// The process's network, started. Throws CommandFailed.
-Network& StartedNetwork();
-
 // True when standard output is a terminal (then progress may be shown on it).
 bool OutputIsTerminal();
 
 // One function for each group of commands; each adds its subcommands, whose callbacks do the work
 // and throw CommandFailed. Usage errors are CLI11's own (exit code 2).
-void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel);
+void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
+                     const PrinterIdentifier& identify);
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);

@@ -8,7 +8,6 @@
 
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Hosts.h"
-#include "tools/kestctl/Text.h"
 
 namespace {
 
@@ -119,14 +118,6 @@ void AddCommand(CLI::App& app, const char* name, const char* text, const char* t
 }
 
 }  // namespace
-
-Network& StartedNetwork() {
-    Network& network = Singleton<Network>::GetInstance();
-    if (network.Start() != 0) {
-        throw CommandFailed("Windows Sockets cannot be started: " + ErrorText(WSAGetLastError()));
-    }
-    return network;
-}
 
 void AddNetworkCommands(CLI::App& app) {
     AddCommand(app, "resolve", "Show the address that the monitor finds for a host name", "NAME",

@@ -2,6 +2,7 @@
 #include <iostream>
 #include <memory>
 
+#include "discovery/AddressText.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/PortStore.h"
 #include "tools/kestctl/Text.h"
@@ -12,6 +13,7 @@ namespace {
 struct PortArguments {
     std::string name;
     PortChange change;
+    std::string follow;
     bool json = false;
 };
 
@@ -23,7 +25,8 @@ CLI::Validator Checked(std::string (*check)(std::string&)) {
     return CLI::Validator(check, "");
 }
 
-void AddSettings(CLI::App& command, PortChange& change) {
+void AddSettings(CLI::App& command, PortArguments& arguments) {
+    PortChange& change = arguments.change;
     const auto text = [&command](const char* name, std::optional<std::string>& value,
                                  const char* description, std::string (*check)(std::string&)) {
         return command.add_option(name, value, description)->transform(Checked(check));
@@ -56,6 +59,37 @@ void AddSettings(CLI::App& command, PortChange& change) {
     command.add_flag("--no-snmp", change.noSnmp, "Turn SNMP status off")
         ->excludes(community)
         ->excludes(index);
+}
+
+void AddFollow(CLI::App& command, PortArguments& arguments) {
+    command
+        .add_option("--follow", arguments.follow,
+                    "Ask the printer at this address, or of this name, for its MAC address and "
+                    "host name, and make the port send to it and follow it")
+        ->excludes("--mac")
+        ->excludes("--host-name")
+        ->excludes("--always-print");
+}
+
+// Completes a change by what the printer to follow says of itself; does nothing without one.
+// Returns words about it for the command's report.
+std::string Follow(PortArguments& arguments, const PrinterIdentifier& identify) {
+    if (arguments.follow.empty()) {
+        return {};
+    }
+    const PrinterIdentity printer = identify(arguments.follow);
+    PortChange& change = arguments.change;
+    if (!change.address && !change.ipv6) {
+        (IsIPv4AddressText(printer.address) ? change.address : change.ipv6) = printer.address;
+    }
+    change.mac = printer.mac;
+    if (!printer.hostName.empty()) {
+        change.hostName = printer.hostName;
+    }
+    change.alwaysPrint = true;
+    return ", following " + Printable(printer.mac) +
+           (printer.mac.empty() || printer.hostName.empty() ? "" : ", ") +
+           Printable(printer.hostName);
 }
 
 CLI::App& AddPortCommand(CLI::App& port, const std::string& name, const std::string& description,
@@ -121,7 +155,7 @@ void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
     });
 }
 
-void AddAdd(CLI::App& port, const ChannelFactory& openChannel) {
+void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
     CLI::App& command = AddPortCommand(port, "add", "Add a port for a printer",
                                        "port add OFFICE --address 192.168.1.20 "
                                        "--mac 00:04:00:4a:1b:2c --always-print");
@@ -129,23 +163,27 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel) {
     command.add_option("NAME", arguments->name, "The new port's name")
         ->required()
         ->transform(Checked(CheckPortName));
-    AddSettings(command, arguments->change);
-    command.callback([arguments, openChannel] {
+    AddSettings(command, *arguments);
+    AddFollow(command, *arguments);
+    command.callback([arguments, openChannel, identify] {
+        const std::string following = Follow(*arguments, identify);
         PortRecords records;
         Apply(arguments->change, records);
         const auto channel = openChannel();
         AddPort(*channel, ToWide(arguments->name), records);
-        std::cout << "port " << arguments->name << " added: " << Destination(records) << '\n';
+        std::cout << "port " << arguments->name << " added: " << Destination(records) << following
+                  << '\n';
     });
 }
 
-void AddSet(CLI::App& port, const ChannelFactory& openChannel) {
+void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
     CLI::App& command = AddPortCommand(port, "set", "Change settings of a port; the others stay",
-                                       "port set OFFICE --address 192.168.1.21");
+                                       "port set OFFICE --follow 192.168.1.20");
     const auto arguments = std::make_shared<PortArguments>();
     command.add_option("NAME", arguments->name, "The port")->required();
-    AddSettings(command, arguments->change);
-    command.callback([arguments, openChannel, &command] {
+    AddSettings(command, *arguments);
+    AddFollow(command, *arguments);
+    command.callback([arguments, openChannel, identify, &command] {
         const auto isGiven = [](const CLI::Option* option) { return option->count() > 0; };
         if (command.get_options(isGiven).size() == 1) {  // NAME alone
             throw CLI::RequiredError("a setting to change");
@@ -153,10 +191,11 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel) {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
         const PortRecords before = ReadPort(*channel, name);
+        const std::string following = Follow(*arguments, identify);
         PortRecords after = before;
         Apply(arguments->change, after);
         ChangePort(*channel, name, before, after);
-        std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << '\n';
+        std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << following << '\n';
     });
 }
 
@@ -180,12 +219,13 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
 
 }  // namespace
 
-void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel) {
+void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
+                     const PrinterIdentifier& identify) {
     CLI::App& port = *app.add_subcommand("port", "Manage the monitor's ports");
     port.require_subcommand(1);
     AddList(port, openChannel);
     AddShow(port, openChannel);
-    AddAdd(port, openChannel);
-    AddSet(port, openChannel);
+    AddAdd(port, openChannel, identify);
+    AddSet(port, openChannel, identify);
     AddDelete(port, openChannel);
 }

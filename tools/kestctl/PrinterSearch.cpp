@@ -5,16 +5,33 @@
 
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Hosts.h"
+#include "tools/kestctl/PortSettings.h"
+
+namespace {
+
+// kestmon.dll in the system's folder, where the spooler has it from; null when it is not installed.
+HMODULE InstalledMonitor() {
+    wchar_t folder[MAX_PATH];
+    const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
+    const std::wstring path = std::wstring(folder, length) + L"\\kestmon.dll";
+    return LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+}
+
+}  // namespace
 
 const char kSearchHint[] =
     "check that it is on, that `kestctl slp find` shows it with the attributes that SLPConf.xml "
     "names (docs/SLPConf.md explains how), and that no firewall keeps UDP port 427 from it";
 
 void SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern) {
+    const HMODULE monitor = InstalledMonitor();
+    Config::SetModule(monitor);
     if (!search.Configure(modelPattern)) {
         throw CommandFailed(
-            "SLPConf.xml, which says how printers are searched for, is missing beside "
-            "kestctl.exe or is not well-formed XML");
+            std::string(
+                "SLPConf.xml, which says how printers are searched for, is missing beside ") +
+            (monitor != nullptr ? "the installed kestmon.dll" : "kestctl.exe") +
+            " or is not well-formed XML");
     }
 }
 
@@ -34,9 +51,9 @@ PrinterIdentity IdentifyPrinter(const std::string& host) {
                        [](unsigned char digit) { return std::toupper(digit); });
     }
     // Without a name of its own, a record has its last address for one.
-    const std::string& name = identity.hostName;
-    if (IPAddress(name).IsValid() || MacAddress(name).IsValid()) {
-        identity.hostName.clear();
+    std::string& name = identity.hostName;
+    if (IPAddress(name).IsValid() || MacAddress(name).IsValid() || !CheckHostName(name).empty()) {
+        name.clear();
     }
     if (identity.mac.empty() && identity.hostName.empty()) {
         throw CommandFailed("the printer at " + address.GetText() +

@@ -15,6 +15,7 @@
 #include "net/Network.h"
 #include "net/SnmpSession.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Hosts.h"
 
 namespace {
 

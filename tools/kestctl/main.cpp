@@ -12,6 +12,7 @@
 
 #include "Version.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/PrinterSearch.h"
 #include "tools/kestctl/Text.h"
 
 namespace {
@@ -62,7 +63,7 @@ int Run() {
     AddDirectFlag(app);
 
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
-    AddPortCommands(app, openChannel);
+    AddPortCommands(app, openChannel, IdentifyPrinter);
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
     AddSlpCommands(app);
