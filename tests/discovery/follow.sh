@@ -33,7 +33,7 @@ in_place_of() {
     fi
     exec {ready}< <(exec ip netns exec "$peer_ns" "${@:2}")
     started=$!
-    read -r _ <&"$ready" || [ "$2" = true ] || fail "$2 does not start"
+    read -r _ <&"$ready" || fail "$2 does not start"
     exec {ready}<&-
 }
 
@@ -191,8 +191,7 @@ fi
 [[ $said == *"2 answered, but without an address"* ]] || fail "kestctl find says only: $said"
 
 say "nobody answers"
-in_place_of "$agents_pid" true
-agents_pid=
+kill -KILL "$agents_pid"
 kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 \
     --always-print >/dev/null
 forget
