@@ -197,7 +197,9 @@ UniqueRegistryKey OpenRoot(LPCWSTR path) {
 SpoolerHost::SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey)
     : root_(OpenRoot(rootKey)), registry_(kRegistry) {
     init_ = {sizeof(MONITORINIT), this, root_.Get(), &registry_, TRUE, nullptr};
-    library_.Reset(LoadLibraryExW(library.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
+    // A full path, so that slp64.dll is found beside it.
+    const auto path = std::filesystem::absolute(library).make_preferred();
+    library_.Reset(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
     if (!library_) {
         throw CommandFailed(ToUtf8(library.native()) +
                             " cannot be loaded: " + ErrorText(GetLastError()));
