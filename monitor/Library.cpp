@@ -23,7 +23,8 @@ BOOL LibraryMain(HMODULE module, DWORD reason) noexcept {
             DisableThreadLibraryCalls(module);
             break;
         }
-        // Thread calls are disabled above and do not arrive; if one did, it would end here too.
+        // Thread calls are disabled above, and DllMain lets none through where the system cannot
+        // disable them; one that came all the same would end here too.
         case DLL_PROCESS_DETACH:
         case DLL_THREAD_ATTACH:
         case DLL_THREAD_DETACH:

@@ -1,7 +1,5 @@
 #include "monitor/Lpr.h"
 
-#include <lmcons.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
@@ -94,7 +92,7 @@ bool SendCommand(PortEntry* port, const char* format, Values... values) {
 
 // RFC 1179, 6.3: receive data file.
 bool SendDataFileCommand(PortEntry* port, LONG byteCount, const char* host) {
-    return SendCommand(port, "\x03%ld dfA00%d%s\n", byteCount, port->lprJobNumber, host);
+    return SendCommand(port, "\x03%ld dfA00%d%s\n", byteCount, port->runningLprJob, host);
 }
 
 // Opens a new temporary file for the job's data. One that an earlier job could not send stays on
@@ -108,6 +106,11 @@ bool CreateTempFile(PortEntry* port) {
     }
     port->tempFile.Reset(CreateFileW(port->tempFileName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!port->tempFile) {
+        const DWORD error = GetLastError();
+        DeleteFileW(port->tempFileName);  // the name was reserved by an empty file
+        SetLastError(error);
+    }
     return static_cast<bool>(port->tempFile);
 }
 
@@ -138,7 +141,10 @@ bool SendTempFile(PortEntry* port) {
 }  // namespace
 
 bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
-    ++port->lprJobNumber;
+    {
+        LockGuard lock(PortListLock);
+        port->runningLprJob = ++port->lprJobNumber;
+    }
     const HostName host;
 
     // RFC 1179, 5.2: receive a printer job.
@@ -150,9 +156,9 @@ bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
     // expect three digits of job number, but cope with what follows the two fixed zeros.
     char controlFile[2 * kHostNameSize + kUserNameSize + 32];
     snprintf(controlFile, sizeof(controlFile), "H%s\nP%s\nldfA00%d%s\n", host.text, UserName().text,
-             port->lprJobNumber, host.text);
+             port->runningLprJob, host.text);
     const size_t length = strlen(controlFile);
-    if (!SendCommand(port, "\x02%d cfA00%d%s\n", static_cast<int>(length), port->lprJobNumber,
+    if (!SendCommand(port, "\x02%d cfA00%d%s\n", static_cast<int>(length), port->runningLprJob,
                      host.text) ||
         !SendWithAck(port, controlFile, length + 1)) {
         return false;

@@ -138,8 +138,12 @@ class PortNamesKey {
 
     DWORD Create(HANDLE root) {
         DWORD disposition = 0;
-        return registry_.fpCreateKey(root, kPortsKey, REG_OPTION_NON_VOLATILE, KEY_READ, nullptr,
-                                     &key_, &disposition, spooler_);
+        const LONG error = registry_.fpCreateKey(root, kPortsKey, REG_OPTION_NON_VOLATILE, KEY_READ,
+                                                 nullptr, &key_, &disposition, spooler_);
+        if (error != ERROR_SUCCESS) {
+            key_ = nullptr;
+        }
+        return error;
     }
 
     DWORD QueryInfo(DWORD& count, DWORD& longest) {
@@ -177,7 +181,7 @@ DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept {
     if (room > MAXDWORD) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    UniqueBlock<WCHAR> names(static_cast<LPWSTR>(GlobalAlloc(GPTR, (room + 1) * sizeof(WCHAR))));
+    UniqueBlock<WCHAR> names(static_cast<LPWSTR>(GlobalAlloc(GPTR, room * sizeof(WCHAR))));
     if (!names) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }

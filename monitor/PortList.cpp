@@ -128,26 +128,36 @@ PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
     return port;
 }
 
-int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
-    PortEntry* previous = nullptr;
-    for (PortEntry* port = monitor->ports; port != nullptr; previous = port, port = port->next) {
-        if (!IsListed(port) || !HasName(port, name)) {
-            continue;
-        }
-        (previous != nullptr ? previous->next : monitor->ports) = port->next;
-        if (monitor->lastPort == port) {
-            monitor->lastPort = previous;
-        }
-        LetGoOfPort(port);
-        return 1;
+PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name) noexcept {
+    PortEntry* port = monitor->ports;
+    while (port != nullptr && !(IsListed(port) && HasName(port, name))) {
+        port = port->next;
     }
-    return 0;
+    return port;
+}
+
+int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
+    PortEntry* port = FindPortEntry(monitor, name);
+    if (port == nullptr) {
+        return 0;
+    }
+    PortEntry* previous = nullptr;
+    for (PortEntry* entry = monitor->ports; entry != port; entry = entry->next) {
+        previous = entry;
+    }
+    (previous != nullptr ? previous->next : monitor->ports) = port->next;
+    if (monitor->lastPort == port) {
+        monitor->lastPort = previous;
+    }
+    LetGoOfPort(port);
+    return 1;
 }
 
 void RemoveAllPortEntries(MonitorHandle* monitor) noexcept {
     monitor->lastPort = nullptr;
     while (PortEntry* port = monitor->ports) {
         monitor->ports = port->next;
+        port->monitor = nullptr;
         LetGoOfPort(port);
     }
 }
@@ -239,8 +249,8 @@ BOOL WINAPI OpenPort(HANDLE hMonitor, LPWSTR pName, PHANDLE pHandle) {
     for (PortEntry* port = monitor->ports; port != nullptr; port = port->next) {
         if (HasName(port, pName)) {
             port->lprJobNumber = 0;
-            ++port->opens;
             HoldPort(port);
+            ++port->opens;
             *pHandle = port;
             return TRUE;
         }

@@ -40,6 +40,10 @@ struct PortEntry {
     DWORD doubleSpool = 0;
     WCHAR tempFileName[MAX_PATH] = {};
 
+    // The number of the job that runs: all steps of its dialogue name the same, though lprJobNumber
+    // starts again when somebody opens the port meanwhile.
+    BYTE runningLprJob = 0;
+
     // A port may be deleted while the spooler has it open or a job runs on it. It leaves the list
     // at once; the block goes with the last of those who hold it: the list, each open, a job.
     std::atomic<LONG> holders = 1;
@@ -81,12 +85,17 @@ PortEntry* PortOf(HANDLE handle) noexcept;
 // longer than kMaxPortName, null as well when there is no memory for it.
 PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
 
+// The first port with this name, in any letter case, that is not marked deleted; null without one.
+// Takes no lock.
+PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name) noexcept;
+
 // Takes the first port with this name (in any letter case) out of the list and lets go of it.
 // Takes no lock: callers hold PortListLock, or accept the race. Returns 1 when there was one, else
 // 0.
 int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
 
-// Lets go of all ports in the list, without a lock: for the monitor's end.
+// Lets go of all ports in the list, without a lock: for the monitor's end. A port that is still
+// open starts no more jobs.
 void RemoveAllPortEntries(MonitorHandle* monitor) noexcept;
 
 // A job's hold on its port.

@@ -9,6 +9,8 @@ namespace {
 
 using EnumPortsProc = BOOL(WINAPI*)(LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD);
 
+constexpr WCHAR kSpoolerLibrary[] = L"\\SPOOLSS.DLL";
+
 // Kept for the life of the library once found.
 std::atomic<EnumPortsProc> enumPorts = nullptr;
 
@@ -23,12 +25,11 @@ EnumPortsProc LoadEnumPorts() {
     if (length == 0) {
         return nullptr;
     }
-    WCHAR path[MAX_PATH];
-    if (length >= MAX_PATH || swprintf(path, MAX_PATH, L"%ls\\SPOOLSS.DLL", folder) < 0) {
+    if (length + wcslen(kSpoolerLibrary) >= MAX_PATH) {
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return nullptr;
     }
-    HMODULE spooler = LoadLibraryW(path);
+    HMODULE spooler = LoadLibraryW(wcscat(folder, kSpoolerLibrary));
     if (spooler == nullptr) {
         return nullptr;
     }

@@ -38,8 +38,8 @@ bool BeginJob(PortEntry* port) {
     if ((port->flags & kJobInProgress) != 0) {
         return false;
     }
-    port->flags |= kJobInProgress;
     HoldPort(port);
+    port->flags |= kJobInProgress;
     return true;
 }
 
@@ -152,6 +152,10 @@ BOOL WINAPI StartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD, 
     if (port == nullptr) {
         return FALSE;
     }
+    if (port->monitor == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
     if (!BeginJob(port)) {
         return TRUE;
     }
@@ -167,11 +171,13 @@ BOOL WINAPI WritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWrit
     if (port == nullptr) {
         return FALSE;
     }
+    if (pcbWritten != nullptr) {
+        *pcbWritten = 0;
+    }
     if (pcbWritten == nullptr || (pBuffer == nullptr && cbBuf > 0)) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    *pcbWritten = 0;
     if (port->protocol == kProtocolLpr && port->doubleSpool != 0) {
         return SpoolLprData(port, pBuffer, cbBuf, pcbWritten);
     }
@@ -252,7 +258,9 @@ BOOL WINAPI EndDocPort(HANDLE hPort) {
     ControlJob(port, JOB_CONTROL_SENT_TO_PRINTER);
     port->printer.Reset();
     port->printerName.Reset();
-    port->flags &= ~kJobInProgress;
-    LetGoOfPort(port);
+    // Whoever clears the flag ends the job, should two end it at once.
+    if ((port->flags.fetch_and(~kJobInProgress) & kJobInProgress) != 0) {
+        LetGoOfPort(port);
+    }
     return TRUE;
 }

@@ -1,6 +1,5 @@
 #include "monitor/Xcv.h"
 
-#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <cwchar>
@@ -34,7 +33,7 @@ struct XcvCall {
         return text;
     }
 
-    // For the commands that answer with a few bytes: says how many, and writes them if they fit.
+    // Writes an answer whose size was found to fit.
     DWORD Answer(const void* bytes, DWORD size) const {
         if (output == nullptr) {
             return ERROR_INVALID_PARAMETER;
@@ -119,10 +118,14 @@ DWORD DeletePort(const XcvCall& call) {
     // One character more than a port can have: a longer name matches none.
     const std::wstring name = TextAt(call.input, kMaxPortName + 1);
     LockGuard lock(PortListLock);
-    if (!RemovePortEntry(call.channel->monitor, name.c_str())) {
+    const PortEntry* port = FindPortEntry(call.channel->monitor, name.c_str());
+    if (port == nullptr) {
         return ERROR_FILE_NOT_FOUND;
     }
-    DeletePortKey(name.c_str());
+    // The key has the port's own spelling, to which the name given need only be equal.
+    const std::wstring key = port->name;
+    RemovePortEntry(call.channel->monitor, name.c_str());
+    DeletePortKey(key.c_str());
     return ERROR_SUCCESS;
 }
 
@@ -231,8 +234,8 @@ XcvHandle* XcvOf(HANDLE handle) {
     return xcv != nullptr && xcv->signature == kXcvSignature ? xcv : nullptr;
 }
 
-// Holds the list of channels while it is changed. Not PortListLock: opening a channel does not
-// wait for it, so that a slow print daemon cannot hold up the administrator. Kept on purpose.
+// Holds the list of channels while it is changed. Not PortListLock: opening a channel has never
+// waited for that, only closing one does. Kept on purpose.
 class XcvListGuard {
   public:
     explicit XcvListGuard(MonitorHandle* monitor) : lock_(monitor->xcvLock) {

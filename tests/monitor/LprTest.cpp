@@ -80,7 +80,19 @@ class Daemon {
 
 class LprTest : public testing::Test {
   protected:
-    void SetUp() override { ASSERT_TRUE(spooler.Start()); }
+    void SetUp() override {
+        // A folder of its own: other tests spool at the same time.
+        folder = std::filesystem::temp_directory_path() /
+                 ("kestmon lpr " + std::to_string(GetCurrentProcessId()));
+        std::filesystem::create_directory(folder);
+        SetEnvironmentVariableW(L"TMP", folder.c_str());
+        ASSERT_TRUE(spooler.Start());
+    }
+    void TearDown() override {
+        SetEnvironmentVariableW(L"TMP", folder.parent_path().c_str());
+        std::error_code ignored;
+        std::filesystem::remove_all(folder, ignored);
+    }
 
     HANDLE OpenPort(WORD tcpPort, bool doubleSpool) {
         LPCWSTR name = L"P";
@@ -103,10 +115,9 @@ class LprTest : public testing::Test {
         EXPECT_TRUE(spooler->pfnEndDocPort(port));
     }
 
-    static size_t TempFiles() {
+    size_t TempFiles() const {
         size_t count = 0;
-        for (const auto& file :
-             std::filesystem::directory_iterator(std::filesystem::temp_directory_path())) {
+        for (const auto& file : std::filesystem::directory_iterator(folder)) {
             const std::wstring name = file.path().filename().wstring();
             count += _wcsnicmp(name.c_str(), L"NPM", 3) == 0;
         }
@@ -114,6 +125,7 @@ class LprTest : public testing::Test {
     }
 
     FakeSpooler spooler;
+    std::filesystem::path folder;
 };
 
 TEST_F(LprTest, AStreamedJobSpeaksTheDialogueOfADaemon) {
@@ -162,6 +174,16 @@ TEST_F(LprTest, ADoubleSpooledJobAnnouncesTheRunningTotal) {
                   Host() + "\n");
     EXPECT_EQ(next[0].data, std::string(50, 'b') + '\0');
     EXPECT_EQ(TempFiles(), before);
+}
+
+TEST_F(LprTest, OpeningThePortDoesNotRenumberTheJobThatRuns) {
+    Daemon daemon;
+    HANDLE port = OpenPort(daemon.Port(), true);
+    ASSERT_TRUE(Start(port));
+    spooler.Open(L"P");
+    spooler->pfnEndDocPort(port);
+    EXPECT_THAT(daemon.Finish().at(0).commands.back(),
+                testing::EndsWith(" dfA001" + Host() + "\n"));
 }
 
 TEST_F(LprTest, ADoubleSpooledJobOfManyChunksArrivesWhole) {

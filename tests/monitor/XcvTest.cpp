@@ -138,6 +138,10 @@ TEST_F(XcvTest, DeletePortTakesThePortAndItsKey) {
     EXPECT_EQ(Send(administrator, L"DeletePort", L"OFFICE", 0), 0u);  // the size is not looked at
     EXPECT_FALSE(spooler.HasPortKey(L"Office"));
     EXPECT_EQ(spooler.Open(L"Office"), nullptr);
+    // A name can be equal to the port's without being spelled like its key.
+    Send(administrator, L"AddPort", L"Office");
+    EXPECT_EQ(Send(administrator, L"DeletePort", L"Of\u00ADfice"), 0u);
+    EXPECT_FALSE(spooler.HasPortKey(L"Office"));
     spooler.SetPortKey(L"Office");
     EXPECT_EQ(Send(administrator, L"DeletePort", L"Office"), DWORD{ERROR_FILE_NOT_FOUND});
     EXPECT_TRUE(spooler.HasPortKey(L"Office"));
