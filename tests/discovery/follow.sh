@@ -3,9 +3,11 @@
 # network of their own, to printers that move. follow.sh BIN-FOLDER JOB_STARTS.exe
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
+. "$root/tests/support/moving.sh"
 
 netns_need
 netns_up
+printers_host=(ip netns exec "$peer_ns")
 
 work=$(mktemp -d "$build/follow.XXXXXX")
 trap 'netns_down; rm -rf "$work"' EXIT
@@ -24,42 +26,13 @@ done
 
 kestctl() { client_wine "$bin/kestctl.exe" --direct "$@"; }
 
-# in_place_of PID COMMAND...: ends a program of the peer, starts another and waits until it is
-# ready; its id is in `started`.
-in_place_of() {
-    if [ -n "$1" ]; then
-        kill -KILL "$1"
-        wait "$1" || true
-    fi
-    exec {ready}< <(exec ip netns exec "$peer_ns" "${@:2}")
-    started=$!
-    read -r _ <&"$ready" || fail "$2 does not start"
-    exec {ready}<&-
-}
-
-# The printers that are on: ADDRESS... take jobs.
-printers_pid=
-printers() {
-    in_place_of "$printers_pid" "$root/tests/support/printers.py" "$work/jobs" "$@"
-    printers_pid=$started
-}
-
-# What they announce, each from its own address: ADDRESS ATTRIBUTE-LIST
-announce_at() {
-    in_place_of "$agents_pid" "$root/tests/support/service_agents.py" \
-        "service:printer first=$1 list=$2"
-    agents_pid=$started
-}
-
-# What they announce: ATTRIBUTE-LIST..., the first at once, each other one 0.1 s later.
-agents_pid=
+# What answers: ATTRIBUTE-LIST..., the first at once, each other one 0.1 s later.
 announce() {
     local list groups=() number=0
     for list in "$@"; do
         groups+=("service:printer first=10.77.9.$((++number)) delay=0.$((number - 1)) list=$list")
     done
-    in_place_of "$agents_pid" "$root/tests/support/service_agents.py" "${groups[@]}"
-    agents_pid=$started
+    agents "${groups[@]}"
 }
 
 # expect WHAT IS SHOULD-BE
@@ -77,17 +50,7 @@ job() {
     head -c $((100000 + ++jobs)) /dev/urandom >"$work/document-$port"
     kestctl print "$work/document-$port" --port "$port" >/dev/null ||
         fail "port $port: the job was not printed"
-    arrived "$port" "$work/jobs/$address-$((before + 1))"
-}
-
-# The last bytes may still be on their way when the job's end is reported.
-arrived() {
-    local tries=0
-    until [ -e "$2" ]; do
-        [ $((tries += 1)) -le 200 ] || fail "port $1: no job arrived at ${2##*/}"
-        sleep 0.05
-    done
-    cmp "$work/document-$1" "$2" || fail "port $1: the job arrived changed"
+    take_job "$work/jobs/$address-$((before + 1))" "$work/document-$port"
 }
 
 no_job() {
@@ -100,20 +63,19 @@ no_job() {
 logged() { expect "lines with '$2'" "$(tail -n "+$log_seen" "$log" | grep -cF "$2")" "$1"; }
 forget() { log_seen=$(($(wc -l <"$log") + 1)); }
 
-printer() { printf '(ip-address=%s),(mac-address=%s),(host-name=%s),(printer-device-id=MFG:Acme;MDL:%s;)' "$@"; }
-other=$(printer 10.77.1.99 000400000099 other Other_1)
+other=$(announcement 10.77.1.99 000400000099 other Other_1)
 echo document >"$work/document"
 
 say "a RAW printer moves"
 forget
-printers 10.77.1.20
-announce_at 10.77.1.20 "$(printer 10.77.1.20 0004004A1B2C prn-1 Model_100)"
+printers "$work/jobs" 10.77.1.20
+agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)"
 kestctl port add RAW --address 10.77.1.20 >/dev/null
 expect "following" "$(kestctl port set RAW --follow 10.77.1.20)" \
     "port RAW set: raw to 10.77.1.20:9100, following 0004004A1B2C, prn-1"
 job RAW 10.77.1.20
-printers 10.77.1.31
-announce "$other" "$(printer 10.77.1.31 0004004A1B2C prn-1 Model_100)"
+printers "$work/jobs" 10.77.1.31
+announce "$other" "$(announcement 10.77.1.31 0004004A1B2C prn-1 Model_100)"
 forget
 job RAW 10.77.1.31
 logged 1 "Find specific mac"
@@ -126,8 +88,8 @@ logged 0 "Searching for a printer"
 say "an LPR printer moves, and has another MAC address now: its name is the same"
 kestctl port add LPR --protocol lpr --double-spool --address 10.77.1.22 --mac 000400000022 \
     --host-name PRN-2 --always-print >/dev/null
-printers 10.77.1.33
-announce "$other" "$(printer 10.77.1.33 000400000033 prn-2 Model_200)"
+printers "$work/jobs" 10.77.1.33
+announce "$other" "$(announcement 10.77.1.33 000400000033 prn-2 Model_200)"
 forget
 job LPR 10.77.1.33
 logged 2 "Using IPv4 Multicast Address = 239.255.255.253"
@@ -137,8 +99,8 @@ job LPR 10.77.1.33
 
 say "the printer has IPv6 only"
 kestctl port add SIX --address 10.77.1.23 --mac 000400000023 --always-print >/dev/null
-printers fd77:0:0:1::23
-announce "$(printer fd77:0:0:1::23 000400000023 prn-3 Model_300)"
+printers "$work/jobs" fd77:0:0:1::23
+announce "$(announcement fd77:0:0:1::23 000400000023 prn-3 Model_300)"
 job SIX fd77:0:0:1::23
 expect "the address kept" "$(setting SIX ipv6Host)" fd77:0:0:1::23
 expect "the old one" "$(setting SIX address)" 10.77.1.23
@@ -147,9 +109,9 @@ job SIX fd77:0:0:1::23
 say "somebody else has the printer's name and answers first"
 kestctl port add NAMESAKE --address 10.77.1.24 --mac 000400000024 --host-name prn-4 \
     --always-print >/dev/null
-printers 10.77.1.35 10.77.1.98
-announce "$(printer 10.77.1.98 000400000098 prn-4 Model_400)" \
-    "$(printer 10.77.1.35 000400000024 prn-4 Model_400)"
+printers "$work/jobs" 10.77.1.35 10.77.1.98
+announce "$(announcement 10.77.1.98 000400000098 prn-4 Model_400)" \
+    "$(announcement 10.77.1.35 000400000024 prn-4 Model_400)"
 job NAMESAKE 10.77.1.35
 
 say "five ports search at once"
@@ -158,15 +120,15 @@ lists=()
 for n in 1 2 3 4 5; do
     kestctl port add "MANY$n" --address "10.77.1.4$n" --mac "00040000004$n" --always-print >/dev/null
     addresses+=("10.77.1.5$n")
-    lists+=("$(printer "10.77.1.5$n" "00040000004$n" "prn-4$n" Model_500)")
+    lists+=("$(announcement "10.77.1.5$n" "00040000004$n" "prn-4$n" Model_500)")
 done
-printers "${addresses[@]}"
+printers "$work/jobs" "${addresses[@]}"
 announce "${lists[@]}"
 head -c 100000 /dev/urandom >"$work/document-MANY"
 client_wine "$2" "$(windows_path "$bin/kestmon.dll")" "$work/document-MANY" MANY{1..5} ||
     fail "one of five ports did not print"
 for n in 1 2 3 4 5; do
-    arrived MANY "$work/jobs/10.77.1.5$n-1"
+    take_job "$work/jobs/10.77.1.5$n-1" "$work/document-MANY"
 done
 
 say "kestctl find"
@@ -191,7 +153,7 @@ fi
 [[ $said == *"2 answered, but without an address"* ]] || fail "kestctl find says only: $said"
 
 say "nobody answers"
-kill -KILL "$agents_pid"
+printers_off
 kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 \
     --always-print >/dev/null
 forget

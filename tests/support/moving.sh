@@ -1,0 +1,62 @@
+# shellcheck shell=bash
+# shellcheck disable=SC2154 # root is set by script/common.sh
+# Sourced, after script/common.sh: printers that take jobs, say who they are, and move.
+#
+printers_host=()               # a command that runs others where the printers are to be
+#   printers FOLDER ADDRESS... these addresses take jobs now, and no others: see printers.py
+#   agents GROUP...            these agents answer now, and no others: see service_agents.py
+#   announcement ADDRESS MAC NAME MODEL
+#                              a printer's attribute list, with the shipped SLPConf.xml's tags; a
+#                              blank in it is written as _
+#   take_job FILE COPY         waits until a job is there, and compares it with what was printed
+#   printers_off               ends all of them
+
+printers_pid=
+agents_pid=
+
+printers() {
+    in_place_of "$printers_pid" "$root/tests/support/printers.py" "$@"
+    printers_pid=$started
+}
+
+agents() {
+    in_place_of "$agents_pid" "$root/tests/support/service_agents.py" "$@"
+    agents_pid=$started
+}
+
+announcement() {
+    printf '(ip-address=%s),(mac-address=%s),(host-name=%s),' "${@:1:3}"
+    printf '(printer-device-id=MFG:Acme;MDL:%s;)' "$4"
+}
+
+# The last bytes may still be on their way when the job's end is reported.
+take_job() {
+    local tries=0
+    until [ -e "$1" ]; do
+        [ $((tries += 1)) -le 200 ] || fail "no job arrived at ${1##*/}"
+        sleep 0.05
+    done
+    cmp "$1" "$2" || fail "the job arrived changed at ${1##*/}"
+}
+
+printers_off() {
+    switch_off "$printers_pid"
+    switch_off "$agents_pid"
+    printers_pid=
+    agents_pid=
+}
+
+switch_off() {
+    [ -n "$1" ] || return 0
+    kill -KILL "$1" 2>/dev/null || true
+    wait "$1" || true
+}
+
+# Ends one program, starts another and waits until it is ready.
+in_place_of() {
+    switch_off "$1"
+    exec {ready}< <(exec "${printers_host[@]}" "${@:2}")
+    started=$!
+    read -r _ <&"$ready" || fail "$2 does not start"
+    exec {ready}<&-
+}
