@@ -21,7 +21,7 @@ enum SearchType : int32_t { FIND_ALL = 0, FIND_IP = 1, FIND_MAC = 2, FIND_HOSTNA
 //   InitAllPrinterDiscovery, AssociateIFList if wanted, SearchForAllPrinterWithModelName,
 //   wait for the callback, read the list,
 //   StopSearchingForAllPrinterWithModelName, EndAllPrinterDiscovery.
-// Every step is logged. An object serves one thread; see the list about the other one.
+// Every step is logged. An object is used by one thread at a time.
 class IPrinterDiscovery {
   public:
     // Reads SLPConf.xml and sets the model filter of all searches: a pattern for the whole model
@@ -45,7 +45,7 @@ class IPrinterDiscovery {
     // open, or was already.
     virtual bool InitAllPrinterDiscovery() = 0;
 
-    // Restricts the multicast of the search for all printers; see the SLPAssociateIFList.
+    // Restricts the multicast of the search for all printers; see SLPAssociateIFList.
     virtual bool AssociateIFList(const char* interfaceList) = 0;
 
     // Starts the search for all printers that the model filter lets pass.

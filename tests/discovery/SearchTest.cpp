@@ -379,35 +379,32 @@ TEST_F(SearchTest, AllPrintersFromBeginningToEnd) {
 TEST_F(SearchTest, AllPrintersFailing) {
     const std::string code = "[code error]    - ";
     const std::string system = "[system error]  - ";
-    const std::string name = "PrinterDiscovery::";
+    const auto expectLogged = [this](const char* function, const std::string& line) {
+        EXPECT_THAT(LinesOf(std::string("PrinterDiscovery::") + function), Contains(line));
+    };
     EXPECT_FALSE(search.AssociateIFList("127.0.0.1"));
+    expectLogged("AssociateIFList", code + "PD_AssociateIFList: Need to initdiscovery first!");
     EXPECT_FALSE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
     EXPECT_FALSE(search.StopSearchingForAllPrinterWithModelName());
     search.EndAllPrinterDiscovery();
-    const std::string needed = code + "Need to initdiscovery first!|" + name;
-    EXPECT_THAT(log.Lines(),
-                testing::IsSupersetOf({code + "PD_AssociateIFList: Need to initdiscovery first!|" +
-                                           name + "AssociateIFList",
-                                       needed + "SearchForAllPrinterWithModelName",
-                                       needed + "StopSearchingForAllPrinterWithModelName",
-                                       needed + "EndAllPrinterDiscovery"}));
+    for (const char* function :
+         {"SearchForAllPrinterWithModelName", "StopSearchingForAllPrinterWithModelName",
+          "EndAllPrinterDiscovery"})
+        expectLogged(function, code + "Need to initdiscovery first!");
 
     slp.openResult = SLP_INTERNAL_SYSTEM_ERROR;
     EXPECT_FALSE(search.InitAllPrinterDiscovery());
-    EXPECT_THAT(log.Lines(), Contains(system + "PD_InitPrinterDiscovery returned err = -104|" +
-                                      name + "InitAllPrinterDiscovery"));
+    expectLogged("InitAllPrinterDiscovery", system + "PD_InitPrinterDiscovery returned err = -104");
     slp.openResult = SLP_OK;
     ASSERT_TRUE(search.InitAllPrinterDiscovery());
     EXPECT_FALSE(search.AssociateIFList(nullptr));
     slp.associateResult = SLP_PARAMETER_BAD;
     EXPECT_FALSE(search.AssociateIFList("nonsense"));
-    EXPECT_THAT(log.Lines(), Contains(system + "PD_AssociateIFList returned err = -101|" + name +
-                                      "AssociateIFList"));
+    expectLogged("AssociateIFList", system + "PD_AssociateIFList returned err = -101");
     slp.findResult = SLP_HANDLE_IN_USE;
     EXPECT_FALSE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
-    EXPECT_THAT(log.Lines(),
-                Contains(system + "PD_StartPrinterDiscoveryAsynch returned err = -104|" + name +
-                         "SearchForAllPrinterWithModelName"));
+    expectLogged("SearchForAllPrinterWithModelName",
+                 system + "PD_StartPrinterDiscoveryAsynch returned err = -104");
     slp.stopResult = SLP_PARAMETER_BAD;
     EXPECT_FALSE(search.StopSearchingForAllPrinterWithModelName());
     search.EndAllPrinterDiscovery();

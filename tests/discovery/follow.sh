@@ -133,9 +133,9 @@ done
 
 say "kestctl find"
 expect "all printers" "$(kestctl find)" \
-    "NAME                  MODEL                         ADDRESS           MAC
+    "NAME                  MODEL                      ADDRESS           MAC
 $(for n in 1 2 3 4 5; do
-        printf 'prn-4%s                Model 500                     10.77.1.5%s        00040000004%s\n' \
+        printf 'prn-4%s                Model 500                  10.77.1.5%s        00040000004%s\n' \
             $n $n $n
     done)"
 kestctl find --mac 00:04:00:00:00:43 --json | grep -q '"address": "10.77.1.53"' ||

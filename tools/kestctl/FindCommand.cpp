@@ -28,7 +28,8 @@ struct FindArguments {
     bool json = false;
 };
 
-// Shows printers one by one, in columns of a fixed width: who comes next is not known yet.
+// Shows printers one by one, in columns of a fixed width (79 characters in all, for a console of
+// 80): who comes next is not known yet.
 class Table {
   public:
     void Add(const Printer& printer) {
@@ -61,7 +62,7 @@ class Table {
         const auto cell = [](const std::string& text) {
             return text.empty() ? "-" : Printable(text);
         };
-        std::cout << std::left << std::setw(20) << cell(name) << "  " << std::setw(28)
+        std::cout << std::left << std::setw(20) << cell(name) << "  " << std::setw(25)
                   << cell(model) << "  " << std::setw(16) << cell(address) << "  " << cell(mac)
                   << std::endl;
     }
