@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 
@@ -75,6 +76,15 @@ class TransportTest : public testing::Test {
 TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
     std::promise<std::string> received;
     TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
+    static linger lingering;
+    ImportPatch option(
+        spooler.dll, "setsockopt",
+        +[](SOCKET, int level, int name, const char* value, int) -> int WSAAPI {
+            if (level == SOL_SOCKET && name == SO_LINGER) {
+                memcpy(&lingering, value, sizeof(lingering));
+            }
+            return 0;
+        });
     HANDLE port = OpenPort(L"P", printer.port);
     std::string document(3'000'001, '\0');
     for (size_t i = 0; i < document.size(); ++i) {
@@ -85,6 +95,8 @@ TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_EQ(received.get_future().get(), document);
     EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
+    EXPECT_EQ(lingering.l_onoff, 1);
+    EXPECT_EQ(lingering.l_linger, 120);
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_THAT(JobCalls(), ElementsAre());
 }
@@ -161,6 +173,10 @@ TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
         SetLastError(0);
         EXPECT_FALSE(StartJob(port)) << c.what;
         EXPECT_EQ(GetLastError(), c.error) << c.what;
+        const auto calls = JobCalls();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "OpenPrinter Office"),
+                  std::count(calls.begin(), calls.end(), "ClosePrinter"))
+            << c.what;
         spooler.failures = {};
         spooler.SetNumber(L"P", L"UseIPV6", 0);
         spooler.ConfigurePort(L"P", 1, printer.port);
