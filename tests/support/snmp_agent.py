@@ -41,7 +41,7 @@ PRINTERS = {
     "127.1.0.5": dict(values={MASK: rfc1902.Integer(7)}),
     "127.1.0.6": dict(values={GATEWAY: rfc1905.noSuchInstance}),
     "127.1.0.7": dict(values={MASK: address([]), GATEWAY: address(range(1, 200))}),
-    "127.1.0.8": dict(reverse=True),  # the values are those of other names than asked for
+    "127.1.0.8": dict(swap=True),  # mask and gateway stand in each other's place
     "127.1.0.9": dict(cut=True),  # the last binding is missing
     "127.1.0.10": dict(first=b"\x30\x84\xff\xff\xff\xff\x02\x01\x01"),  # then a good answer
     "127.1.0.11": dict(values={ADDRESS: address([127, 1, 0, 99])}),  # says it is another
@@ -51,7 +51,7 @@ PRINTERS = {
 
 
 class Printer:
-    def __init__(self, host, values=None, get_error=0, set_error=0, silent=False, reverse=False,
+    def __init__(self, host, values=None, get_error=0, set_error=0, silent=False, swap=False,
                  cut=False, first=b""):
         self.values = {
             METHOD: rfc1902.Integer(3),
@@ -63,7 +63,7 @@ class Printer:
         }
         self.values.update(values or {})
         self.get_error, self.set_error, self.silent = get_error, set_error, silent
-        self.reverse, self.cut, self.first = reverse, cut, first
+        self.swap, self.cut, self.first = swap, cut, first
 
     def answer(self, message, pdu):
         """The datagrams that a request is answered with."""
@@ -83,7 +83,7 @@ class Printer:
         elif not is_set:
             bindings = [(name, self.values.get(tuple(name), rfc1905.noSuchObject))
                         for name, _ in bindings]
-            bindings = bindings[::-1] if self.reverse else bindings
+            bindings = bindings[1::-1] + bindings[2:] if self.swap else bindings
             bindings = bindings[:-1] if self.cut else bindings
         proto.apiPDU.setVarBinds(reply_pdu, bindings)
         return [datagram for datagram in (self.first, encoder.encode(reply)) if datagram]

@@ -62,7 +62,8 @@ struct Answer {
 struct Session : Object {
     SNMPAPI_CALLBACK callback = nullptr;
     void* data = nullptr;
-    std::vector<SOCKET> sockets;
+    std::vector<SOCKET> sockets;  // each is closed by the thread that listens on it
+    std::shared_ptr<bool> open = std::make_shared<bool>(true);
     std::vector<int32_t> asked;
     std::deque<Answer> answers;
 };
@@ -172,8 +173,8 @@ Answer Decode(const Bytes& datagram) {
     return answer;
 }
 
-// Receives on one socket until it is closed.
-void Listen(HSNMP_SESSION handle, SOCKET socket, in_addr local) {
+// Receives on one socket until its session is closed.
+void Listen(HSNMP_SESSION handle, std::shared_ptr<bool> open, SOCKET socket, in_addr local) {
     for (;;) {
         Bytes datagram(65536, 0);
         sockaddr_in peer = {};
@@ -185,12 +186,13 @@ void Listen(HSNMP_SESSION handle, SOCKET socket, in_addr local) {
         void* data = nullptr;
         {
             const std::lock_guard lock(mutex);
-            auto* session = Find<Session>(handle);
-            if (session == nullptr || count == SOCKET_ERROR) {
+            if (!*open) {
+                closesocket(socket);
                 return;
             }
+            auto* session = Find<Session>(handle);
             try {
-                Answer answer = Decode(datagram.substr(0, count));
+                Answer answer = Decode(datagram.substr(0, std::max(count, 0)));
                 if (std::erase(session->asked, answer.pdu.id) == 0) {
                     continue;
                 }
@@ -266,7 +268,14 @@ SNMPAPI_STATUS WINAPI SnmpClose(HSNMP_SESSION handle) {
         ++faults;
         return Fail(SNMPAPI_SESSION_INVALID);
     }
-    std::for_each(session->sockets.begin(), session->sockets.end(), closesocket);
+    *session->open = false;
+    for (const SOCKET socket : session->sockets) {
+        // An empty datagram to itself wakes who listens.
+        sockaddr_in self = {};
+        int length = sizeof self;
+        getsockname(socket, reinterpret_cast<sockaddr*>(&self), &length);
+        sendto(socket, "", 0, 0, reinterpret_cast<sockaddr*>(&self), length);
+    }
     // The session's things go with it; a caller should not have left any.
     faults += static_cast<int>(std::erase_if(
         objects, [handle](const auto& object) { return object.second->session == handle; }));
@@ -451,16 +460,17 @@ SNMPAPI_STATUS WINAPI SnmpSendMsg(HSNMP_SESSION handle, HSNMP_ENTITY from, HSNMP
         return Fail(SNMPAPI_TL_SRC_INVALID);
     }
     const SOCKET socket = ::socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    session->sockets.push_back(socket);
     const Bytes datagram = Encode(community->community, *message);
     if (bind(socket, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0 ||
         sendto(socket, reinterpret_cast<const char*>(datagram.data()),
                static_cast<int>(datagram.size()), 0, reinterpret_cast<sockaddr*>(&peer),
                sizeof peer) == SOCKET_ERROR) {
+        closesocket(socket);
         return Fail(SNMPAPI_TL_OTHER);
     }
+    session->sockets.push_back(socket);
     session->asked.push_back(message->id);
-    std::thread(Listen, handle, socket, local.sin_addr).detach();
+    std::thread(Listen, handle, session->open, socket, local.sin_addr).detach();
     return SNMPAPI_SUCCESS;
 }
 
