@@ -34,6 +34,9 @@ wine_server() {
 
 wine_running() { [ -d "$WINEPREFIX" ] && wine_server -k0 2>/dev/null; }
 
+# A script that is told to end does so by way of its EXIT trap.
+trap 'exit 143' TERM
+
 # Makes the prefix if it is not there (about 8 s), once, however many ask at the same time.
 wine_prefix() {
     [ -e "$WINEPREFIX/.kest-ready" ] && return
@@ -48,16 +51,31 @@ wine_prefix() {
     ) 9>"$WINEPREFIX.lock"
 }
 
-# Starts the prefix's server unless one runs, and ends at exit what was started here. A server
-# that stays makes a program start in a tenth of a second instead of in three.
+# Starts the prefix's server unless one runs; the last script that uses it ends it. A server that
+# stays makes a program start in a tenth of a second instead of in three.
 wine_up() {
     wine_prefix
-    wine_running && return
-    wine_server -p >/dev/null 2>&1
     at_exit wine_down
-    # The first program starts Wine's services, and they keep its output open for as long as they
-    # live: it must not be one whose output somebody reads to the end.
-    wine cmd /c exit </dev/null >/dev/null 2>&1
+    mkdir -p "$WINEPREFIX.users"
+    (
+        flock 9
+        touch "$WINEPREFIX.users/$$"
+        wine_running && exit
+        wine_server -p >/dev/null 2>&1 9>&-
+        # The first program starts Wine's services, and they keep its output open for as long as
+        # they live: it must not be one whose output somebody reads to the end.
+        wine cmd /c exit </dev/null >/dev/null 2>&1 9>&-
+    ) 9>"$WINEPREFIX.lock"
 }
 
-wine_down() { wine_server -k 2>/dev/null || true; }
+wine_down() {
+    (
+        flock 9
+        rm -f "$WINEPREFIX.users/$$"
+        for user in "$WINEPREFIX.users"/*; do
+            [ -d "/proc/${user##*/}" ] && exit # another script still has programs running
+        done
+        wine_server -k 2>/dev/null 9>&- || true
+        wine_server -w 9>&-
+    ) 9>"$WINEPREFIX.lock"
+}

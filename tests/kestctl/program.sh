@@ -7,7 +7,6 @@ folder=$1
 kestctl() { "$root/script/kestctl" "$@"; }
 office="Büro $$"
 daemon="LPD $$"
-end_wine=:
 
 clean_up() {
     local code=$?
@@ -15,10 +14,9 @@ clean_up() {
     kestctl port delete "$office" >/dev/null 2>&1 || true
     kestctl port delete "$daemon" >/dev/null 2>&1 || true
     peers_stop
-    "$end_wine"
+    wine_down
     exit "$code"
 }
-wine_running || end_wine=wine_down
 wine_up
 trap clean_up EXIT
 
@@ -39,6 +37,7 @@ expect 0 "kestctl port delete OFFICE" --help
 expect 0 "Example:" port set --help
 expect 0 "kestctl " --version
 expect 2 "subcommand is required"
+expect 2 "no command 'remove' here, there are: list, show" port remove "$office"
 expect 2 "--port 9100" port add "$office" --address 10.0.0.1:9100
 expect 1 "there is no port $office" port show "$office"
 

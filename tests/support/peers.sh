@@ -14,7 +14,7 @@ peers_pid=
 peers_folder=
 
 # Both have fixed paths in /etc and /run. They get folders of ours there, in a mount namespace, and
-# run as nobody when root starts them, else as the user who does.
+# run as nobody; where that takes a user namespace, as the user who starts them, called nobody.
 peers_start() {
     local folder=$1 drop="exec" own_user=()
     peers_stop
@@ -28,12 +28,17 @@ peers_start() {
     cp /etc/{passwd,group,hosts,nsswitch.conf,ld.so.cache} "$folder/etc/"
     echo "kq:sd=/mnt/kq:lp=/mnt/lpr:rw@:mx=0:sh" >"$folder/etc/printcap"
     echo "DEFAULT ACCEPT" >"$folder/etc/lprng/lpd.perms"
-    if [ "$(id -u)" -eq 0 ]; then
+    if [ "$(id -u)" -eq 0 ] && unshare --mount true 2>/dev/null; then
         drop="exec setpriv --reuid=nobody --regid=nogroup --clear-groups"
         chown -R nobody:nogroup "$folder/run" "$folder/data"
     else
         own_user=(--user --map-root-user)
-        drop="exec unshare --user --map-user=$(id -u) --map-group=$(id -g)"
+        unshare "${own_user[@]}" --mount true 2>/dev/null || {
+            echo "p910nd and lpd need a mount namespace: allow one, with root's rights or a user" \
+                "namespace (a container usually needs --cap-add SYS_ADMIN for that)" >&2
+            return 1
+        }
+        drop="exec unshare --user --map-user=$(id -u nobody) --map-group=$(id -g nobody)"
     fi
     cat >"$folder/etc/lprng/lpd.conf" <<EOF
 lpd_listen_port=$peer_address%$peer_lpd_port
