@@ -53,10 +53,13 @@ job() {
     take_job "$work/jobs/$address-$((before + 1))" "$work/document-$port"
 }
 
+# no_job PORT TEXT: a job is not printed, and the reason given has the text.
 no_job() {
-    if kestctl print "$work/document" --port "$1" >/dev/null 2>&1; then
+    local answer
+    if answer=$(kestctl print "$work/document" --port "$1" 2>&1); then
         fail "port $1: a job that cannot have been printed"
     fi
+    [[ $answer == *"$2"* ]] || fail "port $1: no '$2' in: $answer"
 }
 
 # logged COUNT TEXT: how many lines of the log have the text since the last `forget`.
@@ -158,7 +161,7 @@ kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 
     --always-print >/dev/null
 forget
 begin=$EPOCHREALTIME
-no_job GONE
+no_job GONE "did not find it"
 took=$(((${EPOCHREALTIME/./} - ${begin/./}) / 1000))
 say "the job failed after $took ms"
 [ "$took" -lt 20000 ] || fail "a search without an answer held the job up for $took ms"
@@ -171,7 +174,7 @@ for conf in "" "<slp_config><version>2"; do
     rm "$bin/SLPConf.xml"
     [ -z "$conf" ] || echo "$conf" >"$bin/SLPConf.xml"
     forget
-    no_job GONE
+    no_job GONE "did not find it"
     logged 1 "XMLfile path: $(windows_path "$bin/SLPConf.xml")"
     logged 2 "Return from DiscoverPrinterSynch is -104"
     echo >"$bin/SLPConf.xml"

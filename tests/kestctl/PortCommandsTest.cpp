@@ -51,16 +51,18 @@ TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
     EXPECT_EQ(show()["hostName"], "prn-1");
     EXPECT_EQ(show()["alwaysPrint"], true);
 
-    // Another printer, which has no name of its own: the old one's MAC address must be gone.
-    monitor.printer = {"fd00::7", "000400000007", ""};
+    // Another printer, without a MAC address: the old one's must be gone.
+    monitor.printer = {"fd00::7", "", "prn-2"};
     EXPECT_EQ(Kestctl(monitor, {"port", "set", "OFFICE", "--follow", "fd00::7"}),
-              "port OFFICE set: raw to [fd00::7]:9100, following 000400000007\n");
-    EXPECT_EQ(show()["mac"], "000400000007");
-    monitor.printer = {"10.0.0.8", "", "prn-3"};
-    EXPECT_EQ(
-        Kestctl(monitor, {"port", "set", "OFFICE", "--follow", "p3", "--address", "10.0.0.9"}),
-        "port OFFICE set: raw to 10.0.0.9:9100, following prn-3\n");
+              "port OFFICE set: raw to [fd00::7]:9100, following prn-2\n");
     EXPECT_EQ(show()["mac"], "");
+    // One without a name of its own: the old one's would stay, and lead to the old printer.
+    monitor.printer = {"10.0.0.8", "000400000008", ""};
+    EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--follow", "p3"}),
+                AllOf(HasSubstr("prn-2"), HasSubstr("delete the port")));
+    EXPECT_EQ(show()["address"], "10.0.0.7");
+    EXPECT_EQ(Kestctl(monitor, {"port", "add", "3", "--follow", "p3", "--address", "10.0.0.9"}),
+              "port 3 added: raw to 10.0.0.9:9100, following 000400000008\n");
     EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--follow", "p", "--mac", "none"}),
                 HasSubstr("excludes"));
 }
@@ -129,8 +131,11 @@ TEST(PortCommands, WrongUsageReachesNoMonitor) {
         {"port", "add", "P", "--address", "10.0.0.1", "--mac", "00:04"},
         {"port", "add", "P", "--address", "10.0.0.1", "--snmp", "public", "--no-snmp"},
         {"port", "add", "Ne01:", "--address", "10.0.0.1"},
+        {"port", "add", "P", "--address", "10.0.0.1", "--port", "010"},
         {"port", "set", "P"},
+        {"port", "set", "P", "--follow", ""},
         {"port", "show"},
+        {"port", "delete", ""},
         {"print", "file"},
     };
     for (const auto& line : lines) {

@@ -58,6 +58,8 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckIPv4Address, "192.168.1.256", "192.168.1.20"},
         {CheckIPv4Address, "192.168.1.020", "leading zero"},
         {CheckIPv4Address, "01.2.3.4", "leading zero"},
+        {CheckIPv4Address, "0.0.0.0", "no host's"},
+        {CheckIPv4Address, "224.0.0.1", "no host's"},
         {CheckIPv4Address, "printer", "not an IPv4 address"},
         {CheckIPv4Address, "", "not an IPv4 address"},
         {CheckIPv4Address, "fd00::20", "--ipv6"},
@@ -78,6 +80,9 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckQueue, "my queue", "no blanks"},
         {CheckQueue, "", "empty"},
         {CheckHostName, std::string(49, 'h'), "48 fit"},
+        {CheckHostName, "none", "add it again"},
+        {CheckNumber, "010", "decimal"},
+        {CheckNumber, "0x1F", "decimal"},
         {CheckCommunity, std::string(33, 'c'), "32 fit"},
     };
     for (const auto& c : cases) {
@@ -122,10 +127,12 @@ TEST(PortSettings, MustGoTogether) {
         {{.address = "10.0.0.1", .queue = "q"}, "--protocol lpr"},
         {{.address = "10.0.0.1", .doubleSpool = true}, "--protocol lpr"},
         {{.address = "10.0.0.1", .alwaysPrint = true}, "--mac or --host-name"},
+        {{.address = "10.0.0.1", .mac = ""}, "--no-always-print"},
         {{.address = "10.0.0.1", .snmpIndex = 2}, "--snmp COMMUNITY"},
     };
     for (const auto& c : cases) {
         PortRecords port;
+        port.extended.dwAlwaysPrint = c.change.mac.has_value();
         try {
             Apply(c.change, port);
             ADD_FAILURE() << c.reason;

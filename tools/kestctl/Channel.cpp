@@ -10,7 +10,8 @@ constexpr char kDirect[] = "--direct";
 void AddDirectFlag(CLI::App& app) {
     const std::string description =
         "Load kestmon.dll from beside this program and go past the system's spooler (which sees a "
-        "port that was added this way after its next start)";
+        "port that was added this way after its next start). The ports are those in the monitor's "
+        "registry key, which is made if it is missing";
     app.add_flag(kDirect, description);
 }
 

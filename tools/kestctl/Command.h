@@ -28,6 +28,9 @@ void AddExample(CLI::App& command, const std::string& line);
 // The examples of all commands below this one, each on a line of its own, led by a line end.
 std::string Examples(const CLI::App& app);
 
+// Refuses an empty text: it is most often a script's variable that has none, and never a wish.
+CLI::Validator NotEmpty();
+
 // Adds the global --direct.
 void AddDirectFlag(CLI::App& app);
 

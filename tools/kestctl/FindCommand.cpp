@@ -166,7 +166,9 @@ std::vector<Printer> FindAll(PrinterDiscovery& search, bool json, size_t& withou
     return found;
 }
 
-std::vector<Printer> FindOne(PrinterDiscovery& search, const FindArguments& arguments) {
+//   withoutAddress: receives whether it answered, but not with an address.
+std::vector<Printer> FindOne(PrinterDiscovery& search, const FindArguments& arguments,
+                             size_t& withoutAddress) {
     Table table;
     if (!arguments.json && OutputIsTerminal()) {
         table.Progress("searching");
@@ -179,6 +181,7 @@ std::vector<Printer> FindOne(PrinterDiscovery& search, const FindArguments& argu
             : search.FindPrinterByIPAddress(AddressOf(StartedNetwork(), arguments.ip), printer);
     table.ClearProgress();
     if (!found || !printer.IsValid()) {
+        withoutAddress = found ? 1 : 0;
         return {};
     }
     if (!arguments.json) {
@@ -194,8 +197,8 @@ void RunFind(const FindArguments& arguments) {
 
     const bool one = !arguments.mac.empty() || !arguments.hostName.empty() || !arguments.ip.empty();
     size_t withoutAddress = 0;
-    const std::vector<Printer> found =
-        one ? FindOne(search, arguments) : FindAll(search, arguments.json, withoutAddress);
+    const std::vector<Printer> found = one ? FindOne(search, arguments, withoutAddress)
+                                           : FindAll(search, arguments.json, withoutAddress);
     if (arguments.json) {
         auto document = nlohmann::json::array();
         for (const Printer& printer : found) {
@@ -203,13 +206,18 @@ void RunFind(const FindArguments& arguments) {
         }
         PrintJson(document);
     }
+    const std::string incomplete =
+        std::to_string(withoutAddress) +
+        " answered, but without an address in the attributes that SLPConf.xml names: compare them "
+        "with what `kestctl slp find` shows";
     if (!found.empty()) {
+        if (withoutAddress != 0) {
+            std::cerr << "kestctl: " << incomplete << '\n';
+        }
         return;
     }
     if (withoutAddress != 0) {
-        throw CommandFailed(std::to_string(withoutAddress) +
-                            " answered, but without an address in the attributes that SLPConf.xml "
-                            "names: compare them with what `kestctl slp find` shows");
+        throw CommandFailed(incomplete);
     }
     throw CommandFailed(
         std::string(one ? "that printer did not answer: " : "no printer answered: ") + kSearchHint);
@@ -234,10 +242,14 @@ void AddFindCommand(CLI::App& app) {
                                                "Find the printer that announces this host name");
     CLI::Option* ip = command.add_option(
         "--ip", arguments->ip, "Ask the printer at this address, or of this name, who it is");
+    hostName->check(NotEmpty());
+    ip->check(NotEmpty());
     mac->excludes(hostName)->excludes(ip);
     hostName->excludes(ip);
-    command.add_option("--model", arguments->model,
-                       "Only models that match this pattern: * for any characters, ? for one");
+    command
+        .add_option("--model", arguments->model,
+                    "Only models that match this pattern: * for any characters, ? for one")
+        ->check(NotEmpty());
     AddJsonFlag(command, arguments->json);
     command.callback([arguments] { RunFind(*arguments); });
 }

@@ -25,5 +25,9 @@ IPAddress Resolve(const Network& network, const std::string& name) {
 
 IPAddress AddressOf(const Network& network, const std::string& host) {
     const IPAddress address(host);
+    // The resolver takes 1.2.3 for 1.2.0.3.
+    if (!address.IsValid() && host.find_first_not_of("0123456789.") == std::string::npos) {
+        throw CommandFailed("'" + host + "' is not an IPv4 address: give it like 192.168.1.20");
+    }
     return address.IsValid() ? address : Resolve(network, host);
 }

@@ -111,7 +111,7 @@ void AddCommand(CLI::App& app, const char* name, const char* text, const char* t
     CLI::App& command = *app.add_subcommand(name, text);
     AddExample(command, example);
     if (target != nullptr) {
-        command.add_option(target, arguments->target, targetText)->required();
+        command.add_option(target, arguments->target, targetText)->required()->check(NotEmpty());
     }
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, run] { run(*arguments); });
@@ -121,8 +121,7 @@ void AddCommand(CLI::App& app, const char* name, const char* text, const char* t
 
 void AddNetworkCommands(CLI::App& app) {
     AddCommand(app, "resolve", "Show the address that the monitor finds for a host name", "NAME",
-               "The host name; an empty one is this computer's", "resolve printer-2.example.com",
-               RunResolve);
+               "The host name", "resolve printer-2.example.com", RunResolve);
     AddCommand(app, "ping", "Ask a printer for an ICMP echo, as the search for printers does",
                "ADDRESS", "The printer's IPv4 or IPv6 address, or its host name",
                "ping 192.168.1.20", RunPing);

@@ -53,6 +53,11 @@ void AddExample(CLI::App& command, const std::string& line) {
     command.footer("Example:\n  kestctl " + line);
 }
 
+CLI::Validator NotEmpty() {
+    return CLI::Validator(
+        [](std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "");
+}
+
 std::string Examples(const CLI::App& app) {
     std::string text;
     for (const CLI::App* command : app.get_subcommands(nullptr)) {

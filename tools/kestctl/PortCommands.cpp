@@ -37,6 +37,7 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
     command.add_option("--protocol", change.protocol, "raw (a plain stream; the default) or lpr")
         ->check(CLI::IsMember({"raw", "lpr"}));
     command.add_option("--port", change.portNumber, "TCP port number (raw: 9100, lpr: 515)")
+        ->check(CLI::Validator(CheckNumber, ""))
         ->check(CLI::Range(1, 65535));
     text("--queue", change.queue, "LPR: the printer's queue (lp)", CheckQueue);
     command.add_flag_function(
@@ -55,7 +56,7 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
                                   "Turn SNMP status on, with this community", CheckCommunity);
     CLI::Option* index =
         command.add_option("--snmp-index", change.snmpIndex, "SNMP device index (1)");
-    index->check(CLI::Range(1, 65535));
+    index->check(CLI::Validator(CheckNumber, ""))->check(CLI::Range(1, 65535));
     command.add_flag("--no-snmp", change.noSnmp, "Turn SNMP status off")
         ->excludes(community)
         ->excludes(index);
@@ -66,14 +67,16 @@ void AddFollow(CLI::App& command, PortArguments& arguments) {
         .add_option("--follow", arguments.follow,
                     "Ask the printer at this address, or of this name, for its MAC address and "
                     "host name, and make the port send to it and follow it")
+        ->check(NotEmpty())
         ->excludes("--mac")
         ->excludes("--host-name")
         ->excludes("--always-print");
 }
 
-// Completes a change by what the printer to follow says of itself; does nothing without one.
-// Returns words about it for the command's report.
-std::string Follow(PortArguments& arguments, const PrinterIdentifier& identify) {
+// Completes a change of a port by what the printer to follow says of itself; does nothing without
+// one. Returns words about it for the command's report.
+std::string Follow(PortArguments& arguments, const PrinterIdentifier& identify,
+                   const PortRecords& before) {
     if (arguments.follow.empty()) {
         return {};
     }
@@ -85,6 +88,13 @@ std::string Follow(PortArguments& arguments, const PrinterIdentifier& identify) 
     change.mac = printer.mac;
     if (!printer.hostName.empty()) {
         change.hostName = printer.hostName;
+    } else if (const nlohmann::json port = ToJson({}, before);
+               port["hostName"] != "" && port["mac"] != printer.mac) {
+        // The monitor keeps a name that it has, and would go to the printer that bears it.
+        throw CommandFailed(
+            "this printer announces no host name, and the port has one that would "
+            "stay, " +
+            std::string(port["hostName"]) + ": delete the port and add it with --follow");
     }
     change.alwaysPrint = true;
     return ", following " + Printable(printer.mac) +
@@ -129,7 +139,7 @@ void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
     CLI::App& command =
         AddPortCommand(port, "show", "Show all settings of a port", "port show OFFICE");
     const auto arguments = std::make_shared<PortArguments>();
-    command.add_option("NAME", arguments->name, "The port")->required();
+    command.add_option("NAME", arguments->name, "The port")->required()->check(NotEmpty());
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
@@ -166,8 +176,8 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
     AddSettings(command, *arguments);
     AddFollow(command, *arguments);
     command.callback([arguments, openChannel, identify] {
-        const std::string following = Follow(*arguments, identify);
         PortRecords records;
+        const std::string following = Follow(*arguments, identify, records);
         Apply(arguments->change, records);
         const auto channel = openChannel();
         AddPort(*channel, ToWide(arguments->name), records);
@@ -180,7 +190,7 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
     CLI::App& command = AddPortCommand(port, "set", "Change settings of a port; the others stay",
                                        "port set OFFICE --follow 192.168.1.20");
     const auto arguments = std::make_shared<PortArguments>();
-    command.add_option("NAME", arguments->name, "The port")->required();
+    command.add_option("NAME", arguments->name, "The port")->required()->check(NotEmpty());
     AddSettings(command, *arguments);
     AddFollow(command, *arguments);
     command.callback([arguments, openChannel, identify, &command] {
@@ -191,7 +201,7 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
         const PortRecords before = ReadPort(*channel, name);
-        const std::string following = Follow(*arguments, identify);
+        const std::string following = Follow(*arguments, identify, before);
         PortRecords after = before;
         Apply(arguments->change, after);
         ChangePort(*channel, name, before, after);
@@ -203,7 +213,7 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
     CLI::App& command =
         AddPortCommand(port, "delete", "Delete a port that no printer uses", "port delete OFFICE");
     const auto arguments = std::make_shared<PortArguments>();
-    command.add_option("NAME", arguments->name, "The port")->required();
+    command.add_option("NAME", arguments->name, "The port")->required()->check(NotEmpty());
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));

@@ -178,6 +178,9 @@ std::string CheckIPv4Address(std::string& text) {
             return "'" + text + "' has a number with a leading zero" + example;
         }
     }
+    if (const int first = std::stoi(text); first == 0 || first >= 224) {
+        return "'" + text + "' is no host's address" + example;
+    }
     return {};
 }
 
@@ -205,6 +208,9 @@ std::string CheckIPv6Host(std::string& text) {
 }
 
 std::string CheckHostName(std::string& text) {
+    if (text == "none") {
+        return "cannot be taken away from a port: delete the port and add it again without one";
+    }
     return CheckText(text, Room(kEmpty.standard.sztHostAddress));
 }
 
@@ -240,6 +246,13 @@ std::string CheckMacAddress(std::string& text) {
     return {};
 }
 
+// CLI11 takes 010 for 8 and 0x1F for 31.
+std::string CheckNumber(std::string& text) {
+    const bool plain = !text.empty() && text[0] != '0' &&
+                       text.find_first_not_of("0123456789") == std::string::npos;
+    return plain ? "" : "'" + text + "' is not a decimal number";
+}
+
 std::string CheckQueue(std::string& text) {
     return CheckWord(text, Room(kEmpty.standard.sztQueue));
 }
@@ -265,11 +278,11 @@ void Apply(const PortChange& change, PortRecords& records) {
         SetField(extended.sztHWAddress, *change.mac);
     }
     extended.dwAlwaysPrint = change.alwaysPrint.value_or(extended.dwAlwaysPrint != 0);
-    if (change.alwaysPrint.value_or(false) && extended.sztHWAddress[0] == L'\0' &&
-        standard.sztHostAddress[0] == L'\0') {
+    if ((change.alwaysPrint || change.mac) && extended.dwAlwaysPrint != 0 &&
+        extended.sztHWAddress[0] == L'\0' && standard.sztHostAddress[0] == L'\0') {
         throw CLI::ValidationError("--always-print",
                                    "needs --mac or --host-name: how else is the printer found "
-                                   "again?");
+                                   "again? (--no-always-print turns it off)");
     }
 }
 

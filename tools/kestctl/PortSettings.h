@@ -22,6 +22,7 @@ std::string CheckIPv4Address(std::string& text);
 std::string CheckIPv6Host(std::string& text);    // an IPv6 address or a host name
 std::string CheckHostName(std::string& text);    // the printer's own name, a key to search by
 std::string CheckMacAddress(std::string& text);  // stored as twelve digits; "none" as no text
+std::string CheckNumber(std::string& text);      // decimal, from 1
 std::string CheckQueue(std::string& text);
 std::string CheckCommunity(std::string& text);
 

@@ -123,9 +123,12 @@ void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel) {
     CLI::App& command = *app.add_subcommand("print", "Send a file, as it is, through a port");
     AddExample(command, "print report.prn --port OFFICE --as \"Monthly report\"");
     const auto arguments = std::make_shared<Arguments>();
-    command.add_option("FILE", arguments->file, "A file in the printer's own language")->required();
-    command.add_option("--port", arguments->port, "The port")->required();
-    command.add_option("--as", arguments->name, "The job's name in the queue (the file's name)");
+    command.add_option("FILE", arguments->file, "A file in the printer's own language")
+        ->required()
+        ->check(NotEmpty());
+    command.add_option("--port", arguments->port, "The port")->required()->check(NotEmpty());
+    command.add_option("--as", arguments->name, "The job's name in the queue (the file's name)")
+        ->check(NotEmpty());
     command.add_option("--printer", arguments->printer,
                        "The queue to use (one that prints to the port); with --direct the printer "
                        "that the job is controlled by (the default printer)");

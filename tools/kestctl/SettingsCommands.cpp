@@ -288,7 +288,7 @@ void AddSettingsCommands(CLI::App& app) {
     const auto arguments = std::make_shared<SettingsArguments>();
     CLI::App& set =
         AddCommand(settings, "set", "Give a printer another address, mask or gateway",
-                   "settings set 192.168.1.20 --address 192.168.1.21 --yes", RunSet, arguments);
+                   "settings set 192.168.1.20 --address 192.168.1.21", RunSet, arguments);
     const auto add = [&set](const char* name, std::string& value, const char* text) {
         set.add_option(name, value, text)->transform(CLI::Validator(CheckAddress, ""));
     };

@@ -162,8 +162,10 @@ void AddSlpCommands(CLI::App& app) {
         *group.add_subcommand("find", "List the attributes of all agents that answer a request");
     AddExample(find, "slp find service:printer --version 1");
     find.add_option("SERVICE-TYPE", arguments->service, "The service type or URL to ask for")
+        ->check(NotEmpty())
         ->capture_default_str();
-    find.add_option("--unicast", arguments->unicast, "Ask this IPv4 or IPv6 address alone");
+    find.add_option("--unicast", arguments->unicast, "Ask this IPv4 or IPv6 address alone")
+        ->check(NotEmpty());
     find.add_option("--version", arguments->version, "The version of SLP to speak")
         ->check(CLI::Range(1, 2))
         ->capture_default_str();

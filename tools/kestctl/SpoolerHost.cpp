@@ -107,26 +107,36 @@ class OpenedPort {
 };
 
 // Why a job did not start, for somebody who has to do something about it.
-std::string StartFailure(const PortRecords& port, DWORD error) {
-    if (port.standard.dwProtocol == 0) {
+//   before, after: the port when the job began, and now.
+std::string StartFailure(const PortRecords& before, const PortRecords& after, DWORD error) {
+    if (before.standard.dwProtocol == 0) {
         return "it has no configuration yet: set it with kestctl port set";
+    }
+    if (Destination(after) != Destination(before)) {
+        return "the printer was found again, but not reached where it says it is: " +
+               Destination(after) + ": " + ErrorText(error);
+    }
+    const bool searched = after.extended.dwAlwaysPrint != 0;
+    if (searched && after.standard.dwProtocol != kProtocolLpr) {
+        // What the last error is by now is the search's business.
+        return "the printer was not reached, and the search for it did not find it; what was asked "
+               "and answered stands in KestSetupWizard.log, in the folder for temporary files";
     }
     const std::string reason = error == ERROR_SUCCESS
                                    ? "the printer did not accept it, or did not answer in time"
                                    : ErrorText(error);
-    return reason + (port.extended.dwAlwaysPrint != 0
-                         ? "; if the printer was not reached, the network was searched for it, too"
-                         : "");
+    return reason +
+           (searched ? "; if it was not reached, the network was searched for it, too" : "");
 }
 
 class HostJob : public PrintJob {
   public:
-    HostJob(const MONITOR2& table, HANDLE monitor, const std::wstring& port,
-            const PortRecords& records, const std::wstring& document, const std::wstring& printer)
-        : table_(table),
+    HostJob(SpoolerHost& host, const std::wstring& port, const PortRecords& records,
+            const std::wstring& document, const std::wstring& printer)
+        : table_(host.Table()),
           portText_("port " + ToUtf8(port) + " (" + Destination(records) + ")"),
           lpr_(records.standard.dwProtocol == kProtocolLpr),
-          port_(table, monitor, port),
+          port_(table_, host.Monitor(), port),
           control_(printer, document) {
         std::wstring printerName = control_.Printer();
         std::wstring documentName = document;
@@ -135,8 +145,9 @@ class HostJob : public PrintJob {
         SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
                                     reinterpret_cast<LPBYTE>(&info))) {
-            throw CommandFailed(
-                portText_ + " does not start the job: " + StartFailure(records, GetLastError()));
+            const DWORD error = GetLastError();
+            throw CommandFailed(portText_ + " does not start the job: " +
+                                StartFailure(records, ReadPort(host, port), error));
         }
     }
 
@@ -269,6 +280,5 @@ std::vector<std::wstring> SpoolerHost::QueuesOn(const std::wstring& port) {
 std::unique_ptr<PrintJob> SpoolerHost::StartJob(const std::wstring& port,
                                                 const std::wstring& document,
                                                 const std::wstring& printer) {
-    return std::make_unique<HostJob>(*table_, monitor_, port, ReadPort(*this, port), document,
-                                     printer);
+    return std::make_unique<HostJob>(*this, port, ReadPort(*this, port), document, printer);
 }

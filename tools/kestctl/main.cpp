@@ -52,6 +52,23 @@ std::vector<std::string> Arguments() {
     return result;
 }
 
+// CLI11 says that a command is missing also where one was given that it does not know.
+std::string UnknownCommand(const CLI::App& app) {
+    const CLI::App* group = &app;
+    while (!group->get_subcommands().empty()) {
+        group = group->get_subcommands().front();
+    }
+    const std::vector<std::string> rest = app.remaining(true);
+    if (rest.empty() || group->get_require_subcommand_min() == 0) {
+        return {};
+    }
+    std::string known;
+    for (const CLI::App* command : group->get_subcommands(nullptr)) {
+        known += (known.empty() ? "" : ", ") + command->get_name();
+    }
+    return "There is no command '" + rest.front() + "' here, there are: " + known;
+}
+
 int Run() {
     CLI::App app{"Manages the network printer ports of the kestmon port monitor.", "kestctl"};
     // "/tmp/report.prn" is a file, not an option.
@@ -73,7 +90,14 @@ int Run() {
 
     try {
         app.parse(Arguments());
+        if (!std::cout.flush()) {
+            throw CommandFailed("not all of the output could be written");
+        }
         return 0;
+    } catch (const CLI::RequiredError& error) {
+        const std::string unknown = UnknownCommand(app);
+        app.exit(unknown.empty() ? error : CLI::RequiredError(unknown, error.get_exit_code()));
+        return kWrongUsage;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kWrongUsage;
     } catch (const std::exception& error) {
