@@ -7,9 +7,11 @@
 #include "tools/kestctl/CommandFailed.h"
 #include "tools/kestctl/PortStore.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace {
 
@@ -45,6 +47,8 @@ class SpoolerHostTest : public testing::Test {
         return {};
     }
 
+    // The queue that this process makes for its jobs, where there is no other.
+    const std::wstring queue_ = L"kestctl-" + std::to_wstring(GetCurrentProcessId());
     std::wstring key_ = L"SOFTWARE\\kestmon-test-" + std::to_wstring(GetCurrentProcessId());
     std::unique_ptr<SpoolerHost> host_;
 };
@@ -72,7 +76,7 @@ TEST_F(SpoolerHostTest, CarriesAJobAndLeavesNothingInAnyQueue) {
     }
     EXPECT_EQ(Print(data), "");
     EXPECT_EQ(received, data);
-    EXPECT_THAT(host_->QueuesOn(L"NUL:"), IsEmpty());
+    EXPECT_THAT(host_->QueuesOn(L"NUL:"), Not(Contains(queue_)));
 }
 
 TEST_F(SpoolerHostTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
@@ -97,7 +101,7 @@ TEST_F(SpoolerHostTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
     EXPECT_EQ(received, "the next");
     printer.Finish();
     EXPECT_THAT(Print("x"), HasSubstr("(10061)"));
-    EXPECT_THAT(host_->QueuesOn(L"NUL:"), IsEmpty());
+    EXPECT_THAT(host_->QueuesOn(L"NUL:"), Not(Contains(queue_)));
 }
 
 TEST(SpoolerHost, RefusesWhatIsNoMonitor) {
