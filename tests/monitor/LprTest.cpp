@@ -259,6 +259,38 @@ TEST_F(LprTest, ADaemonThatClosesOrStaysSilentFailsTheStart) {
     EXPECT_EQ(GetLastError(), 0u);  // of the resolver, the last that had something to say
 }
 
+// While a daemon is waited for, ports are not listed, opened or deleted; jobs that already run go
+// on, and channels are opened.
+TEST_F(LprTest, ASilentDaemonHoldsUpTheListButNoRunningJob) {
+    HANDLE asked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    TcpPeer silent([&](PeerConnection& job) {
+        job.ReadLine();
+        SetEvent(asked);
+        job.ReadAll();
+    });
+    TcpPeer raw([](PeerConnection& job) { job.ReadAll(); });
+    LPCWSTR name = L"RAW";
+    spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, reinterpret_cast<LPBYTE>(&name), nullptr);
+    spooler.ConfigurePort(L"RAW", 1, raw.port);
+    HANDLE running = spooler.Open(L"RAW");
+    ASSERT_TRUE(Start(running));
+    HANDLE port = OpenPort(silent.port, false);
+
+    auto started = std::async(std::launch::async, [&] { return Start(port); });
+    WaitForSingleObject(asked, INFINITE);
+    const ULONGLONG begin = GetTickCount64();
+    DWORD written = 0;
+    BYTE page = 0;
+    EXPECT_TRUE(spooler->pfnWritePort(running, &page, 1, &written));
+    EXPECT_TRUE(spooler->pfnEndDocPort(running));
+    spooler.OpenXcv();
+    EXPECT_LT(GetTickCount64() - begin, 2000u);
+    EXPECT_NE(spooler.Open(L"RAW"), nullptr);
+    EXPECT_GE(GetTickCount64() - begin, 3000u);
+    EXPECT_FALSE(started.get());
+    CloseHandle(asked);
+}
+
 TEST_F(LprTest, ARefusedAnnouncementLeavesTheJobOnDisk) {
     Daemon daemon(3, "\x01");
     HANDLE port = OpenPort(daemon.Port(), true);
