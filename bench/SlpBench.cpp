@@ -44,9 +44,10 @@ Run Ask(const std::string& service) {
     SLPHandle handle = nullptr;
     SLPError error = SLPOpen("en", SLP_FALSE, &handle);
     Run run;
-    if (error == SLP_OK)
+    if (error == SLP_OK) {
         error =
             SLPFindAttrs(handle, service.c_str(), nullptr, nullptr, TakeAnswer, &run, nullptr, 2);
+    }
     run.end = run.Elapsed();
     SLPClose(handle);
     if (error != SLP_OK) {
@@ -57,10 +58,10 @@ Run Ask(const std::string& service) {
 }
 
 // The aim is for the last answer, or where nobody answers for the end of the request.
-void Measure(std::size_t agents, double aim) {
+void Measure(size_t agents, double aim) {
     std::vector<double> times;
     std::vector<double> ends;
-    std::size_t found = agents;
+    size_t found = agents;
     int twice = 0;
     for (int i = 0; i < kRounds; ++i) {
         const Run run = Ask("service:bench" + std::to_string(agents));
@@ -85,7 +86,8 @@ int main() {
            "of aim");
     constexpr double kAnswerAim = 1000;
     constexpr double kSilenceAim = 3600;
-    for (const std::size_t agents : {1, 100, 500})
+    for (const size_t agents : {1, 100, 500}) {
         Measure(agents, kAnswerAim);
+    }
     Measure(0, kSilenceAim);
 }

@@ -4,22 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-namespace {
-
-class ExclusiveLock {
-  public:
-    explicit ExclusiveLock(SRWLOCK& lock) noexcept : lock_(lock) {
-        AcquireSRWLockExclusive(&lock_);
-    }
-    ~ExclusiveLock() { ReleaseSRWLockExclusive(&lock_); }
-    ExclusiveLock(const ExclusiveLock&) = delete;
-    ExclusiveLock& operator=(const ExclusiveLock&) = delete;
-
-  private:
-    SRWLOCK& lock_;
-};
-
-}  // namespace
+#include "diag/Resource.h"
 
 LogFile::LogFile(const std::wstring& path) : path_(path) {
     try {
@@ -65,7 +50,7 @@ void LogSink::CloseAtExit() noexcept {
 }
 
 void LogSink::SetLogFile(const std::wstring& path) {
-    const ExclusiveLock lock(lock_);
+    const ExclusiveGuard lock(lock_);
     if (file_ && file_->Path() != path) {
         file_.reset();
     }
@@ -75,7 +60,7 @@ void LogSink::SetLogFile(const std::wstring& path) {
 }
 
 void LogSink::Write(std::stringstream& line) {
-    const ExclusiveLock lock(lock_);
+    const ExclusiveGuard lock(lock_);
     if (file_) {
         file_->Write(indent_, line);
     }

@@ -5,8 +5,8 @@
 #include <ostream>
 #include <string>
 
-#include "discovery/IPAddress.h"
-#include "discovery/MacAddress.h"
+#include "address/IPAddress.h"
+#include "address/MacAddress.h"
 
 // What a printer says of itself in its answer to a search, and the network settings that were read
 // from it over SNMP. All text is 8-bit and comes from the network: any length, any bytes but NUL.

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "discovery/Config.h"
-#include "discovery/IPAddress.h"
-#include "discovery/MacAddress.h"
+#include "address/IPAddress.h"
+#include "address/MacAddress.h"
 #include "discovery/Printer.h"
 #include "discovery/PrinterDiscovery.h"
 

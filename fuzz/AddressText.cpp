@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <string>
 
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 #include "fuzz/Check.h"
 
 namespace {

@@ -5,6 +5,7 @@
 
 // Ends the process, so that the fuzzer keeps the input, when a promise is broken.
 inline void Check(bool promise) {
-    if (!promise)
+    if (!promise) {
         std::abort();
+    }
 }

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 #include "fuzz/Check.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -4,9 +4,9 @@
 #include "fuzz/Check.h"
 #include "slp/AttributeList.h"
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
-    const std::size_t line = std::min(input.find('\n'), size);
+    const size_t line = std::min(input.find('\n'), size);
     const std::string_view list = input.substr(std::min(line + 1, size));
     if (const auto value = slp::FindAttribute(list, input.substr(0, line))) {
         Check(value->size() <= list.size());

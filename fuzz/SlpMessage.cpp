@@ -15,37 +15,41 @@ bool Inside(std::string_view part, std::string_view whole) {
 }
 
 void Decode(std::string_view message, slp::Carrier carrier) {
-    const auto byte = [&](std::size_t at) {
+    const auto byte = [&](size_t at) {
         return at < message.size() ? static_cast<unsigned char>(message[at]) : 0u;
     };
-    const auto xid = static_cast<std::uint16_t>(byte(10) << 8 | byte(11));
-    for (const unsigned version : {1u, 2u})
+    const auto xid = static_cast<uint16_t>(byte(10) << 8 | byte(11));
+    for (const unsigned version : {1u, 2u}) {
         if (const auto reply = slp::DecodeReply(message, version, xid, carrier)) {
             Check(Inside(reply->attributes, message));
             Check(reply->attributes.find('\0') == std::string_view::npos);
             Check(reply->error == 0 || reply->attributes.empty());
         }
+    }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size == 0)
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    if (size == 0) {
         return 0;
-    const std::size_t piece = data[0] % 16 + 1u;
+    }
+    const size_t piece = data[0] % 16 + 1u;
     const std::string_view message(reinterpret_cast<const char*>(data) + 1, size - 1);
     Decode(message, slp::Carrier::Datagram);
 
     slp::StreamMessage stream;
-    std::size_t at = 0;
+    size_t at = 0;
     while (stream.Wanted() > 0 && at < message.size()) {
         const std::string_view part = message.substr(at, std::min(piece, stream.Wanted()));
         at += part.size();
-        if (!stream.Add(part))
+        if (!stream.Add(part)) {
             return 0;
+        }
         Check(stream.bytes() == message.substr(0, at) && at <= slp::kMaxReply);
     }
-    if (stream.Wanted() == 0)
+    if (stream.Wanted() == 0) {
         Decode(stream.bytes(), slp::Carrier::Stream);
+    }
     return 0;
 }

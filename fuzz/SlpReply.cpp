@@ -10,39 +10,44 @@
 
 namespace {
 
-constexpr std::uint16_t kXid = 0x4242;
+constexpr uint16_t kXid = 0x4242;
 
 void Read(std::string_view attributes) {
-    for (const char* tag : {"ip", "mac", "x-hostname", "color"})
-        if (const auto value = slp::FindAttribute(attributes, tag))
+    for (const char* tag : {"ip", "mac", "x-hostname", "color"}) {
+        if (const auto value = slp::FindAttribute(attributes, tag)) {
             Check(value->size() <= attributes.size() && value->find('\0') == std::string::npos);
+        }
+    }
 }
 
 // The same bytes as an agent's TCP server would send them.
 void Fetch(slp::Collector& collector, std::string_view bytes) {
     slp::StreamMessage stream;
-    for (std::size_t at = 0; stream.Wanted() > 0; at = stream.bytes().size()) {
+    for (size_t at = 0; stream.Wanted() > 0; at = stream.bytes().size()) {
         if (at == bytes.size() ||
-            !stream.Add(bytes.substr(at, std::min<std::size_t>(stream.Wanted(), 100))))
+            !stream.Add(bytes.substr(at, std::min<size_t>(stream.Wanted(), 100)))) {
             return;
+        }
     }
-    if (const auto attributes = collector.TakeFetched(stream.bytes()))
+    if (const auto attributes = collector.TakeFetched(stream.bytes())) {
         Read(*attributes);
+    }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     slp::Cursor in({reinterpret_cast<const char*>(data), size});
     const unsigned version = in.Number(1) % 2 + 1;
     slp::Collector collector(version, kXid);
     slp::AttributeRequest request{version, kXid, "en", true, "", "service:printer", "", ""};
-    std::set<std::uint32_t> reported;
+    std::set<uint32_t> reported;
     while (in.left() > 0) {
-        const std::uint32_t sender = in.Number(1);
+        const uint32_t sender = in.Number(1);
         if (sender == 255) {
-            if (!collector.NextRound())
+            if (!collector.NextRound()) {
                 break;
+            }
             request.responders = collector.responders();
             slp::Encode(request);
             continue;
@@ -50,11 +55,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::string_view datagram = in.Text();
         const auto answer = collector.TakeDatagram("10.0.0." + std::to_string(sender), datagram);
         if (answer.verdict == slp::Collector::Verdict::Attributes ||
-            answer.verdict == slp::Collector::Verdict::Overflow)
+            answer.verdict == slp::Collector::Verdict::Overflow) {
             Check(reported.insert(sender).second);
+        }
         Read(answer.attributes);
-        if (answer.verdict == slp::Collector::Verdict::Overflow)
+        if (answer.verdict == slp::Collector::Verdict::Overflow) {
             Fetch(collector, in.Text());
+        }
     }
     return 0;
 }

@@ -2,7 +2,12 @@
 // one lock.
 #pragma once
 
-#include "monitor/Resource.h"
+#include <winsock2.h>
+#include <windows.h>
+#include <winspool.h>
+#include <winsplp.h>
+
+#include "diag/Resource.h"
 
 // Guards the port list, each port's job flag and socket, every LPR exchange, the release of Xcv
 // handles and the deletion of ports. Re-entrant for the thread that holds it; made at process

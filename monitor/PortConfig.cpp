@@ -206,6 +206,20 @@ DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept {
     return ERROR_MORE_DATA;
 }
 
+bool IsSpoolerPseudoPort(LPCWSTR name) noexcept {
+    if ((name[0] != L'N' && name[0] != L'n') || (name[1] != L'E' && name[1] != L'e')) {
+        return false;
+    }
+    LPCWSTR rest = name + 2;
+    if (*rest == L'-') {
+        ++rest;
+    }
+    while (*rest >= L'0' && *rest <= L'9') {
+        ++rest;
+    }
+    return rest[0] == L':' && rest[1] == L'\0';
+}
+
 DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept {
     *out = {};
     const SpoolerContext context;

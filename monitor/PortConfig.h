@@ -5,7 +5,7 @@
 //   <monitor's root key>\Ports\<port name>: one value for each field, see docs/registry.md
 #pragma once
 
-#include "monitor/Resource.h"
+#include "diag/Resource.h"
 
 #include <cstddef>
 
@@ -62,6 +62,10 @@ static_assert(offsetof(PortDataEx, sztHWAddress) == 400);
 //   list: receives the names as one double-NUL-terminated list, nothing when there are no ports.
 // Returns 0 or the Win32 error code of the registry callback that failed.
 DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept;
+
+// True for the names of the spooler's own network pseudo-ports: "Ne", an optional "-", digits or
+// none, ":". They stand under the monitor's key on some systems and are none of its ports.
+bool IsSpoolerPseudoPort(LPCWSTR name) noexcept;
 
 // Reads a port's standard record; sztPortName stays empty. A value that is missing, or does not
 // fit its field, leaves the field zero; text fields are always terminated.

@@ -174,20 +174,6 @@ void LetGoOfPort(PortEntry* port) noexcept {
     }
 }
 
-bool IsSpoolerPseudoPort(LPCWSTR name) noexcept {
-    if ((name[0] != L'N' && name[0] != L'n') || (name[1] != L'E' && name[1] != L'e')) {
-        return false;
-    }
-    LPCWSTR rest = name + 2;
-    if (*rest == L'-') {
-        ++rest;
-    }
-    while (*rest >= L'0' && *rest <= L'9') {
-        ++rest;
-    }
-    return rest[0] == L':' && rest[1] == L'\0';
-}
-
 BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR, DWORD Level, LPBYTE pPorts, DWORD cbBuf,
                       LPDWORD pcbNeeded, LPDWORD pcReturned) {
     MonitorHandle* monitor = MonitorOf(hMonitor);

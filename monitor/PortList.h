@@ -69,6 +69,8 @@ struct MonitorHandle {
     XcvHandle* xcvHandles = nullptr;  // open configuration channels, see Xcv.h
 
     PortEntry* lastPort = nullptr;  // so that adding a port does not walk the list
+    // Holds the list of channels while it is changed. Not PortListLock: opening a channel has never
+    // waited for that, only closing one does. Kept on purpose.
     SRWLOCK xcvLock = SRWLOCK_INIT;
 };
 static_assert(offsetof(MonitorHandle, init) == 8);
@@ -101,10 +103,6 @@ void RemoveAllPortEntries(MonitorHandle* monitor) noexcept;
 // A job's hold on its port.
 void HoldPort(PortEntry* port) noexcept;
 void LetGoOfPort(PortEntry* port) noexcept;
-
-// True for the names of the spooler's own network pseudo-ports: "Ne", an optional "-", digits or
-// none, ":". They stand under the monitor's key on some systems and are none of its ports.
-bool IsSpoolerPseudoPort(LPCWSTR name) noexcept;
 
 // Entry points of the monitor (platform interface MONITOR2).
 

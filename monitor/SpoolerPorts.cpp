@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cwchar>
 
-#include "monitor/Resource.h"
+#include "diag/Resource.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cwchar>
 
-#include "discovery/Rediscovery.h"
+#include "monitor/Rediscovery.h"
 #include "monitor/AnsiText.h"
 #include "monitor/Lpr.h"
 

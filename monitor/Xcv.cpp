@@ -234,21 +234,6 @@ XcvHandle* XcvOf(HANDLE handle) {
     return xcv != nullptr && xcv->signature == kXcvSignature ? xcv : nullptr;
 }
 
-// Holds the list of channels while it is changed. Not PortListLock: opening a channel has never
-// waited for that, only closing one does. Kept on purpose.
-class XcvListGuard {
-  public:
-    explicit XcvListGuard(MonitorHandle* monitor) : lock_(monitor->xcvLock) {
-        AcquireSRWLockExclusive(&lock_);
-    }
-    ~XcvListGuard() { ReleaseSRWLockExclusive(&lock_); }
-    XcvListGuard(const XcvListGuard&) = delete;
-    XcvListGuard& operator=(const XcvListGuard&) = delete;
-
-  private:
-    SRWLOCK& lock_;
-};
-
 }  // namespace
 
 void DetachXcvHandles(MonitorHandle* monitor) noexcept {
@@ -281,7 +266,7 @@ BOOL WINAPI XcvOpenPort(HANDLE hMonitor, LPCWSTR pszObject, ACCESS_MASK GrantedA
     xcv->grantedAccess = GrantedAccess;
     xcv->monitor = monitor;
 
-    const XcvListGuard guard(monitor);
+    const ExclusiveGuard guard(monitor->xcvLock);
     XcvHandle** end = &monitor->xcvHandles;
     while (*end != nullptr) {
         end = &(*end)->next;
@@ -315,7 +300,7 @@ BOOL WINAPI XcvClosePort(HANDLE hXcv) {
     }
     LockGuard lock(PortListLock);
     if (MonitorHandle* monitor = xcv->monitor) {
-        const XcvListGuard guard(monitor);
+        const ExclusiveGuard guard(monitor->xcvLock);
         XcvHandle** link = &monitor->xcvHandles;
         while (*link != nullptr && *link != xcv) {
             link = &(*link)->next;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "discovery/IPAddress.h"
+#include "address/IPAddress.h"
 #include "net/InterfaceTables.h"
 #include "net/Singleton.h"
 

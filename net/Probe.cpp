@@ -7,6 +7,7 @@
 #include <cstddef>
 
 #include "diag/Log.h"
+#include "diag/Resource.h"
 
 namespace {
 
@@ -34,24 +35,6 @@ struct Icmp6EchoReply {
 static_assert(sizeof(Ipv6AddressEx) == 26);
 static_assert(offsetof(Icmp6EchoReply, status) == 28);
 static_assert(sizeof(Icmp6EchoReply) == 36);
-
-// A socket that closes itself.
-class Socket {
-  public:
-    Socket(int family, int type, int protocol) noexcept : socket_(socket(family, type, protocol)) {}
-    ~Socket() {
-        if (socket_ != INVALID_SOCKET) {
-            closesocket(socket_);
-        }
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-
-    SOCKET Get() const noexcept { return socket_; }
-
-  private:
-    SOCKET socket_;
-};
 
 }  // namespace
 
@@ -130,8 +113,8 @@ int Network::Ping6(const IPAddress& address) const {
 
 int SetV6Scope(sockaddr_in6* address) {
     constexpr ULONG kLastScope = 254;
-    const Socket probe(AF_INET6, SOCK_STREAM, IPPROTO_TCP);
-    if (probe.Get() == INVALID_SOCKET) {
+    const UniqueSocket probe(socket(AF_INET6, SOCK_STREAM, IPPROTO_TCP));
+    if (!probe) {
         return -1;
     }
     for (ULONG scope = 0; scope <= kLastScope; ++scope) {

@@ -7,7 +7,7 @@
 #include <span>
 #include <utility>
 
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 #include "net/Network.h"
 
 const char kConfigMethodOid[] = "1.3.6.1.4.1.11.2.4.3.5.1.0";

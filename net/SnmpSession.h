@@ -11,7 +11,7 @@
 #include <string>
 #include <utility>
 
-#include "discovery/IPAddress.h"
+#include "address/IPAddress.h"
 
 // The IPv4 settings of a printer. All are IpAddress but the method, which is an integer.
 extern const char kConfigMethodOid[];

@@ -8,9 +8,10 @@ namespace {
 
 std::string_view Trim(std::string_view text) {
     constexpr std::string_view kBlanks = " \t\r\n";
-    const std::size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos)
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos) {
         return {};
+    }
     return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
@@ -31,16 +32,19 @@ std::optional<Attribute> NextAttribute(Cursor& list) {
         if (list.Next() == '(') {
             list.Bytes(1);
             found.tag = Trim(list.Until("=)"));
-            if (list.Next() == '=')
+            if (list.Next() == '=') {
                 list.Bytes(1);
+            }
             found.value = Trim(list.Until(")"));
             found.whole = list.Next() == ')';
             list.Until(",");
         }
-        if (list.left() > 0)
+        if (list.left() > 0) {
             list.Bytes(1);  // the comma
-        if (!found.tag.empty())
+        }
+        if (!found.tag.empty()) {
             return found;
+        }
     }
     return std::nullopt;
 }
@@ -66,9 +70,11 @@ std::string Unescape(std::string_view escaped) {
 std::optional<std::string> FindAttribute(std::string_view list, std::string_view tag) {
     tag = Trim(tag);
     Cursor rest(list);
-    while (const auto attribute = NextAttribute(rest))
-        if (SameTag(attribute->tag, tag))
+    while (const auto attribute = NextAttribute(rest)) {
+        if (SameTag(attribute->tag, tag)) {
             return attribute->whole ? std::optional(Unescape(attribute->value)) : std::nullopt;
+        }
+    }
     return std::nullopt;
 }
 

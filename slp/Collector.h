@@ -16,7 +16,7 @@ namespace slp {
 
 class Collector {
   public:
-    Collector(unsigned version, std::uint16_t xid) : version_(version), xid_(xid) {}
+    Collector(unsigned version, uint16_t xid) : version_(version), xid_(xid) {}
 
     enum class Verdict {
         Ignored,     // no reply to this request, or nothing new from this agent
@@ -51,11 +51,11 @@ class Collector {
     bool Reportable(std::string_view attributes);
 
     const unsigned version_;
-    const std::uint16_t xid_;
+    const uint16_t xid_;
     std::unordered_map<std::string, bool> heard_;  // agent -> has it given a list
     std::string responders_;
-    std::size_t reported_ = 0;  // bytes
-    std::size_t round_ = 0;
+    size_t reported_ = 0;  // bytes
+    size_t round_ = 0;
     bool found_ = false;
     bool newcomers_ = false;
 };

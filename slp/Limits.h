@@ -18,21 +18,21 @@ inline constexpr std::chrono::milliseconds kFetchTime(1500);
 
 // Fetches at the same time, and how long one of them may take while others wait for its place:
 // agents that stall must not keep out those that do not. Together at least 256 a second.
-inline constexpr std::size_t kMaxFetches = 64;
+inline constexpr size_t kMaxFetches = 64;
 inline constexpr std::chrono::milliseconds kFetchTimeInQueue(250);
 
 // A request longer than a datagram of this size is not sent (RFC 2608, section 6: 1400 bytes).
-inline constexpr std::size_t kMaxRequest = 1400;
+inline constexpr size_t kMaxRequest = 1400;
 
 // The longest reply that is taken over TCP. It is also more than a datagram can hold.
-inline constexpr std::size_t kMaxReply = 65536;
+inline constexpr size_t kMaxReply = 65536;
 
 // Agents that one request remembers. It bounds what a host costs that answers under one made-up
 // address after the other: 16384 addresses are about 2 MB.
-inline constexpr std::size_t kMaxResponders = 16384;
+inline constexpr size_t kMaxResponders = 16384;
 
 // Attribute lists that one request reports, all together, in bytes.
-inline constexpr std::size_t kMaxReported = 32 * 1024 * 1024;
+inline constexpr size_t kMaxReported = 32 * 1024 * 1024;
 
 // Datagrams that are read, and fetches that are begun, before the clock and the stop are looked at
 // again.

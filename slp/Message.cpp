@@ -17,20 +17,21 @@ constexpr unsigned kMulticast2 = 0x2000;
 
 constexpr unsigned kUtf8 = 106;  // IANA's number of the character set
 
-constexpr std::size_t kMaxText = 0xFFFF;
+constexpr size_t kMaxText = 0xFFFF;
 
 class Writer {
   public:
-    void Number(std::size_t value, int size) {
-        for (int shift = 8 * (size - 1); shift >= 0; shift -= 8)
+    void Number(size_t value, int size) {
+        for (int shift = 8 * (size - 1); shift >= 0; shift -= 8) {
             bytes_ += static_cast<char>(value >> shift & 0xFF);
+        }
     }
     void Bytes(std::string_view bytes) { bytes_ += bytes; }
     void Text(std::string_view text) {
         Number(text.size(), 2);
         bytes_ += text;
     }
-    std::size_t size() const { return bytes_.size(); }
+    size_t size() const { return bytes_.size(); }
     std::string Take() { return std::move(bytes_); }
 
   private:
@@ -43,13 +44,14 @@ std::string Body(const AttributeRequest& request) {
     body.Text(request.service);
     body.Text(request.scopes);
     body.Text(request.attributeIds);
-    if (request.version == 2)
+    if (request.version == 2) {
         body.Text("");  // no SPI: signed replies are not asked for
+    }
     return body.Take();
 }
 
-void Header1(Writer& out, const AttributeRequest& request, std::size_t bodySize) {
-    constexpr std::size_t kSize = 12;
+void Header1(Writer& out, const AttributeRequest& request, size_t bodySize) {
+    constexpr size_t kSize = 12;
     out.Number(1, 1);
     out.Number(kAttributeRequest, 1);
     out.Number(kSize + bodySize, 2);
@@ -60,8 +62,8 @@ void Header1(Writer& out, const AttributeRequest& request, std::size_t bodySize)
     out.Number(request.xid, 2);
 }
 
-void Header2(Writer& out, const AttributeRequest& request, std::size_t bodySize) {
-    constexpr std::size_t kFixedSize = 14;
+void Header2(Writer& out, const AttributeRequest& request, size_t bodySize) {
+    constexpr size_t kFixedSize = 14;
     out.Number(2, 1);
     out.Number(kAttributeRequest, 1);
     out.Number(kFixedSize + request.language.size() + bodySize, 3);
@@ -73,9 +75,9 @@ void Header2(Writer& out, const AttributeRequest& request, std::size_t bodySize)
 
 // The fixed part of a reply's header, behind version and function.
 struct ReplyHeader {
-    std::size_t length = 0;
+    size_t length = 0;
     bool overflow = false;
-    std::uint32_t xid = 0;
+    uint32_t xid = 0;
 };
 
 ReplyHeader ReadHeader1(Cursor& in) {
@@ -100,16 +102,16 @@ ReplyHeader ReadHeader2(Cursor& in) {
 // Authentication blocks are not verified (no keys are configured), but have to be in order.
 // Their 16-bit length counts the whole block, which is at least the two numbers.
 void SkipAuthBlocks(Cursor& in) {
-    for (std::uint32_t blocks = in.Number(1); blocks > 0 && in.ok(); --blocks) {
+    for (uint32_t blocks = in.Number(1); blocks > 0 && in.ok(); --blocks) {
         in.Number(2);  // block structure descriptor
-        const std::uint32_t length = in.Number(2);
+        const uint32_t length = in.Number(2);
         in.Bytes(length >= 4 ? length - 4 : in.left() + 1);
     }
 }
 
 }  // namespace
 
-std::string_view Cursor::Bytes(std::size_t count) {
+std::string_view Cursor::Bytes(size_t count) {
     if (!ok_ || count > bytes_.size()) {
         ok_ = false;
         bytes_ = {};
@@ -120,10 +122,11 @@ std::string_view Cursor::Bytes(std::size_t count) {
     return taken;
 }
 
-std::uint32_t Cursor::Number(std::size_t size) {
-    std::uint32_t value = 0;
-    for (const char byte : Bytes(size))
+uint32_t Cursor::Number(size_t size) {
+    uint32_t value = 0;
+    for (const char byte : Bytes(size)) {
         value = value << 8 | static_cast<unsigned char>(byte);
+    }
     return value;
 }
 
@@ -133,57 +136,69 @@ std::string_view Cursor::Until(std::string_view stops) {
 
 std::optional<std::string> Encode(const AttributeRequest& request) {
     for (const std::string* text :
-         {&request.responders, &request.service, &request.scopes, &request.attributeIds})
-        if (text->size() > kMaxText)
+         {&request.responders, &request.service, &request.scopes, &request.attributeIds}) {
+        if (text->size() > kMaxText) {
             return std::nullopt;
+        }
+    }
     const std::string body = Body(request);
     Writer out;
-    if (request.version == 1)
+    if (request.version == 1) {
         Header1(out, request, body.size());
-    else
+    } else {
         Header2(out, request, body.size());
+    }
     out.Bytes(body);
-    if (out.size() > kMaxRequest)
+    if (out.size() > kMaxRequest) {
         return std::nullopt;
+    }
     return out.Take();
 }
 
-std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version,
-                                          std::uint16_t xid, Carrier carrier) {
+std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version, uint16_t xid,
+                                          Carrier carrier) {
     Cursor in(message);
-    if (in.Number(1) != version || in.Number(1) != kAttributeReply)
+    if (in.Number(1) != version || in.Number(1) != kAttributeReply) {
         return std::nullopt;
+    }
     const ReplyHeader header = version == 1 ? ReadHeader1(in) : ReadHeader2(in);
-    if (!in.ok() || header.xid != xid)
+    if (!in.ok() || header.xid != xid) {
         return std::nullopt;
-    if (carrier == Carrier::Datagram && header.overflow && header.length >= message.size())
+    }
+    if (carrier == Carrier::Datagram && header.overflow && header.length >= message.size()) {
         return AttributeReply{true, 0, {}};
-    if (header.length != message.size())
+    }
+    if (header.length != message.size()) {
         return std::nullopt;
+    }
 
     AttributeReply reply;
     reply.error = in.Number(2);
-    if (reply.error != 0 && in.ok())
+    if (reply.error != 0 && in.ok()) {
         return reply;  // RFC 2608, section 7: whatever follows an error may be left out
+    }
     reply.attributes = in.Text();
-    if (version == 2)
+    if (version == 2) {
         SkipAuthBlocks(in);
+    }
     // Version 1 announces its one block by a flag and puts it last: nothing comes after it.
-    if (!in.ok() || reply.attributes.find('\0') != std::string_view::npos)
+    if (!in.ok() || reply.attributes.find('\0') != std::string_view::npos) {
         return std::nullopt;
+    }
     return reply;
 }
 
-std::size_t StreamMessage::Wanted() const {
+size_t StreamMessage::Wanted() const {
     return (length_ == 0 ? kLengthPrefix : length_) - bytes_.size();
 }
 
 bool StreamMessage::Add(std::string_view bytes) {
     bytes_ += bytes;
-    if (length_ != 0 || bytes_.size() < kLengthPrefix)
+    if (length_ != 0 || bytes_.size() < kLengthPrefix) {
         return true;
+    }
     Cursor in(bytes_);
-    const std::uint32_t version = in.Number(1);
+    const uint32_t version = in.Number(1);
     in.Number(1);  // function
     length_ = in.Number(version == 1 ? 2 : 3);
     return (version == 1 || version == 2) && length_ > kLengthPrefix && length_ <= kMaxReply;

@@ -12,7 +12,7 @@
 namespace slp {
 
 // A message's first bytes that tell its version and whole length.
-inline constexpr std::size_t kLengthPrefix = 5;
+inline constexpr size_t kLengthPrefix = 5;
 
 // Reads forward through bytes that it does not own and never past their end. The first read that
 // asks for more than is left fails; from then on every read gives zero or an empty text.
@@ -21,14 +21,14 @@ class Cursor {
     explicit Cursor(std::string_view bytes) : bytes_(bytes) {}
 
     bool ok() const { return ok_; }
-    std::size_t left() const { return bytes_.size(); }
+    size_t left() const { return bytes_.size(); }
     // The character that the next read begins with, zero at the end.
     char Next() const { return bytes_.empty() ? '\0' : bytes_.front(); }
 
     // The next `count` bytes.
-    std::string_view Bytes(std::size_t count);
+    std::string_view Bytes(size_t count);
     // A big-endian number of `size` bytes (1 to 4).
-    std::uint32_t Number(std::size_t size);
+    uint32_t Number(size_t size);
     // A text behind its 16-bit length.
     std::string_view Text() { return Bytes(Number(2)); }
     // Everything before the first of the characters `stops`, or the rest if none follows.
@@ -42,7 +42,7 @@ class Cursor {
 // What an attribute request says (RFC 2608, section 10.3; RFC 2165, section 13).
 struct AttributeRequest {
     unsigned version = 2;    // 1 or 2
-    std::uint16_t xid = 1;   // never 0
+    uint16_t xid = 1;        // never 0
     std::string language;    // version 1: two letters
     bool multicast = false;  // version 2 tells the agents
     std::string responders;  // comma-separated numeric addresses
@@ -66,15 +66,15 @@ struct AttributeReply {
 // attribute list with a zero byte in it.
 // Only a datagram can be marked as cut short; it may then say the length that it would have had.
 enum class Carrier { Datagram, Stream };
-std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version,
-                                          std::uint16_t xid, Carrier carrier);
+std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version, uint16_t xid,
+                                          Carrier carrier);
 
 // Puts one message together from the pieces in which a stream brings it, and never wants a byte
 // more than the message has.
 class StreamMessage {
   public:
     // How many bytes to read next at most; 0 when the message is whole.
-    std::size_t Wanted() const;
+    size_t Wanted() const;
     // Adds at most Wanted() bytes. False when no acceptable message can come of them: another
     // version than 1 or 2, a length that no message has or above kMaxReply.
     bool Add(std::string_view bytes);
@@ -83,7 +83,7 @@ class StreamMessage {
 
   private:
     std::string bytes_;
-    std::size_t length_ = 0;  // 0 until it is known
+    size_t length_ = 0;  // 0 until it is known
 };
 
 }  // namespace slp

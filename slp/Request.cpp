@@ -17,14 +17,17 @@ Request::Request(Question question)
       datagram_(kMaxReply) {}
 
 SLPError Request::Start() {
-    if (!stop_ || !datagrams_ || !streams_)
+    if (!stop_ || !datagrams_ || !streams_) {
         return SLP_INTERNAL_SYSTEM_ERROR;
-    if (!socket_ || !Prepare())
+    }
+    if (!socket_ || !Prepare()) {
         return SLP_NETWORK_INIT_FAILED;
+    }
     if (multicast()) {
         auto interfaces = UpInterfaces(question_.to.family(), question_.interfaces);
-        if (!interfaces)
+        if (!interfaces) {
             return SLP_NETWORK_INIT_FAILED;
+        }
         outlets_ = std::move(*interfaces);
     }
     return Send() ? SLP_OK : SLP_NETWORK_ERROR;
@@ -35,10 +38,11 @@ bool Request::Prepare() const {
     socket_.Set(SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);
     socket_.Set(SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
     // RFC 2608, section 6.1: multicast goes out with a TTL of 255 unless configured otherwise.
-    if (question_.to.family() == AF_INET)
+    if (question_.to.family() == AF_INET) {
         socket_.Set(IPPROTO_IP, IP_MULTICAST_TTL, 255);
-    else
+    } else {
         socket_.Set(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 255);
+    }
     const Address any = Address::Any(question_.to.family());
     return bind(socket_.get(), any.get(), any.size()) == 0 &&
            socket_.Signal(datagrams_.get(), FD_READ);
@@ -50,20 +54,24 @@ bool Request::Send() {
     AttributeRequest message = question_.message;
     message.responders = collector_.responders();
     const auto bytes = Encode(message);
-    if (!bytes)
+    if (!bytes) {
         return false;
-    if (!multicast())
+    }
+    if (!multicast()) {
         return SendTo(question_.to, *bytes);
+    }
     bool sent = false;
-    for (const Interface& outlet : outlets_)
+    for (const Interface& outlet : outlets_) {
         sent = SendBy(outlet, *bytes) || sent;
+    }
     return sent;
 }
 
 bool Request::SendBy(const Interface& outlet, const std::string& bytes) const {
     const Address& to = question_.to;
-    if (to.family() == AF_INET)
+    if (to.family() == AF_INET) {
         return socket_.Set(IPPROTO_IP, IP_MULTICAST_IF, outlet.host.s_addr) && SendTo(to, bytes);
+    }
     return (to.scope() == 0 || to.scope() == outlet.index) &&
            socket_.Set(IPPROTO_IPV6, IPV6_MULTICAST_IF, outlet.index) &&
            SendTo(to.IsLinkGroup() ? to.WithScope(outlet.index) : to, bytes);
@@ -92,25 +100,29 @@ SLPError Request::Collect() noexcept {
 void Request::Rounds() {
     for (auto end = Now();;) {
         end += collector_.WaitingTime();
-        while (!Over() && Now() < end)
+        while (!Over() && Now() < end) {
             Turn(end);
-        if (Over() || !collector_.NextRound())
+        }
+        if (Over() || !collector_.NextRound()) {
             return;
+        }
         Send();  // an interface that went away in the meantime takes nobody's answers with it
     }
 }
 
 void Request::FinishFetches() {
     const auto end = Now() + kFetchTime;
-    while (!stopped_ && (!fetches_.empty() || !waiting_.empty()) && Now() < end)
+    while (!stopped_ && (!fetches_.empty() || !waiting_.empty()) && Now() < end) {
         Turn(end);
+    }
 }
 
 // Waits for the network, a stop or the time, whichever is first, and takes in what has come: a
 // bounded part of it, so that no flood keeps the request from its clock.
 void Request::Turn(Clock::time_point until) {
-    if (!fetches_.empty())
+    if (!fetches_.empty()) {
         until = std::min(until, fetches_.front().begin + FetchTime());
+    }
     Wait(until);
     ReadDatagrams();
     ServeFetches();
@@ -132,24 +144,27 @@ void Request::Wait(Clock::time_point until) {
 void Request::ReadDatagrams() {
     unread_ = false;
     for (int count = 0; count < kDatagramsPerTurn; ++count) {
-        if (Over())
+        if (Over()) {
             return;
+        }
         Address from;
         int fromSize = 0;
         sockaddr* const sender = from.Receive(fromSize);
         const int size = recvfrom(socket_.get(), datagram_.data(),
                                   static_cast<int>(datagram_.size()), 0, sender, &fromSize);
-        if (size >= 0)
-            TakeDatagram(from, {datagram_.data(), static_cast<std::size_t>(size)});
-        else if (WSAGetLastError() != WSAECONNRESET && WSAGetLastError() != WSAENETRESET)
+        if (size >= 0) {
+            TakeDatagram(from, {datagram_.data(), static_cast<size_t>(size)});
+        } else if (WSAGetLastError() != WSAECONNRESET && WSAGetLastError() != WSAENETRESET) {
             return;  // those two only say that a host did not want an earlier datagram
+        }
     }
     unread_ = true;
 }
 
 void Request::TakeDatagram(const Address& from, std::string_view bytes) {
-    if (!multicast() && !from.SameHost(question_.to))
+    if (!multicast() && !from.SameHost(question_.to)) {
         return;
+    }
     const Collector::Answer answer = collector_.TakeDatagram(from.Text(), bytes);
     switch (answer.verdict) {
         case Collector::Verdict::Ignored:
@@ -167,8 +182,9 @@ void Request::TakeDatagram(const Address& from, std::string_view bytes) {
 }
 
 void Request::StartFetches() {
-    while (!fetches_.empty() && Now() >= fetches_.front().begin + FetchTime())
+    while (!fetches_.empty() && Now() >= fetches_.front().begin + FetchTime()) {
         fetches_.pop_front();
+    }
     for (int count = 0;
          count < kConnectsPerTurn && !waiting_.empty() && fetches_.size() < kMaxFetches; ++count) {
         Connect(waiting_.front());
@@ -178,58 +194,69 @@ void Request::StartFetches() {
 
 void Request::Connect(const Address& agent) {
     Fetch fetch{Socket(agent.family(), SOCK_STREAM), Now(), {}};
-    if (!fetch.socket || !fetch.socket.Signal(streams_.get(), FD_CONNECT | FD_READ | FD_CLOSE))
+    if (!fetch.socket || !fetch.socket.Signal(streams_.get(), FD_CONNECT | FD_READ | FD_CLOSE)) {
         return;
+    }
     if (connect(fetch.socket.get(), agent.get(), agent.size()) == 0 ||
-        WSAGetLastError() == WSAEWOULDBLOCK)
+        WSAGetLastError() == WSAEWOULDBLOCK) {
         fetches_.push_back(std::move(fetch));
+    }
 }
 
 void Request::ServeFetches() {
-    if (WaitForSingleObject(streams_.get(), 0) != WAIT_OBJECT_0)
+    if (WaitForSingleObject(streams_.get(), 0) != WAIT_OBJECT_0) {
         return;
+    }
     ResetEvent(streams_.get());  // before the look at the sockets, so that nothing later is missed
-    for (auto fetch = fetches_.begin(); fetch != fetches_.end() && !stopped_;)
+    for (auto fetch = fetches_.begin(); fetch != fetches_.end() && !stopped_;) {
         fetch = Serve(*fetch) ? std::next(fetch) : fetches_.erase(fetch);
+    }
 }
 
 // Takes a fetch further. False when there is nothing more to it.
 bool Request::Serve(Fetch& fetch) {
     WSANETWORKEVENTS events;
-    if (WSAEnumNetworkEvents(fetch.socket.get(), nullptr, &events) != 0)
+    if (WSAEnumNetworkEvents(fetch.socket.get(), nullptr, &events) != 0) {
         return false;
+    }
     if ((events.lNetworkEvents & FD_CONNECT) != 0) {
         AttributeRequest message = question_.message;
         message.multicast = false;
         const auto bytes = Encode(message);
         const int size = static_cast<int>(bytes->size());
         if (events.iErrorCode[FD_CONNECT_BIT] != 0 ||
-            send(fetch.socket.get(), bytes->data(), size, 0) != size)
+            send(fetch.socket.get(), bytes->data(), size, 0) != size) {
             return false;
+        }
     }
-    if ((events.lNetworkEvents & (FD_READ | FD_CLOSE)) == 0)
+    if ((events.lNetworkEvents & (FD_READ | FD_CLOSE)) == 0) {
         return true;
+    }
     return Read(fetch);
 }
 
 bool Request::Read(Fetch& fetch) {
     char part[4096];
-    while (const std::size_t wanted = fetch.reply.Wanted()) {
+    while (const size_t wanted = fetch.reply.Wanted()) {
         const int size =
             recv(fetch.socket.get(), part, static_cast<int>(std::min(wanted, sizeof part)), 0);
-        if (size < 0 && WSAGetLastError() == WSAEWOULDBLOCK)
+        if (size < 0 && WSAGetLastError() == WSAEWOULDBLOCK) {
             return true;
-        if (size <= 0 || !fetch.reply.Add({part, static_cast<std::size_t>(size)}))
+        }
+        if (size <= 0 || !fetch.reply.Add({part, static_cast<size_t>(size)})) {
             return false;
+        }
     }
-    if (const auto attributes = collector_.TakeFetched(fetch.reply.bytes()))
+    if (const auto attributes = collector_.TakeFetched(fetch.reply.bytes())) {
         Report(*attributes);
+    }
     return false;
 }
 
 void Request::Report(std::string_view attributes) {
-    if (!stopped_ && !Call(std::string(attributes).c_str(), SLP_OK))
+    if (!stopped_ && !Call(std::string(attributes).c_str(), SLP_OK)) {
         stopped_ = true;
+    }
 }
 
 void Request::LastCall() noexcept {

@@ -67,8 +67,8 @@ SLPError WithAgent(SLPHandle handle, Work work) noexcept {
 bool IsLanguageTag(std::string_view tag) {
     constexpr std::string_view kLetters = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ";
     constexpr std::string_view kDigits = "0123456789";
-    constexpr std::size_t kMaxTag = 64;
-    std::size_t length = 0;
+    constexpr size_t kMaxTag = 64;
+    size_t length = 0;
     bool first = true;
     for (const char c : tag) {
         const bool letter = kLetters.find(c) != std::string_view::npos;
@@ -85,16 +85,19 @@ bool IsLanguageTag(std::string_view tag) {
 }  // namespace
 
 SLPError SLPOpen(const char* lang, SLPBoolean isAsync, SLPHandle* out) {
-    if (out == nullptr)
+    if (out == nullptr) {
         return SLP_PARAMETER_BAD;
+    }
     *out = nullptr;
     return Guarded([&] {
         const std::string language = lang != nullptr && *lang != '\0' ? lang : "en";
-        if (!IsLanguageTag(language))
+        if (!IsLanguageTag(language)) {
             return SLP_PARAMETER_BAD;
+        }
         auto agent = std::make_shared<UserAgent>(language, isAsync != SLP_FALSE);
-        if (!agent->HasSockets())
+        if (!agent->HasSockets()) {
             return SLP_NETWORK_INIT_FAILED;
+        }
         OpenHandles& handles = Handles();
         const std::lock_guard lock(handles.mutex);
         handles.agents.emplace(agent.get(), agent);
@@ -105,8 +108,9 @@ SLPError SLPOpen(const char* lang, SLPBoolean isAsync, SLPHandle* out) {
 
 void SLPClose(SLPHandle handle) {
     Guarded([&] {
-        if (const auto agent = Remove(handle))
+        if (const auto agent = Remove(handle)) {
             agent->Close();
+        }
         return SLP_OK;
     });
 }
@@ -136,18 +140,22 @@ SLPError SLPStopFind(SLPHandle handle) {
 }
 
 SLPError SLPParseAttrs(const char* list, const char* attrId, char** value) {
-    if (value == nullptr)
+    if (value == nullptr) {
         return SLP_PARAMETER_BAD;
+    }
     *value = nullptr;
-    if (list == nullptr || attrId == nullptr || *attrId == '\0')
+    if (list == nullptr || attrId == nullptr || *attrId == '\0') {
         return SLP_PARAMETER_BAD;
+    }
     return Guarded([&] {
         const auto found = slp::FindAttribute(list, attrId);
-        if (!found)
+        if (!found) {
             return SLP_PARSE_ERROR;
+        }
         *value = static_cast<char*>(std::malloc(found->size() + 1));
-        if (*value == nullptr)
+        if (*value == nullptr) {
             return SLP_MEMORY_ALLOC_FAILED;
+        }
         std::memcpy(*value, found->c_str(), found->size() + 1);
         return SLP_OK;
     });

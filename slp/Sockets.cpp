@@ -20,10 +20,12 @@ std::unique_ptr<char[]> ReadAdapters() {
         const ULONG error =
             GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr,
                                  reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.get()), &size);
-        if (error == ERROR_SUCCESS)
+        if (error == ERROR_SUCCESS) {
             return buffer;
-        if (error != ERROR_BUFFER_OVERFLOW)
+        }
+        if (error != ERROR_BUFFER_OVERFLOW) {
             break;
+        }
     }
     return nullptr;
 }
@@ -36,19 +38,22 @@ std::optional<Interface> Usable(const IP_ADAPTER_ADDRESSES& adapter, int family,
     bool allowed = only.empty();
     for (auto* unicast = adapter.FirstUnicastAddress; unicast != nullptr; unicast = unicast->Next) {
         const auto address = Address::From(unicast->Address.lpSockaddr);
-        if (!address)
+        if (!address) {
             continue;
+        }
         const bool named = std::any_of(only.begin(), only.end(), [&](const Address& wanted) {
             return wanted.SameHost(*address);
         });
         allowed = allowed || named;
-        if (address->family() != family || (found && !named))
+        if (address->family() != family || (found && !named)) {
             continue;
+        }
         found.emplace();
-        if (family == AF_INET)
+        if (family == AF_INET) {
             found->host = address->host4();
-        else  // Wine leaves the first of the two zero
+        } else {  // Wine leaves the first of the two zero
             found->index = adapter.Ipv6IfIndex != 0 ? adapter.Ipv6IfIndex : adapter.IfIndex;
+        }
     }
     return allowed ? found : std::nullopt;
 }
@@ -61,24 +66,28 @@ SocketsReference::SocketsReference() {
 }
 
 SocketsReference::~SocketsReference() {
-    if (ok_)
+    if (ok_) {
         WSACleanup();
+    }
 }
 
 Handle::~Handle() {
-    if (handle_ != nullptr)
+    if (handle_ != nullptr) {
         CloseHandle(handle_);
+    }
 }
 
 Socket::Socket(int family, int type) : socket_(socket(family, type, 0)) {
     u_long on = 1;
-    if (socket_ != INVALID_SOCKET)
+    if (socket_ != INVALID_SOCKET) {
         ioctlsocket(socket_, FIONBIO, &on);
+    }
 }
 
 Socket::~Socket() {
-    if (socket_ != INVALID_SOCKET)
+    if (socket_ != INVALID_SOCKET) {
         closesocket(socket_);
+    }
 }
 
 bool Socket::Signal(HANDLE event, long networkEvents) const {
@@ -97,13 +106,15 @@ Address Address::Any(int family) {
 }
 
 std::optional<Address> Address::From(const sockaddr* address) {
-    if (address == nullptr || (address->sa_family != AF_INET && address->sa_family != AF_INET6))
+    if (address == nullptr || (address->sa_family != AF_INET && address->sa_family != AF_INET6)) {
         return std::nullopt;
+    }
     Address copy;
-    if (address->sa_family == AF_INET)
+    if (address->sa_family == AF_INET) {
         std::memcpy(&copy.v4_, address, sizeof copy.v4_);
-    else
+    } else {
         std::memcpy(&copy.v6_, address, sizeof copy.v6_);
+    }
     return copy.port() == 0 ? copy.WithPort(kPort) : copy;
 }
 
@@ -160,17 +171,20 @@ bool Address::IsLinkGroup() const {
 }
 
 bool Address::IsHost() const {
-    if (IsMulticast())
+    if (IsMulticast()) {
         return false;
-    if (family() == AF_INET)
+    }
+    if (family() == AF_INET) {
         return v4_.sin_addr.s_addr != INADDR_ANY && v4_.sin_addr.s_addr != INADDR_BROADCAST;
+    }
     return std::any_of(std::begin(v6_.sin6_addr.s6_addr), std::end(v6_.sin6_addr.s6_addr),
                        [](unsigned char byte) { return byte != 0; });
 }
 
 bool Address::SameHost(const Address& other) const {
-    if (family() != other.family())
+    if (family() != other.family()) {
         return false;
+    }
     return family() == AF_INET
                ? v4_.sin_addr.s_addr == other.v4_.sin_addr.s_addr
                : std::memcmp(&v6_.sin6_addr, &other.v6_.sin6_addr, sizeof v6_.sin6_addr) == 0;
@@ -178,23 +192,28 @@ bool Address::SameHost(const Address& other) const {
 
 std::string Address::Text() const {
     char text[INET6_ADDRSTRLEN] = "";
-    if (family() == AF_INET)
+    if (family() == AF_INET) {
         inet_ntop(AF_INET, &v4_.sin_addr, text, sizeof text);
-    else
+    } else {
         inet_ntop(AF_INET6, &v6_.sin6_addr, text, sizeof text);
+    }
     return text;
 }
 
 std::optional<std::vector<Interface>> UpInterfaces(int family, const std::vector<Address>& only) {
     const auto buffer = ReadAdapters();
-    if (!buffer)
+    if (!buffer) {
         return std::nullopt;
+    }
     std::vector<Interface> interfaces;
     for (auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(buffer.get());
-         adapter != nullptr; adapter = adapter->Next)
-        if (adapter->OperStatus == IfOperStatusUp)
-            if (const auto usable = Usable(*adapter, family, only))
+         adapter != nullptr; adapter = adapter->Next) {
+        if (adapter->OperStatus == IfOperStatusUp) {
+            if (const auto usable = Usable(*adapter, family, only)) {
                 interfaces.push_back(*usable);
+            }
+        }
+    }
     return interfaces;
 }
 

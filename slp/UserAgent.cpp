@@ -13,9 +13,9 @@ constexpr char kGroup2[] = "239.255.255.253";  // RFC 2608, section 6.1
 constexpr char kGroup1[] = "224.0.1.22";       // RFC 2165, section 22
 
 // Not to be guessed by a host that does not see the request.
-std::uint16_t NewTransaction() {
+uint16_t NewTransaction() {
     std::random_device source;
-    return static_cast<std::uint16_t>(std::uniform_int_distribution<>(1, 0xFFFF)(source));
+    return static_cast<uint16_t>(std::uniform_int_distribution<>(1, 0xFFFF)(source));
 }
 
 std::string OrElse(const char* text, const char* otherwise) {
@@ -23,7 +23,7 @@ std::string OrElse(const char* text, const char* otherwise) {
 }
 
 std::string_view Trim(std::string_view text) {
-    const std::size_t first = text.find_first_not_of(" \t");
+    const size_t first = text.find_first_not_of(" \t");
     return first == std::string_view::npos
                ? std::string_view()
                : text.substr(first, text.find_last_not_of(" \t") - first + 1);
@@ -41,25 +41,29 @@ HMODULE HoldLibrary() {
 
 SLPError UserAgent::SetUnicast(const sockaddr* to) {
     const auto address = Address::From(to);
-    if (!address || !address->IsHost())
+    if (!address || !address->IsHost()) {
         return SLP_PARAMETER_BAD;
+    }
     const std::lock_guard lock(mutex_);
     unicast_ = address;
     return SLP_OK;
 }
 
 SLPError UserAgent::AssociateInterfaces(const char* list) {
-    if (list == nullptr)
+    if (list == nullptr) {
         return SLP_PARAMETER_BAD;
+    }
     std::vector<Address> interfaces;
     for (std::string_view rest = list;;) {
-        const std::size_t comma = rest.find(',');
+        const size_t comma = rest.find(',');
         const auto address = Address::Parse(std::string(Trim(rest.substr(0, comma))));
-        if (!address)
+        if (!address) {
             return SLP_PARAMETER_BAD;
+        }
         interfaces.push_back(*address);
-        if (comma == std::string_view::npos)
+        if (comma == std::string_view::npos) {
             break;
+        }
         rest.remove_prefix(comma + 1);
     }
     const std::lock_guard lock(mutex_);
@@ -70,22 +74,26 @@ SLPError UserAgent::AssociateInterfaces(const char* list) {
 // Makes the question of a query; the lock is held.
 SLPError UserAgent::Ask(const Query& query, Question& question) const {
     if (query.callback == nullptr || query.service == nullptr || *query.service == '\0' ||
-        query.version < 1 || query.version > 2)
+        query.version < 1 || query.version > 2) {
         return SLP_PARAMETER_BAD;
+    }
 
     std::optional<Address> to = unicast_;
-    if (!to && query.to != nullptr)
+    if (!to && query.to != nullptr) {
         to = Address::From(query.to);
-    else if (!to)
+    } else if (!to) {
         to = Address::Parse(query.version == 1 ? kGroup1 : kGroup2)->WithPort(kPort);
-    if (!to || !(to->IsMulticast() || to->IsHost()))
+    }
+    if (!to || !(to->IsMulticast() || to->IsHost())) {
         return SLP_PARAMETER_BAD;
+    }
 
     std::string language = language_;
     if (query.version == 1) {  // it has room for two letters, the language without its country
         language = language.substr(0, language.find('-'));
-        if (language.size() != 2)
+        if (language.size() != 2) {
             return SLP_LANGUAGE_NOT_SUPPORTED;
+        }
     }
     question = {
         {query.version, NewTransaction(), std::move(language), to->IsMulticast(), "", query.service,
@@ -101,24 +109,28 @@ SLPError UserAgent::Ask(const Query& query, Question& question) const {
 SLPError UserAgent::FindAttributes(const Query& query) {
     std::unique_lock lock(mutex_);
     Question question;
-    if (const SLPError error = Ask(query, question); closed_ || error != SLP_OK)
+    if (const SLPError error = Ask(query, question); closed_ || error != SLP_OK) {
         return closed_ ? SLP_PARAMETER_BAD : error;
+    }
     if (std::any_of(running_.begin(), running_.end(),
-                    [](const Running& other) { return !other.lastCall; }))
+                    [](const Running& other) { return !other.lastCall; })) {
         return SLP_HANDLE_IN_USE;
+    }
     Reservation running(
         *this, running_.insert(running_.end(), {std::make_shared<Request>(std::move(question)),
                                                 GetCurrentThreadId()}));
     lock.unlock();
 
-    if (const SLPError error = running->request->Start(); error != SLP_OK)
+    if (const SLPError error = running->request->Start(); error != SLP_OK) {
         return error;
+    }
     return asynchronous_ ? ExecuteOnThread(std::move(running)) : Execute(*running);
 }
 
 UserAgent::Reservation::~Reservation() {
-    if (agent_ == nullptr)
+    if (agent_ == nullptr) {
         return;
+    }
     const std::lock_guard lock(agent_->mutex_);
     agent_->running_.erase(place_);
     agent_->ended_.notify_all();
@@ -177,8 +189,9 @@ unsigned __stdcall UserAgent::ThreadMain(void* argument) {
 
 void UserAgent::StopFind() {
     const std::lock_guard lock(mutex_);
-    for (const Running& running : running_)
+    for (const Running& running : running_) {
         running.request->Stop();
+    }
 }
 
 void UserAgent::Close() {
@@ -194,9 +207,11 @@ void UserAgent::Close() {
         });
         threads.swap(threads_);
     }
-    for (const Thread& thread : threads)
-        if (thread.id != self)
+    for (const Thread& thread : threads) {
+        if (thread.id != self) {
             WaitForSingleObject(thread.handle.get(), INFINITE);
+        }
+    }
 }
 
 }  // namespace slp

@@ -1,8 +1,8 @@
-#include "tools/kestctl/PortStore.h"
+#include "admin/PortStore.h"
 
 #include <gmock/gmock.h>
 
-#include "tests/kestctl/FakeMonitor.h"
+#include "tests/support/FakeMonitor.h"
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -18,6 +18,12 @@ TEST(PortCommands, AddShowSetAndDelete) {
                                 "00-04-00-4a-1b-2c", "--always-print"}),
               "port B\u00fcro added: raw to 10.0.0.1:9100\n");
     Kestctl(monitor, {"port", "add", "LAGER", "--address", "10.0.0.2", "--protocol", "lpr"});
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"})),
+              nlohmann::json::parse(R"({"name": "LAGER", "configured": true, "protocol": "lpr",
+                  "address": "10.0.0.2", "ipv6Host": "", "useIPv6": false, "portNumber": 515,
+                  "queue": "lp", "doubleSpool": false, "hostName": "", "mac": "",
+                  "alwaysPrint": false,
+                  "snmp": {"enabled": false, "community": "", "index": 0}})"));
 
     // By any letter case; what is not mentioned stays.
     Kestctl(monitor, {"port", "set", "b\u00dcro", "--address", "10.0.0.9", "--no-always-print"});

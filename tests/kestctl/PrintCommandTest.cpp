@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/kestctl/FakeMonitor.h"
-#include "tools/kestctl/Text.h"
+#include "tests/support/FakeMonitor.h"
+#include "admin/Text.h"
 
 using testing::AllOf;
 using testing::HasSubstr;

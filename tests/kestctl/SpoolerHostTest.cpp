@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/TcpPeer.h"
-#include "tools/kestctl/CommandFailed.h"
-#include "tools/kestctl/PortStore.h"
+#include "admin/CommandFailed.h"
+#include "admin/PortStore.h"
 
 using testing::Contains;
 using testing::ElementsAre;

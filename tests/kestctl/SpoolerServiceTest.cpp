@@ -1,5 +1,5 @@
 // Against the spooler of the machine that runs the tests, with the monitor that every one has.
-#include "tools/kestctl/SpoolerService.h"
+#include "admin/SpoolerService.h"
 
 #include <gmock/gmock.h>
 
@@ -7,7 +7,7 @@
 #include <fstream>
 #include <iterator>
 
-#include "tools/kestctl/CommandFailed.h"
+#include "admin/CommandFailed.h"
 #include "tools/kestctl/ControlJob.h"
 
 using testing::Contains;
@@ -32,7 +32,7 @@ TEST(SpoolerService, SendsCommandsAndPassesTheirCodesOn) {
         SpoolerService(L"no monitor").Xcv(L"MonitorUI", nullptr, 0, library, sizeof(library));
         ADD_FAILURE();
     } catch (const CommandFailed& failed) {
-        EXPECT_THAT(failed.what(), HasSubstr("--direct"));
+        EXPECT_EQ(failed.remedy, Remedy::InstallMonitor);
     }
 }
 

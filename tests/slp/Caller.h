@@ -41,12 +41,13 @@ class Answers {
         auto& self = *static_cast<Answers*>(cookie);
         {
             const std::lock_guard lock(self.mutex_);
-            if (code == SLP_OK)
+            if (code == SLP_OK) {
                 self.lists_.emplace_back(list);
-            else if (code == SLP_LAST_CALL && list == nullptr)
+            } else if (code == SLP_LAST_CALL && list == nullptr) {
                 ++self.lastCalls_;
-            else
+            } else {
                 ADD_FAILURE() << "code " << code;
+            }
             self.thread_ = GetCurrentThreadId();
         }
         const SLPBoolean result = self.then ? self.then(handle, code) : SLP_TRUE;
@@ -55,7 +56,7 @@ class Answers {
     }
 
     // Waits until so many lists, or the last call, have come.
-    void AwaitLists(std::size_t count) {
+    void AwaitLists(size_t count) {
         Await([&] { return lists_.size() >= count; });
     }
     void AwaitEnd() {

@@ -9,7 +9,7 @@ using Verdict = Collector::Verdict;
 
 namespace {
 
-constexpr std::uint16_t kXid = 7;
+constexpr uint16_t kXid = 7;
 
 TEST(Collector, ReportsEachAgentOnce) {
     Collector heard(2, kXid);
@@ -47,14 +47,17 @@ TEST(Collector, AsksAgainUntilNobodyIsNew) {
     for (const auto& c : cases) {
         Collector heard(2, kXid);
         std::chrono::milliseconds spent{};
-        for (std::size_t i = 0; i < c.rounds.size(); ++i) {
+        for (size_t i = 0; i < c.rounds.size(); ++i) {
             const std::string agent = "10.0.0." + std::to_string(i);
-            if (c.rounds[i] == 'n')
+            if (c.rounds[i] == 'n') {
                 heard.TakeDatagram(agent, list);
-            if (c.rounds[i] == 'e')
+            }
+            if (c.rounds[i] == 'e') {
                 heard.TakeDatagram(agent, ErrorReply(2, kXid, 1));
-            if (i > 0 && c.rounds[0] == 'n')
+            }
+            if (i > 0 && c.rounds[0] == 'n') {
                 heard.TakeDatagram("10.0.0.0", list);  // the first one, once more
+            }
             spent += heard.WaitingTime();
             EXPECT_EQ(heard.NextRound(), i + 1 < c.rounds.size()) << c.rounds << ' ' << i;
         }
@@ -65,19 +68,21 @@ TEST(Collector, AsksAgainUntilNobodyIsNew) {
 TEST(Collector, KeepsItsBoundsAndItsAgents) {
     Collector heard(2, kXid);
     const std::string list = ListReply(2, kXid, "(a=1)");
-    std::size_t reported = 0;
-    for (std::size_t i = 0; i < kMaxResponders + 100; ++i)
+    size_t reported = 0;
+    for (size_t i = 0; i < kMaxResponders + 100; ++i) {
         reported +=
             heard.TakeDatagram("agent" + std::to_string(i), list).verdict == Verdict::Attributes;
+    }
     EXPECT_EQ(reported, kMaxResponders);
     EXPECT_LT(heard.responders().size(), kMaxRequest + 100);
     EXPECT_EQ(heard.TakeDatagram("agent0", list).verdict, Verdict::Ignored);
 
     Collector greedy(2, kXid);
     const std::string longList = ListReply(2, kXid, std::string(60000, 'x'));
-    std::size_t bytes = 0;
-    for (int i = 0; i < 1000; ++i)
+    size_t bytes = 0;
+    for (int i = 0; i < 1000; ++i) {
         bytes += greedy.TakeDatagram(std::to_string(i), longList).attributes.size();
+    }
     EXPECT_LE(bytes, kMaxReported);
     EXPECT_GT(bytes, kMaxReported - 60000);
     // What is left is still there for those who ask for little.

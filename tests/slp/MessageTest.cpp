@@ -9,7 +9,7 @@ using namespace slp;
 
 namespace {
 
-constexpr std::uint16_t kXid = 0xBEEF;
+constexpr uint16_t kXid = 0xBEEF;
 
 std::string Hex(std::string_view bytes) {
     std::string hex;
@@ -112,8 +112,9 @@ TEST(Message, RefusesWhatIsNoReply) {
             Reply(version, kXid, BigEndian(0, 1)),
             ListReply(version, kXid, std::string_view("(a=1\0)", 6)),
         };
-        for (std::size_t i = 0; i < std::size(bad); ++i)
+        for (size_t i = 0; i < std::size(bad); ++i) {
             EXPECT_FALSE(Decode(bad[i], version)) << i;
+        }
     }
     const std::string list = BigEndian(0, 2) + Text("(a=1)");
     const std::string blocks[] = {
@@ -122,8 +123,9 @@ TEST(Message, RefusesWhatIsNoReply) {
         BigEndian(1, 1) + BigEndian(2, 2) + BigEndian(3, 2),  // shorter than its own head
         BigEndian(1, 1) + BigEndian(2, 2) + BigEndian(11, 2) + "abcdef",
     };
-    for (const std::string& block : blocks)
+    for (const std::string& block : blocks) {
         EXPECT_FALSE(Decode(Reply(2, kXid, list + block), 2)) << Hex(block);
+    }
 }
 
 // Whatever a single fault does to a good message: what is decoded lies inside it.
@@ -134,19 +136,22 @@ TEST(Message, SurvivesEveryTruncationAndEveryChangedByte) {
         const std::string good =
             Reply(version, kXid, list + (version == 2 ? BigEndian(1, 1) + block : ""));
         ASSERT_TRUE(Decode(good, version));
-        for (std::size_t size = 0; size < good.size(); ++size)
+        for (size_t size = 0; size < good.size(); ++size) {
             EXPECT_FALSE(Decode(std::string(good, 0, size), version)) << size;
-        for (std::size_t at = 0; at < good.size(); ++at)
+        }
+        for (size_t at = 0; at < good.size(); ++at) {
             for (int value = 0; value < 256; ++value) {
                 std::string changed = good;
                 changed[at] = static_cast<char>(value);
                 const auto reply = Decode(changed, version);
-                if (!reply || reply->attributes.empty())
+                if (!reply || reply->attributes.empty()) {
                     continue;
+                }
                 EXPECT_GE(reply->attributes.data(), changed.data());
                 EXPECT_LE(reply->attributes.data() + reply->attributes.size(),
                           changed.data() + changed.size());
             }
+        }
     }
 }
 
@@ -155,8 +160,8 @@ TEST(Message, AStreamBringsOneMessageAndNoMore) {
         const std::string message = ListReply(version, kXid, std::string(5000, 'a'));
         StreamMessage stream;
         const std::string sent = message + "and what a talkative agent adds";
-        for (std::size_t at = 0; const std::size_t wanted = stream.Wanted();) {
-            const std::size_t size = std::min<std::size_t>(wanted, 7);
+        for (size_t at = 0; const size_t wanted = stream.Wanted();) {
+            const size_t size = std::min<size_t>(wanted, 7);
             ASSERT_TRUE(stream.Add(std::string_view(sent).substr(at, size)));
             at += size;
         }
@@ -167,8 +172,9 @@ TEST(Message, AStreamBringsOneMessageAndNoMore) {
         std::string("\x01\x07\x00\x05\x00", 5), std::string("\x02\x07\x00\x00\x00", 5),
         std::string("\x02\x07\x01\x00\x01", 5), std::string("\x02\x07\xFF\xFF\xFF", 5),
     };
-    for (const std::string& head : hopeless)
+    for (const std::string& head : hopeless) {
         EXPECT_FALSE(StreamMessage().Add(head)) << Hex(head);
+    }
     StreamMessage longest;
     EXPECT_TRUE(longest.Add(std::string("\x02\x07\x01\x00\x00", 5)));
     EXPECT_EQ(longest.Wanted(), kMaxReply - 5);

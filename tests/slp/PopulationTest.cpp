@@ -45,16 +45,18 @@ Outcome Ask(const char* service, unsigned version = 2, const sockaddr* to = null
     SLPClose(handle);
     EXPECT_EQ(answers.lastCalls(), 1);
     Outcome outcome{{}, answers.lists(), took};
-    for (const std::string& list : outcome.lists)
+    for (const std::string& list : outcome.lists) {
         outcome.addresses.insert(Value(list, "ip"));
+    }
     return outcome;
 }
 
 // The addresses from `first` on: as many as there are agents, each once.
-std::multiset<std::string> Agents(std::size_t count, unsigned first) {
+std::multiset<std::string> Agents(size_t count, unsigned first) {
     std::multiset<std::string> addresses;
-    for (unsigned n = first; n < first + count; ++n)
+    for (unsigned n = first; n < first + count; ++n) {
         addresses.insert("10.77." + std::to_string(n / 256) + '.' + std::to_string(n % 256));
+    }
     return addresses;
 }
 
@@ -75,8 +77,9 @@ TEST(Population, RepetitionsFindWhoWasNotHeard) {
 TEST(Population, LongListsComeByTcp) {
     const Outcome outcome = Ask("service:long");
     EXPECT_EQ(outcome.addresses, Agents(50, 0x100));
-    for (const std::string& list : outcome.lists)
+    for (const std::string& list : outcome.lists) {
         EXPECT_EQ(Value(list, "end"), "here");
+    }
 }
 
 // More TCP servers than are asked at a time stall, drip, send without end, break off or refuse.
@@ -84,8 +87,9 @@ TEST(Population, LongListsComeByTcp) {
 TEST(Population, BadTcpServersHoldNobodyUp) {
     const Outcome outcome = Ask("service:hostile");
     const auto honest = Agents(20, 0x4000);
-    for (const std::string& address : honest)
+    for (const std::string& address : honest) {
         EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
+    }
     EXPECT_EQ(outcome.addresses.size(), honest.size());
     EXPECT_LT(outcome.took, milliseconds(7000));
 }
@@ -95,8 +99,9 @@ TEST(Population, ACrowdOfImpostorsIsBounded) {
     const Outcome outcome = Ask("service:crowd");
     EXPECT_GT(outcome.addresses.size(), 1000u);
     EXPECT_LT(outcome.took, milliseconds(7000));
-    for (const std::string& address : Agents(3, 0x4000))
+    for (const std::string& address : Agents(3, 0x4000)) {
         EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
+    }
 }
 
 TEST(Population, ErrorsAndSilenceAreNoAnswers) {

@@ -32,9 +32,9 @@ struct Sockets {
     }
 } const sockets;
 
-std::uint16_t XidOf(std::string_view request) {
-    return static_cast<std::uint16_t>(static_cast<unsigned char>(request[10]) << 8 |
-                                      static_cast<unsigned char>(request[11]));
+uint16_t XidOf(std::string_view request) {
+    return static_cast<uint16_t>(static_cast<unsigned char>(request[10]) << 8 |
+                                 static_cast<unsigned char>(request[11]));
 }
 
 SOCKET Bound(int type, const std::string& host, unsigned short port) {
@@ -77,10 +77,11 @@ class Agent {
     }
 
     // Answers with these datagrams, made for the request's transaction.
-    static Behaviour Replying(std::function<std::vector<std::string>(std::uint16_t)> replies) {
+    static Behaviour Replying(std::function<std::vector<std::string>(uint16_t)> replies) {
         return [replies = std::move(replies)](const Agent& agent, const Request& request) {
-            for (const std::string& reply : replies(XidOf(request.bytes)))
+            for (const std::string& reply : replies(XidOf(request.bytes))) {
                 agent.Send(reply, request);
+            }
         };
     }
     static Behaviour Silent() {
@@ -112,11 +113,13 @@ class Agent {
             const int size =
                 recvfrom(socket_, buffer, sizeof buffer, 0,
                          reinterpret_cast<sockaddr*>(&request.from), &request.fromSize);
-            if (ending_)
+            if (ending_) {
                 return;
-            request.bytes.assign(buffer, size > 12 ? static_cast<std::size_t>(size) : 0);
-            if (!request.bytes.empty())
+            }
+            request.bytes.assign(buffer, size > 12 ? static_cast<size_t>(size) : 0);
+            if (!request.bytes.empty()) {
                 behaviour(*this, request);
+            }
         }
     }
 
@@ -136,7 +139,7 @@ class TcpAgent {
             const SOCKET peer = accept(listener_, nullptr, nullptr);
             char request[2000];
             const int size = recv(peer, request, sizeof request, 0);
-            behaviour(peer, std::string(request, size > 0 ? static_cast<std::size_t>(size) : 0));
+            behaviour(peer, std::string(request, size > 0 ? static_cast<size_t>(size) : 0));
             while (recv(peer, request, sizeof request, 0) > 0) {
             }
             closesocket(peer);
@@ -167,19 +170,20 @@ milliseconds Ask(Answers& answers, const sockaddr* to, unsigned version = 2) {
     return std::chrono::duration_cast<milliseconds>(end - begin);
 }
 
-std::size_t ThreadCount() {
+size_t ThreadCount() {
     const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
     THREADENTRY32 entry{};
     entry.dwSize = sizeof entry;
-    std::size_t count = 0;
-    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry))
+    size_t count = 0;
+    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
         count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    }
     CloseHandle(snapshot);
     return count;
 }
 
 TEST(UserAgent, AsksOneAgentInBothVersionsAndFamilies) {
-    for (const unsigned version : {1u, 2u})
+    for (const unsigned version : {1u, 2u}) {
         for (const char* host : {"127.0.0.1", "::1"}) {
             SCOPED_TRACE(testing::Message() << version << ' ' << host);
             std::string request;
@@ -199,6 +203,7 @@ TEST(UserAgent, AsksOneAgentInBothVersionsAndFamilies) {
                 Text("") + Text(kService) + scopes + Text("") + (version == 2 ? Text("") : ""));
             EXPECT_EQ(request[version == 2 ? 5 : 4], 0);  // it did not come by multicast
         }
+    }
 }
 
 TEST(UserAgent, TheHandlesAgentOverridesTheDestination) {
@@ -217,10 +222,10 @@ TEST(UserAgent, TheHandlesAgentOverridesTheDestination) {
 // The honest answer gets through behind a heap of what is none.
 TEST(UserAgent, HearsTheAgentThroughTheNoise) {
     const Agent agent([&](const Agent& self, const Agent::Request& request) {
-        const std::uint16_t xid = XidOf(request.bytes);
+        const uint16_t xid = XidOf(request.bytes);
         for (int i = 1; i <= 400; ++i) {
             self.Send(std::string(1000, 'x'), request);
-            self.Send(ListReply(2, static_cast<std::uint16_t>(xid + i), "(ip=6.6.6.6)"), request);
+            self.Send(ListReply(2, static_cast<uint16_t>(xid + i), "(ip=6.6.6.6)"), request);
         }
         self.Send(ListReply(2, xid, "(ip=10.0.0.1)"), request);
     });
@@ -248,8 +253,9 @@ TEST(UserAgent, FetchesWhatADatagramCannotHold) {
         const TcpAgent server(agent.port(), [&](SOCKET peer, const std::string& request) {
             fetched = request;
             const std::string reply = ListReply(version, XidOf(request), list);
-            for (std::size_t at = 0; at < reply.size(); at += 9000)
+            for (size_t at = 0; at < reply.size(); at += 9000) {
                 SendAll(peer, reply.substr(at, 9000));
+            }
         });
         Answers answers;
         Ask(answers, agent.address(), version);
@@ -309,8 +315,9 @@ TEST(UserAgent, AsksAGroupOnceMoreWithWhoHasAnswered) {
     const Agent agent(
         [&](const Agent& self, const Agent::Request& request) {
             requests.push_back(request.bytes);
-            for (int copy = 0; copy < 3; ++copy)
+            for (int copy = 0; copy < 3; ++copy) {
                 self.Send(ListReply(2, XidOf(request.bytes), "a"), request);
+            }
         },
         kGroup);
     const SLPHandle handle = Open(SLP_FALSE);
@@ -334,7 +341,7 @@ TEST(UserAgent, EndsWhenItIsTold) {
     const Agent talker(
         Agent::Replying([](auto xid) { return std::vector{ListReply(2, xid, "a")}; }));
     const Agent silent([&](const Agent&, const Agent::Request&) { SetEvent(asked); });
-    std::size_t threads = 0;
+    size_t threads = 0;
     using InCallback = std::function<SLPBoolean(SLPHandle, SLPError)>;
     using FromOutside = void (*)(SLPHandle);
     const struct {
@@ -354,14 +361,15 @@ TEST(UserAgent, EndsWhenItIsTold) {
          nullptr},
         {"closed in the last call",
          [](SLPHandle h, SLPError code) {
-             if (code == SLP_LAST_CALL)
+             if (code == SLP_LAST_CALL) {
                  SLPClose(h);
+             }
              return SLP_TRUE;
          },
          nullptr},
         {"no more wanted", [](SLPHandle, SLPError) { return SLP_FALSE; }, nullptr},
     };
-    for (const SLPBoolean async : {SLP_TRUE, SLP_FALSE})
+    for (const SLPBoolean async : {SLP_TRUE, SLP_FALSE}) {
         for (const auto& c : cases) {
             SCOPED_TRACE(testing::Message() << c.name << ", asynchronous: " << async);
             const SLPHandle handle = Open(async);
@@ -369,8 +377,9 @@ TEST(UserAgent, EndsWhenItIsTold) {
             answers.then = c.inCallback;
             auto begin = steady_clock::now();
             std::thread outside([&] {
-                if (c.fromOutside == nullptr)
+                if (c.fromOutside == nullptr) {
                     return;
+                }
                 WaitForSingleObject(asked, INFINITE);
                 begin = steady_clock::now();
                 c.fromOutside(handle);
@@ -382,12 +391,15 @@ TEST(UserAgent, EndsWhenItIsTold) {
             SLPClose(handle);
             EXPECT_EQ(answers.lastCalls(), 1);
             EXPECT_EQ(answers.lists().size(), c.fromOutside ? 0u : 1u);
-            if (threads == 0)  // from here on the system has started what it starts for itself
+            if (threads == 0) {  // from here on the system has started what it starts for itself
                 threads = ThreadCount();
+            }
         }
+    }
     // A thread that closed its own handle has just a few steps left to go.
-    for (int i = 0; i < 100 && ThreadCount() != threads; ++i)
+    for (int i = 0; i < 100 && ThreadCount() != threads; ++i) {
         Sleep(20);
+    }
     EXPECT_EQ(ThreadCount(), threads);
     CloseHandle(asked);
 }
@@ -396,7 +408,7 @@ TEST(UserAgent, OneRequestAtATimeOnAHandleAndManyHandlesAtOnce) {
     const Agent silent(Agent::Silent());
     const Agent talker(
         Agent::Replying([](auto xid) { return std::vector{ListReply(2, xid, "a")}; }));
-    const std::size_t threads = ThreadCount();
+    const size_t threads = ThreadCount();
     constexpr int kHandles = 20;
     SLPHandle handles[kHandles];
     std::vector<Answers> answers(kHandles);
@@ -416,10 +428,12 @@ TEST(UserAgent, OneRequestAtATimeOnAHandleAndManyHandlesAtOnce) {
     };
     EXPECT_EQ(SLPStopFind(handles[0]), SLP_OK);
     answers[0].AwaitLists(2);
-    for (const SLPHandle handle : handles)
+    for (const SLPHandle handle : handles) {
         SLPClose(handle);
-    for (int i = 0; i < kHandles; ++i)
+    }
+    for (int i = 0; i < kHandles; ++i) {
         EXPECT_EQ(answers[i].lastCalls(), i == 0 ? 3 : 1);
+    }
     EXPECT_EQ(ThreadCount(), threads);
 }
 
@@ -432,11 +446,13 @@ TEST(UserAgent, RefusesWhatCannotBe) {
     EXPECT_EQ(SLPOpen("en", SLP_FALSE, nullptr), SLP_PARAMETER_BAD);
 
     handle = Open(SLP_FALSE);
-    for (const char* host : {"0.0.0.0", "255.255.255.255", "239.255.255.253", "::", "ff02::116"})
+    for (const char* host : {"0.0.0.0", "255.255.255.255", "239.255.255.253", "::", "ff02::116"}) {
         EXPECT_EQ(SLPSetUnicastIP(handle, Endpoint(host, 427).get()), SLP_PARAMETER_BAD) << host;
+    }
     for (const char* list :
-         {"", " ", "127.0.0.1,", "127.0.0.1,,::1", "localhost", "127.1", "::1%1"})
+         {"", " ", "127.0.0.1,", "127.0.0.1,,::1", "localhost", "127.1", "::1%1"}) {
         EXPECT_EQ(SLPAssociateIFList(handle, list), SLP_PARAMETER_BAD) << list;
+    }
     EXPECT_EQ(SLPAssociateIFList(handle, " 127.0.0.1 ,::1"), SLP_OK);
     EXPECT_EQ(SLPSetUnicastIP(handle, nullptr), SLP_PARAMETER_BAD);
     EXPECT_EQ(SLPAssociateIFList(handle, nullptr), SLP_PARAMETER_BAD);
@@ -494,8 +510,9 @@ TEST(UserAgent, CanBeUnloadedAtOnce) {
         EXPECT_EQ(entry(SLPOpen, "SLPOpen")("en", SLP_TRUE, &handle), SLP_OK);
         Answers answers;
         answers.then = [](SLPHandle h, SLPError code) {
-            if (code == SLP_LAST_CALL)
+            if (code == SLP_LAST_CALL) {
                 close(h);
+            }
             return SLP_TRUE;
         };
         EXPECT_EQ(
@@ -504,8 +521,9 @@ TEST(UserAgent, CanBeUnloadedAtOnce) {
             SLP_OK);
         answers.AwaitEnd();
         FreeLibrary(library);
-        for (int wait = 0; wait < 250 && GetModuleHandleA("slp64.dll") != nullptr; ++wait)
+        for (int wait = 0; wait < 250 && GetModuleHandleA("slp64.dll") != nullptr; ++wait) {
             Sleep(20);
+        }
         EXPECT_EQ(GetModuleHandleA("slp64.dll"), nullptr);
     }
 }

@@ -13,7 +13,7 @@
 
 #include "tools/kestctl/ControlJob.h"
 #include "tools/kestctl/SpoolerHost.h"
-#include "tools/kestctl/Text.h"
+#include "admin/Text.h"
 
 namespace {
 

@@ -7,9 +7,15 @@
 #include <string>
 #include <vector>
 
-#include "tools/kestctl/CommandFailed.h"
-#include "tools/kestctl/PrinterIdentity.h"
-#include "tools/kestctl/SpoolerChannel.h"
+#include "admin/CommandFailed.h"
+#include "admin/PrinterIdentity.h"
+#include "admin/SpoolerChannel.h"
+
+// What a failure's message and its remedy come to, as kestctl words them.
+std::string Explained(const CommandFailed& failed);
+
+// A port's name as it has to stand on a command line.
+std::string Quoted(const std::wstring& name);
 
 // Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
 void AddJsonFlag(CLI::App& command, bool& wanted);

@@ -4,8 +4,8 @@
 #include <mutex>
 #include <vector>
 
-#include "tools/kestctl/CommandFailed.h"
-#include "tools/kestctl/Text.h"
+#include "admin/CommandFailed.h"
+#include "admin/Text.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "monitor/Resource.h"
+#include "diag/Resource.h"
 
 // A queue that lives as long as this object, for Wine, where there is often none: Wine's own
 // driver. Nothing is ever printed through it unless a port is given that can print.

@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/Hosts.h"
-#include "tools/kestctl/PortSettings.h"
-#include "tools/kestctl/PrinterSearch.h"
-#include "tools/kestctl/Text.h"
+#include "admin/Hosts.h"
+#include "admin/PortSettings.h"
+#include "admin/PrinterSearch.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -219,8 +219,8 @@ void RunFind(const FindArguments& arguments) {
     if (withoutAddress != 0) {
         throw CommandFailed(incomplete);
     }
-    throw CommandFailed(
-        std::string(one ? "that printer did not answer: " : "no printer answered: ") + kSearchHint);
+    throw CommandFailed(one ? "that printer did not answer" : "no printer answered",
+                        Remedy::CheckSearch);
 }
 
 }  // namespace

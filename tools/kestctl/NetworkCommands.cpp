@@ -7,7 +7,7 @@
 #include <string>
 
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/Hosts.h"
+#include "admin/Hosts.h"
 
 namespace {
 

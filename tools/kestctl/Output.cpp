@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include "admin/Text.h"
+
 namespace {
 
 // Code points, which is what a column is wide for the names that ports and printers have.
@@ -24,6 +26,47 @@ void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& wi
 }
 
 }  // namespace
+
+std::string Quoted(const std::wstring& name) {
+    const std::string text = ToUtf8(name);
+    return text.find(' ') == std::string::npos ? text : '"' + text + '"';
+}
+
+std::string Explained(const CommandFailed& failed) {
+    const std::string message = failed.what();
+    const std::string port = Quoted(failed.subject);
+    switch (failed.remedy) {
+        case Remedy::None:
+            break;
+        case Remedy::RunAsAdministrator:
+            return message + "; run kestctl as administrator";
+        case Remedy::StartSpooler:
+            return message + "; start its service: net start spooler";
+        case Remedy::InstallMonitor:
+            return message +
+                   "; install the monitor and restart the spooler, or go without it: --direct";
+        case Remedy::ListPorts:
+            return message + ": `kestctl port list` shows those there are";
+        case Remedy::ChangePort:
+            return message + ": `kestctl port set " + port + " ...` changes it";
+        case Remedy::ShowPort:
+            return message + "; look at it with `kestctl port show " + port + "`";
+        case Remedy::DeletePort:
+            return message + ": try `kestctl port delete " + port + "`";
+        case Remedy::MovePrinter:
+            return message + ": move the printer to another port first";
+        case Remedy::AddPrinter:
+            return message +
+                   ": add one that does (Windows: Add-Printer -PortName), or send without one: "
+                   "--direct";
+        case Remedy::CheckSearch:
+            return message +
+                   ": check that it is on, that `kestctl slp find` shows it with the attributes "
+                   "that SLPConf.xml names (docs/SLPConf.md explains how), and that no firewall "
+                   "keeps UDP port 427 from it";
+    }
+    return message;
+}
 
 void AddJsonFlag(CLI::App& command, bool& wanted) {
     command.add_flag("--json", wanted, "Print JSON instead of text");

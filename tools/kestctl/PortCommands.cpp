@@ -2,10 +2,11 @@
 #include <iostream>
 #include <memory>
 
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/PortStore.h"
-#include "tools/kestctl/Text.h"
+#include "admin/PortStore.h"
+#include "admin/Text.h"
+#include "tools/kestctl/PortJson.h"
 
 namespace {
 
@@ -25,15 +26,31 @@ CLI::Validator Checked(std::string (*check)(std::string&)) {
     return CLI::Validator(check, "");
 }
 
+// The checks of addresses, with the option that a refused value belongs to.
+std::string CheckAddressOption(std::string& text) {
+    std::string problem = CheckIPv4Address(text);
+    if (!problem.empty() && IsIPv6AddressText(text)) {
+        problem += ": give it with --ipv6";
+    } else if (!problem.empty() && IsIPv4AddressText(text) && text.find(':') != text.npos) {
+        problem += ": give it with --port " + text.substr(text.find(':') + 1);
+    }
+    return problem;
+}
+std::string CheckIPv6Option(std::string& text) {
+    const std::string problem = CheckIPv6Host(text);
+    return problem.empty() || !IsIPv4AddressText(text) ? problem
+                                                       : problem + ": give it with --address";
+}
+
 void AddSettings(CLI::App& command, PortArguments& arguments) {
     PortChange& change = arguments.change;
     const auto text = [&command](const char* name, std::optional<std::string>& value,
                                  const char* description, std::string (*check)(std::string&)) {
         return command.add_option(name, value, description)->transform(Checked(check));
     };
-    text("--address", change.address, "The printer's IPv4 address", CheckIPv4Address);
+    text("--address", change.address, "The printer's IPv4 address", CheckAddressOption);
     text("--ipv6", change.ipv6, "The printer's IPv6 address or host name: send to it over IPv6",
-         CheckIPv6Host);
+         CheckIPv6Option);
     command.add_option("--protocol", change.protocol, "raw (a plain stream; the default) or lpr")
         ->check(CLI::IsMember({"raw", "lpr"}));
     command.add_option("--port", change.portNumber, "TCP port number (raw: 9100, lpr: 515)")
@@ -42,7 +59,7 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
     text("--queue", change.queue, "LPR: the printer's queue (lp)", CheckQueue);
     command.add_flag_function(
         "--double-spool,!--no-double-spool",
-        [&change](std::int64_t count) { change.doubleSpool = count > 0; },
+        [&change](int64_t count) { change.doubleSpool = count > 0; },
         "LPR: collect the job first, so that its length can be announced");
     text("--host-name", change.hostName, "The printer's own name, to find it again by",
          CheckHostName);
@@ -50,7 +67,7 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
          "The printer's hardware address, to find it again by; none forgets it", CheckMacAddress);
     command.add_flag_function(
         "--always-print,!--no-always-print",
-        [&change](std::int64_t count) { change.alwaysPrint = count > 0; },
+        [&change](int64_t count) { change.alwaysPrint = count > 0; },
         "When the printer cannot be reached, search the network for it and follow it");
     CLI::Option* community = text("--snmp", change.snmpCommunity,
                                   "Turn SNMP status on, with this community", CheckCommunity);
@@ -71,6 +88,31 @@ void AddFollow(CLI::App& command, PortArguments& arguments) {
         ->excludes("--mac")
         ->excludes("--host-name")
         ->excludes("--always-print");
+}
+
+// Lays the change over the records. What does not go together is wrong usage.
+void ApplyArguments(const PortArguments& arguments, PortRecords& records) {
+    try {
+        Apply(arguments.change, records);
+    } catch (const SettingsClash& clash) {
+        const auto [option, hint] = [&clash]() -> std::pair<const char*, const char*> {
+            switch (clash.setting) {
+                case PortSetting::Address:
+                    return {"--address", ""};
+                case PortSetting::Queue:
+                    return {"--queue", ": add --protocol lpr"};
+                case PortSetting::DoubleSpool:
+                    return {"--double-spool", ": add --protocol lpr"};
+                case PortSetting::SnmpIndex:
+                    return {"--snmp-index", ": add --snmp COMMUNITY"};
+                case PortSetting::AlwaysPrint:
+                    return {"--always-print",
+                            " (--mac or --host-name; --no-always-print turns it off)"};
+            }
+            return {};
+        }();
+        throw CLI::ValidationError(option, clash.what() + std::string(hint));
+    }
 }
 
 // Completes a change of a port by what the printer to follow says of itself; does nothing without
@@ -178,7 +220,7 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
     command.callback([arguments, openChannel, identify] {
         PortRecords records;
         const std::string following = Follow(*arguments, identify, records);
-        Apply(arguments->change, records);
+        ApplyArguments(*arguments, records);
         const auto channel = openChannel();
         AddPort(*channel, ToWide(arguments->name), records);
         std::cout << "port " << arguments->name << " added: " << Destination(records) << following
@@ -203,7 +245,7 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
         const PortRecords before = ReadPort(*channel, name);
         const std::string following = Follow(*arguments, identify, before);
         PortRecords after = before;
-        Apply(arguments->change, after);
+        ApplyArguments(*arguments, after);
         ChangePort(*channel, name, before, after);
         std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << following << '\n';
     });
@@ -218,9 +260,9 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
         if (const auto queues = channel->QueuesOn(name); !queues.empty()) {
-            throw CommandFailed("port " + ToUtf8(name) + " is used by printer " +
-                                ToUtf8(queues.front()) +
-                                ": delete that printer or give it another port first");
+            throw CommandFailed(
+                "port " + ToUtf8(name) + " is used by printer " + ToUtf8(queues.front()),
+                Remedy::MovePrinter);
         }
         DeletePort(*channel, name);
         std::cout << "port " << ToUtf8(name) << " deleted\n";

@@ -8,10 +8,10 @@
 #include <memory>
 #include <sstream>
 
-#include "monitor/Resource.h"
+#include "diag/Resource.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/PortStore.h"
-#include "tools/kestctl/Text.h"
+#include "admin/PortStore.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -27,13 +27,13 @@ class Document {
         if (!file_ || !GetFileSizeEx(file_.Get(), &size)) {
             Fail();
         }
-        size_ = static_cast<std::uint64_t>(size.QuadPart);
+        size_ = static_cast<uint64_t>(size.QuadPart);
         if (size_ == 0) {
             throw CommandFailed(path_ + " is empty: there is nothing to print");
         }
     }
 
-    std::uint64_t Size() const { return size_; }
+    uint64_t Size() const { return size_; }
 
     // Returns the bytes that were read, 0 at the end.
     size_t Read(std::vector<BYTE>& buffer) {
@@ -52,13 +52,13 @@ class Document {
 
     std::string path_;
     UniqueFile file_;
-    std::uint64_t size_ = 0;
+    uint64_t size_ = 0;
 };
 
 // A bar that grows on a terminal, and nothing anywhere else.
 class Progress {
   public:
-    explicit Progress(std::uint64_t total) : total_(total), shown_(OutputIsTerminal()) {}
+    explicit Progress(uint64_t total) : total_(total), shown_(OutputIsTerminal()) {}
     ~Progress() {
         if (shown_) {
             std::cout << "\r" << std::string(kWidth + 40, ' ') << '\r' << std::flush;
@@ -67,7 +67,7 @@ class Progress {
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-    void Show(std::uint64_t done) {
+    void Show(uint64_t done) {
         const auto now = std::chrono::steady_clock::now();
         if (!shown_ || (done < total_ && now < next_)) {
             return;
@@ -85,7 +85,7 @@ class Progress {
 
   private:
     static constexpr size_t kWidth = 30;
-    std::uint64_t total_;
+    uint64_t total_;
     bool shown_;
     std::chrono::steady_clock::time_point next_;
 };
@@ -94,7 +94,7 @@ class Progress {
 void Send(Document& document, PrintJob& job) {
     Progress progress(document.Size());
     std::vector<BYTE> buffer(kChunk);
-    std::uint64_t sent = 0;
+    uint64_t sent = 0;
     try {
         while (const size_t count = document.Read(buffer)) {
             for (size_t taken = 0; taken < count;) {
@@ -107,7 +107,8 @@ void Send(Document& document, PrintJob& job) {
         job.End();
     } catch (const CommandFailed& failed) {
         throw CommandFailed("not printed, stopped after " + std::to_string(sent) + " of " +
-                            std::to_string(document.Size()) + " bytes: " + failed.what());
+                                std::to_string(document.Size()) + " bytes: " + failed.what(),
+                            failed.remedy, failed.subject);
     }
 }
 

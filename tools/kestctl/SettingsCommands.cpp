@@ -10,12 +10,12 @@
 #include <optional>
 #include <string>
 
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 #include "discovery/Printer.h"
 #include "net/Network.h"
 #include "net/SnmpSession.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/Hosts.h"
+#include "admin/Hosts.h"
 
 namespace {
 

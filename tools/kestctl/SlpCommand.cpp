@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "discovery/IPAddress.h"
+#include "address/IPAddress.h"
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/Text.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -59,8 +59,8 @@ const char* Explain(SLPError error) {
 // Tags and values in the order in which the agent has them.
 using Attributes = std::vector<std::pair<std::string, std::string>>;
 
-void PrintAgent(std::size_t number, const Attributes& attributes) {
-    std::size_t width = 0;
+void PrintAgent(size_t number, const Attributes& attributes) {
+    size_t width = 0;
     for (const auto& [tag, value] : attributes) {
         width = std::max(width, tag.size());
     }

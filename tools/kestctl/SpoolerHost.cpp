@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "tools/kestctl/CommandFailed.h"
+#include "admin/CommandFailed.h"
 #include "tools/kestctl/ControlJob.h"
-#include "tools/kestctl/PortStore.h"
-#include "tools/kestctl/SpoolerService.h"
-#include "tools/kestctl/Text.h"
+#include "admin/PortStore.h"
+#include "admin/SpoolerService.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -197,8 +197,8 @@ UniqueRegistryKey OpenRoot(LPCWSTR path) {
                                        nullptr, key.Out(), nullptr);
     if (error != ERROR_SUCCESS) {
         throw CommandFailed(
-            "the monitor's registry key cannot be opened: " + ErrorText(static_cast<DWORD>(error)) +
-            (error == ERROR_ACCESS_DENIED ? "; run kestctl as administrator" : ""));
+            "the monitor's registry key cannot be opened: " + ErrorText(static_cast<DWORD>(error)),
+            error == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
     }
     return key;
 }

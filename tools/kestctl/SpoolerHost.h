@@ -4,25 +4,16 @@
 // monitor's.
 #pragma once
 
+#include <winsock2.h>
+#include <windows.h>
+#include <winspool.h>
+#include <winsplp.h>
+
 #include <filesystem>
 #include <string>
 
-#include "monitor/Resource.h"
-#include "tools/kestctl/SpoolerChannel.h"
-
-struct RegistryKeyTraits {
-    using Type = HKEY;
-    static constexpr HKEY kNone = nullptr;
-    static void Close(HKEY key) noexcept { RegCloseKey(key); }
-};
-using UniqueRegistryKey = UniqueResource<RegistryKeyTraits>;
-
-struct LibraryTraits {
-    using Type = HMODULE;
-    static constexpr HMODULE kNone = nullptr;
-    static void Close(HMODULE library) noexcept { FreeLibrary(library); }
-};
-using UniqueLibrary = UniqueResource<LibraryTraits>;
+#include "diag/Resource.h"
+#include "admin/SpoolerChannel.h"
 
 class SpoolerHost : public SpoolerChannel {
   public:

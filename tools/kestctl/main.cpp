@@ -12,8 +12,8 @@
 
 #include "Version.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/PrinterSearch.h"
-#include "tools/kestctl/Text.h"
+#include "admin/PrinterSearch.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -69,6 +69,12 @@ std::string UnknownCommand(const CLI::App& app) {
     return "There is no command '" + rest.front() + "' here, there are: " + known;
 }
 
+int Fail(const std::string& message) {
+    std::cout.flush();
+    std::cerr << "kestctl: " << message << '\n';
+    return kFailed;
+}
+
 int Run() {
     CLI::App app{"Manages the network printer ports of the kestmon port monitor.", "kestctl"};
     // "/tmp/report.prn" is a file, not an option.
@@ -100,10 +106,10 @@ int Run() {
         return kWrongUsage;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kWrongUsage;
+    } catch (const CommandFailed& failed) {
+        return Fail(Explained(failed));
     } catch (const std::exception& error) {
-        std::cout.flush();
-        std::cerr << "kestctl: " << error.what() << '\n';
-        return kFailed;
+        return Fail(error.what());
     }
 }
 

@@ -2,11 +2,12 @@
 // over the monitor's two records, and shown.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
-
+#include <cwchar>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
+#include "admin/Text.h"
 #include "monitor/PortConfig.h"
 
 // What the monitor keeps of one port.
@@ -16,7 +17,7 @@ struct PortRecords {
 };
 
 // The checks of single values. Each takes the text as it was given (UTF-8), may bring it into the
-// form that is stored, and returns what is wrong with it, or nothing: CLI11's convention.
+// form that is stored, and returns what is wrong with it, or nothing.
 std::string CheckPortName(std::string& text);
 std::string CheckIPv4Address(std::string& text);
 std::string CheckIPv6Host(std::string& text);    // an IPv6 address or a host name
@@ -26,7 +27,7 @@ std::string CheckNumber(std::string& text);      // decimal, from 1
 std::string CheckQueue(std::string& text);
 std::string CheckCommunity(std::string& text);
 
-// What a command line asks for; what it does not mention has no value. Texts have passed their
+// What is asked for; what is not mentioned has no value. Texts have passed their
 // checks.
 struct PortChange {
     std::optional<std::string> address = {};
@@ -43,14 +44,32 @@ struct PortChange {
     bool noSnmp = false;
 };
 
+// The settings that can contradict others.
+enum class PortSetting { Address, Queue, DoubleSpool, SnmpIndex, AlwaysPrint };
+
+// A value that does not go with the others. The message begins behind the setting's name:
+// "belongs to LPR".
+struct SettingsClash : std::runtime_error {
+    SettingsClash(PortSetting which, const std::string& message)
+        : std::runtime_error(message), setting(which) {}
+
+    PortSetting setting;
+};
+
 // Lays a change over a port's records (all zero for a port that is new) and completes what a
 // working port needs: the protocol's usual port number, LPR's queue "lp". The address given last
 // is the one that is used.
-// Throws CLI::ValidationError where the values do not go together; the records are undefined then.
+// Throws SettingsClash where the values do not go together; the records are undefined then.
 void Apply(const PortChange& change, PortRecords& records);
 
-// All settings by name, for --json.
-nlohmann::json ToJson(const std::wstring& name, const PortRecords& records);
+// True when both are the same to a job and to an administrator, whatever stands behind the texts.
+bool SameSettings(const PortRecords& one, const PortRecords& other);
+
+// The text of a record's field, which may lack a terminator.
+template <size_t Size>
+std::string FieldText(const WCHAR (&field)[Size]) {
+    return ToUtf8({field, wcsnlen(field, Size)});
+}
 
 // Where jobs go, in one line: "lpr to 192.168.1.20:515, queue lp, double spooled".
 std::string Destination(const PortRecords& records);

@@ -1,21 +1,18 @@
-#include "tools/kestctl/PortStore.h"
-
-#include <nlohmann/json.hpp>
+#include "admin/PortStore.h"
 
 #include <algorithm>
+#include <iterator>
 
-#include "tools/kestctl/CommandFailed.h"
-#include "tools/kestctl/Text.h"
+#include "admin/CommandFailed.h"
+#include "admin/Text.h"
 
 namespace {
 
-std::string Reason(DWORD code) {
-    return ErrorText(code) + (code == ERROR_ACCESS_DENIED ? "; run kestctl as administrator" : "");
-}
-
 void Require(DWORD code, const std::string& failure) {
     if (code != ERROR_SUCCESS) {
-        throw CommandFailed(failure + ": " + Reason(code));
+        throw CommandFailed(failure + ": " + ErrorText(code), code == ERROR_ACCESS_DENIED
+                                                                  ? Remedy::RunAsAdministrator
+                                                                  : Remedy::None);
     }
 }
 
@@ -43,7 +40,7 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     Require(
         channel.Xcv(L"SetConfigExData", &records.extended, sizeof(records.extended), nullptr, 0),
         failure);
-    if (ToJson(name, ReadPort(channel, name)) != ToJson(name, records)) {
+    if (!SameSettings(ReadPort(channel, name), records)) {
         throw CommandFailed(failure +
                             ": the registry did not take all values; may the account "
                             "write the monitor's registry key?");
@@ -56,8 +53,7 @@ std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
     const std::vector<std::wstring> names = channel.PortNames();
     const auto found = WithName(names, name);
     if (found == names.end()) {
-        throw CommandFailed("there is no port " + ToUtf8(name) +
-                            ": `kestctl port list` shows those there are");
+        throw CommandFailed("there is no port " + ToUtf8(name), Remedy::ListPorts);
     }
     return *found;
 }
@@ -76,8 +72,8 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
 void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
     const std::vector<std::wstring> names = channel.PortNames();
     if (const auto found = WithName(names, name); found != names.end()) {
-        throw CommandFailed("port " + ToUtf8(*found) + " is already there: `kestctl port set " +
-                            Quoted(*found) + " ...` changes it");
+        throw CommandFailed("port " + ToUtf8(*found) + " is already there", Remedy::ChangePort,
+                            *found);
     }
     const DWORD code = SendName(channel, L"AddPort", name);
     if (code == ERROR_ALREADY_EXISTS) {
@@ -87,15 +83,16 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
     Require(code, "port " + ToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
-    } catch (const std::exception& failed) {
-        std::string outcome = "; the port was taken away again";
+    } catch (const CommandFailed& failed) {
         try {
             DeletePort(channel, name);
         } catch (const CommandFailed& stays) {
-            outcome = std::string("; what was made of it stays, because ") + stays.what() +
-                      ": try `kestctl port delete " + Quoted(name) + "`";
+            throw CommandFailed(
+                std::string(failed.what()) + "; what was made of it stays, because " + stays.what(),
+                Remedy::DeletePort, name);
         }
-        throw CommandFailed(failed.what() + outcome);
+        throw CommandFailed(std::string(failed.what()) + "; the port was taken away again",
+                            failed.remedy);
     }
 }
 
@@ -104,26 +101,21 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
     try {
         WritePort(channel, name, after);
     } catch (const CommandFailed& failed) {
-        std::string outcome = "; what was there before stands again";
         try {
             WritePort(channel, name, before);
         } catch (const CommandFailed&) {
-            outcome = "; look at it with `kestctl port show " + Quoted(name) + "`";
+            throw CommandFailed(failed.what(), Remedy::ShowPort, name);
         }
-        throw CommandFailed(failed.what() + outcome);
+        throw CommandFailed(std::string(failed.what()) + "; what was there before stands again",
+                            failed.remedy);
     }
 }
 
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
     const DWORD code = SendName(channel, L"DeletePort", name);
     if (code == ERROR_BUSY) {
-        throw CommandFailed("port " + ToUtf8(name) +
-                            " is in use by a printer: move the printer to another port first");
+        throw CommandFailed("port " + ToUtf8(name) + " is in use by a printer",
+                            Remedy::MovePrinter);
     }
     Require(code, "port " + ToUtf8(name) + " cannot be deleted");
-}
-
-std::string Quoted(const std::wstring& name) {
-    const std::string text = ToUtf8(name);
-    return text.find(' ') == std::string::npos ? text : '"' + text + '"';
 }

@@ -1,11 +1,11 @@
-#include "tools/kestctl/PrinterSearch.h"
+#include "admin/PrinterSearch.h"
 
 #include <algorithm>
 #include <cctype>
 
-#include "tools/kestctl/Command.h"
-#include "tools/kestctl/Hosts.h"
-#include "tools/kestctl/PortSettings.h"
+#include "admin/CommandFailed.h"
+#include "admin/Hosts.h"
+#include "admin/PortSettings.h"
 
 namespace {
 
@@ -19,10 +19,6 @@ HMODULE InstalledMonitor() {
 
 }  // namespace
 
-const char kSearchHint[] =
-    "check that it is on, that `kestctl slp find` shows it with the attributes that SLPConf.xml "
-    "names (docs/SLPConf.md explains how), and that no firewall keeps UDP port 427 from it";
-
 void SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern) {
     const HMODULE monitor = InstalledMonitor();
     Config::SetModule(monitor);
@@ -30,7 +26,7 @@ void SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern) {
         throw CommandFailed(
             std::string(
                 "SLPConf.xml, which says how printers are searched for, is missing beside ") +
-            (monitor != nullptr ? "the installed kestmon.dll" : "kestctl.exe") +
+            (monitor != nullptr ? "the installed kestmon.dll" : "this program") +
             " or is not well-formed XML");
     }
 }
@@ -41,8 +37,8 @@ PrinterIdentity IdentifyPrinter(const std::string& host) {
     SetUpSearch(search, "");
     Printer printer;
     if (!search.FindPrinterByIPAddress(address, printer)) {
-        throw CommandFailed("the printer at " + address.GetText() +
-                            " does not say who it is: " + kSearchHint);
+        throw CommandFailed("the printer at " + address.GetText() + " does not say who it is",
+                            Remedy::CheckSearch);
     }
     PrinterIdentity identity = {address.GetText(), "", printer.GetHostName()};
     if (printer.GetMacAddress().IsValid()) {
@@ -57,7 +53,8 @@ PrinterIdentity IdentifyPrinter(const std::string& host) {
     }
     if (identity.mac.empty() && identity.hostName.empty()) {
         throw CommandFailed("the printer at " + address.GetText() +
-                            " announces neither a MAC address nor a host name: " + kSearchHint);
+                                " announces neither a MAC address nor a host name",
+                            Remedy::CheckSearch);
     }
     return identity;
 }

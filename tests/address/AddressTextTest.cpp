@@ -1,4 +1,4 @@
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 
 #include <gtest/gtest.h>
 

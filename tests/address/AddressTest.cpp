@@ -2,8 +2,8 @@
 
 #include <sstream>
 
-#include "discovery/IPAddress.h"
-#include "discovery/MacAddress.h"
+#include "address/IPAddress.h"
+#include "address/MacAddress.h"
 
 namespace {
 

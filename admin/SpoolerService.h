@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "monitor/Resource.h"
-#include "tools/kestctl/SpoolerChannel.h"
+#include "diag/Resource.h"
+#include "admin/SpoolerChannel.h"
 
 class SpoolerService : public SpoolerChannel {
   public:

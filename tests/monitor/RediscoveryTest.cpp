@@ -1,6 +1,6 @@
 // Job starts whose printer does not answer, through the shipped kestmon.dll and the shipped
 // SLPConf.xml, over an SLP library that does as it is told.
-#include "discovery/Rediscovery.h"
+#include "monitor/Rediscovery.h"
 
 #include <gmock/gmock.h>
 

@@ -1,10 +1,10 @@
-#include "discovery/IPAddress.h"
+#include "address/IPAddress.h"
 
 #include <cstring>
 #include <new>
 #include <utility>
 
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 
 namespace {
 

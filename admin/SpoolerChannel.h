@@ -1,5 +1,6 @@
-// A way to the monitor. There are two, and the commands work over either: SpoolerService, through
-// the system's print spooler, and SpoolerHost, a small spooler of the tool's own.
+// A way to the monitor. There are two, and administration works over either:
+// SpoolerService, through the system's print spooler, and the tool's SpoolerHost, a small spooler
+// of its own.
 #pragma once
 
 #include <windows.h>
@@ -51,5 +52,5 @@ class SpoolerChannel {
                                                const std::wstring& printer) = 0;
 };
 
-// Opens a channel when a command is about to use it. Throws CommandFailed.
+// Opens a channel when it is about to be used. Throws CommandFailed.
 using ChannelFactory = std::function<std::unique_ptr<SpoolerChannel>()>;

@@ -1,4 +1,4 @@
-// Text between Windows (UTF-16) and the tool's inside and output (UTF-8).
+// Text between Windows (UTF-16) and administration (UTF-8).
 #pragma once
 
 #include <windows.h>

@@ -1,10 +1,8 @@
-#include "tools/kestctl/PortSettings.h"
+#include "admin/PortSettings.h"
 
-#include <CLI/CLI.hpp>
 #include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 
-#include "tools/kestctl/Text.h"
+#include "admin/Text.h"
 
 using testing::HasSubstr;
 
@@ -54,7 +52,7 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckPortName, "Ne01:", "skips"},
         {CheckPortName, " OFFICE", "blank"},
         {CheckPortName, "OFF\tICE", "control character"},
-        {CheckIPv4Address, "192.168.1.20:9100", "--port 9100"},
+        {CheckIPv4Address, "192.168.1.20:9100", "without the port number 9100"},
         {CheckIPv4Address, "192.168.1.256", "192.168.1.20"},
         {CheckIPv4Address, "192.168.1.020", "leading zero"},
         {CheckIPv4Address, "01.2.3.4", "leading zero"},
@@ -62,8 +60,8 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckIPv4Address, "224.0.0.1", "no host's"},
         {CheckIPv4Address, "printer", "not an IPv4 address"},
         {CheckIPv4Address, "", "not an IPv4 address"},
-        {CheckIPv4Address, "fd00::20", "--ipv6"},
-        {CheckIPv6Host, "10.1.2.3", "--address"},
+        {CheckIPv4Address, "fd00::20", "is an IPv6 address"},
+        {CheckIPv6Host, "10.1.2.3", "is an IPv4 address"},
         {CheckIPv6Host, "[fd00::20]", "brackets"},
         {CheckIPv6Host, "fd00::20/64", "not an IPv6 address"},
         {CheckIPv6Host, "fd00::1::2", "not an IPv6 address"},
@@ -110,12 +108,9 @@ TEST(PortSettings, AreCompletedAndKept) {
     EXPECT_EQ(apply({.protocol = "lpr"}), "lpr to 10.0.0.2:9101, queue q2");
     apply({.alwaysPrint = true, .snmpCommunity = "public"});
     apply({.portNumber = 515});
-    EXPECT_EQ(ToJson(L"P", port),
-              nlohmann::json::parse(R"({"name": "P", "configured": true, "protocol": "lpr",
-                  "address": "10.0.0.2", "ipv6Host": "fd00::20", "useIPv6": false,
-                  "portNumber": 515, "queue": "q2", "doubleSpool": false, "hostName": "",
-                  "mac": "0004004A1B2C", "alwaysPrint": true,
-                  "snmp": {"enabled": true, "community": "public", "index": 1}})"));
+    EXPECT_EQ(FieldText(port.extended.sztHWAddress), "0004004A1B2C");
+    EXPECT_EQ(port.extended.dwAlwaysPrint, 1u);
+    EXPECT_EQ(port.standard.dwSNMPDevIndex, 1u);
 }
 
 TEST(PortSettings, MustGoTogether) {
@@ -123,12 +118,12 @@ TEST(PortSettings, MustGoTogether) {
         PortChange change;
         std::string reason;
     } cases[] = {
-        {{.protocol = "raw"}, "--address"},
-        {{.address = "10.0.0.1", .queue = "q"}, "--protocol lpr"},
-        {{.address = "10.0.0.1", .doubleSpool = true}, "--protocol lpr"},
-        {{.address = "10.0.0.1", .alwaysPrint = true}, "--mac or --host-name"},
-        {{.address = "10.0.0.1", .mac = ""}, "--no-always-print"},
-        {{.address = "10.0.0.1", .snmpIndex = 2}, "--snmp COMMUNITY"},
+        {{.protocol = "raw"}, "is needed"},
+        {{.address = "10.0.0.1", .queue = "q"}, "belongs to LPR"},
+        {{.address = "10.0.0.1", .doubleSpool = true}, "belongs to LPR"},
+        {{.address = "10.0.0.1", .alwaysPrint = true}, "a MAC address or a host name"},
+        {{.address = "10.0.0.1", .mac = ""}, "a MAC address or a host name"},
+        {{.address = "10.0.0.1", .snmpIndex = 2}, "an SNMP community"},
     };
     for (const auto& c : cases) {
         PortRecords port;
@@ -136,7 +131,7 @@ TEST(PortSettings, MustGoTogether) {
         try {
             Apply(c.change, port);
             ADD_FAILURE() << c.reason;
-        } catch (const CLI::ValidationError& error) {
+        } catch (const SettingsClash& error) {
             EXPECT_THAT(error.what(), HasSubstr(c.reason));
         }
     }

@@ -1,4 +1,4 @@
-#include "tools/kestctl/Text.h"
+#include "admin/Text.h"
 
 #include <windows.h>
 
@@ -33,10 +33,11 @@ std::string Printable(std::string_view utf8) {
     for (size_t i = 0; i < result.size(); ++i) {
         const auto byte = static_cast<unsigned char>(result[i]);
         const auto next = static_cast<unsigned char>(i + 1 < result.size() ? result[i + 1] : 0);
-        if (byte < 0x20 || byte == 0x7F)
+        if (byte < 0x20 || byte == 0x7F) {
             result[i] = '?';
-        else if (byte == 0xC2 && next >= 0x80 && next < 0xA0)
+        } else if (byte == 0xC2 && next >= 0x80 && next < 0xA0) {
             result.replace(i, 2, "?");
+        }
     }
     return result;
 }

@@ -1,4 +1,4 @@
-#include "discovery/Rediscovery.h"
+#include "monitor/Rediscovery.h"
 
 #include <memory>
 #include <new>

@@ -1,15 +1,12 @@
-#include "tools/kestctl/PortSettings.h"
-
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
+#include "admin/PortSettings.h"
 
 #include <algorithm>
 #include <iterator>
 #include <string_view>
+#include <tuple>
 
-#include "discovery/AddressText.h"
-#include "monitor/PortList.h"
-#include "tools/kestctl/Text.h"
+#include "address/AddressText.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -22,11 +19,6 @@ constexpr size_t Room(const WCHAR (&)[Size]) {
 }
 constexpr PortRecords kEmpty;
 constexpr size_t kPortNameRoom = Room(kEmpty.standard.sztPortName);
-
-template <size_t Size>
-std::string FieldText(const WCHAR (&field)[Size]) {
-    return ToUtf8({field, wcsnlen(field, Size)});
-}
 
 template <size_t Size>
 void SetField(WCHAR (&field)[Size], const std::string& text) {
@@ -83,7 +75,7 @@ void ApplyAddress(const PortChange& change, PortRecords& records) {
         records.extended.dwUseIPV6 = TRUE;
     }
     if (AddressInUse(records).empty()) {
-        throw CLI::ValidationError("--address", "is needed: where is the printer?");
+        throw SettingsClash(PortSetting::Address, "is needed: where is the printer?");
     }
 }
 
@@ -112,10 +104,10 @@ void ApplyProtocol(const PortChange& change, PORT_DATA_1& port) {
         return;
     }
     if (change.queue) {
-        throw CLI::ValidationError("--queue", "belongs to LPR: add --protocol lpr");
+        throw SettingsClash(PortSetting::Queue, "belongs to LPR");
     }
     if (change.doubleSpool.value_or(false)) {
-        throw CLI::ValidationError("--double-spool", "belongs to LPR: add --protocol lpr");
+        throw SettingsClash(PortSetting::DoubleSpool, "belongs to LPR");
     }
     port.dwDoubleSpool = FALSE;
 }
@@ -127,7 +119,7 @@ void ApplySnmp(const PortChange& change, PORT_DATA_1& port) {
     }
     if (change.snmpIndex) {
         if (port.dwSNMPEnabled == 0) {
-            throw CLI::ValidationError("--snmp-index", "goes with --snmp COMMUNITY");
+            throw SettingsClash(PortSetting::SnmpIndex, "goes with an SNMP community");
         }
         port.dwSNMPDevIndex = *change.snmpIndex;
     } else if (port.dwSNMPEnabled != 0 && port.dwSNMPDevIndex == 0) {
@@ -162,13 +154,14 @@ std::string CheckPortName(std::string& text) {
 
 std::string CheckIPv4Address(std::string& text) {
     const std::string example = ": give it like 192.168.1.20";
+    if (IsIPv6AddressText(text)) {
+        return "'" + text + "' is an IPv6 address, not an IPv4 one";
+    }
     if (!IsIPv4AddressText(text)) {
-        return "'" + text + "' is not an IPv4 address" +
-               (IsIPv6AddressText(text) ? ": give an IPv6 address with --ipv6" : example);
+        return "'" + text + "' is not an IPv4 address" + example;
     }
     if (const size_t colon = text.find(':'); colon != std::string::npos) {
-        return "takes the address alone: give the port number with --port " +
-               text.substr(colon + 1);
+        return "takes the address alone, without the port number " + text.substr(colon + 1);
     }
     // Some resolvers read 010 as 8.
     const std::string dotted = "." + text;
@@ -191,7 +184,7 @@ std::string CheckIPv6Host(std::string& text) {
     }
     if (text.find(':') == std::string::npos) {
         if (IsIPv4AddressText(text)) {
-            return "'" + text + "' is an IPv4 address: give it with --address";
+            return "'" + text + "' is an IPv4 address, not an IPv6 one";
         }
         if (text.find_first_not_of(kHostNameCharacters) != std::string::npos) {
             return "'" + text + "' is neither an IPv6 address nor a host name";
@@ -199,7 +192,7 @@ std::string CheckIPv6Host(std::string& text) {
         return {};
     }
     if (text.front() == '[') {
-        return "takes the address without brackets; the port number goes with --port";
+        return "takes the address alone, without brackets and without a port number";
     }
     if (!IsIPv6AddressText(text) || text.find('/') != std::string::npos) {
         return "'" + text + "' is not an IPv6 address: give it like fd00::20 or fe80::20%3";
@@ -246,7 +239,6 @@ std::string CheckMacAddress(std::string& text) {
     return {};
 }
 
-// CLI11 takes 010 for 8 and 0x1F for 31.
 std::string CheckNumber(std::string& text) {
     const bool plain = !text.empty() && text[0] != '0' &&
                        text.find_first_not_of("0123456789") == std::string::npos;
@@ -280,9 +272,9 @@ void Apply(const PortChange& change, PortRecords& records) {
     extended.dwAlwaysPrint = change.alwaysPrint.value_or(extended.dwAlwaysPrint != 0);
     if ((change.alwaysPrint || change.mac) && extended.dwAlwaysPrint != 0 &&
         extended.sztHWAddress[0] == L'\0' && standard.sztHostAddress[0] == L'\0') {
-        throw CLI::ValidationError("--always-print",
-                                   "needs --mac or --host-name: how else is the printer found "
-                                   "again? (--no-always-print turns it off)");
+        throw SettingsClash(PortSetting::AlwaysPrint,
+                            "needs a MAC address or a host name: how else is the printer found "
+                            "again?");
     }
 }
 
@@ -323,23 +315,16 @@ std::string Destination(const PortRecords& records) {
     return text;
 }
 
-nlohmann::json ToJson(const std::wstring& name, const PortRecords& records) {
-    const PORT_DATA_1& standard = records.standard;
-    const PortDataEx& extended = records.extended;
-    return {{"name", ToUtf8(name)},
-            {"configured", standard.dwProtocol != 0},
-            {"protocol", ProtocolName(standard.dwProtocol)},
-            {"address", FieldText(standard.sztIPAddress)},
-            {"ipv6Host", FieldText(extended.sztIPv6HostName)},
-            {"useIPv6", extended.dwUseIPV6 != 0},
-            {"portNumber", standard.dwPortNumber},
-            {"queue", FieldText(standard.sztQueue)},
-            {"doubleSpool", standard.dwDoubleSpool != 0},
-            {"hostName", FieldText(standard.sztHostAddress)},
-            {"mac", FieldText(extended.sztHWAddress)},
-            {"alwaysPrint", extended.dwAlwaysPrint != 0},
-            {"snmp",
-             {{"enabled", standard.dwSNMPEnabled != 0},
-              {"community", FieldText(standard.sztSNMPCommunity)},
-              {"index", standard.dwSNMPDevIndex}}}};
+bool SameSettings(const PortRecords& one, const PortRecords& other) {
+    const auto settings = [](const PortRecords& records) {
+        const auto& [standard, extended] = records;
+        return std::tuple(standard.dwProtocol, FieldText(standard.sztIPAddress),
+                          FieldText(extended.sztIPv6HostName), extended.dwUseIPV6 != 0,
+                          standard.dwPortNumber, FieldText(standard.sztQueue),
+                          standard.dwDoubleSpool != 0, FieldText(standard.sztHostAddress),
+                          FieldText(extended.sztHWAddress), extended.dwAlwaysPrint != 0,
+                          standard.dwSNMPEnabled != 0, FieldText(standard.sztSNMPCommunity),
+                          standard.dwSNMPDevIndex);
+    };
+    return settings(one) == settings(other);
 }

@@ -1,9 +1,9 @@
-#include "discovery/MacAddress.h"
+#include "address/MacAddress.h"
 
 #include <algorithm>
 
 #include "diag/SystemUtils.h"
-#include "discovery/AddressText.h"
+#include "address/AddressText.h"
 
 MacAddress::MacAddress(const unsigned char* bytes, size_t length)
     : length_(std::min(length, bytes_.size())) {

@@ -10,7 +10,7 @@
 #include <sstream>
 
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/PortSettings.h"
+#include "admin/PortSettings.h"
 
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;
@@ -129,6 +129,8 @@ inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> argume
 inline std::string Failure(FakeMonitor& monitor, std::vector<std::string> arguments) {
     try {
         Kestctl(monitor, std::move(arguments));
+    } catch (const CommandFailed& failed) {
+        return Explained(failed);
     } catch (const std::exception& error) {
         return error.what();
     }

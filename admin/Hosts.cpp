@@ -1,8 +1,8 @@
-#include "tools/kestctl/Hosts.h"
+#include "admin/Hosts.h"
 
+#include "admin/CommandFailed.h"
+#include "admin/Text.h"
 #include "diag/SystemUtils.h"
-#include "tools/kestctl/Command.h"
-#include "tools/kestctl/Text.h"
 
 Network& StartedNetwork() {
     Network& network = Singleton<Network>::GetInstance();

@@ -1,11 +1,10 @@
-// Resources of the port monitor as types: whatever is opened here closes itself.
+// The platform's resources as types: whatever is opened here closes itself.
 #pragma once
 
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
 #include <winspool.h>
-#include <winsplp.h>
 
 #include <utility>
 
@@ -30,11 +29,12 @@ class UniqueResource {
     explicit operator bool() const noexcept { return value_ != Traits::kNone; }
     Type Get() const noexcept { return value_; }
     Type Release() noexcept { return std::exchange(value_, Traits::kNone); }
+    // Stores first and closes then: closing may take its time, and who looks meanwhile is not to
+    // find what is about to be gone.
     void Reset(Type value = Traits::kNone) noexcept {
-        if (value_ != Traits::kNone) {
-            Traits::Close(value_);
+        if (const Type old = std::exchange(value_, value); old != Traits::kNone) {
+            Traits::Close(old);
         }
-        value_ = value;
     }
     // For functions that hand a resource out through a pointer; what was held is closed first.
     Type* Out() noexcept {
@@ -64,6 +64,18 @@ struct PrinterTraits {
     static void Close(HANDLE printer) noexcept { ClosePrinter(printer); }
 };
 
+struct RegistryKeyTraits {
+    using Type = HKEY;
+    static constexpr HKEY kNone = nullptr;
+    static void Close(HKEY key) noexcept { RegCloseKey(key); }
+};
+
+struct LibraryTraits {
+    using Type = HMODULE;
+    static constexpr HMODULE kNone = nullptr;
+    static void Close(HMODULE library) noexcept { FreeLibrary(library); }
+};
+
 struct AddressListTraits {
     using Type = addrinfo*;
     static constexpr addrinfo* kNone = nullptr;
@@ -81,6 +93,8 @@ struct GlobalBlockTraits {
 using UniqueSocket = UniqueResource<SocketTraits>;
 using UniqueFile = UniqueResource<FileTraits>;
 using UniquePrinter = UniqueResource<PrinterTraits>;
+using UniqueRegistryKey = UniqueResource<RegistryKeyTraits>;
+using UniqueLibrary = UniqueResource<LibraryTraits>;
 using UniqueAddressList = UniqueResource<AddressListTraits>;
 template <class T>
 using UniqueBlock = UniqueResource<GlobalBlockTraits<T>>;
@@ -97,4 +111,18 @@ class LockGuard {
 
   private:
     CRITICAL_SECTION& section_;
+};
+
+// Holds a reader-writer lock for writing for the length of a scope. Not re-entrant.
+class ExclusiveGuard {
+  public:
+    explicit ExclusiveGuard(SRWLOCK& lock) noexcept : lock_(lock) {
+        AcquireSRWLockExclusive(&lock_);
+    }
+    ~ExclusiveGuard() { ReleaseSRWLockExclusive(&lock_); }
+    ExclusiveGuard(const ExclusiveGuard&) = delete;
+    ExclusiveGuard& operator=(const ExclusiveGuard&) = delete;
+
+  private:
+    SRWLOCK& lock_;
 };

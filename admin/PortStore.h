@@ -1,10 +1,10 @@
-// The monitor's ports over a channel: what the commands do with them, with every failure told.
+// The monitor's ports over a channel: what can be done with them, with every failure told.
 #pragma once
 
 #include <string>
 
-#include "tools/kestctl/PortSettings.h"
-#include "tools/kestctl/SpoolerChannel.h"
+#include "admin/PortSettings.h"
+#include "admin/SpoolerChannel.h"
 
 // The port's name as the monitor has it, for a name in any letter case.
 // Throws CommandFailed when there is no such port.
@@ -26,6 +26,3 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
 
 // Throws CommandFailed.
 void DeletePort(SpoolerChannel& channel, const std::wstring& name);
-
-// A name as it has to stand on a command line.
-std::string Quoted(const std::wstring& name);

@@ -1,10 +1,10 @@
-#include "tools/kestctl/SpoolerService.h"
+#include "admin/SpoolerService.h"
 
 #include <algorithm>
 #include <sstream>
 
-#include "tools/kestctl/CommandFailed.h"
-#include "tools/kestctl/Text.h"
+#include "admin/CommandFailed.h"
+#include "admin/Text.h"
 
 namespace {
 
@@ -21,9 +21,8 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const char* what, Enumerate enum
         const DWORD error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
             throw CommandFailed(
-                std::string("the spooler does not list its ") + what + ": " + ErrorText(error) +
-                (error == RPC_S_SERVER_UNAVAILABLE ? "; start its service: net start spooler"
-                                                   : ""));
+                std::string("the spooler does not list its ") + what + ": " + ErrorText(error),
+                error == RPC_S_SERVER_UNAVAILABLE ? Remedy::StartSpooler : Remedy::None);
         }
         buffer.resize(needed);
     }
@@ -137,16 +136,15 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
         PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();
-            std::string hint;
+            Remedy remedy = Remedy::InstallMonitor;
             if (error == ERROR_ACCESS_DENIED) {
-                hint = "; run kestctl as administrator";
+                remedy = Remedy::RunAsAdministrator;
             } else if (error == RPC_S_SERVER_UNAVAILABLE) {
-                hint = "; start its service: net start spooler";
-            } else {
-                hint = "; install the monitor and restart the spooler, or go without it: --direct";
+                remedy = Remedy::StartSpooler;
             }
             throw CommandFailed("the spooler gives no access to the monitor " + ToUtf8(monitor_) +
-                                ": " + ErrorText(error) + hint);
+                                    ": " + ErrorText(error),
+                                remedy);
         }
     }
     DWORD needed = 0;
@@ -172,6 +170,6 @@ std::unique_ptr<PrintJob> SpoolerService::StartJob(const std::wstring& port,
     }
     throw CommandFailed(
         (printer.empty() ? "no printer prints" : "printer " + ToUtf8(printer) + " does not print") +
-        " to port " + ToUtf8(port) +
-        ": add one that does (Windows: Add-Printer -PortName), or send without one: --direct");
+            " to port " + ToUtf8(port),
+        Remedy::AddPrinter);
 }

@@ -1,4 +1,4 @@
-// Hosts as the commands are told them: by address or by name.
+// Hosts as people name them: by address or by name.
 #pragma once
 
 #include <string>

@@ -1,0 +1,32 @@
+// How what an administrator asked for fails.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+// What can be done about a failure, beyond what its message says. Who shows the failure says how:
+// the tool names commands, a dialogue names buttons.
+enum class Remedy {
+    None,
+    RunAsAdministrator,
+    StartSpooler,    // its service does not run
+    InstallMonitor,  // the spooler has not loaded the monitor
+    ListPorts,       // there is no port of this name
+    ChangePort,      // the port `subject` is there already
+    ShowPort,        // the port `subject` may be half changed
+    DeletePort,      // the port `subject` was to be taken away again, and stays
+    MovePrinter,     // a printer still prints to the port
+    AddPrinter,      // no printer prints to the port
+    CheckSearch,     // printers do not answer: attributes, SLPConf.xml, firewall
+};
+
+// Ends an action. The message says what went wrong.
+struct CommandFailed : std::runtime_error {
+    explicit CommandFailed(const std::string& message, Remedy what = Remedy::None,
+                           std::wstring about = {})
+        : std::runtime_error(message), remedy(what), subject(std::move(about)) {}
+
+    Remedy remedy;
+    std::wstring subject;  // the port that the remedy is about
+};
