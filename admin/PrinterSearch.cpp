@@ -116,7 +116,7 @@ std::string Tags(const std::string& list) {
             while (cut > 0 && (static_cast<unsigned char>(tags[cut]) & 0xC0) == 0x80) {
                 --cut;
             }
-            return Printable(tags.substr(0, cut)) + " ...";
+            return Printable(tags.substr(0, cut)) + "...";
         }
     }
     return tags.empty() ? "nothing" : Printable(tags);

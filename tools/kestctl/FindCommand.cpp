@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/Progress.h"
 #include "admin/PortSettings.h"
 #include "admin/PrinterSearch.h"
@@ -71,9 +72,10 @@ nlohmann::json ToJson(const Printer& printer) {
 }
 
 // Finds all printers, each given to `show` as it answers.
+//   interruption: ends the search early.
 //   withoutAddress: receives how many answered, but not with an address.
-std::vector<Printer> FindAll(const std::string& model, Progress& progress,
-                             const std::function<void(const Printer&)>& show,
+std::vector<Printer> FindAll(const std::string& model, const Interruption& interruption,
+                             Progress& progress, const std::function<void(const Printer&)>& show,
                              size_t& withoutAddress) {
     using namespace std::chrono;
     std::vector<Printer> found;
@@ -89,7 +91,7 @@ std::vector<Printer> FindAll(const std::string& model, Progress& progress,
             progress.Show("searching, " + std::to_string(tenths.count() / 10) + '.' +
                           std::to_string(tenths.count() % 10) + " s, " +
                           std::to_string(found.size()) + " found");
-            return true;
+            return !interruption.Requested();
         });
     return found;
 }
@@ -114,9 +116,13 @@ void RunFind(const FindArguments& arguments) {
         }
     };
     size_t withoutAddress = 0;
+    bool interrupted = false;
     std::vector<Printer> found;
     if (arguments.mac.empty() && arguments.hostName.empty() && arguments.ip.empty()) {
-        found = FindAll(arguments.model, progress, show, withoutAddress);
+        // A search for one ends with the process: it cannot be stopped, and has nothing to show.
+        const Interruption interruption;
+        found = FindAll(arguments.model, interruption, progress, show, withoutAddress);
+        interrupted = interruption.Requested();
     } else {
         progress.Show("searching");
         found.push_back(FindOne(arguments));
@@ -129,6 +135,9 @@ void RunFind(const FindArguments& arguments) {
             document.push_back(ToJson(printer));
         }
         PrintJson(document);
+    }
+    if (interrupted) {
+        throw Interrupted();
     }
     if (withoutAddress != 0) {
         const std::string incomplete =
@@ -161,15 +170,14 @@ void AddFindCommand(CLI::App& app) {
         ""));
     CLI::Option* hostName = command.add_option("--host-name", arguments->hostName,
                                                "Find the printer that announces this host name");
-    CLI::Option* ip = command.add_option(
-        "--ip", arguments->ip, "Ask the printer at this address, or of this name, who it is");
+    CLI::Option* ip = command.add_option("--ip", arguments->ip,
+                                         "Find the printer at this address, or of this name");
     hostName->check(NotEmpty());
     ip->check(NotEmpty());
     mac->excludes(hostName)->excludes(ip);
     hostName->excludes(ip);
     command
-        .add_option("--model", arguments->model,
-                    "Only models that match this pattern: * for any characters, ? for one")
+        .add_option("--model", arguments->model, "Only models like this: * any text, ? any letter")
         ->check(NotEmpty());
     AddJsonFlag(command, arguments->json);
     command.callback([arguments] { RunFind(*arguments); });
