@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <iostream>
 #include <memory>
 #include <string>
@@ -87,11 +88,14 @@ std::vector<Printer> FindAll(const std::string& model, const Interruption& inter
             show(printer);
         },
         [&] {
+            if (interruption.Requested()) {
+                return false;
+            }
             const auto tenths = duration_cast<milliseconds>(steady_clock::now() - begin) / 100;
             progress.Show("searching, " + std::to_string(tenths.count() / 10) + '.' +
                           std::to_string(tenths.count() % 10) + " s, " +
                           std::to_string(found.size()) + " found");
-            return !interruption.Requested();
+            return true;
         });
     return found;
 }
@@ -115,17 +119,24 @@ void RunFind(const FindArguments& arguments) {
             table.Add(printer);
         }
     };
+    const Interruption interruption;
     size_t withoutAddress = 0;
     bool interrupted = false;
     std::vector<Printer> found;
     if (arguments.mac.empty() && arguments.hostName.empty() && arguments.ip.empty()) {
-        // A search for one ends with the process: it cannot be stopped, and has nothing to show.
-        const Interruption interruption;
         found = FindAll(arguments.model, interruption, progress, show, withoutAddress);
         interrupted = interruption.Requested();
     } else {
         progress.Show("searching");
-        found.push_back(FindOne(arguments));
+        // Such a search cannot be stopped, and is left behind: the process ends without it.
+        auto search = std::async(std::launch::async, FindOne, arguments);
+        while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+            if (interruption.Requested()) {
+                progress.Clear();
+                TerminateProcess(GetCurrentProcess(), kInterrupted);
+            }
+        }
+        found.push_back(search.get());
         show(found.front());
     }
     progress.Clear();

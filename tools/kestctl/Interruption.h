@@ -5,7 +5,9 @@
 
 #include <atomic>
 
-// Thrown by a command that Ctrl-C has ended; the program's exit code is 130 then.
+constexpr int kInterrupted = 130;  // the program's exit code then
+
+// Thrown by a command that Ctrl-C has ended.
 struct Interrupted {};
 
 // While it lives, Ctrl-C and Ctrl-Break are only noted.

@@ -21,7 +21,6 @@ namespace {
 
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
-constexpr int kInterrupted = 130;
 
 // Output is UTF-8: into pipes and files as it is, on a console by its code page, which is the
 // console's own again when the program ends. Line ends stay LF.
