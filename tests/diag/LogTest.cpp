@@ -9,6 +9,8 @@
 
 #include "diag/KestLogger.h"
 #include "diag/LogSink.h"
+#include "diag/Resource.h"
+#include "tests/support/ImportPatch.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -73,6 +75,45 @@ TEST(Log, ErrorCodesSurviveAndNothingIsThrown) {
     SetLastError(122);
     LogInfo("f", "nowhere to go");
     EXPECT_EQ(GetLastError(), 122u);
+}
+
+// What an import was before it was replaced.
+template <class Function>
+Function Real(const wchar_t* library, const char* name) {
+    return reinterpret_cast<Function>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(library), name)));
+}
+
+DWORD TokenError() {
+    UniqueFile token;
+    return OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.Out()) ? 0 : GetLastError();
+}
+
+// A thread that acts for a client asks for the folder and opens the file as the process, and has
+// its client back behind that.
+TEST(Log, TheFileIsOpenedAsTheProcess) {
+    static std::vector<DWORD> tokens;
+    static const auto tempPath = Real<decltype(&GetTempPathW)>(L"kernel32", "GetTempPathW");
+    static const auto open = Real<decltype(&_wfopen)>(L"msvcrt", "_wfopen");
+    const LogCapture capture;
+    const HMODULE self = GetModuleHandleW(nullptr);
+    const ImportPatch path(
+        self, "GetTempPathW", +[](DWORD size, LPWSTR text) -> DWORD {
+            tokens.push_back(TokenError());
+            return tempPath(size, text);
+        });
+    const ImportPatch file(
+        self, "_wfopen", +[](const wchar_t* name, const wchar_t* mode) {
+            tokens.push_back(TokenError());
+            return open(name, mode);
+        });
+    ASSERT_TRUE(ImpersonateSelf(SecurityImpersonation));
+    EXPECT_EQ(TokenError(), 0u);
+    LogInfo("f", "for a client");
+    EXPECT_EQ(TokenError(), 0u);
+    RevertToSelf();
+    EXPECT_THAT(tokens, ElementsAre(ERROR_NO_TOKEN, ERROR_NO_TOKEN));
+    EXPECT_THAT(capture.Lines(), SizeIs(1));
 }
 
 TEST(Log, ThePathDecidesTheFile) {
