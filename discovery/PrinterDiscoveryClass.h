@@ -21,11 +21,11 @@ enum SearchType : int32_t { FIND_ALL = 0, FIND_IP = 1, FIND_MAC = 2, FIND_HOSTNA
 //   InitAllPrinterDiscovery, AssociateIFList if wanted, SearchForAllPrinterWithModelName,
 //   wait for the callback, read the list,
 //   StopSearchingForAllPrinterWithModelName, EndAllPrinterDiscovery.
-// The searches of one object are not to overlap: all fill one list, each on its own thread. A search
-// for all printers is ended (EndAllPrinterDiscovery, which waits for its thread) before a search for
-// one is begun, and before the next for all is: the end notification comes while its thread still
-// runs, so that none is begun from within it.
-// Every step is logged. An object is used by one thread at a time.
+// The searches of one object are not to overlap: all fill one list, each on its own thread. A
+// search for all printers is ended (EndAllPrinterDiscovery, which waits for its thread) before a
+// search for one is begun, and before the next for all is: the end notification comes while its
+// thread still runs, so that none is begun from within it. Every step is logged. An object is used
+// by one thread at a time.
 class IPrinterDiscovery {
   public:
     // Reads SLPConf.xml and sets the model filter of all searches: a pattern for the whole model

@@ -44,7 +44,7 @@ struct Answer {
 // What a handle stands for, with the session that it ends with.
 enum class Kind { Session, Entity, Context, Vbl, Pdu };
 struct Object {
-    Kind kind;
+    Kind kind = Kind::Session;
     HSNMP_SESSION session = nullptr;
     string text;                          // an entity's address, a context's community
     Pdu pdu;                              // a PDU; of a list, the bindings
@@ -170,10 +170,7 @@ HANDLE Keep(Kind kind, HSNMP_SESSION session, const string& text = "", const Pdu
 
 SNMPAPI_STATUS Free(HANDLE handle, Kind kind) {
     const std::lock_guard lock(mutex);
-    if (Find(handle, kind) == nullptr) {
-        ++faults;
-        return Fail(SNMPAPI_OPERATION_INVALID);
-    }
+    faults += Find(handle, kind) == nullptr;
     objects.erase(handle);
     return SNMPAPI_SUCCESS;
 }
@@ -234,8 +231,7 @@ string Line(const string& from, const string& to, const string& community, const
 // can be closed while it runs.
 void Deliver(HSNMP_SESSION handle, HSNMP_ENTITY source, const std::vector<Answer>& answers) {
     Sleep(5);
-    SNMPAPI_CALLBACK callback = nullptr;
-    void* data = nullptr;
+    Object told;
     {
         const std::lock_guard lock(mutex);
         Object* session = Find(handle, Kind::Session);
@@ -244,10 +240,9 @@ void Deliver(HSNMP_SESSION handle, HSNMP_ENTITY source, const std::vector<Answer
         }
         faults += Find(source, Kind::Entity) == nullptr;
         session->answers.insert(session->answers.end(), answers.begin(), answers.end());
-        callback = session->callback;
-        data = session->data;
+        told = *session;
     }
-    callback(handle, nullptr, 0, 0, 0, data);
+    told.callback(handle, nullptr, 0, 0, 0, told.data);
 }
 
 }  // namespace
@@ -335,9 +330,7 @@ SNMPAPI_STATUS WINAPI SnmpStrToOid(LPCSTR text, smiLPOID out) {
 
 SNMPAPI_STATUS WINAPI SnmpFreeDescriptor(smiUINT32, smiLPOPAQUE descriptor) {
     const std::lock_guard lock(mutex);
-    if (descriptors.erase(descriptor->ptr) == 0) {
-        ++faults;
-    }
+    faults += descriptors.erase(descriptor->ptr) == 0;
     return SNMPAPI_SUCCESS;
 }
 
