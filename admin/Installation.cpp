@@ -13,7 +13,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr wchar_t kCopySuffix[] = L".kest-new";  // a new file on its way
+constexpr wchar_t kCopySuffix[] = L".kest-new";   // a new file on its way
 constexpr wchar_t kAsideSuffix[] = L".kest-old";  // a file that was replaced
 constexpr wchar_t kLogFile[] = L"KestSetupWizard.log";
 
@@ -146,8 +146,8 @@ class SpoolerPause {
                 return code;
             }
             if (code != ERROR_SUCCESS) {
-                report_("  it does not start: " + ErrorText(code) + "; start it by hand: net start " +
-                        text);
+                report_("  it does not start: " + ErrorText(code) +
+                        "; start it by hand: net start " + text);
             }
         }
         return ERROR_SUCCESS;
@@ -204,10 +204,11 @@ FileVersion CheckPackage(const fs::path& package, const fs::path& folder) {
             continue;
         }
         if (!version || !version->ours) {
-            throw CommandFailed(Name(file) + (Exists(file) ? " is damaged, or not kestmon's, in "
-                                                           : " is missing in ") +
-                                    ToUtf8(package.native()),
-                                Remedy::UnpackRelease);
+            throw CommandFailed(
+                Name(file) +
+                    (Exists(file) ? " is damaged, or not kestmon's, in " : " is missing in ") +
+                    ToUtf8(package.native()),
+                Remedy::UnpackRelease);
         }
         if (release && release->number != version->number) {
             throw CommandFailed("the files in " + ToUtf8(package.native()) +
@@ -344,8 +345,9 @@ bool Register(Machine& machine, Undo& undo) {
         Require(machine.ListsMonitor(listed), "the print spooler does not list its monitors");
     }
     if (!listed) {
-        throw CommandFailed("the print spooler has not loaded the monitor: see its events (Event "
-                            "Viewer, Microsoft-Windows-PrintService/Admin)");
+        throw CommandFailed(
+            "the print spooler has not loaded the monitor: see its events (Event "
+            "Viewer, Microsoft-Windows-PrintService/Admin)");
     }
     return true;
 }
@@ -372,10 +374,11 @@ void Unregister(Machine& machine, bool force, const Report& report) {
     if (listed) {
         const DWORD code = machine.DeleteFromSpooler();
         if (code != ERROR_SUCCESS && !force) {
-            throw CommandFailed("the print spooler does not let go of the monitor, nothing was "
-                                "removed: " +
-                                    ErrorText(code),
-                                Remedy::Force);
+            throw CommandFailed(
+                "the print spooler does not let go of the monitor, nothing was "
+                "removed: " +
+                    ErrorText(code),
+                Remedy::Force);
         }
         if (code != ERROR_SUCCESS) {
             report("the print spooler does not let go of the monitor: " + ErrorText(code));
@@ -465,10 +468,10 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
         loaded = Register(machine, undo);
     } catch (const CommandFailed& failed) {
         const std::string left = undo.TakeBack();
-        throw CommandFailed(failed.what() +
-                                (left.empty() ? "; everything is as it was before"
-                                              : "; and not all could be taken back" + left),
-                            failed.remedy);
+        throw CommandFailed(
+            failed.what() + (left.empty() ? "; everything is as it was before"
+                                          : "; and not all could be taken back" + left),
+            failed.remedy);
     }
     for (const fs::path& aside : asides) {
         Discard(machine, aside, report);

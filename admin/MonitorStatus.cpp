@@ -28,8 +28,8 @@ ConfigurationState ReadConfiguration(const fs::path& folder, Config& configurati
     if (!std::ifstream(file)) {
         return ConfigurationState::Unreadable;
     }
-    const UniqueLibrary library(LoadLibraryExW((folder / kMonitorLibrary).c_str(), nullptr,
-                                               DONT_RESOLVE_DLL_REFERENCES));
+    const UniqueLibrary library(
+        LoadLibraryExW((folder / kMonitorLibrary).c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES));
     if (!library) {
         return ConfigurationState::NotChecked;
     }
@@ -61,10 +61,12 @@ bool MonitorStatus::OneRelease() const {
 }
 
 bool MonitorStatus::Works() const {
-    return std::ranges::all_of(libraries, [](const InstalledLibrary& library) {
-               return (library.version && library.version->ours) ||
-                      (library.optional && !library.present);
-           }) && lstrcmpiW(driver.c_str(), kMonitorLibrary) == 0 && listed.value_or(true);
+    return std::ranges::all_of(libraries,
+                               [](const InstalledLibrary& library) {
+                                   return (library.version && library.version->ours) ||
+                                          (library.optional && !library.present);
+                               }) &&
+           lstrcmpiW(driver.c_str(), kMonitorLibrary) == 0 && listed.value_or(true);
 }
 
 MonitorStatus ReadMonitorStatus(Machine& machine) {

@@ -78,9 +78,9 @@ std::optional<FileVersion> ReadFileVersion(const std::filesystem::path& file) {
     const auto& fixed = *static_cast<const VS_FIXEDFILEINFO*>(value);
     FileVersion version;
     version.number = uint64_t{fixed.dwFileVersionMS} << 32 | fixed.dwFileVersionLS;
-    version.ours = VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductName", &value,
-                                  &size) &&
-                   size != 0 && wcsncmp(static_cast<const wchar_t*>(value), kProduct, size) == 0;
+    version.ours =
+        VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductName", &value, &size) &&
+        size != 0 && wcsncmp(static_cast<const wchar_t*>(value), kProduct, size) == 0;
     return version;
 }
 

@@ -148,8 +148,8 @@ std::vector<std::wstring> WindowsMachine::RunningDependents() {
     std::vector<BYTE> buffer(needed);
     auto* const records = reinterpret_cast<ENUM_SERVICE_STATUSW*>(buffer.data());
     std::vector<std::wstring> names;
-    if (needed != 0 && EnumDependentServicesW(service.Get(), SERVICE_ACTIVE, records, needed,
-                                              &needed, &count)) {
+    if (needed != 0 &&
+        EnumDependentServicesW(service.Get(), SERVICE_ACTIVE, records, needed, &needed, &count)) {
         std::transform(records, records + count, std::back_inserter(names),
                        [](const auto& record) { return record.lpServiceName; });
     }
