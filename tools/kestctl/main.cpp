@@ -95,6 +95,7 @@ int Run() {
     AddFindCommand(app);
     WindowsMachine machine;
     AddMonitorCommands(app, openChannel, machine);
+    AddSelfTestCommand(app, openChannel);
     app.footer("Examples:" + Examples(app));
 
     try {
