@@ -323,9 +323,9 @@ bool Register(Machine& machine, Undo& undo) {
     const bool hadDriver = !RegisteredDriver(machine).empty();
     if (machine.SpoolerState() != ServiceState::Running) {
         if (!hadDriver) {
+            Require(machine.Register(), "the monitor cannot be registered");
             undo.Add("unregister the monitor",
                      [&machine, hadKey] { return machine.Unregister(hadKey); });
-            Require(machine.Register(), "the monitor cannot be registered");
         }
         return false;
     }

@@ -37,19 +37,17 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
         std::string from;
         bool force = false;
     };
-    CLI::App& command = AddMonitorCommand(
-        monitor, "install",
-        "Install the monitor, or update it: all or nothing. Ports, and an SLPConf.xml that was "
-        "changed, stay as they are",
-        "monitor install");
+    CLI::App& command = AddMonitorCommand(monitor, "install",
+                                          "Install the monitor, or update it: all or\n"
+                                          "nothing. Ports, and an SLPConf.xml that was\n"
+                                          "changed, stay as they are",
+                                          "monitor install");
     const auto arguments = std::make_shared<Arguments>();
-    command
-        .add_option("--from", arguments->from,
-                    "The folder with the release's files (kestctl's own)")
+    command.add_option("--from", arguments->from, "The release's files (those beside kestctl)")
         ->check(NotEmpty());
     command.add_flag("--force", arguments->force,
-                     "Also an older release over a newer one, and over libraries that are damaged "
-                     "or another product's");
+                     "Also an older release over a newer one, and over\n"
+                     "libraries that are damaged or another product's");
     command.callback([arguments, &machine] {
         const fs::path package = arguments->from.empty()
                                      ? SpoolerHost::LibraryBesideProgram().parent_path()
@@ -100,20 +98,23 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
         std::string keepPorts;
         bool force = false;
     };
-    CLI::App& command = AddMonitorCommand(
-        monitor, "remove",
-        "Remove the monitor with its ports, SLPConf.xml and log. Refuses while printers print to "
-        "its ports. Where nothing is installed, it says so and succeeds",
-        "monitor remove --keep-ports ports.json");
+    CLI::App& command = AddMonitorCommand(monitor, "remove",
+                                          "Remove the monitor with its ports, SLPConf.xml\n"
+                                          "and log. Refuses while printers print to its\n"
+                                          "ports. Where nothing is installed, it says so and\n"
+                                          "succeeds",
+                                          "monitor remove --keep-ports ports.json");
     const auto arguments = std::make_shared<Arguments>();
     command
         .add_option("--keep-ports", arguments->keepPorts,
-                    "First write the ports to this file, as JSON; an SLPConf.xml that was changed "
-                    "is kept beside it (ports.SLPConf.xml)")
+                    "First write the ports to this file, as JSON; an\n"
+                    "SLPConf.xml that was changed is kept beside it\n"
+                    "(ports.SLPConf.xml for ports.json)")
         ->check(NotEmpty());
     command.add_flag("--force", arguments->force,
-                     "Also when printers print to its ports, stopping the spooler if it has to be; "
-                     "and write over the files of --keep-ports");
+                     "Also when printers print to its ports, stopping\n"
+                     "the spooler if it has to be; and write over the\n"
+                     "files of --keep-ports");
     command.callback([arguments, openChannel, &machine] {
         CheckRemoval(machine, arguments->force);
         if (!arguments->keepPorts.empty()) {
@@ -349,11 +350,12 @@ nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& f
 }
 
 void AddStatus(CLI::App& monitor, Machine& machine) {
-    CLI::App& command = AddMonitorCommand(
-        monitor, "status",
-        "Show what is on the machine of the monitor, and what to do about each line that is not as "
-        "it should be (!). Exit code 1 when a port would not print, or not follow its printer",
-        "monitor status");
+    CLI::App& command = AddMonitorCommand(monitor, "status",
+                                          "Show what is on the machine of the monitor, and\n"
+                                          "what to do about each line that is not as it\n"
+                                          "should be (!). Exit code 1 when a port would not\n"
+                                          "print, or not follow its printer",
+                                          "monitor status");
     const auto json = std::make_shared<bool>(false);
     AddJsonFlag(command, *json);
     command.callback([json, &machine] {
