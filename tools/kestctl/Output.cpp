@@ -44,7 +44,7 @@ std::string Explained(const CommandFailed& failed) {
             return message + "; start its service: net start spooler";
         case Remedy::InstallMonitor:
             return message +
-                   "; install the monitor and restart the spooler, or go without it: --direct";
+                   "; install the monitor with `kestctl monitor install`, or go without: --direct";
         case Remedy::ListPorts:
             return message + ": `kestctl port list` shows those there are";
         case Remedy::ChangePort:
