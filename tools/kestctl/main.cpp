@@ -1,6 +1,6 @@
 // kestctl, the administrator's command line of the kestmon port monitor.
 //
-// Exit codes: 0 done, 1 failed, 2 wrong usage.
+// Exit codes: 0 done, 1 failed, 2 wrong usage, 130 ended by Ctrl-C.
 #include <windows.h>
 #include <shellapi.h>
 
@@ -12,6 +12,8 @@
 
 #include "Version.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/Progress.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "admin/WindowsMachine.h"
@@ -87,7 +89,11 @@ int Run() {
     AddDirectFlag(app);
 
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
-    AddPortCommands(app, openChannel, IdentifyPrinter);
+    AddPortCommands(app, openChannel, [](const std::string& host) {
+        Progress progress;
+        progress.Show("asking the printer who it is");
+        return IdentifyPrinter(host);
+    });
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
     AddSlpCommands(app);
@@ -110,6 +116,8 @@ int Run() {
         return kWrongUsage;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : kWrongUsage;
+    } catch (const Interrupted&) {
+        return kInterrupted;
     } catch (const CommandFailed& failed) {
         return Fail(Explained(failed));
     } catch (const std::exception& error) {
