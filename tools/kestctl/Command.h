@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "admin/CommandFailed.h"
+#include "admin/Machine.h"
 #include "admin/PrinterIdentity.h"
 #include "admin/SpoolerChannel.h"
 
@@ -40,6 +41,9 @@ CLI::Validator NotEmpty();
 // Adds the global --direct.
 void AddDirectFlag(CLI::App& app);
 
+// True when it is given.
+bool IsDirect(const CLI::App& app);
+
 // Opens the channel to the monitor: with --direct a SpoolerHost, else the system's spooler.
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
@@ -56,3 +60,5 @@ void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);
 void AddFindCommand(CLI::App& app);
 void AddSettingsCommands(CLI::App& app);
+void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel);
+void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine);

@@ -16,6 +16,7 @@
 #include "tools/kestctl/Progress.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
+#include "admin/WindowsMachine.h"
 
 namespace {
 
@@ -98,6 +99,9 @@ int Run() {
     AddSlpCommands(app);
     AddSettingsCommands(app);
     AddFindCommand(app);
+    WindowsMachine machine;
+    AddMonitorCommands(app, openChannel, machine);
+    AddSelfTestCommand(app, openChannel);
     app.footer("Examples:" + Examples(app));
 
     try {
