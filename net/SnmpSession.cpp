@@ -209,7 +209,7 @@ SNMPAPI_STATUS CALLBACK SnmpSession::Callback(HSNMP_SESSION, HWND, UINT, WPARAM,
     return 0;
 }
 
-// Gives the event out to callbacks, or takes it back from them.
+// From here to CloseEvent callbacks may set the event.
 void SnmpSession::OpenEvent() {
     const ExclusiveGuard lock(eventsLock);
     replyEvent_.reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
