@@ -15,23 +15,6 @@ constexpr DWORD kFolderSize = 256;  // characters, with terminator
 constexpr size_t kPathSize = 257;   // characters, with terminator
 constexpr int kBodyWidth = 80;
 
-// The log's path, asked for anew at every line: the folder is the environment's, and some accounts
-// have one of their own. A folder that cannot be had, or is too long, sends the lines to the root
-// of drive C.
-std::wstring LogPath() {
-    wchar_t folder[kFolderSize];
-    const DWORD length = GetTempPathW(kFolderSize, folder);
-    if (length == 0 || length >= kFolderSize) {
-        return kFallbackPath;
-    }
-    std::wstring path(folder, length);
-    if (path.back() != L'\\' && path.back() != L'/') {
-        path += L'\\';
-    }
-    path += kFileName;
-    return path.size() < kPathSize ? path : kFallbackPath;
-}
-
 // Lets the thread act as the process itself, and as its client again when this ends. A spooler's
 // thread often acts for who has sent the job: the log's file would be that client's, a drive could
 // be the client's own, and the next client could not write there.
@@ -72,6 +55,22 @@ std::string_view BaseName(std::string_view path) {
 }
 
 }  // namespace
+
+// Asked for anew at every line: the folder is the environment's, and some accounts have one of
+// their own. A folder that cannot be had, or is too long, sends the lines to the root of drive C.
+std::wstring LogPath() {
+    wchar_t folder[kFolderSize];
+    const DWORD length = GetTempPathW(kFolderSize, folder);
+    if (length == 0 || length >= kFolderSize) {
+        return kFallbackPath;
+    }
+    std::wstring path(folder, length);
+    if (path.back() != L'\\' && path.back() != L'/') {
+        path += L'\\';
+    }
+    path += kFileName;
+    return path.size() < kPathSize ? path : kFallbackPath;
+}
 
 void log_detail::WriteLine(const std::stringstream& body, const char* function,
                            const std::source_location& where) {

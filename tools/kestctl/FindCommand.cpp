@@ -28,13 +28,6 @@ struct FindArguments {
     bool json = false;
 };
 
-// Pads by characters: names of printers are UTF-8.
-std::string Padded(std::string text, size_t width) {
-    const auto characters = static_cast<size_t>(std::count_if(
-        text.begin(), text.end(), [](unsigned char byte) { return (byte & 0xC0) != 0x80; }));
-    return text.append(width - std::min(width, characters), ' ');
-}
-
 // Shows printers one by one, in columns of a fixed width (79 characters in all, for a console of
 // 80): who comes next is not known yet.
 class Table {
@@ -133,7 +126,7 @@ void RunFind(const FindArguments& arguments) {
         while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
             if (interruption.Requested()) {
                 progress.Clear();
-                TerminateProcess(GetCurrentProcess(), kInterrupted);
+                EndInterrupted();
             }
         }
         found.push_back(search.get());

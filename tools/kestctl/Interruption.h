@@ -4,11 +4,21 @@
 #include <windows.h>
 
 #include <atomic>
+#include <iostream>
 
 constexpr int kInterrupted = 130;  // the program's exit code then
 
 // Thrown by a command that Ctrl-C has ended.
 struct Interrupted {};
+
+// Ends the process at once, whatever its other threads wait for.
+[[noreturn]] inline void EndInterrupted() {
+    std::cout.flush();
+    TerminateProcess(GetCurrentProcess(), kInterrupted);
+    for (;;) {
+        Sleep(INFINITE);
+    }
+}
 
 // While it lives, Ctrl-C and Ctrl-Break are only noted.
 class Interruption {
@@ -26,8 +36,8 @@ class Interruption {
         if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
             return FALSE;
         }
-        requested_ = true;
-        return TRUE;
+        // Who asks twice means it.
+        return !requested_.exchange(true);
     }
 
     static inline std::atomic<bool> requested_ = false;
