@@ -55,7 +55,9 @@ class HelpFormatter : public CLI::Formatter {
         std::string type = option->get_type_name();
         type = type.substr(0, type.find(':'));
         const std::string usual = option->get_default_str();
-        return ' ' + (type == "UINT" || type == "INT" ? "NUMBER" : type) +
+        return (type.empty()                      ? ""
+                : type == "UINT" || type == "INT" ? " NUMBER"
+                                                  : ' ' + type) +
                (usual.empty() ? "" : '=' + usual) + (option->get_required() ? " REQUIRED" : "");
     }
 
