@@ -20,7 +20,6 @@ class Interruption {
 
     bool Requested() const { return requested_; }
 
-  private:
     // Called on a thread of the system's.
     static BOOL WINAPI Note(DWORD event) {
         if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
@@ -30,5 +29,6 @@ class Interruption {
         return TRUE;
     }
 
+  private:
     static inline std::atomic<bool> requested_ = false;
 };
