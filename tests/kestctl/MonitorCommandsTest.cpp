@@ -2,9 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "tests/support/FakeMachine.h"
-#include "tests/support/FakeMonitor.h"
 #include "tests/support/LogCapture.h"
+#include "tools/kestctl/Interruption.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -15,17 +17,14 @@ namespace {
 
 constexpr wchar_t kPort[] = L"\\Monitors\\kestmon\\Ports\\MY PORT";
 
-// What `kestctl monitor ARGUMENT...` prints, with its failure at the end if there is one.
-std::string Monitor(FakeMachine& machine, std::vector<std::string> arguments) {
-    FakeMonitor monitor;
-    monitor.ports[L"MY PORT"] = {};
+// What `kestctl ARGUMENT...` prints, with what it ends with if that is no success.
+std::string Tool(FakeMachine& machine, std::vector<std::string> arguments) {
     CLI::App app;
     app.allow_windows_style_options(false);
-    AddMonitorCommands(app, monitor.Factory(), machine);
-    arguments.insert(arguments.begin(), "monitor");
-    if (arguments[1] == "install") {
-        arguments.insert(arguments.end(), {"--from", machine.package.string()});
-    }
+    app.fallthrough();
+    AddDirectFlag(app);
+    AddMonitorCommands(app, machine.monitor.Factory(), machine);
+    AddSelfTestCommand(app, machine.monitor.Factory());
     std::reverse(arguments.begin(), arguments.end());
     std::ostringstream output;
     std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
@@ -33,18 +32,25 @@ std::string Monitor(FakeMachine& machine, std::vector<std::string> arguments) {
         app.parse(arguments);
     } catch (const CommandFailed& failed) {
         output << "FAILED: " << Explained(failed);
+    } catch (const Interrupted&) {
+        output << "INTERRUPTED";
     }
     std::cout.rdbuf(before);
     return output.str();
 }
 
+std::string Install(FakeMachine& machine, bool force = false) {
+    std::vector<std::string> arguments = {"monitor", "install", "--from", machine.package.string()};
+    arguments.insert(arguments.end(), force, "--force");
+    return Tool(machine, arguments);
+}
+
 TEST(MonitorCommands, InstallUpdateAndInstallAgain) {
     FakeMachine machine;
-    EXPECT_THAT(Monitor(machine, {"install"}),
-                AllOf(HasSubstr("has loaded it"), Not(HasSubstr("stopping"))));
+    EXPECT_THAT(Install(machine), AllOf(HasSubstr("has loaded it"), Not(HasSubstr("stopping"))));
     auto state = machine.State();
     EXPECT_EQ(state[L"driver"], "registered");
-    EXPECT_THAT(Monitor(machine, {"install"}), HasSubstr("nothing to do"));
+    EXPECT_THAT(Install(machine), HasSubstr("nothing to do"));
     EXPECT_EQ(machine.State(), state);
 
     // The next release comes over libraries that the spooler uses, and an SLPConf.xml that nobody
@@ -55,7 +61,7 @@ TEST(MonitorCommands, InstallUpdateAndInstallAgain) {
     }
     WriteAll(machine.system / "SLPConf.xml", text);
     machine.MakePackage(2);
-    EXPECT_THAT(Monitor(machine, {"install"}),
+    EXPECT_THAT(Install(machine),
                 AllOf(HasSubstr("1.0.0 becomes 2.0.0"),
                       HasSubstr("stopping Fax\nstopping Spooler\nstarting Spooler\nstarting Fax\n"),
                       HasSubstr("kestmon 2.0.0 is installed")));
@@ -63,33 +69,32 @@ TEST(MonitorCommands, InstallUpdateAndInstallAgain) {
     state[L"kestmon.dll"] = state[L"slp64.dll"] = state[L"loaded"] = "2";
     EXPECT_EQ(machine.State(), state);  // no copy and no old file is left
     machine.MakePackage(1);
-    EXPECT_THAT(Monitor(machine, {"install"}), AllOf(HasSubstr("newer"), HasSubstr("--force")));
+    EXPECT_THAT(Install(machine), AllOf(HasSubstr("newer"), HasSubstr("--force")));
     EXPECT_EQ(machine.State(), state);
 
     // A spooler that is disabled stays so; an SLPConf.xml that was changed, too.
     machine.running.clear();
-    machine.disabled = true;
     WriteAll(machine.system / "SLPConf.xml", "<mine/>");
-    EXPECT_THAT(Monitor(machine, {"install", "--force"}),
+    EXPECT_THAT(Install(machine, true),
                 AllOf(HasSubstr("is disabled, loads it when it starts"), HasSubstr(".new.xml")));
     EXPECT_TRUE(machine.running.empty());
     EXPECT_EQ(machine.State()[L"SLPConf.xml"], "<mine/>");
     EXPECT_EQ(machine.State()[L"SLPConf.new.xml"], machine.shipped);
-    EXPECT_THAT(Monitor(machine, {"install"}), HasSubstr("nothing to do"));
+    EXPECT_THAT(Install(machine), HasSubstr("nothing to do"));
 }
 
 // Each step in turn fails, once: either all is as it was before, or all is done.
 TEST(MonitorCommands, InstallIsAllOrNothing) {
     const auto update = [](FakeMachine& machine) {
-        Monitor(machine, {"install"});
+        Install(machine);
         WriteAll(machine.system / "SLPConf.xml", "<mine/>");
         machine.MakePackage(2);
     };
     const std::function<void(FakeMachine&)> beginnings[] = {[](FakeMachine&) {}, update,
                                                             [](FakeMachine& stopped) {
                                                                 stopped.running.clear();
-                                                                stopped.SetNumber(kPort,
-                                                                                  L"Protocol", 1);
+                                                                stopped.Set(kPort, L"Protocol",
+                                                                            DWORD{1});
                                                             }};
     for (const auto& prepare : beginnings) {
         int failures = 0;
@@ -100,7 +105,7 @@ TEST(MonitorCommands, InstallIsAllOrNothing) {
             auto before = machine.State();
             machine.steps = 0;
             machine.failing = failing;
-            const std::string output = Monitor(machine, {"install"});
+            const std::string output = Install(machine);
             SCOPED_TRACE(std::to_string(failing) + ": " + output);
             steps = machine.steps;
             if (output.find("FAILED") != output.npos) {
@@ -120,28 +125,23 @@ TEST(MonitorCommands, InstallIsAllOrNothing) {
     update(machine);
     machine.refused = ReadAll(machine.package / "kestmon.dll");
     const auto before = machine.State();
-    EXPECT_THAT(Monitor(machine, {"install"}), HasSubstr("as it was before"));
+    EXPECT_THAT(Install(machine), HasSubstr("as it was before"));
     EXPECT_EQ(machine.State(), before);
 }
 
 TEST(MonitorCommands, InstallRefusesBeforeItChangesAnything) {
     FakeMachine machine;
     const auto refuses = [&machine](const std::string& why) {
-        EXPECT_THAT(Monitor(machine, {"install"}), AllOf(HasSubstr("FAILED"), HasSubstr(why)));
+        EXPECT_THAT(Install(machine), AllOf(HasSubstr("FAILED"), HasSubstr(why)));
         EXPECT_EQ(machine.steps, 0);
     };
     machine.elevated = false;
     refuses("as administrator");
     machine.elevated = true;
-    machine.x64 = false;
-    refuses("x64");
-    machine.x64 = true;
     const std::string library = ReadAll(machine.package / "slp64.dll");
     machine.MakePackage(2);
     WriteAll(machine.package / "slp64.dll", library);
     refuses("different releases, 2.0.0 and 1.0.0");
-    WriteAll(machine.package / "slp64.dll", "cut off");
-    refuses("unpack the whole archive");
     machine.MakePackage(1);
     WriteAll(machine.system / "slp64.dll", "of another product");
     refuses("another product's");
@@ -152,26 +152,28 @@ TEST(MonitorCommands, InstallRefusesBeforeItChangesAnything) {
 TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     FakeMachine machine;
     const auto clean = machine.State();
-    Monitor(machine, {"install"});
-    machine.SetNumber(kPort, L"Protocol", 1);
-    machine.SetText(L"\\Printers\\Laser", L"Port", L"LPT1:,my port");
+    Install(machine);
+    machine.Set(kPort, L"Protocol", DWORD{1});
+    machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:,my port");
     WriteAll(machine.system / "SLPConf.xml", "<mine/>");
     WriteAll(machine.system / "kestmon.dll.kest-old2", "left");
     WriteAll(machine.temporary / "KestSetupWizard.log", "log");
     WriteAll(machine.temporary / "npm12.tmp", "a job");
+    machine.monitor.ports[L"MY PORT"] = {};
     const auto keep = machine.root / "ports.json";
-    std::vector<std::string> remove = {"remove", "--keep-ports", keep.string()};
+    std::vector<std::string> remove = {"monitor", "remove", "--keep-ports", keep.string()};
     const auto before = machine.State();
-    EXPECT_THAT(Monitor(machine, remove), HasSubstr("Laser on my port"));
-    machine.SetText(L"\\Printers\\Laser", L"Port", L"LPT1:");
-    machine.busy = true;
-    EXPECT_THAT(Monitor(machine, remove), AllOf(HasSubstr("(3008)"), HasSubstr("--force")));
-    EXPECT_THAT(Monitor(machine, remove), HasSubstr("is there already"));
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("Laser on my port"));
+    machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:");
+    machine.failing = machine.steps + 3;  // the spooler does not let go of it
+    EXPECT_THAT(Tool(machine, remove), AllOf(HasSubstr("(3008)"), HasSubstr("--force")));
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("is there already"));
     EXPECT_EQ(machine.State(), before);
 
     // The spooler is stopped for it, and starts without the monitor.
+    machine.failing = machine.steps + 3;
     remove.emplace_back("--force");
-    EXPECT_THAT(Monitor(machine, remove),
+    EXPECT_THAT(Tool(machine, remove),
                 AllOf(HasSubstr("starting Fax"), HasSubstr("holds 1 files NPM*.tmp"),
                       HasSubstr("kestmon is removed")));
     EXPECT_EQ(machine.State(), clean);
@@ -179,40 +181,38 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     EXPECT_TRUE(fs::exists(machine.temporary / "npm12.tmp"));
     EXPECT_EQ(nlohmann::json::parse(ReadAll(keep))[0]["name"], "MY PORT");
     EXPECT_EQ(ReadAll(machine.root / "ports.SLPConf.xml"), "<mine/>");
-    EXPECT_THAT(Monitor(machine, {"remove"}), HasSubstr("nothing to do"));
+    EXPECT_THAT(Tool(machine, {"monitor", "remove"}), HasSubstr("nothing to do"));
 
     // A library that a program holds gets out of the way of the next installation.
-    Monitor(machine, {"install"});
+    Install(machine);
     machine.running.clear();
-    EXPECT_THAT(Monitor(machine, {"remove"}), HasSubstr("at its next start"));
+    EXPECT_THAT(Tool(machine, {"monitor", "remove"}), HasSubstr("at its next start"));
     EXPECT_THAT(machine.atNextStart, Contains(machine.system / "kestmon.dll.kest-old"));
-    EXPECT_THAT(Monitor(machine, {"install"}), HasSubstr("is installed"));
+    EXPECT_THAT(Install(machine), HasSubstr("is installed"));
 }
 
 TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     const LogCapture log;
     FakeMachine machine;
     const auto expect = [&machine](const std::string& line, const std::string& toDo, bool broken) {
-        const std::string output = Monitor(machine, {"status"});
+        const std::string output = Tool(machine, {"monitor", "status"});
         EXPECT_THAT(output, AllOf(HasSubstr(line), HasSubstr(toDo)));
         EXPECT_EQ(output.find("FAILED") != output.npos, broken) << output;
     };
     expect("missing", "-> kestctl monitor install", true);
-    Monitor(machine, {"install"});
+    Install(machine);
     expect("SLP version 2, service:printer at 239.255.255.253", "loaded          yes", false);
 
-    machine.SetNumber(kPort, L"Protocol", 1);
+    machine.Set(kPort, L"Protocol", DWORD{1});
     expect("not configured", "kestctl port set \"MY PORT\" --address", true);
-    machine.SetNumber(kPort, L"Double Spool", 0);
-    machine.SetText(kPort, L"IPAddress", L"10.0.0.1");
+    machine.Set(kPort, L"Double Spool", DWORD{0});
+    machine.Set(kPort, L"IPAddress", L"10.0.0.1");
     WriteAll(machine.system / "SLPConf.xml", "<broken");
     expect("no well-formed XML", "docs/SLPConf.md", false);  // nobody needs it yet
-    machine.SetNumber(kPort, L"AlwaysPrint", 1);
+    machine.Set(kPort, L"AlwaysPrint", DWORD{1});
     expect("cannot follow", "kestctl port set \"MY PORT\" --follow", true);
-    machine.SetText(kPort, L"HostName", L"prn-1");
+    machine.Set(kPort, L"HostName", L"prn-1");
     expect("no well-formed XML", "docs/SLPConf.md", true);
-    WriteAll(machine.system / "SLPConf.xml", "<slp_config/>");
-    expect("SLP version 0, (none) at (none)", "fill in", true);
     fs::remove(machine.system / "SLPConf.xml");
     expect("no port follows", "-> kestctl monitor install", true);
     WriteAll(machine.system / "SLPConf.xml", machine.shipped);
@@ -227,11 +227,32 @@ TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     machine.loaded.clear();
     expect("loaded          no", "restart the spooler", true);
     machine.running.clear();
-    expect("stopped", "net start spooler", true);
-    machine.disabled = true;
-    const std::string json = Monitor(machine, {"status", "--json"});
-    EXPECT_THAT(json, HasSubstr("\"state\": \"disabled\""));
+    expect("disabled", "net start spooler", true);
+    const std::string json = Tool(machine, {"monitor", "status", "--json"});
     EXPECT_EQ(nlohmann::json::parse(json.substr(0, json.rfind("FAILED")))["ports"], 1);
+}
+
+TEST(SelfTest, TakesEverythingAwayWhenItFailsAndWhenItIsInterrupted) {
+    FakeMachine machine;
+    FakeMonitor& monitor = machine.monitor;
+    monitor.accepts = 100'000;  // its connection breaks
+    EXPECT_THAT(Tool(machine, {"selftest", "--direct"}),
+                AllOf(HasSubstr("FAILED  RAW"), HasSubstr("FAILED  LPR"),
+                      HasSubstr("ok      clean-up"), HasSubstr("the self-test failed")));
+    EXPECT_TRUE(monitor.ports.empty());
+
+    // This monitor sends nothing: the job would be waited for, for a minute.
+    monitor.accepts = SIZE_MAX;
+    std::jthread user([&monitor] {
+        while (!monitor.ended) {
+            Sleep(10);
+        }
+        Interruption::Note(CTRL_C_EVENT);
+    });
+    EXPECT_THAT(
+        Tool(machine, {"selftest", "--direct"}),
+        AllOf(HasSubstr("ended   RAW"), HasSubstr("ok      clean-up"), HasSubstr("INTERRUPTED")));
+    EXPECT_TRUE(monitor.ports.empty());
 }
 
 }  // namespace

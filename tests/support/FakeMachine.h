@@ -12,9 +12,9 @@
 
 #include "admin/MonitorKey.h"
 #include "admin/WindowsMachine.h"
+#include "tests/support/FakeMonitor.h"
 
 namespace fs = std::filesystem;
-using Services = std::vector<std::wstring>;
 
 inline std::string ReadAll(const fs::path& file) {
     std::ifstream stream(file, std::ios::binary);
@@ -41,8 +41,8 @@ class FakeMachine : public WindowsMachine {
     fs::path package = root / "package";
     const std::string shipped = ReadAll(BUILT "/SLPConf.xml");
 
-    bool elevated = true, x64 = true, disabled = false;
-    bool busy = false;                                      // the spooler keeps the monitor
+    FakeMonitor monitor;  // what stands behind the spooler's channel
+    bool elevated = true;
     std::set<std::wstring> running = {L"Spooler", L"Fax"};  // Fax hangs on the spooler
     std::string loaded;   // bytes of the kestmon.dll that the spooler has loaded
     std::string refused;  // bytes of one that it cannot load
@@ -59,16 +59,14 @@ class FakeMachine : public WindowsMachine {
         WriteAll(package / "SLPConf.xml", major == 1 ? shipped : "<another");
     }
 
-    void SetNumber(const std::wstring& below, LPCWSTR value, DWORD number) {
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (PrintKey() + below).c_str(), value, REG_DWORD, &number,
-                        sizeof(number));
-    }
-    void SetText(const std::wstring& below, LPCWSTR value, const std::wstring& text) {
-        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (PrintKey() + below).c_str(), value, REG_SZ,
-                        text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+    // Writes a value below the spooler's key: a number or a text.
+    template <class Value>
+    void Set(const std::wstring& key, LPCWSTR name, const Value& value) {
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (PrintKey() + key).c_str(), name,
+                        std::is_array_v<Value> ? REG_SZ : REG_DWORD, &value, sizeof(value));
     }
 
-    // All that set-up may change, but what goes at the next start. Of a library, its release.
+    // All that set-up may change; of a library, its release.
     std::map<std::wstring, std::string> State() {
         const auto shown = [](const std::string& bytes) {
             const size_t version = bytes.find("\xBD\x04\xEF\xFE");
@@ -80,9 +78,7 @@ class FakeMachine : public WindowsMachine {
             {L"driver", RegisteredDriver(*this).empty() ? "" : "registered"},
             {L"ports", std::to_string(StoredPorts(*this).size())}};
         for (const auto& entry : fs::directory_iterator(system)) {
-            if (std::ranges::find(atNextStart, entry.path()) == atNextStart.end()) {
-                state[entry.path().filename()] = shown(ReadAll(entry.path()));
-            }
+            state[entry.path().filename()] = shown(ReadAll(entry.path()));
         }
         for (const std::wstring& service : running) {
             state[L"service " + service];
@@ -91,41 +87,36 @@ class FakeMachine : public WindowsMachine {
     }
 
     bool IsElevated() override { return elevated; }
-    bool IsX64() override { return x64; }
     fs::path SystemFolder() override { return system; }
     std::vector<fs::path> TemporaryFolders() override { return {temporary}; }
     std::wstring PrintKey() override { return L"SOFTWARE\\kest-machine-" + process; }
     ServiceState SpoolerState() override {
-        return running.contains(L"Spooler") ? ServiceState::Running
-               : disabled                   ? ServiceState::Disabled
-                                            : ServiceState::Stopped;
+        return running.contains(L"Spooler") ? ServiceState::Running : ServiceState::Disabled;
     }
-    Services RunningDependents() override {
-        return running.contains(L"Fax") ? Services{L"Fax"} : Services();
+    std::vector<std::wstring> RunningDependents() override {
+        return std::vector<std::wstring>(running.count(L"Fax"), L"Fax");
     }
     DWORD Stop(const std::wstring& name, const Waiting&) override {
-        if (Fails() || (name == L"Spooler" && running.contains(L"Fax"))) {
-            return ERROR_DEPENDENT_SERVICES_RUNNING;
+        if (Fails()) {
+            return ERROR_SERVICE_REQUEST_TIMEOUT;
         }
         running.erase(name);
-        loaded = running.contains(L"Spooler") ? loaded : "";
+        loaded.resize(name == L"Spooler" ? 0 : loaded.size());
         return ERROR_SUCCESS;
     }
     DWORD Start(const std::wstring& name, const Waiting&) override {
-        if (Fails() || (name == L"Fax" && !running.contains(L"Spooler"))) {
-            return ERROR_SERVICE_DEPENDENCY_FAIL;
+        if (Fails()) {
+            return ERROR_SERVICE_LOGON_FAILED;
         }
-        if (running.insert(name).second && name == L"Spooler" && !RegisteredDriver(*this).empty()) {
-            Load();
-        }
-        return ERROR_SUCCESS;
+        running.insert(name);
+        return name == L"Spooler" && !RegisteredDriver(*this).empty() ? Load() : ERROR_SUCCESS;
     }
     DWORD AddToSpooler() override {
-        const bool fails = Fails() || (Load(), loaded.empty());
-        return fails ? ERROR_PROC_NOT_FOUND : WindowsMachine::Register();
+        return Fails() || (Load(), loaded.empty()) ? ERROR_PROC_NOT_FOUND
+                                                   : WindowsMachine::Register();
     }
     DWORD DeleteFromSpooler() override {
-        if (busy || Fails()) {
+        if (Fails()) {
             return ERROR_PRINT_MONITOR_IN_USE;
         }
         loaded.clear();
@@ -159,9 +150,10 @@ class FakeMachine : public WindowsMachine {
 
   private:
     bool Fails() { return ++steps == failing; }
-    void Load() {
+    DWORD Load() {
         loaded = ReadAll(system / "kestmon.dll");
         loaded = loaded == refused ? "" : loaded;
+        return ERROR_SUCCESS;
     }
     void CleanUp() {
         std::error_code ignored;
