@@ -5,19 +5,13 @@
 
 #include "admin/CommandFailed.h"
 #include "admin/Hosts.h"
+#include "admin/SetupSteps.h"
 #include "admin/Text.h"
 #include "diag/Resource.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr wchar_t kLogFile[] = L"KestSetupWizard.log";
-
-bool Exists(const fs::path& path) {
-    std::error_code ignored;
-    return fs::exists(path, ignored);
-}
 
 // As the monitor itself reads it: the file beside the library. The library is mapped, not started.
 ConfigurationState ReadConfiguration(const fs::path& folder, Config& configuration) {

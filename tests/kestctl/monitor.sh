@@ -37,7 +37,6 @@ for file in kestmon.dll slp64.dll SLPConf.xml; do
     cmp "$system/$file" "$build/bin/$file"
 done
 wine reg query "$key\\Monitors\\kestmon" /v Driver | grep -q 'REG_SZ *kestmon.dll'
-expect 0 "nothing to do" monitor install
 expect 1 "-> net start spooler" monitor status
 wine reg add "$key\\Monitors\\kestmon\\Ports\\OFFICE" /v Protocol /t REG_DWORD /d 1 >/dev/null
 expect 1 "not configured" monitor status --json
@@ -46,12 +45,8 @@ expect 1 "Laser on OFFICE" monitor remove
 wine reg delete "$key\\Printers\\Laser" /f >/dev/null
 echo '<mine' >"$system/SLPConf.xml"
 expect 1 "no well-formed XML" monitor status
-rm "$system/slp64.dll" # and what is missing is mended, without touching what is not
-expect 0 "slp64.dll 1" monitor install
-[ "$(<"$system/SLPConf.xml")" = '<mine' ]
 expect 0 "kestmon is removed" monitor remove
 same_as_before remove
-expect 0 "nothing to do" monitor remove
 expect 1 "kestmon.dll is missing" monitor install --from "Z:$folder"
 
 # A spooler that runs, and does not take the monitor: Wine's gives it no registry.

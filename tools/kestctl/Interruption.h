@@ -30,7 +30,6 @@ class Interruption {
 
     bool Requested() const { return requested_; }
 
-  private:
     // Called on a thread of the system's.
     static BOOL WINAPI Note(DWORD event) {
         if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
@@ -40,5 +39,6 @@ class Interruption {
         return !requested_.exchange(true);
     }
 
+  private:
     static inline std::atomic<bool> requested_ = false;
 };

@@ -14,6 +14,7 @@
 #include "admin/PortStore.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortJson.h"
 #include "tools/kestctl/SpoolerHost.h"
 
@@ -49,6 +50,7 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
                      "Also an older release over a newer one, and over\n"
                      "libraries that are damaged or another product's");
     command.callback([arguments, &machine] {
+        const Interruption untilDone;  // Ctrl-C must not leave the spooler stopped
         const fs::path package = arguments->from.empty()
                                      ? SpoolerHost::LibraryBesideProgram().parent_path()
                                      : fs::absolute(ToWide(arguments->from));
@@ -116,6 +118,7 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
                      "the spooler if it has to be; and write over the\n"
                      "files of --keep-ports");
     command.callback([arguments, openChannel, &machine] {
+        const Interruption untilDone;
         CheckRemoval(machine, arguments->force);
         if (!arguments->keepPorts.empty()) {
             KeepPorts(arguments->keepPorts, arguments->force, machine, openChannel);

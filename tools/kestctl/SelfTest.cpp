@@ -2,7 +2,7 @@
 #include <winsock2.h>
 #include <windows.h>
 
-#include <atomic>
+#include <algorithm>
 #include <chrono>
 #include <iomanip>
 #include <iostream>
@@ -15,6 +15,7 @@
 #include "admin/Text.h"
 #include "diag/Resource.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/LoopbackPrinter.h"
 
 namespace {
@@ -26,37 +27,6 @@ constexpr size_t kLprSize = 64 << 10;  // bytes
 constexpr size_t kChunk = 16 << 10;
 constexpr std::chrono::seconds kArrival(60);  // the spooler may have other jobs to do
 constexpr std::chrono::seconds kRelease(15);  // until the spooler lets go of a port
-
-// While this object lives, Ctrl-C ends nothing by itself: it is asked for between two steps, so
-// that what was made is taken away again.
-class Interruption {
-  public:
-    Interruption() {
-        interrupted = false;
-        SetConsoleCtrlHandler(OnEvent, TRUE);
-    }
-    ~Interruption() { SetConsoleCtrlHandler(OnEvent, FALSE); }
-    Interruption(const Interruption&) = delete;
-    Interruption& operator=(const Interruption&) = delete;
-
-    static void Check() {
-        if (interrupted) {
-            throw CommandFailed("interrupted");
-        }
-    }
-
-  private:
-    static BOOL WINAPI OnEvent(DWORD event) {
-        interrupted = true;
-        // A console that closes, a user who logs off: Windows ends the process when this returns.
-        if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
-            Sleep(INFINITE);
-        }
-        return TRUE;
-    }
-
-    static inline std::atomic<bool> interrupted = false;
-};
 
 // A name that no port and no queue has.
 std::wstring UniqueName(const wchar_t* protocol) {
@@ -86,7 +56,7 @@ class TestPort {
     ~TestPort() {
         try {
             Delete();
-        } catch (...) {  // told by who deleted it first
+        } catch (...) {  // who wants to know calls Delete before
         }
     }
     TestPort(const TestPort&) = delete;
@@ -101,8 +71,8 @@ class TestPort {
             try {
                 DeletePort(channel_, name_);
                 there_ = false;
-            } catch (const CommandFailed&) {
-                if (Clock::now() >= end) {
+            } catch (const CommandFailed& failed) {
+                if (failed.remedy != Remedy::MovePrinter || Clock::now() >= end) {
                     there_ = false;
                     throw;
                 }
@@ -179,27 +149,6 @@ std::string Document(size_t size) {
     return document;
 }
 
-void Send(PrintJob& job, const std::string& document) {
-    for (size_t sent = 0; sent < document.size();) {
-        Interruption::Check();
-        sent += job.Write(reinterpret_cast<const BYTE*>(document.data()) + sent,
-                          std::min(kChunk, document.size() - sent));
-    }
-    job.End();
-}
-
-std::string Receive(LoopbackPrinter& printer) {
-    for (const auto end = Clock::now() + kArrival; Clock::now() < end;) {
-        Interruption::Check();
-        if (auto job = printer.WaitForJob(std::chrono::milliseconds(200))) {
-            return std::move(*job);
-        }
-    }
-    throw CommandFailed("the job did not arrive in " + std::to_string(kArrival.count()) +
-                        " s: look at the spooler's events (Event Viewer, PrintService/Admin), and "
-                        "try --direct");
-}
-
 // Where the first octet differs, or the sizes do.
 void Compare(const std::string& sent, const std::string& arrived) {
     if (sent != arrived) {
@@ -213,105 +162,143 @@ void Compare(const std::string& sent, const std::string& arrived) {
     }
 }
 
-// The lines that tell what worked.
-class Lines {
-  public:
-    // Does a step and tells how it went. What it throws becomes its line.
-    //   step: returns words for the line.
-    // Returns true when it worked.
-    template <class Step>
-    bool Do(const std::string& what, Step step) {
-        try {
-            Print("ok      ", what, step());
-            return true;
-        } catch (const CommandFailed& failed) {
-            Print("FAILED  ", what, Explained(failed));
-        } catch (const std::exception& error) {
-            Print("FAILED  ", what, error.what());
-        }
-        failed_ = true;
-        return false;
-    }
-    bool Failed() const { return failed_; }
-
-  private:
-    static void Print(const char* result, std::string what, const std::string& words) {
-        what.resize(10, ' ');
-        std::cout << result << what << words << std::endl;
-    }
-
-    bool failed_ = false;
-};
-
 // One protocol's printer and port, and the queue that the spooler needs.
 struct Way {
-    Way(SpoolerChannel& channel, DWORD protocol, const wchar_t* protocolName, bool direct)
-        : printer(protocol), port(channel, UniqueName(protocolName), protocol, printer.Port()) {
-        if (!direct) {
-            queue = std::make_unique<TestQueue>(port.Name());
-        }
-    }
+    Way(SpoolerChannel& channel, DWORD protocol, const wchar_t* name)
+        : printer(protocol), port(channel, UniqueName(name), protocol, printer.Port()) {}
 
     LoopbackPrinter printer;
     TestPort port;
     std::unique_ptr<TestQueue> queue;
 };
 
-std::string Print(SpoolerChannel& channel, Way& way, size_t size, const std::string& controlledBy) {
-    Interruption::Check();
-    const auto begin = Clock::now();
-    const std::string document = Document(size);
-    {
-        const auto job = channel.StartJob(way.port.Name(), L"kestctl selftest",
-                                          way.queue ? way.port.Name() : ToWide(controlledBy));
-        Send(*job, document);
-    }
-    Compare(document, Receive(way.printer));
-    std::ostringstream text;
-    text << size / 1024 << " KiB arrived, every byte the same, in " << std::fixed
-         << std::setprecision(1) << std::chrono::duration<double>(Clock::now() - begin).count()
-         << " s";
-    return text.str();
-}
+class SelfTest {
+  public:
+    // queues: print through queues on the ports; else jobs go straight to them.
+    // controlledBy: the printer that a job without a queue is controlled by.
+    SelfTest(bool queues, std::wstring controlledBy)
+        : queues_(queues), controlledBy_(std::move(controlledBy)) {}
 
-// Returns true when all worked.
-bool RunSelfTest(const ChannelFactory& openChannel, bool direct, const std::string& controlledBy) {
-    const Interruption interruption;
-    Lines lines;
-    std::unique_ptr<SpoolerChannel> channel;
-    std::unique_ptr<Way> raw;
-    std::unique_ptr<Way> lpr;
-    const auto opened = lines.Do("monitor", [&] {
-        StartedNetwork();
-        channel = openChannel();
-        return std::to_string(channel->PortNames().size()) + " ports, asked " +
-               (direct ? "past the spooler" : "through the print spooler");
-    });
-    const auto made = opened && lines.Do("ports", [&] {
-        raw = std::make_unique<Way>(*channel, kProtocolRaw, L"RAW", direct);
-        lpr = std::make_unique<Way>(*channel, kProtocolLpr, L"LPR", direct);
-        return std::string(direct ? "made and read back"
-                                  : "made and read back, with a queue each") +
-               ": RAW to 127.0.0.1:" + std::to_string(raw->printer.Port()) +
-               ", LPR to :" + std::to_string(lpr->printer.Port());
-    });
-    if (made) {
-        lines.Do("RAW", [&] { return Print(*channel, *raw, kRawSize, controlledBy); });
-        lines.Do("LPR", [&] { return Print(*channel, *lpr, kLprSize, controlledBy); });
-    }
-    if (opened) {
-        lines.Do("clean-up", [&] {
-            for (const auto& way : {raw.get(), lpr.get()}) {
-                if (way != nullptr) {
-                    way->queue.reset();
-                    way->port.Delete();
-                }
-            }
-            return std::string("what was made is taken away again");
+    // Prints a line for each step. Returns true when all worked. Throws Interrupted, with
+    // everything taken away again.
+    bool Run(const ChannelFactory& openChannel) {
+        Step("monitor", [&] {
+            StartedNetwork();
+            channel_ = openChannel();
+            return std::to_string(channel_->PortNames().size()) + " ports, asked " +
+                   (queues_ ? "through the print spooler" : "past the spooler");
         });
+        if (channel_ != nullptr && Step("ports", [this] { return MakePorts(); })) {
+            Step("RAW", [this] { return Print(*raw_, kRawSize); });
+            Step("LPR", [this] { return Print(*lpr_, kLprSize); });
+        }
+        if (channel_ != nullptr) {
+            cleaning_ = true;
+            Step("clean-up", [this] { return CleanUp(); });
+        }
+        if (interruption_.Requested()) {
+            throw Interrupted();
+        }
+        return !failed_;
     }
-    return !lines.Failed();
-}
+
+  private:
+    // Does a step and prints how it went.
+    //   step: returns words for the line.
+    // Returns true when it worked.
+    template <class Action>
+    bool Step(const std::string& what, Action action) {
+        std::string result = "ok";
+        std::string words;
+        try {
+            CheckInterruption();
+            words = action();
+        } catch (const Interrupted&) {
+            result = "ended";
+            words = "by Ctrl-C";
+        } catch (const CommandFailed& failed) {
+            result = "FAILED";
+            words = Explained(failed);
+        } catch (const std::exception& error) {
+            result = "FAILED";
+            words = error.what();
+        }
+        std::cout << std::left << std::setw(8) << result << std::setw(10) << what << words
+                  << std::endl;
+        failed_ = failed_ || result != "ok";
+        return result == "ok";
+    }
+
+    void CheckInterruption() const {
+        if (interruption_.Requested() && !cleaning_) {
+            throw Interrupted();
+        }
+    }
+
+    std::string MakePorts() {
+        raw_ = std::make_unique<Way>(*channel_, kProtocolRaw, L"RAW");
+        lpr_ = std::make_unique<Way>(*channel_, kProtocolLpr, L"LPR");
+        if (queues_) {
+            raw_->queue = std::make_unique<TestQueue>(raw_->port.Name());
+            lpr_->queue = std::make_unique<TestQueue>(lpr_->port.Name());
+        }
+        return std::string("made and read back") + (queues_ ? ", with a queue each" : "") +
+               ": RAW to 127.0.0.1:" + std::to_string(raw_->printer.Port()) +
+               ", LPR to 127.0.0.1:" + std::to_string(lpr_->printer.Port());
+    }
+
+    std::string Print(Way& way, size_t size) {
+        const auto begin = Clock::now();
+        const std::string document = Document(size);
+        {
+            const auto job = channel_->StartJob(way.port.Name(), L"kestctl selftest",
+                                                queues_ ? way.port.Name() : controlledBy_);
+            for (size_t sent = 0; sent < size;) {
+                CheckInterruption();
+                sent += job->Write(reinterpret_cast<const BYTE*>(document.data()) + sent,
+                                   std::min(kChunk, size - sent));
+            }
+            job->End();
+        }
+        Compare(document, Receive(way.printer));
+        const std::chrono::duration<double> time = Clock::now() - begin;
+        std::ostringstream text;
+        text << size / 1024 << " KiB arrived, every byte the same, in " << std::fixed
+             << std::setprecision(1) << time.count() << " s";
+        return text.str();
+    }
+
+    std::string Receive(LoopbackPrinter& printer) const {
+        for (const auto end = Clock::now() + kArrival; Clock::now() < end;) {
+            CheckInterruption();
+            if (auto job = printer.WaitForJob(std::chrono::milliseconds(200))) {
+                return std::move(*job);
+            }
+        }
+        throw CommandFailed("the job did not arrive in " + std::to_string(kArrival.count()) +
+                            " s: look at the spooler's events (Event Viewer, "
+                            "PrintService/Admin), and try --direct");
+    }
+
+    std::string CleanUp() {
+        for (const auto& way : {raw_.get(), lpr_.get()}) {
+            if (way != nullptr) {
+                way->queue.reset();
+                way->port.Delete();
+            }
+        }
+        return "what was made is taken away again";
+    }
+
+    const bool queues_;
+    const std::wstring controlledBy_;
+    const Interruption interruption_;
+    bool failed_ = false;
+    bool cleaning_ = false;
+    std::unique_ptr<SpoolerChannel> channel_;
+    std::unique_ptr<Way> raw_;
+    std::unique_ptr<Way> lpr_;
+};
 
 }  // namespace
 
@@ -328,7 +315,7 @@ void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel) {
                     "are controlled by (the default printer)")
         ->check(NotEmpty());
     command.callback([printer, openChannel, &app] {
-        if (!RunSelfTest(openChannel, IsDirect(app), *printer)) {
+        if (!SelfTest(!IsDirect(app), ToWide(*printer)).Run(openChannel)) {
             throw CommandFailed("the self-test failed");
         }
     });
