@@ -138,6 +138,9 @@ TEST(MonitorCommands, InstallRefusesBeforeItChangesAnything) {
     machine.elevated = false;
     refuses("as administrator");
     machine.elevated = true;
+    machine.x64 = false;
+    refuses("not an x64 one");
+    machine.x64 = true;
     const std::string library = ReadAll(machine.package / "slp64.dll");
     machine.MakePackage(2);
     WriteAll(machine.package / "slp64.dll", library);
