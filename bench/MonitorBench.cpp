@@ -7,61 +7,15 @@
 #include <winsplp.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "bench/SideBySide.h"
 #include "tests/support/ImportPatch.h"
 
 namespace {
-
-constexpr size_t kMebibyte = 1024 * 1024;
-
-double Seconds(const std::function<void()>& work) {
-    const auto begin = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-[[noreturn]] void Fail(const char* what) {
-    printf("bench: %s (error %lu)\n", what, GetLastError());
-    ExitProcess(1);
-}
-
-// Takes whatever is sent to it, on loopback, and closes when the sender has.
-class Sink {
-  public:
-    Sink() : listener_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)) {
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        listen(listener_, SOMAXCONN);
-        int size = sizeof(address);
-        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
-        std::thread([this] {
-            std::vector<char> buffer(kMebibyte);
-            for (SOCKET job; (job = accept(listener_, nullptr, nullptr)) != INVALID_SOCKET;) {
-                while (recv(job, buffer.data(), static_cast<int>(buffer.size()), 0) > 0) {
-                }
-                closesocket(job);
-            }
-        }).detach();
-    }
-
-    sockaddr_in address = {};
-
-  private:
-    SOCKET listener_;
-};
 
 struct Library {
     Library() {
@@ -215,8 +169,8 @@ void SendBare(const sockaddr_in& to, const std::vector<char>& chunk, size_t tota
     closesocket(job);
 }
 
-void CompareJobs(const char* title, int rounds, int jobs, size_t bytes, size_t chunkSize,
-                 double aim, bool throughput) {
+// Each job offers its bytes in pieces of chunkSize.
+void CompareJobs(const Comparison& what, size_t bytes, size_t chunkSize) {
     const Sink sink;
     FreeSpooler spooler(1, ntohs(sink.address.sin_port));
     spooler.Start();
@@ -226,45 +180,18 @@ void CompareJobs(const char* title, int rounds, int jobs, size_t bytes, size_t c
         Fail("OpenPort");
     }
     const std::vector<char> chunk(chunkSize, 'k');
-    std::vector<double> ratios;
-    printf("\n%s\n  %-6s %12s %12s %8s\n", title, "round", "bare", "monitor", "ratio");
-    for (int round = 1; round <= rounds; ++round) {
-        const auto bare = [&] {
-            return Seconds([&] {
-                for (int job = 0; job < jobs; ++job) {
-                    SendBare(sink.address, chunk, bytes);
-                }
-            });
-        };
-        const auto monitored = [&] {
-            return Seconds([&] {
-                for (int job = 0; job < jobs; ++job) {
-                    spooler.Print(port, chunk, bytes);
-                }
-            });
-        };
-        double bareTime = 0;
-        double monitorTime = 0;
-        if (round % 2 == 1) {  // neither side always goes first
-            bareTime = bare();
-            monitorTime = monitored();
-        } else {
-            monitorTime = monitored();
-            bareTime = bare();
-        }
-        if (throughput) {
-            const double mebibytes = static_cast<double>(bytes) / kMebibyte;
-            ratios.push_back(bareTime / monitorTime);
-            printf("  %-6d %7.0f MiB/s %7.0f MiB/s %8.3f\n", round, mebibytes / bareTime,
-                   mebibytes / monitorTime, ratios.back());
-        } else {
-            ratios.push_back(monitorTime / bareTime);
-            printf("  %-6d %9.3f ms %9.3f ms %8.3f\n", round, 1000 * bareTime / jobs,
-                   1000 * monitorTime / jobs, ratios.back());
-        }
-    }
-    printf("  median ratio %.3f (aim: at %s %.2f)\n", Median(ratios), throughput ? "least" : "most",
-           aim);
+    Compare(
+        what,
+        [&] {
+            for (int job = 0; job < what.jobs; ++job) {
+                SendBare(sink.address, chunk, bytes);
+            }
+        },
+        [&] {
+            for (int job = 0; job < what.jobs; ++job) {
+                spooler.Print(port, chunk, bytes);
+            }
+        });
     spooler.table->pfnClosePort(port);
     spooler.Stop();
 }
@@ -322,9 +249,20 @@ int main(int argumentCount, char** arguments) {
         printf("%f\n", LoadAndList(std::stoul(arguments[1])));
         return 0;
     }
-    CompareJobs("One RAW job of 1 GiB in chunks of 64 KiB, WritePort beside send", 7, 1,
-                1024 * kMebibyte, 64 * 1024, 0.97, true);
-    CompareJobs("1,000 RAW jobs of 1 KiB, time for each", 7, 1000, 1024, 1024, 1.3, false);
+    CompareJobs({.title = "One RAW job of 1 GiB in chunks of 64 KiB, WritePort beside send",
+                 .name = "monitor",
+                 .rounds = 7,
+                 .jobs = 1,
+                 .mebibytes = 1024,
+                 .aim = 0.97},
+                1024 * kMebibyte, 64 * 1024);
+    CompareJobs({.title = "1,000 RAW jobs of 1 KiB, time for each",
+                 .name = "monitor",
+                 .rounds = 7,
+                 .jobs = 1000,
+                 .mebibytes = 0,
+                 .aim = 1.3},
+                1024, 1024);
     CompareManyPorts(arguments[0], 9);
     return 0;
 }
