@@ -11,8 +11,8 @@ cp -a "$WINEPREFIX"/{*.reg,.update-timestamp,.kest-ready,dosdevices} "$work/wine
 cp -al "$WINEPREFIX/drive_c" "$work/wine/drive_c"
 rm -rf "$work/wine/drive_c/windows/Temp" "$work/wine"/drive_c/users/*/Temp
 export WINEPREFIX=$work/wine
-wine_up
 at_exit "rm -rf '$work'"
+wine_up
 
 drive=$WINEPREFIX/drive_c
 program="$drive/Program Files/kestmon"
