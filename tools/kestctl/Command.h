@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "admin/CommandFailed.h"
+#include "admin/Machine.h"
 #include "admin/PrinterIdentity.h"
 #include "admin/SpoolerChannel.h"
 
@@ -56,3 +57,4 @@ void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);
 void AddFindCommand(CLI::App& app);
 void AddSettingsCommands(CLI::App& app);
+void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine);

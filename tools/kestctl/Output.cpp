@@ -64,6 +64,15 @@ std::string Explained(const CommandFailed& failed) {
                    ": check that it is on, that `kestctl slp find` shows it with the attributes "
                    "that SLPConf.xml names (docs/SLPConf.md explains how), and that no firewall "
                    "keeps UDP port 427 from it";
+        case Remedy::UnpackRelease:
+            return message +
+                   ": unpack the whole archive into a folder of its own, and run kestctl from there "
+                   "or name the folder with --from";
+        case Remedy::Force:
+            return message + "; --force does it all the same";
+        case Remedy::MoveQueues:
+            return message +
+                   ": move them to other ports, or remove it all the same with --force";
     }
     return message;
 }

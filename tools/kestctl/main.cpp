@@ -14,6 +14,7 @@
 #include "tools/kestctl/Command.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
+#include "admin/WindowsMachine.h"
 
 namespace {
 
@@ -92,6 +93,8 @@ int Run() {
     AddSlpCommands(app);
     AddSettingsCommands(app);
     AddFindCommand(app);
+    WindowsMachine machine;
+    AddMonitorCommands(app, openChannel, machine);
     app.footer("Examples:" + Examples(app));
 
     try {
