@@ -9,7 +9,6 @@ wine_prefix
 mkdir "$work/wine"
 cp -a "$WINEPREFIX"/{*.reg,.update-timestamp,.kest-ready,dosdevices} "$work/wine"
 cp -al "$WINEPREFIX/drive_c" "$work/wine/drive_c"
-rm -rf "$work/wine/drive_c/windows/Temp" "$work/wine"/drive_c/users/*/Temp
 export WINEPREFIX=$work/wine
 at_exit "rm -rf '$work'"
 wine_up
