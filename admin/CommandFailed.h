@@ -19,9 +19,9 @@ enum class Remedy {
     MovePrinter,     // a printer still prints to the port
     AddPrinter,      // no printer prints to the port
     CheckSearch,     // printers do not answer: attributes, SLPConf.xml, firewall
-    UnpackRelease,  // the release's files are not together
-    Force,          // it can be done all the same
-    MoveQueues,     // printers print to the ports that are to go; or all the same
+    UnpackRelease,   // the release's files are not together
+    Force,           // it can be done all the same
+    MoveQueues,      // printers print to the ports that are to go; or all the same
 };
 
 // Ends an action. The message says what went wrong.

@@ -1,51 +1,27 @@
 #include "admin/Installation.h"
 
 #include <algorithm>
-#include <iterator>
 #include <system_error>
 
 #include "admin/CommandFailed.h"
 #include "admin/MonitorKey.h"
 #include "admin/PackageFiles.h"
+#include "admin/SetupSteps.h"
 #include "admin/Text.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr wchar_t kCopySuffix[] = L".kest-new";  // a new file on its way
-constexpr wchar_t kAsideSuffix[] = L".kest-old";  // a file that was replaced
-constexpr wchar_t kLogFile[] = L"KestSetupWizard.log";
-
-bool Exists(const fs::path& path) {
-    std::error_code ignored;
-    return fs::exists(path, ignored);
-}
-
-std::string Name(const fs::path& path) {
-    return ToUtf8(path.filename().native());
-}
-
-void Require(DWORD code, const std::string& failure) {
-    if (code != ERROR_SUCCESS) {
-        throw CommandFailed(failure + ": " + ErrorText(code), code == ERROR_ACCESS_DENIED
-                                                                  ? Remedy::RunAsAdministrator
-                                                                  : Remedy::None);
-    }
-}
-
-// A line every five seconds of waiting.
-Waiting Patiently(const Report& report, const std::string& what) {
-    return [&report, what, seconds = 0]() mutable {
-        if (++seconds % 5 == 0) {
-            report("  waiting for " + what + ", " + std::to_string(seconds) + " s");
-        }
-    };
-}
-
-// What was done so far, and how to take it back.
+// What was done so far, and how to take it back: for whatever ends before Commit.
 class Undo {
   public:
+    Undo() = default;
+    ~Undo() { TakeBack(); }
+    Undo(const Undo&) = delete;
+    Undo& operator=(const Undo&) = delete;
+
+    void Commit() { steps_.clear(); }
     void Add(const std::string& what, std::function<DWORD()> takeBack) {
         steps_.push_back({what, std::move(takeBack)});
     }
@@ -69,102 +45,10 @@ class Undo {
     std::vector<Step> steps_;
 };
 
-// The first free name of those under which a replaced file is set aside: the one before may still
-// be in use.
-fs::path AsideName(const fs::path& file) {
-    fs::path aside = file.native() + kAsideSuffix;
-    for (int i = 2; Exists(aside); ++i) {
-        aside = file.native() + kAsideSuffix + std::to_wstring(i);
-    }
-    return aside;
-}
-
-// Deletes a file. One that is in use gets out of the way of a file of its name that may come, and
-// goes at the next start of Windows.
-DWORD Discard(Machine& machine, const fs::path& file, const Report& report) {
-    if (!Exists(file) || machine.Delete(file) == ERROR_SUCCESS) {
-        return ERROR_SUCCESS;
-    }
-    fs::path left = file;
-    if (file.native().find(kAsideSuffix) == std::wstring::npos) {
-        if (const fs::path aside = AsideName(file); machine.Move(file, aside) == ERROR_SUCCESS) {
-            left = aside;
-        }
-    }
-    const DWORD code = machine.DeleteAtNextStart(left);
-    if (code == ERROR_SUCCESS) {
-        report("  " + Name(file) + " is still in use; Windows deletes it (" +
-               ToUtf8(left.native()) + ") at its next start");
-    }
-    return code;
-}
-
-// Everything of a name in a folder that set-up may have left there: set aside, or on its way.
-std::vector<fs::path> Remains(const fs::path& folder, const std::wstring& name) {
-    std::vector<fs::path> found;
-    std::error_code ignored;
-    for (const wchar_t* suffix : {kCopySuffix, kAsideSuffix}) {
-        const std::wstring start = name + suffix;
-        for (const auto& entry : fs::directory_iterator(folder, ignored)) {
-            if (entry.path().filename().native().starts_with(start)) {
-                found.push_back(entry.path());
-            }
-        }
-    }
-    return found;
-}
-
-// Stopped for the length of an update, with all that hangs on it.
-class SpoolerPause {
-  public:
-    SpoolerPause(Machine& machine, const Report& report) : machine_(machine), report_(report) {}
-
-    // Throws CommandFailed; what was stopped until then waits for Resume.
-    void Stop() {
-        std::vector<std::wstring> services = machine_.RunningDependents();
-        services.emplace_back(kSpoolerService);
-        for (const std::wstring& name : services) {
-            const std::string text = ToUtf8(name);
-            report_("stopping " + text);
-            if (std::ranges::find(stopped_, name) == stopped_.end()) {
-                stopped_.push_back(name);  // one that stops too late is started again, too
-            }
-            Require(machine_.Stop(name, Patiently(report_, text)),
-                    "the service " + text + " does not stop");
-        }
-    }
-
-    // Starts what was stopped, the spooler first; without it, the others wait for the next Resume.
-    // Returns the failure of the spooler; those of others are told.
-    DWORD Resume() {
-        for (; !stopped_.empty(); stopped_.pop_back()) {
-            const std::wstring name = stopped_.back();
-            const std::string text = ToUtf8(name);
-            report_("starting " + text);
-            const DWORD code = machine_.Start(name, Patiently(report_, text));
-            if (code != ERROR_SUCCESS && name == kSpoolerService) {
-                return code;
-            }
-            if (code != ERROR_SUCCESS) {
-                report_("  it does not start: " + ErrorText(code) + "; start it by hand: net start " +
-                        text);
-            }
-        }
-        return ERROR_SUCCESS;
-    }
-
-  private:
-    Machine& machine_;
-    const Report& report_;
-    std::vector<std::wstring> stopped_;
-};
-
 // A file that goes into the system folder.
 struct NewFile {
     fs::path source;
     fs::path target;
-
-    fs::path Copy() const { return target.native() + kCopySuffix; }
 };
 
 // What a run has to do.
@@ -173,12 +57,6 @@ struct Plan {
     std::vector<NewFile> files;
     bool stopSpooler = false;
 };
-
-void RequireElevated(Machine& machine) {
-    if (!machine.IsElevated()) {
-        throw CommandFailed("this needs an administrator's rights", Remedy::RunAsAdministrator);
-    }
-}
 
 void CheckMachine(Machine& machine) {
     if (!machine.IsX64()) {
@@ -204,10 +82,11 @@ FileVersion CheckPackage(const fs::path& package, const fs::path& folder) {
             continue;
         }
         if (!version || !version->ours) {
-            throw CommandFailed(Name(file) + (Exists(file) ? " is damaged, or not kestmon's, in "
-                                                           : " is missing in ") +
-                                    ToUtf8(package.native()),
-                                Remedy::UnpackRelease);
+            throw CommandFailed(
+                Name(file) +
+                    (Exists(file) ? " is damaged, or not kestmon's, in " : " is missing in ") +
+                    ToUtf8(package.native()),
+                Remedy::UnpackRelease);
         }
         if (release && release->number != version->number) {
             throw CommandFailed("the files in " + ToUtf8(package.native()) +
@@ -257,10 +136,13 @@ void PlanLibraries(Plan& plan, Machine& machine, const fs::path& package,
                                     installed->Text() + ", this would make it " + release.Text(),
                                 Remedy::Force);
         }
-        report("  " + Name(file.target) +
-               (installed ? ": " + installed->Text() + " becomes " + release.Text()
-                          : " " + release.Text() + " is new"));
-        plan.stopSpooler = plan.stopSpooler || machine.IsInUse(file.target);
+        const bool same = installed && installed->number == release.number;
+        report("  " + Name(file.target) + " " +
+               (same        ? release.Text() + " is not as it was released, and is replaced"
+                : installed ? installed->Text() + " becomes " + release.Text()
+                            : release.Text() + " is new"));
+        // The optional one is loaded by programs, which keep the old one until they end.
+        plan.stopSpooler = plan.stopSpooler || (!optional && machine.IsInUse(file.target));
         plan.files.push_back(file);
     }
 }
@@ -288,7 +170,7 @@ void PlanConfiguration(Plan& plan, const fs::path& package, const fs::path& fold
 // New files beside the old ones, under names that nobody looks for.
 void CopyFiles(const Plan& plan, Machine& machine, Undo& undo, const Report& report) {
     for (const NewFile& file : plan.files) {
-        const fs::path copy = file.Copy();
+        const fs::path copy = CopyName(file.target);
         undo.Add("delete " + ToUtf8(copy.native()),
                  [&machine, &report, copy] { return Discard(machine, copy, report); });
         Require(machine.Copy(file.source, copy),
@@ -310,7 +192,7 @@ std::vector<fs::path> SwapFiles(const Plan& plan, Machine& machine, Undo& undo) 
             asides.push_back(AsideName(file.target));
             move(file.target, asides.back());
         }
-        move(file.Copy(), file.target);
+        move(CopyName(file.target), file.target);
     }
     return asides;
 }
@@ -322,9 +204,9 @@ bool Register(Machine& machine, Undo& undo) {
     const bool hadDriver = !RegisteredDriver(machine).empty();
     if (machine.SpoolerState() != ServiceState::Running) {
         if (!hadDriver) {
+            Require(machine.Register(), "the monitor cannot be registered");
             undo.Add("unregister the monitor",
                      [&machine, hadKey] { return machine.Unregister(hadKey); });
-            Require(machine.Register(), "the monitor cannot be registered");
         }
         return false;
     }
@@ -344,8 +226,9 @@ bool Register(Machine& machine, Undo& undo) {
         Require(machine.ListsMonitor(listed), "the print spooler does not list its monitors");
     }
     if (!listed) {
-        throw CommandFailed("the print spooler has not loaded the monitor: see its events (Event "
-                            "Viewer, Microsoft-Windows-PrintService/Admin)");
+        throw CommandFailed(
+            "the print spooler has not loaded the monitor: see its events (Event "
+            "Viewer, Microsoft-Windows-PrintService/Admin)");
     }
     return true;
 }
@@ -361,66 +244,7 @@ const char* SpoolerWord(ServiceState state) {
     return state == ServiceState::Disabled ? "is disabled" : "does not run";
 }
 
-// The steps of RemoveMonitor.
-
-void Unregister(Machine& machine, bool force, const Report& report) {
-    bool listed = false;
-    if (machine.SpoolerState() == ServiceState::Running) {
-        Require(machine.ListsMonitor(listed), "the print spooler does not list its monitors");
-    }
-    SpoolerPause pause(machine, report);
-    if (listed) {
-        const DWORD code = machine.DeleteFromSpooler();
-        if (code != ERROR_SUCCESS && !force) {
-            throw CommandFailed("the print spooler does not let go of the monitor, nothing was "
-                                "removed: " +
-                                    ErrorText(code),
-                                Remedy::Force);
-        }
-        if (code != ERROR_SUCCESS) {
-            report("the print spooler does not let go of the monitor: " + ErrorText(code));
-            try {
-                pause.Stop();
-            } catch (const CommandFailed& failed) {
-                pause.Resume();
-                throw CommandFailed(failed.what() + std::string("; nothing was removed"));
-            }
-        }
-    }
-    const DWORD unregistered =
-        MonitorKeyExists(machine) ? machine.Unregister(false) : ERROR_SUCCESS;
-    Require(pause.Resume(), "the print spooler does not start again");
-    Require(unregistered, "the monitor's registry key cannot be deleted");
-}
-
-// What is on the machine of the monitor's files.
-std::vector<fs::path> InstalledFiles(Machine& machine, const Report& report) {
-    const fs::path folder = machine.SystemFolder();
-    std::vector<fs::path> files;
-    const auto add = [&](const wchar_t* name, bool ours) {
-        const fs::path file = folder / name;
-        if (Exists(file) && ours) {
-            files.push_back(file);
-        } else if (Exists(file)) {
-            report("  " + ToUtf8(file.native()) + " is not kestmon's, and stays");
-        }
-        std::ranges::copy(Remains(folder, name), std::back_inserter(files));
-    };
-    for (const PackageLibrary& library : kPackageLibraries) {
-        const std::optional<FileVersion> version = ReadFileVersion(folder / library.name);
-        add(library.name, version && version->ours);
-    }
-    add(kConfigurationFile, true);
-    add(kNewConfigurationFile, true);
-    return files;
-}
-
 }  // namespace
-
-bool HasOwnConfiguration(Machine& machine) {
-    const fs::path file = machine.SystemFolder() / kConfigurationFile;
-    return Exists(file) && !IsShippedConfiguration(file);
-}
 
 void InstallMonitor(Machine& machine, const fs::path& package, bool force, const Report& report) {
     CheckMachine(machine);
@@ -440,8 +264,8 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
     std::ranges::for_each(lines, report);
 
     plan.stopSpooler = plan.stopSpooler && machine.SpoolerState() == ServiceState::Running;
-    Undo undo;
     SpoolerPause pause(machine, report);
+    Undo undo;
     std::vector<fs::path> asides;
     bool loaded = false;
     try {
@@ -465,11 +289,12 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
         loaded = Register(machine, undo);
     } catch (const CommandFailed& failed) {
         const std::string left = undo.TakeBack();
-        throw CommandFailed(failed.what() +
-                                (left.empty() ? "; everything is as it was before"
-                                              : "; and not all could be taken back" + left),
-                            failed.remedy);
+        throw CommandFailed(
+            failed.what() + (left.empty() ? "; everything is as it was before"
+                                          : "; and not all could be taken back" + left),
+            failed.remedy);
     }
+    undo.Commit();
     for (const fs::path& aside : asides) {
         Discard(machine, aside, report);
     }
@@ -477,64 +302,4 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
            (loaded ? "and the print spooler has loaded it"
                    : std::string("and the print spooler, which ") +
                          SpoolerWord(machine.SpoolerState()) + ", loads it when it starts"));
-}
-
-void CheckRemoval(Machine& machine, bool force) {
-    RequireElevated(machine);
-    if (const std::vector<StoredQueue> queues = QueuesOnPorts(machine); !queues.empty() && !force) {
-        std::string users;
-        for (const auto& [queue, port] : queues) {
-            users += (users.empty() ? "" : ", ") + ToUtf8(queue) + " on " + ToUtf8(port);
-        }
-        throw CommandFailed("printers print to its ports: " + users, Remedy::MoveQueues);
-    }
-}
-
-void RemoveMonitor(Machine& machine, bool force, const Report& report) {
-    CheckRemoval(machine, force);
-    const std::vector<fs::path> files = InstalledFiles(machine, report);
-    if (files.empty() && !MonitorKeyExists(machine)) {
-        report("kestmon is not installed; nothing to do");
-        return;
-    }
-    const size_t ports = StoredPorts(machine).size();
-    Unregister(machine, force, report);
-    report("the monitor is no longer registered; its ports are gone: " + std::to_string(ports));
-    std::string failures;
-    const auto discard = [&](const fs::path& file) {
-        if (const DWORD code = Discard(machine, file, report); code != ERROR_SUCCESS) {
-            failures += "; " + ToUtf8(file.native()) + ": " + ErrorText(code);
-        }
-    };
-    std::ranges::for_each(files, discard);
-    for (const fs::path& folder : machine.TemporaryFolders()) {
-        discard(folder / kLogFile);
-    }
-    for (const auto& [folder, count] : LeftoverJobs(machine)) {
-        report("  " + ToUtf8(folder.native()) + " holds " + std::to_string(count) +
-               " files NPM*.tmp: data of jobs that a daemon never took, unless another program "
-               "made them; look at them and delete them");
-    }
-    if (!failures.empty()) {
-        throw CommandFailed("kestmon is no longer a monitor of the spooler, but files are left" +
-                            failures);
-    }
-    report("kestmon is removed");
-}
-
-std::vector<Leftovers> LeftoverJobs(Machine& machine) {
-    std::vector<Leftovers> all;
-    for (const fs::path& folder : machine.TemporaryFolders()) {
-        Leftovers found = {folder};
-        std::error_code ignored;
-        for (const auto& entry : fs::directory_iterator(folder, ignored)) {
-            std::wstring name = entry.path().filename().native();
-            CharUpperW(name.data());
-            found.count += name.starts_with(L"NPM") && name.ends_with(L".TMP");
-        }
-        if (found.count != 0) {
-            all.push_back(found);
-        }
-    }
-    return all;
 }

@@ -2,13 +2,10 @@
 #pragma once
 
 #include <filesystem>
-#include <functional>
-#include <string>
+#include <vector>
 
 #include "admin/Machine.h"
-
-// Takes one line about what happens (UTF-8), for whoever watches.
-using Report = std::function<void(const std::string& line)>;
+#include "admin/SetupSteps.h"
 
 // Installs the monitor, updates it, or mends what is missing or damaged of it. All or nothing: when
 // a step fails, those before it are taken back, and what was there works as before. The spooler is

@@ -20,9 +20,9 @@ std::vector<std::wstring> Subkeys(const UniqueRegistryKey& key) {
     std::vector<std::wstring> names;
     wchar_t name[256];
     DWORD length = 0;
-    while (length = 256, key && RegEnumKeyExW(key.Get(), static_cast<DWORD>(names.size()), name,
-                                              &length, nullptr, nullptr, nullptr,
-                                              nullptr) == ERROR_SUCCESS) {
+    while (length = 256,
+           key && RegEnumKeyExW(key.Get(), static_cast<DWORD>(names.size()), name, &length, nullptr,
+                                nullptr, nullptr, nullptr) == ERROR_SUCCESS) {
         names.emplace_back(name, length);
     }
     return names;

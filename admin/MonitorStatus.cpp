@@ -5,19 +5,13 @@
 
 #include "admin/CommandFailed.h"
 #include "admin/Hosts.h"
+#include "admin/SetupSteps.h"
 #include "admin/Text.h"
 #include "diag/Resource.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr wchar_t kLogFile[] = L"KestSetupWizard.log";
-
-bool Exists(const fs::path& path) {
-    std::error_code ignored;
-    return fs::exists(path, ignored);
-}
 
 // As the monitor itself reads it: the file beside the library. The library is mapped, not started.
 ConfigurationState ReadConfiguration(const fs::path& folder, Config& configuration) {
@@ -28,8 +22,8 @@ ConfigurationState ReadConfiguration(const fs::path& folder, Config& configurati
     if (!std::ifstream(file)) {
         return ConfigurationState::Unreadable;
     }
-    const UniqueLibrary library(LoadLibraryExW((folder / kMonitorLibrary).c_str(), nullptr,
-                                               DONT_RESOLVE_DLL_REFERENCES));
+    const UniqueLibrary library(
+        LoadLibraryExW((folder / kMonitorLibrary).c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES));
     if (!library) {
         return ConfigurationState::NotChecked;
     }
@@ -61,10 +55,12 @@ bool MonitorStatus::OneRelease() const {
 }
 
 bool MonitorStatus::Works() const {
-    return std::ranges::all_of(libraries, [](const InstalledLibrary& library) {
-               return (library.version && library.version->ours) ||
-                      (library.optional && !library.present);
-           }) && lstrcmpiW(driver.c_str(), kMonitorLibrary) == 0 && listed.value_or(true);
+    return std::ranges::all_of(libraries,
+                               [](const InstalledLibrary& library) {
+                                   return (library.version && library.version->ours) ||
+                                          (library.optional && !library.present);
+                               }) &&
+           lstrcmpiW(driver.c_str(), kMonitorLibrary) == 0 && listed.value_or(true);
 }
 
 MonitorStatus ReadMonitorStatus(Machine& machine) {

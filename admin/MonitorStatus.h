@@ -24,9 +24,9 @@ struct InstalledLibrary {
 enum class ConfigurationState {
     Good,
     Missing,
-    Unreadable,    // this user may not read it
+    Unreadable,  // this user may not read it
     NotWellFormed,
-    NotChecked,    // there is no kestmon.dll beside it that could be asked
+    NotChecked,  // there is no kestmon.dll beside it that could be asked
 };
 
 struct LogFileSize {

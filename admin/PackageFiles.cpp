@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cwchar>
 #include <fstream>
 #include <iterator>
 #include <vector>
+
+#include "diag/Resource.h"
 
 namespace {
 
@@ -32,30 +33,36 @@ std::string ReadText(const std::filesystem::path& file) {
     return text;
 }
 
+struct AlgorithmTraits {
+    using Type = BCRYPT_ALG_HANDLE;
+    static constexpr Type kNone = nullptr;
+    static void Close(Type algorithm) noexcept { BCryptCloseAlgorithmProvider(algorithm, 0); }
+};
+
+struct HashTraits {
+    using Type = BCRYPT_HASH_HANDLE;
+    static constexpr Type kNone = nullptr;
+    static void Close(Type hash) noexcept { BCryptDestroyHash(hash); }
+};
+
 // Empty where the platform has no SHA-256.
 std::string Sha256(std::string& text) {
+    UniqueResource<AlgorithmTraits> algorithm;
+    UniqueResource<HashTraits> state;
     std::array<unsigned char, 32> hash = {};
-    BCRYPT_ALG_HANDLE algorithm = nullptr;
-    BCRYPT_HASH_HANDLE state = nullptr;
-    const bool hashed =
-        BCryptOpenAlgorithmProvider(&algorithm, BCRYPT_SHA256_ALGORITHM, nullptr, 0) >= 0 &&
-        BCryptCreateHash(algorithm, &state, nullptr, 0, nullptr, 0, 0) >= 0 &&
-        BCryptHashData(state, reinterpret_cast<PUCHAR>(text.data()),
-                       static_cast<ULONG>(text.size()), 0) >= 0 &&
-        BCryptFinishHash(state, hash.data(), static_cast<ULONG>(hash.size()), 0) >= 0;
-    if (state != nullptr) {
-        BCryptDestroyHash(state);
-    }
-    if (algorithm != nullptr) {
-        BCryptCloseAlgorithmProvider(algorithm, 0);
+    if (BCryptOpenAlgorithmProvider(algorithm.Out(), BCRYPT_SHA256_ALGORITHM, nullptr, 0) < 0 ||
+        BCryptCreateHash(algorithm.Get(), state.Out(), nullptr, 0, nullptr, 0, 0) < 0 ||
+        BCryptHashData(state.Get(), reinterpret_cast<PUCHAR>(text.data()),
+                       static_cast<ULONG>(text.size()), 0) < 0 ||
+        BCryptFinishHash(state.Get(), hash.data(), static_cast<ULONG>(hash.size()), 0) < 0) {
+        return {};
     }
     std::string digits;
     for (const unsigned char byte : hash) {
-        char two[3];
-        snprintf(two, sizeof(two), "%02x", byte);
-        digits += two;
+        digits += "0123456789abcdef"[byte >> 4];
+        digits += "0123456789abcdef"[byte & 15];
     }
-    return hashed ? digits : std::string();
+    return digits;
 }
 
 }  // namespace
@@ -78,9 +85,9 @@ std::optional<FileVersion> ReadFileVersion(const std::filesystem::path& file) {
     const auto& fixed = *static_cast<const VS_FIXEDFILEINFO*>(value);
     FileVersion version;
     version.number = uint64_t{fixed.dwFileVersionMS} << 32 | fixed.dwFileVersionLS;
-    version.ours = VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductName", &value,
-                                  &size) &&
-                   size != 0 && wcsncmp(static_cast<const wchar_t*>(value), kProduct, size) == 0;
+    version.ours =
+        VerQueryValueW(block.data(), L"\\StringFileInfo\\040904B0\\ProductName", &value, &size) &&
+        size != 0 && wcsncmp(static_cast<const wchar_t*>(value), kProduct, size) == 0;
     return version;
 }
 

@@ -1,5 +1,8 @@
 #include "admin/PortSettings.h"
 
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
 #include <algorithm>
 #include <iterator>
 #include <string_view>
@@ -60,6 +63,16 @@ std::string CheckWord(const std::string& text, size_t room) {
     }
     return problem;
 }
+
+// Plain decimal: some readers of numbers take 010 for 8 and 0x1F for 31.
+std::string CheckNumber(const std::string& text, const std::string& what) {
+    const bool plain = !text.empty() && text.size() <= 5 && text[0] != '0' &&
+                       text.find_first_not_of("0123456789") == std::string::npos;
+    return plain && std::stoul(text) <= 65535 ? ""
+                                              : "'" + text + "' is no " + what + ": 1 to 65535";
+}
+
+constexpr char kForgetNothing[] = "cannot be forgotten";
 
 DWORD UsualPortNumber(DWORD protocol) {
     return protocol == kProtocolLpr ? kLprPortNumber : kRawPortNumber;
@@ -153,6 +166,9 @@ std::string CheckPortName(std::string& text) {
 }
 
 std::string CheckIPv4Address(std::string& text) {
+    if (text == "none") {
+        return kForgetNothing + std::string(": a port without an address has nowhere to send to");
+    }
     const std::string example = ": give it like 192.168.1.20";
     if (IsIPv6AddressText(text)) {
         return "'" + text + "' is an IPv6 address, not an IPv4 one";
@@ -182,6 +198,9 @@ std::string CheckIPv6Host(std::string& text) {
         !problem.empty()) {
         return problem;
     }
+    if (text == "none") {
+        return kForgetNothing + std::string("; an IPv4 address makes the port use that instead");
+    }
     if (text.find(':') == std::string::npos) {
         if (IsIPv4AddressText(text)) {
             return "'" + text + "' is an IPv4 address, not an IPv6 one";
@@ -197,12 +216,18 @@ std::string CheckIPv6Host(std::string& text) {
     if (!IsIPv6AddressText(text) || text.find('/') != std::string::npos) {
         return "'" + text + "' is not an IPv6 address: give it like fd00::20 or fe80::20%3";
     }
+    in6_addr bytes = {};
+    const std::string plain = text.substr(0, text.find('%'));
+    if (inet_pton(AF_INET6, plain.c_str(), &bytes) == 1 &&
+        (IN6_IS_ADDR_UNSPECIFIED(&bytes) || IN6_IS_ADDR_MULTICAST(&bytes))) {
+        return "'" + text + "' is no host's address: give it like fd00::20 or fe80::20%3";
+    }
     return {};
 }
 
 std::string CheckHostName(std::string& text) {
     if (text == "none") {
-        return "cannot be taken away from a port: delete the port and add it again without one";
+        return kForgetNothing + std::string(": delete the port and add it again without one");
     }
     return CheckText(text, Room(kEmpty.standard.sztHostAddress));
 }
@@ -235,21 +260,33 @@ std::string CheckMacAddress(std::string& text) {
     if (!IsMacAddressText(digits)) {
         return "'" + text + "' is not a MAC address: give it like 00:04:00:4a:1b:2c";
     }
+    // The lowest bit of the first byte marks a group's address, broadcast included.
+    if (digits == "000000000000" || (std::stoi(digits.substr(0, 2), nullptr, 16) & 1) != 0) {
+        return "'" + text + "' is no device's MAC address: give it like 00:04:00:4a:1b:2c";
+    }
     text = digits;
     return {};
 }
 
-std::string CheckNumber(std::string& text) {
-    const bool plain = !text.empty() && text[0] != '0' &&
-                       text.find_first_not_of("0123456789") == std::string::npos;
-    return plain ? "" : "'" + text + "' is not a decimal number";
+std::string CheckPortNumber(std::string& text) {
+    return CheckNumber(text, "TCP port");
+}
+
+std::string CheckSnmpIndex(std::string& text) {
+    return CheckNumber(text, "device index");
 }
 
 std::string CheckQueue(std::string& text) {
+    if (text == "none") {
+        return kForgetNothing + std::string("; lp is the usual one");
+    }
     return CheckWord(text, Room(kEmpty.standard.sztQueue));
 }
 
 std::string CheckCommunity(std::string& text) {
+    if (text == "none") {
+        return kForgetNothing + std::string("; SNMP status can be turned off");
+    }
     return CheckWord(text, Room(kEmpty.standard.sztSNMPCommunity));
 }
 

@@ -17,13 +17,15 @@ struct PortRecords {
 };
 
 // The checks of single values. Each takes the text as it was given (UTF-8), may bring it into the
-// form that is stored, and returns what is wrong with it, or nothing.
+// form that is stored, and returns what is wrong with it, or nothing. "none" means the same to all
+// of them: that the port is to forget the value; those that the monitor keeps say so.
 std::string CheckPortName(std::string& text);
 std::string CheckIPv4Address(std::string& text);
 std::string CheckIPv6Host(std::string& text);    // an IPv6 address or a host name
 std::string CheckHostName(std::string& text);    // the printer's own name, a key to search by
 std::string CheckMacAddress(std::string& text);  // stored as twelve digits; "none" as no text
-std::string CheckNumber(std::string& text);      // decimal, from 1
+std::string CheckPortNumber(std::string& text);  // decimal, 1 to 65535
+std::string CheckSnmpIndex(std::string& text);   // the same range
 std::string CheckQueue(std::string& text);
 std::string CheckCommunity(std::string& text);
 

@@ -1,17 +1,38 @@
-// The search for printers as administration uses it.
+// The search for printers as administration uses it: by the SLPConf.xml that the monitor reads, the
+// one beside the installed kestmon.dll or, where there is none, beside this program.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "discovery/PrinterDiscoveryClass.h"
 #include "admin/PrinterIdentity.h"
 
-// Sets a search for printers up from the SLPConf.xml that the monitor reads: the one beside the
-// installed kestmon.dll or, where there is none, beside this program.
-//   modelPattern: as PrinterDiscovery::Configure takes it.
-// Throws CommandFailed when the file is missing or broken.
-void SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern);
+// All functions here throw CommandFailed: when SLPConf.xml is missing or broken, when a request
+// cannot be made, and when a search for one printer does not find it.
+//   modelPattern: as PrinterDiscovery::Configure takes it; empty for all models.
 
-// Asks the printer at a host for its MAC address and its name. Throws CommandFailed when it does
-// not answer, or announces neither.
+// Searches for all printers whose model matches, and returns when nobody new answers: after about
+// 1 s, or 3.5 s without an answer, 5 s at most.
+//   found: called on this thread for each printer with an address, as it answers.
+//   goOn: asked on this thread, about five times a second; false ends the search at once.
+// Returns how many answered without an address in the attributes that SLPConf.xml names. What
+// `found` or `goOn` throws ends the search and goes on to the caller.
+size_t FindPrinters(const std::string& modelPattern,
+                    const std::function<void(const Printer&)>& found,
+                    const std::function<bool()>& goOn);
+
+// Search for one printer, as long as that; the record has an address.
+//   hostName: the whole name that it announces, in any letter case.
+//   host: where it is asked, an address or a name. A printer there that answers, but not as one
+//         with that address, is a failure that tells what it announces instead.
+Printer FindPrinterByMacAddress(const MacAddress& mac, const std::string& modelPattern);
+Printer FindPrinterByHostName(const std::string& hostName, const std::string& modelPattern);
+Printer FindPrinterAt(const std::string& host, const std::string& modelPattern);
+
+// Asks the printer at a host for its MAC address and its name; also fails when it announces
+// neither.
 PrinterIdentity IdentifyPrinter(const std::string& host);
+
+// A MAC address as administration writes it: twelve upper-case digits; empty for none.
+std::string MacText(const MacAddress& mac);

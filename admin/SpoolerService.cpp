@@ -84,6 +84,10 @@ class QueuedJob : public PrintJob {
         ended_ = true;
     }
 
+    void Abandon() noexcept override {
+        SetJobW(printer_.Get(), id_, 0, nullptr, JOB_CONTROL_DELETE);
+    }
+
     std::string Outcome() const override {
         return "in queue " + queue_ + " as job " + std::to_string(id_) +
                "; the spooler sends it from there";
@@ -126,7 +130,25 @@ std::vector<std::wstring> SpoolerService::PortNames() {
             names.emplace_back(info[i].pPortName);
         }
     }
+    if (names.empty()) {
+        RequireMonitor();
+    }
     return names;
+}
+
+// A monitor without ports and no monitor at all look the same in the list of ports.
+void SpoolerService::RequireMonitor() const {
+    const auto [buffer, count] = Enumerated<MONITOR_INFO_1W>(
+        "monitors", [](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+            return EnumMonitorsW(nullptr, 1, to, size, needed, returned);
+        });
+    const auto* info = reinterpret_cast<const MONITOR_INFO_1W*>(buffer.data());
+    if (std::none_of(info, info + count, [this](const MONITOR_INFO_1W& loaded) {
+            return lstrcmpiW(loaded.pName, monitor_.c_str()) == 0;
+        })) {
+        throw CommandFailed("the spooler has not loaded " + ToUtf8(monitor_),
+                            Remedy::InstallMonitor);
+    }
 }
 
 DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,

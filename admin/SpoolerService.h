@@ -21,6 +21,8 @@ class SpoolerService : public SpoolerChannel {
                                        const std::wstring& printer) override;
 
   private:
+    void RequireMonitor() const;
+
     std::wstring monitor_;
     UniquePrinter xcv_;  // opened by the first command
 };

@@ -51,17 +51,14 @@ DWORD WaitFor(const UniqueService& service, DWORD wanted, const Waiting& waiting
 // The spooler takes a monitor only from who may load drivers; administrators may, but have to say
 // that they want to.
 void EnableDriverPrivilege() {
-    HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) {
-        return;
-    }
+    UniqueFile token;
     TOKEN_PRIVILEGES privileges = {};
     privileges.PrivilegeCount = 1;
     privileges.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-    if (LookupPrivilegeValueW(nullptr, SE_LOAD_DRIVER_NAME, &privileges.Privileges[0].Luid)) {
-        AdjustTokenPrivileges(token, FALSE, &privileges, 0, nullptr, nullptr);
+    if (OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, token.Out()) &&
+        LookupPrivilegeValueW(nullptr, SE_LOAD_DRIVER_NAME, &privileges.Privileges[0].Luid)) {
+        AdjustTokenPrivileges(token.Get(), FALSE, &privileges, 0, nullptr, nullptr);
     }
-    CloseHandle(token);
 }
 
 // The spooler's environment is the system's, not this user's.
@@ -81,16 +78,12 @@ std::filesystem::path SpoolerTemporaryFolder() {
 }  // namespace
 
 bool WindowsMachine::IsElevated() {
-    HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
-        return false;
-    }
+    UniqueFile token;
     TOKEN_ELEVATION elevation = {};
     DWORD size = 0;
-    const BOOL known =
-        GetTokenInformation(token, TokenElevation, &elevation, sizeof(elevation), &size);
-    CloseHandle(token);
-    return known && elevation.TokenIsElevated != 0;
+    return OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.Out()) &&
+           GetTokenInformation(token.Get(), TokenElevation, &elevation, sizeof(elevation), &size) &&
+           elevation.TokenIsElevated != 0;
 }
 
 bool WindowsMachine::IsX64() {
@@ -148,8 +141,8 @@ std::vector<std::wstring> WindowsMachine::RunningDependents() {
     std::vector<BYTE> buffer(needed);
     auto* const records = reinterpret_cast<ENUM_SERVICE_STATUSW*>(buffer.data());
     std::vector<std::wstring> names;
-    if (needed != 0 && EnumDependentServicesW(service.Get(), SERVICE_ACTIVE, records, needed,
-                                              &needed, &count)) {
+    if (needed != 0 &&
+        EnumDependentServicesW(service.Get(), SERVICE_ACTIVE, records, needed, &needed, &count)) {
         std::transform(records, records + count, std::back_inserter(names),
                        [](const auto& record) { return record.lpServiceName; });
     }
@@ -159,18 +152,22 @@ std::vector<std::wstring> WindowsMachine::RunningDependents() {
 DWORD WindowsMachine::Stop(const std::wstring& name, const Waiting& waiting) {
     const UniqueService service = OpenServiceFor(name, SERVICE_STOP | SERVICE_QUERY_STATUS);
     SERVICE_STATUS status = {};
-    if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status) &&
-        GetLastError() != ERROR_SERVICE_NOT_ACTIVE &&
-        CurrentState(service) != SERVICE_STOP_PENDING) {
+    if (!service) {
         return GetLastError();
+    }
+    if (!ControlService(service.Get(), SERVICE_CONTROL_STOP, &status)) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_SERVICE_NOT_ACTIVE && CurrentState(service) != SERVICE_STOP_PENDING) {
+            return error;
+        }
     }
     return WaitFor(service, SERVICE_STOPPED, waiting);
 }
 
 DWORD WindowsMachine::Start(const std::wstring& name, const Waiting& waiting) {
     const UniqueService service = OpenServiceFor(name, SERVICE_START | SERVICE_QUERY_STATUS);
-    if (!::StartServiceW(service.Get(), 0, nullptr) &&
-        GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
+    if (!service || (!::StartServiceW(service.Get(), 0, nullptr) &&
+                     GetLastError() != ERROR_SERVICE_ALREADY_RUNNING)) {
         return GetLastError();
     }
     return WaitFor(service, SERVICE_RUNNING, waiting);

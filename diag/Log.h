@@ -17,6 +17,10 @@
 
 #include <source_location>
 #include <sstream>
+#include <string>
+
+// Where the calling process's log lies: "KestSetupWizard.log" in its folder for temporary files.
+std::wstring LogPath();
 
 namespace log_detail {
 

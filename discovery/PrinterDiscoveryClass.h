@@ -21,7 +21,11 @@ enum SearchType : int32_t { FIND_ALL = 0, FIND_IP = 1, FIND_MAC = 2, FIND_HOSTNA
 //   InitAllPrinterDiscovery, AssociateIFList if wanted, SearchForAllPrinterWithModelName,
 //   wait for the callback, read the list,
 //   StopSearchingForAllPrinterWithModelName, EndAllPrinterDiscovery.
-// Every step is logged. An object is used by one thread at a time.
+// The searches of one object are not to overlap: all fill one list, each on its own thread. A
+// search for all printers is ended (EndAllPrinterDiscovery, which waits for its thread) before a
+// search for one is begun, and before the next for all is: the end notification comes while its
+// thread still runs, so that none is begun from within it. Every step is logged. An object is used
+// by one thread at a time.
 class IPrinterDiscovery {
   public:
     // Reads SLPConf.xml and sets the model filter of all searches: a pattern for the whole model
@@ -31,8 +35,8 @@ class IPrinterDiscovery {
     virtual bool Configure(const std::string& modelPattern) = 0;
 
     // Look for one printer and return when the request is over (see DoSpecificSearch). They clear
-    // the list of found printers, and a search for all that is still running no longer tells when
-    // it ends.
+    // the list of found printers. A search for all is to be ended first; the end of one that was
+    // not is no longer told.
     //   hostName: the whole name as the printer announces it, in any letter case.
     //   ip: may be of a printer that does not answer pings: it is then asked by multicast.
     //   result: receives the printer; untouched when there is none.

@@ -23,6 +23,12 @@ BOOL LibraryMain(HMODULE module, DWORD reason) noexcept;
 // The module handle kept at attach.
 HMODULE LibraryModule() noexcept;
 
+// How an entry point refuses: sets the last error and gives FALSE.
+inline BOOL Refuse(DWORD error) noexcept {
+    SetLastError(error);
+    return FALSE;
+}
+
 // The MONITORINIT of InitializePrintMonitor2: spooler handle, root key and registry callbacks.
 void SetMonitorInit(MONITORINIT* init) noexcept;
 MONITORINIT* MonitorInit() noexcept;

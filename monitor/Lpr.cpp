@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "monitor/AnsiText.h"
 
@@ -35,18 +36,72 @@ AnsiText<kUserNameSize> UserName() {
     return AnsiText<kUserNameSize>(name);
 }
 
-// Sends once, under the lock. On an error the connection is closed.
-bool Send(PortEntry* port, const char* bytes, size_t length) {
-    LockGuard lock(PortListLock);
-    if (!port->socket) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return false;
+// For the length of a dialogue, sends take what there is room for and do not wait: each happens
+// under the lock. WritePort, which waits in its sends, holds no lock.
+class WithoutWaiting {
+  public:
+    explicit WithoutWaiting(PortEntry* port) noexcept : port_(port) { Set(1); }
+    ~WithoutWaiting() { Set(0); }
+    WithoutWaiting(const WithoutWaiting&) = delete;
+    WithoutWaiting& operator=(const WithoutWaiting&) = delete;
+
+  private:
+    // The last error is the dialogue's. A connection that was lost meanwhile is left alone: its
+    // socket's number may be another's by now.
+    void Set(u_long on) noexcept {
+        const DWORD lastError = GetLastError();
+        LockGuard lock(PortListLock);
+        if (on != 0) {
+            socket_ = port_->socket.Get();
+        }
+        if (socket_ != INVALID_SOCKET && socket_ == port_->socket.Get()) {
+            ioctlsocket(socket_, FIONBIO, &on);
+        }
+        SetLastError(lastError);
     }
-    if (send(port->socket.Get(), bytes, static_cast<int>(length), 0) == SOCKET_ERROR) {
-        const int error = WSAGetLastError();
-        port->socket.Reset();
-        WSASetLastError(error);
-        return false;
+
+    PortEntry* port_;
+    SOCKET socket_ = INVALID_SOCKET;
+};
+
+// Waits until the connection has room, outside the lock: a daemon that has stopped reading may keep
+// its own job waiting for as long as it likes, but nobody else's. Returns 0 or the socket's error.
+int WaitForRoom(PortEntry* port) {
+    fd_set writable;
+    FD_ZERO(&writable);
+    {
+        LockGuard lock(PortListLock);
+        FD_SET(port->socket.Get(), &writable);
+    }
+    return select(0, nullptr, &writable, nullptr, nullptr) == SOCKET_ERROR ? WSAGetLastError() : 0;
+}
+
+// Sends all the bytes, each piece once and under the lock. On an error the connection is closed,
+// behind the lock: that may take the whole linger time.
+bool Send(PortEntry* port, const char* bytes, size_t length) {
+    while (length > 0) {
+        int error = WaitForRoom(port);
+        UniqueSocket lost;
+        {
+            LockGuard lock(PortListLock);
+            if (!port->socket) {
+                return Refuse(ERROR_INVALID_HANDLE);
+            }
+            if (error == 0) {
+                const int sent = send(port->socket.Get(), bytes, static_cast<int>(length), 0);
+                error = sent == SOCKET_ERROR ? WSAGetLastError() : 0;
+                if (error == 0) {
+                    bytes += sent;
+                    length -= static_cast<size_t>(sent);
+                }
+            }
+            if (error == 0 || error == WSAEWOULDBLOCK) {
+                continue;
+            }
+            lost = std::move(port->socket);
+        }
+        lost.Reset();
+        return Refuse(static_cast<DWORD>(error));
     }
     return true;
 }
@@ -55,8 +110,7 @@ bool Send(PortEntry* port, const char* bytes, size_t length) {
 bool ReceiveAck(PortEntry* port) {
     LockGuard lock(PortListLock);
     if (!port->socket) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return false;
+        return Refuse(ERROR_INVALID_HANDLE);
     }
     const DWORD lastError = GetLastError();
     fd_set readable;
@@ -114,13 +168,20 @@ bool CreateTempFile(PortEntry* port) {
     return static_cast<bool>(port->tempFile);
 }
 
-// Sends the temporary file as far as its length was announced.
+// Sends the temporary file as far as its length was announced. A count that has gone beyond 2 GiB
+// is negative and announces nothing: the job then vanishes, as it always has. Kept on purpose, like
+// the running total itself.
+// Returns false when the file cannot be read to its end: the octet that says "complete" must not
+// follow then.
 bool SendTempFileData(PortEntry* port) {
     SetFilePointer(port->tempFile.Get(), 0, nullptr, FILE_BEGIN);
     for (LONG left = port->byteCount; left > 0;) {
         char chunk[kFileChunk];
         DWORD size = std::min<DWORD>(kFileChunk, static_cast<DWORD>(left));
-        if (!ReadFile(port->tempFile.Get(), chunk, size, &size, nullptr) || size == 0) {
+        if (!ReadFile(port->tempFile.Get(), chunk, size, &size, nullptr)) {
+            return false;
+        }
+        if (size == 0) {
             break;  // the count includes earlier jobs: the file's end is the usual end
         }
         if (!Send(port, chunk, size)) {
@@ -145,6 +206,7 @@ bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
         LockGuard lock(PortListLock);
         port->runningLprJob = ++port->lprJobNumber;
     }
+    const WithoutWaiting mode(port);
     const HostName host;
 
     // RFC 1179, 5.2: receive a printer job.
@@ -181,6 +243,7 @@ BOOL SpoolLprData(PortEntry* port, const BYTE* data, DWORD size, LPDWORD written
 }
 
 void EndLprJob(PortEntry* port) noexcept {
+    const WithoutWaiting mode(port);
     if (port->doubleSpool != 0 &&
         !(SendDataFileCommand(port, port->byteCount, HostName().text) && SendTempFile(port))) {
         return;

@@ -43,6 +43,8 @@ class Key {
     Key& operator=(const Key&) = delete;
     ~Key() {
         if (key_ != nullptr) {
+            // Not by the spooler's callback: a port's keys have always been closed so. Kept on
+            // purpose; the list of names closes its key by the callback.
             RegCloseKey(static_cast<HKEY>(key_));
         }
     }
@@ -224,6 +226,8 @@ DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept {
     *out = {};
     const SpoolerContext context;
     Key ports;
+    // For writing, though only the port's key is read: who may not write ports cannot have a job
+    // started. Kept on purpose, here and in ReadPortConfigEx.
     if (const DWORD error = ports.Open(Key::Root(), kPortsKey, KEY_WRITE); error != ERROR_SUCCESS) {
         return error;
     }
@@ -309,7 +313,8 @@ BOOL CreatePortKey(LPCWSTR portName) noexcept {
 }
 
 void DeletePortKey(LPCWSTR portName) noexcept {
-    if (portName == nullptr) {
+    // The registry takes an empty name for the key itself, which is all ports'.
+    if (portName == nullptr || *portName == L'\0') {
         return;
     }
     const SpoolerContext context;

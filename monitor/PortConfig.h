@@ -88,7 +88,7 @@ DWORD WritePortConfigEx(const PortDataEx* in) noexcept;
 // last error set, when it could not be made or the name is null.
 BOOL CreatePortKey(LPCWSTR portName) noexcept;
 
-// Deletes a port's key; reports nothing. A null name does nothing.
+// Deletes a port's key; reports nothing. A null or empty name does nothing.
 void DeletePortKey(LPCWSTR portName) noexcept;
 
 // Stores a printer's new address: addressText as "IPv6HostName" when isIPv6 is non-zero, else as

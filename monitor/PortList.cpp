@@ -3,6 +3,7 @@
 #include <cstring>
 #include <cwchar>
 #include <new>
+#include <utility>
 
 #include "resources/Resource.h"
 
@@ -136,29 +137,27 @@ PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name) noexcept {
     return port;
 }
 
-int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
-    PortEntry* port = FindPortEntry(monitor, name);
-    if (port == nullptr) {
-        return 0;
-    }
+int RemovePortEntry(MonitorHandle* monitor, PortEntry* port) noexcept {
     PortEntry* previous = nullptr;
-    for (PortEntry* entry = monitor->ports; entry != port; entry = entry->next) {
-        previous = entry;
+    PortEntry* entry = monitor->ports;
+    while (entry != nullptr && entry != port) {
+        previous = std::exchange(entry, entry->next);
+    }
+    if (entry == nullptr) {
+        return 0;
     }
     (previous != nullptr ? previous->next : monitor->ports) = port->next;
     if (monitor->lastPort == port) {
         monitor->lastPort = previous;
     }
+    port->monitor = nullptr;
     LetGoOfPort(port);
     return 1;
 }
 
 void RemoveAllPortEntries(MonitorHandle* monitor) noexcept {
-    monitor->lastPort = nullptr;
-    while (PortEntry* port = monitor->ports) {
-        monitor->ports = port->next;
-        port->monitor = nullptr;
-        LetGoOfPort(port);
+    while (monitor->ports != nullptr) {
+        RemovePortEntry(monitor, monitor->ports);
     }
 }
 
@@ -181,8 +180,7 @@ BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR, DWORD Level, LPBYTE pPorts, DWORD
         return FALSE;
     }
     if (pcbNeeded == nullptr || pcReturned == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     const DWORD lastError = GetLastError();
     const MonitorTexts texts;
@@ -199,12 +197,10 @@ BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR, DWORD Level, LPBYTE pPorts, DWORD
     }
     *pcbNeeded = static_cast<DWORD>(needed);
     if (needed > cbBuf) {
-        SetLastError(ERROR_INSUFFICIENT_BUFFER);
-        return FALSE;
+        return Refuse(ERROR_INSUFFICIENT_BUFFER);
     }
     if (needed > 0 && pPorts == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     *pcReturned = 0;
     if (Level != 1 && Level != 2) {
@@ -228,8 +224,7 @@ BOOL WINAPI OpenPort(HANDLE hMonitor, LPWSTR pName, PHANDLE pHandle) {
         return FALSE;
     }
     if (pName == nullptr || pHandle == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     LockGuard lock(PortListLock);
     for (PortEntry* port = monitor->ports; port != nullptr; port = port->next) {

@@ -14,6 +14,7 @@ constexpr DWORD kPortSignature = 0x00005450;     // "PT"
 
 constexpr DWORD kPortDeleted = 4;     // skipped by enumeration and removal; nothing here sets it
 constexpr DWORD kJobInProgress = 8;   // from StartDocPort to EndDocPort
+constexpr DWORD kJobEnding = 16;      // somebody is at the end of the job, and nobody else need be
 constexpr size_t kMaxPortName = 247;  // characters, without the terminator
 
 // One port: a single zero-filled block of the global allocator, with the name right behind the
@@ -32,7 +33,7 @@ struct PortEntry {
     UniqueBlock<BYTE> scratch;
     UniquePrinter printer;
     DWORD jobId = 0;
-    MonitorHandle* monitor = nullptr;
+    MonitorHandle* monitor = nullptr;  // null once the port has left the list
     UniqueAddressList addresses;
     BYTE lprJobNumber = 0;  // eight bits wide on purpose: it wraps from 255 to 0
     DWORD protocol = 0;     // kProtocolRaw or kProtocolLpr, as of the last job start
@@ -91,13 +92,12 @@ PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
 // Takes no lock.
 PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name) noexcept;
 
-// Takes the first port with this name (in any letter case) out of the list and lets go of it.
-// Takes no lock: callers hold PortListLock, or accept the race. Returns 1 when there was one, else
-// 0.
-int RemovePortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
+// Takes a port out of the list and lets go of it; nothing when it is not in there (any more). A
+// port that is still open starts no more jobs. Takes no lock: callers hold PortListLock, or accept
+// the race. Returns 1 when it was in the list, else 0.
+int RemovePortEntry(MonitorHandle* monitor, PortEntry* port) noexcept;
 
-// Lets go of all ports in the list, without a lock: for the monitor's end. A port that is still
-// open starts no more jobs.
+// Does the same with all ports in the list: for the monitor's end.
 void RemoveAllPortEntries(MonitorHandle* monitor) noexcept;
 
 // A job's hold on its port.

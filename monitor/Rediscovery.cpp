@@ -1,5 +1,7 @@
 #include "monitor/Rediscovery.h"
 
+#include <cwchar>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
@@ -37,43 +39,60 @@ bool FindPrinter(IPrinterDiscovery& search, const MacAddress& mac, const std::st
            (!hostName.empty() && search.FindPrinterByHostName(hostName, found));
 }
 
-// Stores the address in the records and in the registry. An answer without any valid address
-// counts as an IPv6 one: it empties the field, and the job fails where it connects.
-int StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& portData,
-                 PortDataEx& portDataEx) {
-    const std::wstring text = system_helper::ToWide(address.GetText());
+// Stores the address in the records and in the registry. An IPv4 address is stored as its four
+// bytes say: its text may name a port as well, and would be cut to a wrong one where the field
+// ends. An answer without any valid address counts as an IPv6 one: it empties the field, and the
+// job fails where it connects. Returns 0 or the registry's error.
+DWORD StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& portData,
+                   PortDataEx& portDataEx) {
     if (address.GetType() == IPV4) {
-        CopyTruncated(portData.sztIPAddress, text);
+        const unsigned char* bytes = address.GetBytes();
+        swprintf(portData.sztIPAddress, std::size(portData.sztIPAddress), L"%u.%u.%u.%u", bytes[0],
+                 bytes[1], bytes[2], bytes[3]);
         portDataEx.dwUseIPV6 = 0;
-        return static_cast<int>(WritePortAddress(portName, portData.sztIPAddress, 0));
+        return WritePortAddress(portName, portData.sztIPAddress, 0);
     }
-    CopyTruncated(portDataEx.sztIPv6HostName, text);
+    CopyTruncated(portDataEx.sztIPv6HostName, system_helper::ToWide(address.GetText()));
     portDataEx.dwUseIPV6 = 1;
-    return static_cast<int>(WritePortAddress(portName, portDataEx.sztIPv6HostName, 1));
+    return WritePortAddress(portName, portDataEx.sztIPv6HostName, 1);
+}
+
+// What RediscoverPrinter does, without a care for the last error.
+//   registryError: receives the registry's code when that is what failed.
+int Rediscover(const PortEntry& port, PORT_DATA_1& portData, PortDataEx& portDataEx,
+               DWORD& registryError) {
+    Printer found;
+    if (portDataEx.sztHWAddress[0] == L'\0' && portData.sztHostAddress[0] == L'\0') {
+        return kNotFound;
+    }
+    const std::unique_ptr<PrinterDiscovery> search(new (std::nothrow) PrinterDiscovery);
+    if (!search) {
+        // Not a failure, on purpose: the caller connects once more, to the old address, and
+        // reports what comes of that.
+        return 0;
+    }
+    Config::SetModule(LibraryModule());
+    search->Configure("");
+    if (!FindPrinter(*search, MacAddress(portDataEx.sztHWAddress),
+                     ToSingleBytes(portData.sztHostAddress), found)) {
+        return kNotFound;
+    }
+    registryError = StoreAddress(port.name, found.GetIPAddress(), portData, portDataEx);
+    return static_cast<int>(registryError);
 }
 
 }  // namespace
 
 int RediscoverPrinter(PortEntry* port, PORT_DATA_1* portData, PortDataEx* portDataEx) noexcept {
+    const DWORD connectError = GetLastError();
+    DWORD registryError = ERROR_SUCCESS;
+    int result = kNotFound;
     try {
-        Printer found;
-        if (portDataEx->sztHWAddress[0] == L'\0' && portData->sztHostAddress[0] == L'\0') {
-            return kNotFound;
-        }
-        const std::unique_ptr<PrinterDiscovery> search(new (std::nothrow) PrinterDiscovery);
-        if (!search) {
-            // Not a failure, on purpose: the caller connects once more, to the old address, and
-            // reports what comes of that.
-            return 0;
-        }
-        Config::SetModule(LibraryModule());
-        search->Configure("");
-        if (!FindPrinter(*search, MacAddress(portDataEx->sztHWAddress),
-                         ToSingleBytes(portData->sztHostAddress), found)) {
-            return kNotFound;
-        }
-        return StoreAddress(port->name, found.GetIPAddress(), *portData, *portDataEx);
+        result = Rediscover(*port, *portData, *portDataEx, registryError);
     } catch (...) {
-        return kNotFound;
     }
+    if (result != 0) {
+        SetLastError(registryError != ERROR_SUCCESS ? registryError : connectError);
+    }
+    return result;
 }

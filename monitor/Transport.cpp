@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdio>
 #include <cwchar>
+#include <utility>
 
 #include "monitor/Rediscovery.h"
 #include "monitor/AnsiText.h"
@@ -32,31 +33,54 @@ LPWSTR CopyName(LPCWSTR name) {
     return copy;
 }
 
-// Marks the port as busy. Returns false when it already is.
-bool BeginJob(PortEntry* port) {
+enum class Beginning { Begun, Busy, Deleted };
+
+// Marks the port as busy, unless it already is or has been deleted.
+Beginning BeginJob(PortEntry* port) {
     LockGuard lock(PortListLock);
+    if (port->monitor == nullptr) {
+        return Beginning::Deleted;
+    }
     if ((port->flags & kJobInProgress) != 0) {
-        return false;
+        return Beginning::Busy;
     }
     HoldPort(port);
     port->flags |= kJobInProgress;
-    return true;
+    return Beginning::Begun;
+}
+
+// True for the one caller who is to end the job that runs on the port, should two come at once.
+// Without the lock: the end of a job does not wait for another port's print daemon.
+bool ClaimEnd(PortEntry* port) {
+    DWORD flags = port->flags;
+    while ((flags & kJobInProgress) != 0 && (flags & kJobEnding) == 0) {
+        if (port->flags.compare_exchange_weak(flags, flags | kJobEnding)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void ReleaseJob(PortEntry* port) {
+    port->printer.Reset();
+    port->printerName.Reset();
+    port->flags &= ~(kJobInProgress | kJobEnding);
+    LetGoOfPort(port);
 }
 
 // Gives up a job that could not start; the last error stays that of the call that failed.
 void AbandonJob(PortEntry* port) {
     const DWORD error = GetLastError();
-    {
-        UniquePrinter printer;  // closed behind the lock
-        UniqueBlock<WCHAR> printerName;
-        LockGuard lock(PortListLock);
-        port->socket.Reset();
-        port->addresses.Reset();
-        printer = std::move(port->printer);
-        printerName = std::move(port->printerName);
-        port->flags &= ~kJobInProgress;
+    if (ClaimEnd(port)) {
+        UniqueSocket socket;  // closed behind the lock: that may take the whole linger time
+        UniqueAddressList addresses;
+        {
+            LockGuard lock(PortListLock);
+            socket = std::move(port->socket);
+            addresses = std::move(port->addresses);
+        }
+        ReleaseJob(port);
     }
-    LetGoOfPort(port);
     SetLastError(error);
 }
 
@@ -74,6 +98,8 @@ int ConnectPort(PortEntry* port, const PORT_DATA_1& data, const PortDataEx& data
     hints.ai_family = useIPv6 ? AF_INET6 : AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_protocol = IPPROTO_TCP;
+    // Out() lets go of the list of a first attempt, as the end of a failed start does of its own:
+    // nobody holds them, though only the end of a job was ever meant to.
     // The resolver takes an empty name for the local machine, which is no printer.
     const int resolved = host.text[0] == '\0'
                              ? WSAHOST_NOT_FOUND
@@ -152,18 +178,19 @@ BOOL WINAPI StartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD, 
     if (port == nullptr) {
         return FALSE;
     }
-    if (port->monitor == nullptr) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
+    switch (BeginJob(port)) {
+        case Beginning::Deleted:
+            return Refuse(ERROR_INVALID_HANDLE);
+        case Beginning::Busy:
+            return TRUE;
+        case Beginning::Begun:
+            break;
     }
-    if (!BeginJob(port)) {
+    if (StartJob(port, pPrinterName, JobId)) {
         return TRUE;
     }
-    if (!StartJob(port, pPrinterName, JobId)) {
-        AbandonJob(port);
-        return FALSE;
-    }
-    return TRUE;
+    AbandonJob(port);
+    return FALSE;
 }
 
 BOOL WINAPI WritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWritten) {
@@ -175,15 +202,13 @@ BOOL WINAPI WritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWrit
         *pcbWritten = 0;
     }
     if (pcbWritten == nullptr || (pBuffer == nullptr && cbBuf > 0)) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     if (port->protocol == kProtocolLpr && port->doubleSpool != 0) {
         return SpoolLprData(port, pBuffer, cbBuf, pcbWritten);
     }
     if (!port->socket) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
+        return Refuse(ERROR_INVALID_HANDLE);
     }
     const int sent =
         send(port->socket.Get(), reinterpret_cast<const char*>(pBuffer), SocketLength(cbBuf), 0);
@@ -204,13 +229,11 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
         return FALSE;
     }
     if (pcbRead == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     *pcbRead = 0;
     if (!port->socket) {
-        SetLastError(ERROR_INVALID_HANDLE);
-        return FALSE;
+        return Refuse(ERROR_INVALID_HANDLE);
     }
     if (port->protocol == kProtocolLpr) {
         return FALSE;
@@ -224,8 +247,7 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
         return ready == 0;
     }
     if (pBuffer == nullptr || cbBuffer == 0) {
-        SetLastError(WSAEMSGSIZE);
-        return FALSE;
+        return Refuse(WSAEMSGSIZE);
     }
     const int received =
         recv(port->socket.Get(), reinterpret_cast<char*>(pBuffer), SocketLength(cbBuffer), 0);
@@ -241,7 +263,7 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
 
 BOOL WINAPI EndDocPort(HANDLE hPort) {
     PortEntry* port = PortOf(hPort);
-    if (port == nullptr || (port->flags & kJobInProgress) == 0) {
+    if (port == nullptr || !ClaimEnd(port)) {
         return TRUE;
     }
     if (port->protocol == kProtocolLpr) {
@@ -255,12 +277,9 @@ BOOL WINAPI EndDocPort(HANDLE hPort) {
     }
     port->socket.Reset();
     port->addresses.Reset();
+    // Also for a job whose connection was lost: the restart that WritePort asked for is what the
+    // spooler goes by then. Kept on purpose.
     ControlJob(port, JOB_CONTROL_SENT_TO_PRINTER);
-    port->printer.Reset();
-    port->printerName.Reset();
-    // Whoever clears the flag ends the job, should two end it at once.
-    if ((port->flags.fetch_and(~kJobInProgress) & kJobInProgress) != 0) {
-        LetGoOfPort(port);
-    }
+    ReleaseJob(port);
     return TRUE;
 }

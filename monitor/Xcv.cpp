@@ -69,21 +69,30 @@ std::wstring TextAt(const BYTE* text, size_t most) {
     return result;
 }
 
-// Adds a port to the list and to the registry, or to neither. The last error says why not.
+// Adds a port to the list and to the registry, or to neither. The last error says why not:
+// ERROR_ALREADY_EXISTS when another caller has added one of this name since the spooler was asked.
 bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name) {
-    if (AddPortEntry(monitor, name) == nullptr) {
-        return false;
-    }
-    if (CreatePortKey(name)) {
-        return true;
-    }
-    const DWORD error = GetLastError();
+    PortEntry* port = nullptr;
     {
         LockGuard lock(PortListLock);
-        RemovePortEntry(monitor, name);
+        if (FindPortEntry(monitor, name) != nullptr) {
+            return Refuse(ERROR_ALREADY_EXISTS);
+        }
+        port = AddPortEntry(monitor, name);
+        if (port == nullptr) {
+            return false;
+        }
+        HoldPort(port);  // until here is decided whether it stays
     }
+    const bool created = CreatePortKey(name);
+    const DWORD error = GetLastError();
+    if (!created) {
+        LockGuard lock(PortListLock);
+        RemovePortEntry(monitor, port);
+    }
+    LetGoOfPort(port);
     SetLastError(error);
-    return false;
+    return created;
 }
 
 DWORD AddPort(const XcvCall& call) {
@@ -118,13 +127,13 @@ DWORD DeletePort(const XcvCall& call) {
     // One character more than a port can have: a longer name matches none.
     const std::wstring name = TextAt(call.input, kMaxPortName + 1);
     LockGuard lock(PortListLock);
-    const PortEntry* port = FindPortEntry(call.channel->monitor, name.c_str());
+    PortEntry* port = FindPortEntry(call.channel->monitor, name.c_str());
     if (port == nullptr) {
         return ERROR_FILE_NOT_FOUND;
     }
     // The key has the port's own spelling, to which the name given need only be equal.
     const std::wstring key = port->name;
-    RemovePortEntry(call.channel->monitor, name.c_str());
+    RemovePortEntry(call.channel->monitor, port);
     DeletePortKey(key.c_str());
     return ERROR_SUCCESS;
 }
@@ -143,6 +152,8 @@ DWORD SetRecord(const XcvCall& call) {
     }
     Record record;
     memcpy(&record, call.input, sizeof(record));
+    // Whatever the registry did: clients of this channel have always been told 0, and read the
+    // record back if they want to know. Kept on purpose.
     write(&record);
     return ERROR_SUCCESS;
 }
@@ -250,8 +261,7 @@ BOOL WINAPI XcvOpenPort(HANDLE hMonitor, LPCWSTR pszObject, ACCESS_MASK GrantedA
         return FALSE;
     }
     if (pszObject == nullptr || phXcv == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     const size_t nameSize = (wcslen(pszObject) + 1) * sizeof(WCHAR);
     void* block = GlobalAlloc(GPTR, sizeof(XcvHandle) + nameSize);
@@ -321,26 +331,25 @@ BOOL WINAPI AddPortEx(HANDLE hMonitor, LPWSTR pName, DWORD Level, LPBYTE lpBuffe
         return FALSE;
     }
     if (Level != 1 && Level != MAXDWORD) {
-        SetLastError(ERROR_INVALID_LEVEL);
-        return FALSE;
+        return Refuse(ERROR_INVALID_LEVEL);
     }
     LPCWSTR name = nullptr;
     if (lpBuffer != nullptr) {
         memcpy(&name, lpBuffer, sizeof(name));
     }
     if (name == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
+        return Refuse(ERROR_INVALID_PARAMETER);
     }
     DWORD error = ERROR_SUCCESS;
     if (PortExistsInSpooler(pName, name, error)) {
-        // Not ERROR_ALREADY_EXISTS, as the channel's AddPort says: this is what callers of the
-        // older interface have always got. Kept on purpose.
+        error = ERROR_ALREADY_EXISTS;
+    } else if (error == ERROR_SUCCESS) {
+        error = AddPortWithKey(monitor, name) ? ERROR_SUCCESS : GetLastError();
+    }
+    if (error == ERROR_ALREADY_EXISTS) {
+        // Not as the channel's AddPort says: this is what callers of the older interface have
+        // always got. Kept on purpose.
         error = ERROR_INVALID_PARAMETER;
     }
-    if (error != ERROR_SUCCESS) {
-        SetLastError(error);
-        return FALSE;
-    }
-    return AddPortWithKey(monitor, name);
+    return error == ERROR_SUCCESS ? TRUE : Refuse(error);
 }

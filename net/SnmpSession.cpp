@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <cstring>
 #include <new>
+#include <set>
 #include <span>
 #include <utility>
 
 #include "address/AddressText.h"
+#include "diag/Resource.h"
 #include "net/Network.h"
 
 const char kConfigMethodOid[] = "1.3.6.1.4.1.11.2.4.3.5.1.0";
@@ -24,7 +26,8 @@ constexpr int kNotAnAddress = 3;
 constexpr int kNoBlock = 5;
 constexpr int kNothingReceived = 11;
 constexpr int kNoMemory = 14;
-constexpr DWORD kTimeout = 5000;  // ms
+constexpr int kOthersAnswer = -1;  // no result of an operation
+constexpr DWORD kTimeout = 5000;   // ms
 
 constexpr char kCommunity[] = "snmpro";
 // The octet string has this length whatever the text's, and keeps it: printers are given the
@@ -32,8 +35,14 @@ constexpr char kCommunity[] = "snmpro";
 constexpr smiUINT32 kCommunityLength = 21;
 static_assert(sizeof kCommunity <= kCommunityLength);
 
-// Held while a callback runs, so that closing a session can wait for one that has begun.
-SRWLOCK callbackLock = SRWLOCK_INIT;
+// The library is started up for each session, but one cleanup ends all sessions of the process:
+// it is left to the last one that closes.
+SRWLOCK sessionsLock = SRWLOCK_INIT;
+int sessions;
+
+// The events of open sessions. A callback can come, or go on, when its session is closed.
+SRWLOCK eventsLock = SRWLOCK_INIT;
+std::set<HANDLE> events;
 
 // An object identifier that WinSNMP made.
 class SnmpOid {
@@ -118,8 +127,8 @@ bool HasOctets(smiUINT32 syntax) {
     }
 }
 
-// Takes the value at `index` (from 1) of an answer's list. A late answer to another question can
-// be the one that is received: the names must be those that were asked for.
+// Takes the value at `index` (from 1) of an answer's list, which must have the name that was asked
+// for.
 bool TakeResult(HSNMP_VBL answer, smiUINT32 index, const SnmpBinding& binding) {
     const SnmpOid asked(binding.oid);
     smiOID name = {};
@@ -148,11 +157,17 @@ SnmpValue::~SnmpValue() {
 }
 
 bool SnmpValue::GetInteger(unsigned& integer) const {
-    if (value_.syntax != SNMP_SYNTAX_INT) {
-        return false;
+    switch (value_.syntax) {
+        case SNMP_SYNTAX_INT:
+        case SNMP_SYNTAX_CNTR32:
+        case SNMP_SYNTAX_GAUGE32:
+        case SNMP_SYNTAX_TIMETICKS:
+        case SNMP_SYNTAX_UINT32:
+            integer = value_.value.uNumber;
+            return true;
+        default:
+            return false;
     }
-    integer = value_.value.uNumber;
-    return true;
 }
 
 bool SnmpValue::GetOctets(smiUINT32 syntax, std::string& octets) const {
@@ -178,30 +193,54 @@ bool SnmpValue::GetDottedText(smiUINT32 syntax, std::string& text) const {
 }
 
 void SnmpSession::CloseSession::operator()(HSNMP_SESSION session) const noexcept {
+    const ExclusiveGuard lock(sessionsLock);
     SnmpClose(session);
-    SnmpCleanup();
+    if (--sessions == 0) {
+        SnmpCleanup();
+    }
 }
 
 SNMPAPI_STATUS CALLBACK SnmpSession::Callback(HSNMP_SESSION, HWND, UINT, WPARAM, LPARAM,
                                               void* data) noexcept {
-    if (data != nullptr) {
-        AcquireSRWLockShared(&callbackLock);
+    const ExclusiveGuard lock(eventsLock);
+    if (events.contains(data)) {
         SetEvent(data);
-        ReleaseSRWLockShared(&callbackLock);
     }
     return 0;
 }
 
-void SnmpSession::Open(const IPAddress& target) {
-    Close();
+// From here to CloseEvent callbacks may set the event.
+void SnmpSession::OpenEvent() {
+    const ExclusiveGuard lock(eventsLock);
     replyEvent_.reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    if (replyEvent_) {
+        events.insert(replyEvent_.get());
+    }
+}
+
+void SnmpSession::CloseEvent::operator()(HANDLE event) const noexcept {
+    const ExclusiveGuard lock(eventsLock);
+    events.erase(event);
+    CloseHandle(event);
+}
+
+void SnmpSession::OpenSession() {
+    const ExclusiveGuard lock(sessionsLock);
     smiUINT32 unused[5] = {};
     const bool started =
         SnmpStartup(&unused[0], &unused[1], &unused[2], &unused[3], &unused[4]) != SNMPAPI_FAILURE;
     session_.reset(SnmpCreateSession(nullptr, 0, Callback, replyEvent_.get()));
-    if (started && !session_) {
+    if (session_) {
+        ++sessions;
+    } else if (started && sessions == 0) {
         SnmpCleanup();
     }
+}
+
+void SnmpSession::Open(const IPAddress& target) {
+    Close();
+    OpenEvent();
+    OpenSession();
     SnmpSetTranslateMode(SNMPAPI_UNTRANSLATED_V2);
 
     smiBYTE community[kCommunityLength] = {};
@@ -219,9 +258,6 @@ void SnmpSession::Close() {
     destEntity_.reset();
     context_.reset();
     session_.reset();
-    // A callback that began before the session was closed may not have set the event yet.
-    AcquireSRWLockExclusive(&callbackLock);
-    ReleaseSRWLockExclusive(&callbackLock);
     replyEvent_.reset();
 }
 
@@ -311,6 +347,23 @@ int SnmpSession::RequestOne(const std::string& oid, const smiVALUE* value, SnmpV
     return Request(*request);
 }
 
+// What a PDU says.
+struct SnmpSession::PduData {
+    explicit PduData(HSNMP_PDU pdu) noexcept {
+        smiINT type = 0;
+        smiINT errorIndex = 0;
+        HSNMP_VBL list = nullptr;
+        valid =
+            SnmpGetPduData(pdu, &type, &id, &errorStatus, &errorIndex, &list) != SNMPAPI_FAILURE;
+        bindings.reset(list);
+    }
+
+    bool valid = false;
+    smiINT32 id = 0;
+    smiINT errorStatus = 0;
+    UniqueVbl bindings;
+};
+
 int SnmpSession::Request(SnmpRequest& request) {
     const UniqueVbl list(SnmpCreateVbl(session_.get(), nullptr, nullptr));
     for (const SnmpBinding& binding : std::span(request.bindings, request.count)) {
@@ -322,30 +375,56 @@ int SnmpSession::Request(SnmpRequest& request) {
     }
     const UniquePdu pdu(SnmpCreatePdu(
         session_.get(), request.isGet == 1 ? SNMP_PDU_GET : SNMP_PDU_SET, 0, 0, 0, list.get()));
+    // The library has given the request its identifier.
+    const PduData made(pdu.get());
+    if (!made.valid) {
+        return kFailed;
+    }
     ResetEvent(replyEvent_.get());
-    Send(pdu.get());
-    WaitForSingleObject(replyEvent_.get(), kTimeout);
-    return Receive(request);
+    const UniqueEntity source = Send(pdu.get());
+    return Await(request, made.id);
 }
 
 // Sends from the first of the machine's addresses that the way to the printer starts at.
-void SnmpSession::Send(HSNMP_PDU pdu) {
+// Returns that address, which the library may use until the answer has come; null when nothing was
+// sent.
+SnmpSession::UniqueEntity SnmpSession::Send(HSNMP_PDU pdu) {
     const Network& network = Network::GetInstance();
     const MIB_IPADDRTABLE* table = network.GetAddressTable();
     const int rows = table != nullptr ? static_cast<int>(table->dwNumEntries) : 0;
     for (int i = 0; i < rows; ++i) {
         const char* address = network.GetLocalAddress(i);
-        const UniqueEntity source(address != nullptr ? SnmpStrToEntity(session_.get(), address)
-                                                     : nullptr);
+        UniqueEntity source(address != nullptr ? SnmpStrToEntity(session_.get(), address)
+                                               : nullptr);
         if (source && SnmpSendMsg(session_.get(), source.get(), destEntity_.get(), context_.get(),
                                   pdu) != SNMPAPI_FAILURE) {
-            return;
+            return source;
+        }
+    }
+    return nullptr;
+}
+
+// Late answers to earlier requests can come first. The event can stand for several answers, or for
+// none that is left.
+int SnmpSession::Await(SnmpRequest& request, smiINT32 id) {
+    const ULONGLONG end = GetTickCount64() + kTimeout;
+    for (ULONGLONG now = GetTickCount64();; now = GetTickCount64()) {
+        const int result = Receive(request, id);
+        if (result != kNothingReceived && result != kOthersAnswer) {
+            return result;
+        }
+        if (now >= end) {
+            return kNothingReceived;
+        }
+        if (result == kNothingReceived) {
+            WaitForSingleObject(replyEvent_.get(), static_cast<DWORD>(end - now));
         }
     }
 }
 
-// Receives whatever is there. Everything that the library hands out here is the caller's to free.
-int SnmpSession::Receive(SnmpRequest& request) {
+// Receives whatever is there. Everything that the library hands out here is the caller's to free;
+// what it hands out with a failure says which request has failed.
+int SnmpSession::Receive(SnmpRequest& request, smiINT32 id) {
     HSNMP_ENTITY from = nullptr;
     HSNMP_ENTITY to = nullptr;
     HSNMP_CONTEXT community = nullptr;
@@ -357,30 +436,23 @@ int SnmpSession::Receive(SnmpRequest& request) {
     const UniqueEntity self(to);
     UniqueContext answerContext(community);
     const UniquePdu pdu(received);
-    if (status == SNMPAPI_FAILURE) {
+    if (!pdu) {
         return nothing ? kNothingReceived : kFailed;
+    }
+    const PduData answer(pdu.get());
+    if (answer.valid && answer.id != id) {
+        return kOthersAnswer;
+    }
+    // The error status is all that tells a refused SET from one that was carried out.
+    if (status == SNMPAPI_FAILURE || !answer.valid || answer.errorStatus != SNMP_ERROR_NOERROR) {
+        return kFailed;
     }
     destEntity_ = std::move(answering);
     context_ = std::move(answerContext);
-
-    smiINT type = 0;
-    smiINT32 requestId = 0;
-    smiINT errorStatus = 0;
-    smiINT errorIndex = 0;
-    HSNMP_VBL bindings = nullptr;
-    if (SnmpGetPduData(pdu.get(), &type, &requestId, &errorStatus, &errorIndex, &bindings) ==
-        SNMPAPI_FAILURE) {
-        return kFailed;
-    }
-    const UniqueVbl answer(bindings);
-    // The error status is all that tells a refused SET from one that was carried out.
-    if (errorStatus != SNMP_ERROR_NOERROR) {
-        return kFailed;
-    }
     smiUINT32 index = 0;
     for (const SnmpBinding& binding : std::span(request.bindings, request.count)) {
         ++index;
-        if (binding.result != nullptr && !TakeResult(answer.get(), index, binding)) {
+        if (binding.result != nullptr && !TakeResult(answer.bindings.get(), index, binding)) {
             return kFailed;
         }
     }

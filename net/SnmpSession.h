@@ -33,7 +33,7 @@ class SnmpValue {
     }
     ~SnmpValue();
 
-    // The value as an integer; false if it is none.
+    // The value as an integer, of any of the 32-bit syntaxes; false if it is none.
     bool GetInteger(unsigned& integer) const;
     // The octets of a value of syntax `syntax`, which is one that has octets, as they are or each
     // as a decimal number, joined by "."; false if the syntax is another.
@@ -107,21 +107,22 @@ class SnmpSession {
     int SetAddress(const std::string& oid, const std::string& addressText);
     int SetInteger(const std::string& oid, unsigned value);
 
-    // Sends one PDU and collects the answer's values.
+    // Sends one PDU and collects the values of the answer that has its identifier.
     int Request(SnmpRequest& request);
 
     // What WinSNMP calls, on a thread of its own, when there is something to receive.
-    //   data: the event to set, or null.
+    //   data: the event to set, or null; one whose session is closed is left alone.
     // Returns 0.
     static SNMPAPI_STATUS CALLBACK Callback(HSNMP_SESSION session, HWND window, UINT message,
                                             WPARAM wParam, LPARAM lParam, void* data) noexcept;
 
   private:
+    struct PduData;
     struct CloseSession {
         void operator()(HSNMP_SESSION session) const noexcept;
     };
     struct CloseEvent {
-        void operator()(HANDLE event) const noexcept { CloseHandle(event); }
+        void operator()(HANDLE event) const noexcept;
     };
     template <auto Free>
     struct FreeBy {
@@ -133,8 +134,11 @@ class SnmpSession {
     using UniqueVbl = std::unique_ptr<void, FreeBy<SnmpFreeVbl>>;
 
     int RequestOne(const std::string& oid, const smiVALUE* value, SnmpValue* result);
-    void Send(HSNMP_PDU pdu);
-    int Receive(SnmpRequest& request);
+    void OpenEvent();
+    void OpenSession();
+    UniqueEntity Send(HSNMP_PDU pdu);
+    int Await(SnmpRequest& request, smiINT32 id);
+    int Receive(SnmpRequest& request, smiINT32 id);
 
     IPAddress target_;
     UniqueContext context_;  // the community

@@ -79,8 +79,25 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckQueue, "", "empty"},
         {CheckHostName, std::string(49, 'h'), "48 fit"},
         {CheckHostName, "none", "add it again"},
-        {CheckNumber, "010", "decimal"},
-        {CheckNumber, "0x1F", "decimal"},
+        {CheckPortNumber, "0", "1 to 65535"},
+        {CheckPortNumber, "010", "1 to 65535"},
+        {CheckPortNumber, "0x1F", "1 to 65535"},
+        {CheckPortNumber, "65536", "1 to 65535"},
+        {CheckPortNumber, "99999999999999999999", "1 to 65535"},
+        // Values that no device has.
+        {CheckMacAddress, "00:00:00:00:00:00", "no device"},
+        {CheckMacAddress, "ff:ff:ff:ff:ff:ff", "no device"},
+        {CheckMacAddress, "01:00:5e:00:00:fb", "no device"},
+        {CheckIPv4Address, "255.255.255.255", "no host"},
+        {CheckIPv4Address, "239.255.255.253", "no host"},
+        {CheckIPv4Address, "0.0.0.0", "no host"},
+        {CheckIPv6Host, "::", "no host"},
+        {CheckIPv6Host, "ff02::116%3", "no host"},
+        // What the monitor keeps cannot be forgotten, and is no host called so.
+        {CheckIPv4Address, "none", "forgotten"},
+        {CheckIPv6Host, "none", "forgotten"},
+        {CheckQueue, "none", "forgotten"},
+        {CheckCommunity, "none", "forgotten"},
         {CheckCommunity, std::string(33, 'c'), "32 fit"},
     };
     for (const auto& c : cases) {

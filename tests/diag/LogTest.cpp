@@ -8,7 +8,8 @@
 #include <thread>
 
 #include "diag/KestLogger.h"
-#include "diag/LogSink.h"
+#include "diag/Resource.h"
+#include "tests/support/ImportPatch.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -36,27 +37,22 @@ TEST(Log, LinesAreExactToTheByte) {
     GetLocalTime(&now);
     char date[8];
     snprintf(date, sizeof date, "{%02d%02d%02d", now.wYear % 100, now.wMonth, now.wDay);
-    const unsigned line = __LINE__ + 1;
+#line 101
     LogInfo("Network::Start", "Network started!");
     LogSystemError("PD_X", "failed=", -104, " at ", static_cast<const void*>(nullptr));
     LogSystemInfo("SetV6Scope", std::string(70, 'x'));
     LogCodeError("a::B", std::string("Need to initdiscovery first!"), 'c');
 
-    const auto place = [line](const char* function, unsigned offset) {
-        return "\t[" + std::string(function) + " - " + std::to_string(line + offset) +
-               " - .\\LogTest.cpp]\r\n";
+    const auto line = [](std::string body, const char* place) {
+        body.resize(std::max<size_t>(body.size(), 80), ' ');
+        return "} - " + body + "\t[" + place + " - .\\LogTest.cpp]\r\n";
     };
-    const auto padded = [](std::string body) {
-        body.resize(80, ' ');
-        return "} - " + body;
-    };
-    const std::string expected =
-        padded("[info]          - Network started!") + place("Network::Start", 0) +
-        padded("[system error]  - failed=-104 at 0") + place("PD_X", 1) + "} - [system info]   - " +
-        std::string(70, 'x') + place("SetV6Scope", 2) +
-        padded("[code error]    - Need to initdiscovery first!c") + place("a::B", 3);
     const std::regex time(std::string("\\") + date + R"( \d\d:\d\d:\d\d(?=\} - \[))");
-    EXPECT_EQ(std::regex_replace(capture.Text(), time, ""), expected);
+    EXPECT_EQ(std::regex_replace(capture.Text(), time, ""),
+              line("[info]          - Network started!", "Network::Start - 101") +
+                  line("[system error]  - failed=-104 at 0", "PD_X - 102") +
+                  line("[system info]   - " + std::string(70, 'x'), "SetV6Scope - 103") +
+                  line("[code error]    - Need to initdiscovery first!c", "a::B - 104"));
 }
 
 TEST(Log, ErrorCodesSurviveAndNothingIsThrown) {
@@ -75,28 +71,52 @@ TEST(Log, ErrorCodesSurviveAndNothingIsThrown) {
     EXPECT_EQ(GetLastError(), 122u);
 }
 
+DWORD TokenError() {
+    UniqueFile token;
+    return OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.Out()) ? 0 : GetLastError();
+}
+
+// A thread that acts for a client asks for the folder and opens the file as the process, and has
+// its client back behind that.
+TEST(Log, TheFileIsOpenedAsTheProcess) {
+    static std::vector<DWORD> tokens;
+    const LogCapture capture;
+    const HMODULE self = GetModuleHandleW(nullptr);
+    const auto tempPath = +[](DWORD, LPWSTR) -> DWORD {
+        tokens.push_back(TokenError());
+        return 0;
+    };
+    const auto open = +[](const wchar_t*, const wchar_t*) -> FILE* {
+        tokens.push_back(TokenError());
+        return nullptr;
+    };
+    const ImportPatch path(self, "GetTempPathW", tempPath);
+    const ImportPatch file(self, "_wfopen", open);
+    ASSERT_TRUE(ImpersonateSelf(SecurityImpersonation));
+    LogInfo("f", "for a client");
+    EXPECT_EQ(TokenError(), 0u);
+    RevertToSelf();
+    EXPECT_THAT(tokens, ElementsAre(ERROR_NO_TOKEN, ERROR_NO_TOKEN));
+}
+
 TEST(Log, ThePathDecidesTheFile) {
-    const auto folder = std::filesystem::temp_directory_path() /
-                        (L"kest-sink-" + std::to_wstring(GetCurrentProcessId()));
-    std::filesystem::create_directories(folder);
+    const LogCapture capture;
+    const auto folder = capture.Path().parent_path();
     const auto first = folder / L"first.log";
     const auto second = folder / L"\u03b2eta.log";
     const auto late = folder / L"late" / L"third.log";
-    std::stringstream line("a line\n");
     KestLogger logger;
-    const auto write = [&](const std::filesystem::path& path) {
+    const auto write = [&logger](const std::filesystem::path& path) {
+        std::stringstream line("a line\n");
         logger.SetLogFile(path.wstring());
         logger.Write(line);
     };
-
-    write(first);
     write(first);
     // Flushed, and open for others to read and write, while it is still in use.
-    EXPECT_EQ(FileText(first), "a line\r\na line\r\n");
+    EXPECT_EQ(FileText(first), "a line\r\n");
     std::ofstream(first, std::ios::app | std::ios::binary) << "another's\n";
     write(first);
-    EXPECT_EQ(FileText(first), "a line\r\na line\r\nanother's\na line\r\n");
-
+    EXPECT_EQ(FileText(first), "a line\r\nanother's\na line\r\n");
     write(second);
     EXPECT_TRUE(std::filesystem::remove(first)) << "the first file is still open";
 
@@ -109,9 +129,6 @@ TEST(Log, ThePathDecidesTheFile) {
     write(late);
     EXPECT_EQ(FileText(second), "a line\r\na line\r\n");
     EXPECT_EQ(FileText(late), "a line\r\n");
-
-    logger.SetLogFile(L"");
-    std::filesystem::remove_all(folder);
 }
 
 TEST(Log, FoldersThatCannotBeUsedLeadToDriveC) {
@@ -119,20 +136,11 @@ TEST(Log, FoldersThatCannotBeUsedLeadToDriveC) {
     const std::filesystem::path fallback = L"c:\\KestSetupWizard.log";
     std::filesystem::remove(fallback);
     // 237 characters and the file's name still fit, 238 do not; beyond 255 the platform declines.
-    const auto logInFolderOf = [](size_t length) {
-        std::wstring folder = L"C:";
-        while (folder.size() < length - 1) {
-            folder += L"\\none";
-        }
-        folder.resize(length - 1);
-        folder.back() = L'x';
-        SetEnvironmentVariableW(L"TMP", (folder + L"\\").c_str());
+    for (const size_t length : {237, 238, 255, 256, 300}) {
+        const std::wstring folder = L"C:\\none\\" + std::wstring(length - 9, L'x') + L"\\";
+        SetEnvironmentVariableW(L"TMP", folder.c_str());
         LogInfo("f", length);
-    };
-    logInFolderOf(237);
-    EXPECT_FALSE(std::filesystem::exists(fallback));
-    for (const size_t length : {238, 255, 256, 300}) {
-        logInFolderOf(length);
+        EXPECT_EQ(std::filesystem::exists(fallback), length > 237) << length;
     }
     KestLogger().SetLogFile(L"");
     const std::string text = FileText(fallback);
@@ -142,24 +150,21 @@ TEST(Log, FoldersThatCannotBeUsedLeadToDriveC) {
 
 TEST(Log, LinesOfManyThreadsStayWhole) {
     const LogCapture capture;
-    constexpr int kThreads = 8;
-    constexpr int kLines = 200;
+    const auto body = [](char c) { return std::string(500, c); };
     {
         std::vector<std::jthread> threads;
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([i] {
-                for (int n = 0; n < kLines; ++n) {
-                    LogInfo("thread", i, ' ', std::string(500, static_cast<char>('a' + i)));
+        for (char c = 'a'; c < 'i'; ++c) {
+            threads.emplace_back([&body, c] {
+                for (int n = 0; n < 200; ++n) {
+                    LogInfo("thread", body(c));
                 }
             });
         }
     }
     const auto lines = capture.Lines();
-    EXPECT_THAT(lines, SizeIs(kThreads * kLines));
+    EXPECT_THAT(lines, SizeIs(8 * 200));
     for (const auto& line : lines) {
-        const int i = line[18] - '0';
-        ASSERT_EQ(line, "[info]          - " + std::to_string(i) + " " +
-                            std::string(500, static_cast<char>('a' + i)) + "|thread");
+        ASSERT_EQ(line, "[info]          - " + body(line[18]) + "|thread");
     }
 }
 

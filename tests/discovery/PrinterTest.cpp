@@ -29,56 +29,43 @@ Printer MakePrinter(const std::string& first, const std::string& second) {
     return printer;
 }
 
-TEST(Printer, PrefersTheFirstAddressAndFallsBackToTheOther) {
-    struct Case {
+TEST(Printer, PrefersTheFirstAddressAndDumpsItselfOnOneLine) {
+    const std::string rest =
+        " MacAddress: 0004004a1b2c HostName: prn-01 Gateway:  SubnetMask:  NumPorts: 0 ModelName: "
+        "Model 100 Description: Office DeviceID: MDL:Model 100;";
+    const struct {
         const char *first, *second, *preferred, *other;
+        std::string dump;
+    } cases[] = {
+        {"10.1.2.3", "fe80::1", "10.1.2.3", "fe80::1",
+         "IPAddress: 10.1.2.3IPAddress2: fe80::1" + rest},
+        {"10.1.2.3", "", "10.1.2.3", "10.1.2.3",
+         "IPAddress: 10.1.2.3IPAddress2: Invalid object" + rest},
+        {"none", "fe80::1", "fe80::1", "fe80::1",
+         "IPAddress: Invalid objectIPAddress2: fe80::1" + rest},
+        {"none", "none", "", "", "Invalid object"},
     };
-    const Case cases[] = {
-        {"10.1.2.3", "fe80::1", "10.1.2.3", "fe80::1"},
-        {"10.1.2.3", "", "10.1.2.3", "10.1.2.3"},
-        {"none", "fe80::1", "fe80::1", "fe80::1"},
-        {"none", "none", "", ""},
-    };
-    for (const auto& [first, second, preferred, other] : cases) {
+    for (const auto& c : cases) {
         Printer printer;
-        printer.SetFirstIPAddress(IPAddress(std::string(first)));
-        printer.SetSecondIPAddress(IPAddress(std::string(second)));
-        EXPECT_EQ(printer.GetIPAddress().GetText(), preferred);
-        EXPECT_EQ(printer.GetOtherIPAddress().GetText(), other);
-        EXPECT_EQ(printer.IsValid(), *preferred != '\0');
+        printer = MakePrinter(c.first, c.second);  // copies what is valid
+        EXPECT_EQ(printer.GetIPAddress().GetText(), c.preferred);
+        EXPECT_EQ(printer.GetOtherIPAddress().GetText(), c.other);
+        EXPECT_EQ(printer.IsValid(), *c.preferred != '\0');
+        EXPECT_EQ(Dump(printer), c.dump);
+        EXPECT_EQ(Dump(Printer(printer)), c.dump);
     }
 }
 
-TEST(Printer, DumpsItselfOnOneLine) {
-    EXPECT_EQ(Dump(MakePrinter("10.1.2.3", "fe80::1")),
-              "IPAddress: 10.1.2.3IPAddress2: fe80::1 MacAddress: 0004004a1b2c HostName: prn-01 "
-              "Gateway:  SubnetMask:  NumPorts: 0 ModelName: Model 100 Description: Office "
-              "DeviceID: MDL:Model 100;");
-    EXPECT_THAT(Dump(MakePrinter("", "10.1.2.3")),
-                testing::StartsWith("IPAddress: Invalid objectIPAddress2: 10.1.2.3 Mac"));
-    EXPECT_EQ(Dump(Printer()), "Invalid object");
-    EXPECT_EQ(Dump(MakePrinter("none", "")), "Invalid object");
-}
-
-TEST(Printer, ValidRecordsAreCopiedWhole) {
-    const Printer source = MakePrinter("10.1.2.3", "fe80::1");
-    EXPECT_EQ(Dump(Printer(source)), Dump(source));
-
-    // An invalid second address does not wipe out the target's.
+TEST(Printer, InvalidRecordsAndAddressesGiveNothing) {
     Printer target = MakePrinter("10.9.9.9", "fe80::9");
-    target = MakePrinter("10.1.2.3", "");
-    EXPECT_EQ(target.GetFirstIPAddress().GetText(), "10.1.2.3");
-    EXPECT_EQ(target.GetSecondIPAddress().GetText(), "fe80::9");
-}
-
-TEST(Printer, InvalidRecordsGiveNothing) {
-    Printer invalid;
-    invalid.SetHostName("other");
-    Printer target = MakePrinter("10.1.2.3", "");
     const std::string before = Dump(target);
+    Printer invalid = MakePrinter("none", "");
+    invalid.SetHostName("other");
     target = invalid;
     EXPECT_EQ(Dump(target), before);
     EXPECT_EQ(Printer(invalid).GetHostName(), "");
+    target = MakePrinter("10.1.2.3", "");
+    EXPECT_THAT(Dump(target), testing::StartsWith("IPAddress: 10.1.2.3IPAddress2: fe80::9 Mac"));
 }
 
 }  // namespace

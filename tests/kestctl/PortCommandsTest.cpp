@@ -26,7 +26,17 @@ TEST(PortCommands, AddShowSetAndDelete) {
                   "snmp": {"enabled": false, "community": "", "index": 0}})"));
 
     // By any letter case; what is not mentioned stays.
-    Kestctl(monitor, {"port", "set", "b\u00dcro", "--address", "10.0.0.9", "--no-always-print"});
+    EXPECT_EQ(Kestctl(monitor,
+                      {"port", "set", "b\u00dcro", "--address", "10.0.0.9", "--no-always-print"}),
+              "port B\u00fcro set: raw to 10.0.0.9:9100\n"
+              "  address: 10.0.0.1 -> 10.0.0.9\n  alwaysPrint: true -> false\n");
+    EXPECT_THAT(Kestctl(monitor, {"port", "set", "b\u00dcro", "--address", "10.0.0.9"}),
+                HasSubstr("nothing changed"));
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(
+                  monitor, {"port", "set", "LAGER", "--snmp", "public", "--json"}))["changed"],
+              nlohmann::json::parse(R"({"snmp/community": {"from": "", "to": "public"},
+                  "snmp/enabled": {"from": false, "to": true},
+                  "snmp/index": {"from": 0, "to": 1}})"));
     const auto port =
         nlohmann::json::parse(Kestctl(monitor, {"port", "show", "b\u00fcro", "--json"}));
     EXPECT_EQ(port["name"], "B\u00fcro");
@@ -41,8 +51,15 @@ TEST(PortCommands, AddShowSetAndDelete) {
               "B\u00fcro   raw to 10.0.0.9:9100           0004004A1B2C  no\n"
               "LAGER  lpr to 10.0.0.2:515, queue lp  -             no\n");
 
-    Kestctl(monitor, {"port", "delete", "lager"});
-    EXPECT_EQ(monitor.ports.size(), 1u);
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "delete", "lager", "--json"})),
+              nlohmann::json::parse(R"({"deleted": "LAGER"})"));
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "add", "KELLER", "--address",
+                                                      "localhost", "--json"}))["address"],
+              "127.0.0.1");
+    // Without the right to administer, the names are all there is.
+    monitor.failing[L"GetConfigInfo"] = ERROR_ACCESS_DENIED;
+    EXPECT_EQ(Kestctl(monitor, {"port", "list", "--json"}),
+              "[\n  {\n    \"name\": \"B\u00fcro\"\n  },\n  {\n    \"name\": \"KELLER\"\n  }\n]\n");
 }
 
 TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
@@ -60,7 +77,9 @@ TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
     // Another printer, without a MAC address: the old one's must be gone.
     monitor.printer = {"fd00::7", "", "prn-2"};
     EXPECT_EQ(Kestctl(monitor, {"port", "set", "OFFICE", "--follow", "fd00::7"}),
-              "port OFFICE set: raw to [fd00::7]:9100, following prn-2\n");
+              "port OFFICE set: raw to [fd00::7]:9100, following prn-2\n"
+              "  hostName: prn-1 -> prn-2\n  ipv6Host: - -> fd00::7\n"
+              "  mac: 0004004A1B2C -> -\n  useIPv6: false -> true\n");
     EXPECT_EQ(show()["mac"], "");
     // One without a name of its own: the old one's would stay, and lead to the old printer.
     monitor.printer = {"10.0.0.8", "000400000008", ""};

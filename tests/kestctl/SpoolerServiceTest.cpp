@@ -19,7 +19,14 @@ namespace {
 
 TEST(SpoolerService, ListsOnlyThePortsOfItsMonitor) {
     EXPECT_THAT(SpoolerService(L"Local Monitor").PortNames(), Contains(L"LPT1:"));
-    EXPECT_THAT(SpoolerService(L"no monitor").PortNames(), IsEmpty());
+    // One without ports, and one that the spooler has not loaded.
+    EXPECT_THAT(SpoolerService(L"Local Port").PortNames(), IsEmpty());
+    try {
+        SpoolerService(L"no monitor").PortNames();
+        ADD_FAILURE();
+    } catch (const CommandFailed& failed) {
+        EXPECT_EQ(failed.remedy, Remedy::InstallMonitor);
+    }
 }
 
 TEST(SpoolerService, SendsCommandsAndPassesTheirCodesOn) {

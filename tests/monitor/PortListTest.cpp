@@ -83,6 +83,8 @@ TEST_F(PortListTest, OnWindows2000TheTableSaysAnotherSize) {
 
 TEST_F(PortListTest, ThreadsOfTheProcessDoNotEndTheLibrary) {
     Load({L"A"});
+    EXPECT_THAT(spooler.TakeCalls(),
+                ElementsAre("create Ports 20019", "info", "enum 0", "enum 1", "fpclose"));
     std::thread([] {}).join();
     EXPECT_THAT(Listed(), ElementsAre(L"A"));
     EXPECT_NE(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP), INVALID_SOCKET);
@@ -96,12 +98,6 @@ TEST_F(PortListTest, LoadsThePortsOfTheRegistryButNotTheSpoolersOwn) {
                                               L"Ne:1", L"Ne--1:", L"Network1", L"X"));
     Add(L"last");
     EXPECT_EQ(Listed().back(), L"last");
-}
-
-TEST_F(PortListTest, LoadingReadsTheNamesWithTheSpoolersCallbacks) {
-    Load({L"A", L"B"});
-    EXPECT_THAT(spooler.TakeCalls(),
-                ElementsAre("create Ports 20019", "info", "enum 0", "enum 1", "enum 2", "fpclose"));
 }
 
 TEST_F(PortListTest, AFailureToLoadIsTheSpoolersToHandle) {
@@ -246,15 +242,22 @@ TEST_F(PortListTest, WhatIsNoHandleIsRefused) {
 }
 
 TEST_F(PortListTest, ShutdownLeavesHandlesThatCloseHarmlessly) {
-    Load({L"A"});
-    HANDLE port = spooler.Open(L"A");
+    Load({L"A", L"deleted"});
+    HANDLE ports[] = {spooler.Open(L"A"), spooler.Open(L"deleted")};
     HANDLE xcv = spooler.OpenXcv();
+    WCHAR name[] = L"deleted";
+    spooler->pfnXcvDataPort(xcv, L"DeletePort", reinterpret_cast<PBYTE>(name), sizeof(name),
+                            nullptr, 0, nullptr);
     MONITOR2* table = spooler.table;
     spooler.Stop();
+    for (HANDLE port : ports) {
+        EXPECT_FALSE(table->pfnStartDocPort(port, const_cast<LPWSTR>(L"Office"), 1, 1, nullptr));
+        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+        EXPECT_TRUE(table->pfnClosePort(port));
+    }
     EXPECT_EQ(table->pfnXcvDataPort(xcv, L"PortIsValid", nullptr, 0, nullptr, 0, nullptr),
               DWORD{ERROR_INVALID_HANDLE});
     EXPECT_TRUE(table->pfnXcvClosePort(xcv));
-    EXPECT_TRUE(table->pfnClosePort(port));
 }
 
 }  // namespace

@@ -49,6 +49,7 @@ class RediscoveryTest : public testing::Test {
     bool PrintOnce(HANDLE port) {
         const bool started =
             spooler->pfnStartDocPort(port, const_cast<LPWSTR>(L"Office"), 42, 1, nullptr) != FALSE;
+        error = started ? 0 : GetLastError();
         spooler->pfnEndDocPort(port);
         return started;
     }
@@ -62,6 +63,7 @@ class RediscoveryTest : public testing::Test {
     FakeSlp slp;
     FakeSpooler spooler;
     std::vector<std::unique_ptr<ImportPatch>> patches;
+    DWORD error = 0;  // of the last job that did not start
     TcpPeer printer{[](PeerConnection& connection) { connection.ReadAll(); }};
 };
 
@@ -77,10 +79,12 @@ TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
     const std::string moved = "(ip-address=127.0.0.1),(mac-address=0004004A1B2C),(host-name=P1)";
     const std::string other = "(ip-address=127.0.0.9),(mac-address=000400000009),(host-name=p1)";
     const std::string six = "(ip-address=::1),(mac-address=0004004A1B2C)";
+    const std::string withPort = "(ip-address=127.0.0.1:9100),(mac-address=0004004A1B2C)";
     const std::string nowhere = "(ip-address=nowhere),(mac-address=0004004A1B2C)";
     const std::vector<Case> cases = {
         // By hardware address, in any letter case, whoever else has the name and answers first.
         {L"0004004a1b2c", L"p1", {other, moved}, true, L"127.0.0.1", L"-", 0, 1},
+        {L"0004004a1b2c", L"", {withPort}, true, L"127.0.0.1", L"-", 0, 1},
         // One that nobody has: by name, the whole of it.
         {L"000400000001", L"p1", {moved}, true, L"127.0.0.1", L"-", 0, 2},
         {L"000400000001", L"p1.example", {moved}, false, kGone, L"-", 0, 2},
@@ -104,6 +108,12 @@ TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
         const HANDLE port = OpenPort(name, printer.port, mac, hostName);
         EXPECT_EQ(PrintOnce(port), started);
         EXPECT_EQ(Searches(), searches);
+        if (!started) {
+            // Why it was searched for, or what became of it where it was found: an empty address
+            // is no host's.
+            EXPECT_EQ(error, ipv6 == std::wstring(L"") ? DWORD{WSAHOST_NOT_FOUND}
+                                                       : DWORD{WSAECONNREFUSED});
+        }
         EXPECT_EQ(spooler.Text(name, L"IPAddress"), address);
         EXPECT_EQ(spooler.Text(name, L"IPv6HostName"), ipv6);
         EXPECT_EQ(spooler.Number(name, L"UseIPV6"), useIPv6);
@@ -138,6 +148,7 @@ TEST_F(RediscoveryTest, AnAddressThatCannotBeStoredFailsTheJob) {
     const HANDLE port = OpenPort(L"P", printer.port, L"0004004a1b2c", L"");
     spooler.failures["set UseIPV6"] = ERROR_ACCESS_DENIED;
     EXPECT_FALSE(PrintOnce(port));
+    EXPECT_EQ(error, DWORD{ERROR_ACCESS_DENIED});
     EXPECT_EQ(spooler.Text(L"P", L"IPAddress"), L"127.0.0.1") << "the address is written first";
     spooler.failures.clear();
     EXPECT_TRUE(PrintOnce(port));

@@ -101,20 +101,35 @@ TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
     EXPECT_THAT(JobCalls(), ElementsAre());
 }
 
+// Two who end one job at once end it once.
 TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
-    HANDLE sent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    static std::atomic<int> closed;
+    closed = 0;
+    ImportPatch close(
+        spooler.dll, "closesocket", +[](SOCKET socket) -> int WSAAPI {
+            ++closed;
+            return closesocket(socket);
+        });
+    std::promise<void> go;
+    std::atomic<bool> waited = false;
     TcpPeer printer([&](PeerConnection& job) {
         job.ReadAll();
-        EXPECT_EQ(WaitForSingleObject(sent, 100), DWORD{WAIT_TIMEOUT});
+        waited = go.get_future().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
         job.Write(std::string(10000, 'x'));
     });
     HANDLE port = OpenPort(L"P", printer.port);
     ASSERT_TRUE(StartJob(port));
     EXPECT_TRUE(WriteAll(port, "page"));
+    JobCalls();
+    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    SetEvent(sent);
-    printer.Finish();
-    CloseHandle(sent);
+    EXPECT_EQ(closed, 0);
+    go.set_value();
+    EXPECT_TRUE(end.get());
+    EXPECT_TRUE(waited);
+    EXPECT_EQ(closed, 1);
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 TEST_F(TransportTest, ASecondStartOnABusyPortDoesNothing) {

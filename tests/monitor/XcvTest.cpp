@@ -67,8 +67,13 @@ TEST_F(XcvTest, AddPortMakesAPortWithoutValues) {
     calls.erase(calls.begin(), std::find(calls.begin(), calls.end(), "revert"));
     EXPECT_THAT(calls, ElementsAre("revert", "create Ports 2", "create Office 2", "close", "close",
                                    "impersonate"));
-    EXPECT_NE(spooler.Open(L"Office"), nullptr);
+    HANDLE office = spooler.Open(L"Office");
     EXPECT_EQ(spooler.Text(L"Office", L"HWAddress"), L"-");
+    // A caller who asked the spooler before it knew this one.
+    EXPECT_EQ(Send(administrator, L"AddPort", L"OFFICE"), DWORD{ERROR_ALREADY_EXISTS});
+    EXPECT_FALSE(AddPortEx(L"office"));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.Open(L"Office"), office);
 }
 
 TEST_F(XcvTest, AddPortRefusesWhatItCannotAdd) {
@@ -153,6 +158,11 @@ TEST_F(XcvTest, DeletePortTakesThePortAndItsKey) {
     spooler.SetPortKey(L"Office");
     EXPECT_EQ(Send(administrator, L"DeletePort", L"Office"), DWORD{ERROR_FILE_NOT_FOUND});
     EXPECT_TRUE(spooler.HasPortKey(L"Office"));
+    // An empty name is the key of all ports, which stays.
+    EXPECT_EQ(Send(administrator, L"AddPort", L""), 0u);
+    spooler.TakeCalls();
+    EXPECT_EQ(Send(administrator, L"DeletePort", L""), 0u);
+    EXPECT_THAT(spooler.TakeCalls(), ElementsAre());
     // The list's end was deleted: what is added now must still be found.
     Send(administrator, L"AddPort", L"Next");
     EXPECT_NE(spooler.Open(L"Next"), nullptr);

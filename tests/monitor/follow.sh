@@ -154,6 +154,29 @@ if said=$(kestctl find 2>&1); then
     fail "kestctl find finds printers without an address"
 fi
 [[ $said == *"2 answered, but without an address"* ]] || fail "kestctl find says only: $said"
+# not_at TEXT: a printer answers at its address, and is none that can be followed; why is said.
+not_at() {
+    if said=$(kestctl find --ip 10.77.9.1 2>&1); then
+        fail "kestctl find --ip finds what is not there: $said"
+    fi
+    expect "kestctl find --ip" "$said" "kestctl: the printer at 10.77.9.1 answered, but $1"
+}
+many=$(printf '(\xc3\xa4%.0s=1),' {1..200})
+announce $'(ip=10.77.9.1),(es\033cx=),'"$many"
+not_at "announces no address under \`ip-address\`, which SLPConf.xml names; it announces: \
+ip, es?cx$(printf ', \xc3\xa4%.0s' {1..72}), ..."
+announce "$(announcement 10.77.9.9 00040000004a bueroe Model_100)"
+not_at "announces 10.77.9.9 as its address under \`ip-address\`, which SLPConf.xml names; it \
+announces: ip-address, mac-address, host-name, printer-device-id"
+announce "(ip-address=10.77.9.1),(printer-device-id=MDL)"
+not_at "its device identifier is too short for the keys of model and description that \
+SLPConf.xml names"
+announce "$(announcement 10.77.9.1 00040000004a Büro Model_100)"
+expect "a name with an umlaut" "$(kestctl find --ip 10.77.9.1)" \
+    "NAME                  MODEL                      ADDRESS           MAC
+Büro                  Model 100                  10.77.9.1         00040000004A"
+[[ $(kestctl find --json) == *'"hostName": "Büro"'*'"mac": "00040000004A"'* ]] ||
+    fail "kestctl find --json calls them otherwise than kestctl port"
 
 say "nobody answers"
 printers_off

@@ -79,30 +79,22 @@ class ProbeTest : public testing::Test {
     size_t before_ = 0;
 };
 
-TEST_F(ProbeTest, LoopbackAnswers) {
-    FakeNetwork network({});
-    ASSERT_EQ(network.Start(), 0);
-    EXPECT_EQ(network.Ping(IPAddress("127.0.0.1:9100")), 0);
-}
-
 TEST_F(ProbeTest, OnlyOneGoodReplyIsAnAnswer) {
     const IPAddress address("10.1.2.3");
-    struct Case {
+    const struct {
         DWORD replies;
         ULONG status;
         USHORT dataSize;
         int result;
-    };
-    const Case cases[] = {{1, IP_SUCCESS, 4, 0}, {0, IP_SUCCESS, 4, 1},
-                          {2, IP_SUCCESS, 4, 1}, {1, IP_DEST_HOST_UNREACHABLE, 4, 1},
-                          {1, IP_SUCCESS, 3, 1}, {1, IP_SUCCESS, 5, 1}};
+    } cases[] = {{1, IP_SUCCESS, 4, 0}, {0, IP_SUCCESS, 4, 1},
+                 {2, IP_SUCCESS, 4, 1}, {1, IP_DEST_HOST_UNREACHABLE, 4, 1},
+                 {1, IP_SUCCESS, 3, 1}, {1, IP_SUCCESS, 5, 1}};
     for (const auto& c : cases) {
         replies = c.replies;
         status = c.status;
         dataSize = c.dataSize;
         EXPECT_EQ(Ping(address), c.result) << c.replies << ' ' << c.status << ' ' << c.dataSize;
     }
-    EXPECT_EQ(asked, 6);
     EXPECT_EQ(Ping(IPAddress("nonsense")), 3);
     FakeLibraries::entries["icmp.dll"].clear();
     EXPECT_EQ(Ping(address), 1);
@@ -121,13 +113,14 @@ TEST_F(ProbeTest, IPv6ScopeIsSoughtUnlessThereIsOne) {
     EXPECT_EQ(scopeAsked, 0u);
     const auto lines = Lines();
     ASSERT_EQ(lines.size(), 256u);
-    EXPECT_THAT(lines[0], testing::MatchesRegex("\\[system info\\]   - SetV6Scope: Failed to "
-                                                "bind Scope ID-0, GLE = \\d+.SetV6Scope"));
-    EXPECT_THAT(lines[254], testing::HasSubstr("Scope ID-254, GLE = "));
+    for (size_t i = 0; i < 255; ++i) {
+        EXPECT_THAT(lines[i], testing::StartsWith("[system info]   - SetV6Scope: Failed to bind "
+                                                  "Scope ID-" +
+                                                  std::to_string(i) + ", GLE = "));
+    }
     EXPECT_EQ(lines[255],
               "[system info]   - Ping6: Failed to set local-link Scope ID, reset to default"
               "|Network::Ping6");
-
     int length = 0;
     auto* address = reinterpret_cast<sockaddr_in6*>(elsewhere.GetSockAddr(length));
     EXPECT_EQ(SetV6Scope(address), -1);
@@ -152,15 +145,11 @@ TEST_F(ProbeTest, IPv6FailuresAreLogged) {
     failsWith("[system info]   - Ping6: Replay failed, Status = 11003");
     FakeLibraries::entries["icmp.dll"].erase("Icmp6SendEcho2");
     failsWith("[system error]  - Ping6: Unable to get proc Icmp6SendEcho2");
-}
-
-TEST_F(ProbeTest, WithoutIPv6HandleNothingIsAskedOrLogged) {
-    FakeLibraries::Add(
-        "iphlpapi.dll", "Icmp6CreateFile", +[]() -> HANDLE { return INVALID_HANDLE_VALUE; });
-    EXPECT_EQ(Ping(IPAddress("::1")), 1);
+    // Without a handle nothing is asked or logged.
+    const int before = asked;
     FakeLibraries::entries["iphlpapi.dll"].erase("Icmp6CreateFile");
-    EXPECT_EQ(Ping(IPAddress("::1")), 1);
-    EXPECT_EQ(asked, 0);
+    EXPECT_EQ(Ping(address), 1);
+    EXPECT_EQ(asked, before);
     EXPECT_THAT(Lines(), ElementsAre());
 }
 

@@ -245,10 +245,12 @@ TEST(UserAgent, FetchesWhatADatagramCannotHold) {
     const std::string list = "(text=" + std::string(50000, 'x') + ")";
     for (const unsigned version : {1u, 2u}) {
         std::string datagram;
-        const Agent agent([&](const Agent& self, const Agent::Request& request) {
-            datagram = request.bytes;
-            self.Send(OverflowReply(version, XidOf(request.bytes)), request);
-        });
+        const Agent agent(
+            [&](const Agent& self, const Agent::Request& request) {
+                datagram = datagram.empty() ? request.bytes : datagram;
+                self.Send(OverflowReply(version, XidOf(request.bytes)), request);
+            },
+            kGroup);
         std::string fetched;
         const TcpAgent server(agent.port(), [&](SOCKET peer, const std::string& request) {
             fetched = request;
@@ -258,8 +260,13 @@ TEST(UserAgent, FetchesWhatADatagramCannotHold) {
             }
         });
         Answers answers;
-        Ask(answers, agent.address(), version);
+        const SLPHandle handle = Open(SLP_FALSE);
+        EXPECT_EQ(SLPAssociateIFList(handle, "127.0.0.1"), SLP_OK);
+        EXPECT_EQ(Find(handle, answers, Endpoint(kGroup, agent.port()).get(), version), SLP_OK);
+        SLPClose(handle);
         EXPECT_THAT(answers.lists(), ElementsAre(list));
+        // Over TCP it no longer says that it came by multicast, as a datagram of version 2 does.
+        EXPECT_EQ(std::exchange(datagram[5], '\0'), version == 2 ? 0x20 : 0);
         EXPECT_EQ(fetched, datagram);
     }
 }

@@ -42,6 +42,7 @@ class FakeJob : public PrintJob {
         monitor_.received.append(reinterpret_cast<const char*>(bytes), taken);
         return taken;
     }
+    void Abandon() noexcept override {}
     void End() override { monitor_.ended = true; }
     std::string Outcome() const override { return "sent"; }
 

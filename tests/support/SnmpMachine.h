@@ -1,6 +1,5 @@
 // The machine that a test of SNMP runs on: the process's Network with addresses and pings of the
-// test's own, what the printers of tests/support/snmp_agent.py have seen, and what the substitute
-// WinSNMP library has not got back. Printer 127.1.0.n of the agent is 10.1.0.n here.
+// test's own, and what the substitute WinSNMP library and its printers have seen.
 #pragma once
 
 #include <winsock2.h>
@@ -8,10 +7,9 @@
 #include <iphlpapi.h>
 #include <icmpapi.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,6 +18,7 @@
 #include "tests/support/LogCapture.h"
 
 extern "C" int NotGivenBack();
+extern "C" const char* RequestsSeen();
 
 class SnmpMachine {
   public:
@@ -36,9 +35,9 @@ class SnmpMachine {
 
     // One line for each request that the printers have seen.
     static std::vector<std::string> Requests() {
-        std::ifstream log(std::getenv("KEST_SNMP_LOG"));
+        std::istringstream seen(RequestsSeen());
         std::vector<std::string> lines;
-        for (std::string line; std::getline(log, line);) {
+        for (std::string line; std::getline(seen, line);) {
             lines.push_back(line);
         }
         return lines;
@@ -53,8 +52,7 @@ class SnmpMachine {
         }
     }
 
-    // The first is not used, nothing can be sent from the second, and the third is 127.0.0.1, the
-    // one that Wine sends from whichever of loopback's addresses is asked for.
+    // The first is not used, and nothing can be sent from the second.
     static constexpr const char* kAddresses[] = {"127.0.0.1", "198.51.100.1", "10.0.0.1"};
     // Not ::GetProcAddress, which goes through the import that is replaced.
     static inline const auto realFind = reinterpret_cast<decltype(&::GetProcAddress)>(

@@ -15,8 +15,12 @@ void AddDirectFlag(CLI::App& app) {
     app.add_flag(kDirect, description);
 }
 
+bool IsDirect(const CLI::App& app) {
+    return app.get_option(kDirect)->count() > 0;
+}
+
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app) {
-    if (app.get_option(kDirect)->count() > 0) {
+    if (IsDirect(app)) {
         return std::make_unique<SpoolerHost>(SpoolerHost::LibraryBesideProgram());
     }
     return std::make_unique<SpoolerService>();

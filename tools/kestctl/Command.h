@@ -18,6 +18,14 @@ std::string Explained(const CommandFailed& failed);
 // A port's name as it has to stand on a command line.
 std::string Quoted(const std::wstring& name);
 
+// Has the help of all commands fit a console; to be called before any command is added.
+void SetHelp(CLI::App& app);
+
+// How many columns a text (UTF-8) takes, and the text with as many blanks behind it as a column
+// needs.
+size_t Width(const std::string& text);
+std::string Padded(std::string text, size_t width);
+
 // Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
 void AddJsonFlag(CLI::App& command, bool& wanted);
 
@@ -41,6 +49,9 @@ CLI::Validator NotEmpty();
 // Adds the global --direct.
 void AddDirectFlag(CLI::App& app);
 
+// True when it is given.
+bool IsDirect(const CLI::App& app);
+
 // Opens the channel to the monitor: with --direct a SpoolerHost, else the system's spooler.
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
@@ -57,4 +68,5 @@ void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);
 void AddFindCommand(CLI::App& app);
 void AddSettingsCommands(CLI::App& app);
+void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine);

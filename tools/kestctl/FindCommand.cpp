@@ -2,18 +2,18 @@
 #include <winsock2.h>
 #include <windows.h>
 
+#include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <iomanip>
+#include <functional>
+#include <future>
 #include <iostream>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "tools/kestctl/Command.h"
-#include "admin/Hosts.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/Progress.h"
 #include "admin/PortSettings.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
@@ -33,172 +33,106 @@ struct FindArguments {
 class Table {
   public:
     void Add(const Printer& printer) {
-        ClearProgress();
         if (!headed_) {
             PrintRow("NAME", "MODEL", "ADDRESS", "MAC");
             headed_ = true;
         }
-        const auto& mac = printer.GetMacAddress();
         PrintRow(printer.GetHostName(), printer.GetModelName(), printer.GetIPAddress().GetText(),
-                 mac.IsValid() ? mac.GetText() : "");
-    }
-
-    // What is going on, on a line that goes away again; for terminals.
-    void Progress(const std::string& text) {
-        std::cout << '\r' << std::left << std::setw(kProgressWidth) << text << std::flush;
-        progress_ = true;
-    }
-    void ClearProgress() {
-        if (std::exchange(progress_, false)) {
-            std::cout << '\r' << std::string(kProgressWidth, ' ') << '\r';
-        }
+                 MacText(printer.GetMacAddress()));
     }
 
   private:
-    static constexpr int kProgressWidth = 40;
-
     static void PrintRow(const std::string& name, const std::string& model,
                          const std::string& address, const std::string& mac) {
-        const auto cell = [](const std::string& text) {
-            return text.empty() ? "-" : Printable(text);
+        const auto cell = [](const std::string& text, size_t width) {
+            return Padded(text.empty() ? "-" : Printable(text), width);
         };
-        std::cout << std::left << std::setw(20) << cell(name) << "  " << std::setw(25)
-                  << cell(model) << "  " << std::setw(16) << cell(address) << "  " << cell(mac)
-                  << std::endl;
+        std::cout << cell(name, 20) << "  " << cell(model, 25) << "  " << cell(address, 16) << "  "
+                  << cell(mac, 0) << std::endl;
     }
 
     bool headed_ = false;
-    bool progress_ = false;
 };
 
 nlohmann::json ToJson(const Printer& printer) {
     const auto address = [](const IPAddress& ip) { return ip.IsValid() ? ip.GetText() : ""; };
-    const auto& mac = printer.GetMacAddress();
-    return {{"name", printer.GetHostName()},
+    return {{"hostName", printer.GetHostName()},
             {"model", printer.GetModelName()},
             {"description", printer.GetDescription()},
             {"address", address(printer.GetFirstIPAddress())},
             {"address2", address(printer.GetSecondIPAddress())},
-            {"mac", mac.IsValid() ? mac.GetText() : ""},
+            {"mac", MacText(printer.GetMacAddress())},
             {"deviceId", printer.GetDeviceId()}};
 }
 
-// What arrives on the search's thread, for the command's own.
-struct Arrivals {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<Printer> printers;
-    bool over = false;
-
-    static void Ended(int32_t, void* arrivals) {
-        auto* self = static_cast<Arrivals*>(arrivals);
-        const std::lock_guard lock(self->mutex);
-        self->over = true;
-        self->changed.notify_one();
-    }
-    void Add(const Printer& printer) {
-        const std::lock_guard lock(mutex);
-        printers.push_back(printer);
-        changed.notify_one();
-    }
-};
-
-// Ends a search for all printers, whatever happens.
-class SearchEnd {
-  public:
-    explicit SearchEnd(PrinterDiscovery& search) : search_(search) {}
-    ~SearchEnd() { search_.EndAllPrinterDiscovery(); }
-    SearchEnd(const SearchEnd&) = delete;
-    SearchEnd& operator=(const SearchEnd&) = delete;
-
-  private:
-    PrinterDiscovery& search_;
-};
-
-// Finds all printers, shown as they answer, unless as JSON.
+// Finds all printers, each given to `show` as it answers.
+//   interruption: ends the search early.
 //   withoutAddress: receives how many answered, but not with an address.
-std::vector<Printer> FindAll(PrinterDiscovery& search, bool json, size_t& withoutAddress) {
+std::vector<Printer> FindAll(const std::string& model, const Interruption& interruption,
+                             Progress& progress, const std::function<void(const Printer&)>& show,
+                             size_t& withoutAddress) {
     using namespace std::chrono;
-    Arrivals arrivals;
-    search.SetFoundCallback([&arrivals](const Printer& printer) { arrivals.Add(printer); });
-    if (!search.InitAllPrinterDiscovery()) {
-        throw CommandFailed("the search cannot be begun: the log says why");
-    }
-    const SearchEnd end(search);
-    if (!search.SearchForAllPrinterWithModelName(Arrivals::Ended, &arrivals)) {
-        throw CommandFailed(
-            "the search cannot be begun: check service name, multicast address and version in "
-            "SLPConf.xml, and with `kestctl interfaces` that there is a network");
-    }
-
-    Table table;
     std::vector<Printer> found;
-    const bool progress = !json && OutputIsTerminal();
     const auto begin = steady_clock::now();
-    for (bool over = false; !over;) {
-        std::vector<Printer> news;
-        {
-            std::unique_lock lock(arrivals.mutex);
-            arrivals.changed.wait_for(lock, milliseconds(200), [&arrivals] {
-                return arrivals.over || !arrivals.printers.empty();
-            });
-            news.swap(arrivals.printers);
-            over = arrivals.over;
-        }
-        for (const Printer& printer : news) {
-            if (!printer.IsValid()) {
-                ++withoutAddress;
-                continue;
-            }
+    withoutAddress = FindPrinters(
+        model,
+        [&](const Printer& printer) {
             found.push_back(printer);
-            if (!json) {
-                table.Add(printer);
+            show(printer);
+        },
+        [&] {
+            if (interruption.Requested()) {
+                return false;
             }
-        }
-        if (progress) {
             const auto tenths = duration_cast<milliseconds>(steady_clock::now() - begin) / 100;
-            table.Progress("searching, " + std::to_string(tenths.count() / 10) + '.' +
-                           std::to_string(tenths.count() % 10) + " s, " +
-                           std::to_string(found.size()) + " found");
-        }
-    }
-    table.ClearProgress();
+            progress.Show("searching, " + std::to_string(tenths.count() / 10) + '.' +
+                          std::to_string(tenths.count() % 10) + " s, " +
+                          std::to_string(found.size()) + " found");
+            return true;
+        });
     return found;
 }
 
-//   withoutAddress: receives whether it answered, but not with an address.
-std::vector<Printer> FindOne(PrinterDiscovery& search, const FindArguments& arguments,
-                             size_t& withoutAddress) {
-    Table table;
-    if (!arguments.json && OutputIsTerminal()) {
-        table.Progress("searching");
+Printer FindOne(const FindArguments& arguments) {
+    if (!arguments.mac.empty()) {
+        return FindPrinterByMacAddress(MacAddress(arguments.mac), arguments.model);
     }
-    Printer printer;
-    const bool found =
-        !arguments.mac.empty() ? search.FindPrinterByMacAddress(MacAddress(arguments.mac), printer)
-        : !arguments.hostName.empty()
-            ? search.FindPrinterByHostName(arguments.hostName, printer)
-            : search.FindPrinterByIPAddress(AddressOf(StartedNetwork(), arguments.ip), printer);
-    table.ClearProgress();
-    if (!found || !printer.IsValid()) {
-        withoutAddress = found ? 1 : 0;
-        return {};
+    if (!arguments.hostName.empty()) {
+        return FindPrinterByHostName(arguments.hostName, arguments.model);
     }
-    if (!arguments.json) {
-        table.Add(printer);
-    }
-    return {printer};
+    return FindPrinterAt(arguments.ip, arguments.model);
 }
 
 void RunFind(const FindArguments& arguments) {
-    StartedNetwork();
-    PrinterDiscovery search;
-    SetUpSearch(search, arguments.model);
-
-    const bool one = !arguments.mac.empty() || !arguments.hostName.empty() || !arguments.ip.empty();
+    Table table;
+    Progress progress(!arguments.json);
+    const auto show = [&](const Printer& printer) {
+        progress.Clear();
+        if (!arguments.json) {
+            table.Add(printer);
+        }
+    };
+    const Interruption interruption;
     size_t withoutAddress = 0;
-    const std::vector<Printer> found = one ? FindOne(search, arguments, withoutAddress)
-                                           : FindAll(search, arguments.json, withoutAddress);
+    bool interrupted = false;
+    std::vector<Printer> found;
+    if (arguments.mac.empty() && arguments.hostName.empty() && arguments.ip.empty()) {
+        found = FindAll(arguments.model, interruption, progress, show, withoutAddress);
+        interrupted = interruption.Requested();
+    } else {
+        progress.Show("searching");
+        // Such a search cannot be stopped, and is left behind: the process ends without it.
+        auto search = std::async(std::launch::async, FindOne, arguments);
+        while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+            if (interruption.Requested()) {
+                progress.Clear();
+                EndInterrupted();
+            }
+        }
+        found.push_back(search.get());
+        show(found.front());
+    }
+    progress.Clear();
     if (arguments.json) {
         auto document = nlohmann::json::array();
         for (const Printer& printer : found) {
@@ -206,21 +140,21 @@ void RunFind(const FindArguments& arguments) {
         }
         PrintJson(document);
     }
-    const std::string incomplete =
-        std::to_string(withoutAddress) +
-        " answered, but without an address in the attributes that SLPConf.xml names: compare them "
-        "with what `kestctl slp find` shows";
-    if (!found.empty()) {
-        if (withoutAddress != 0) {
-            std::cerr << "kestctl: " << incomplete << '\n';
-        }
-        return;
+    if (interrupted) {
+        throw Interrupted();
     }
     if (withoutAddress != 0) {
-        throw CommandFailed(incomplete);
+        const std::string incomplete =
+            std::to_string(withoutAddress) +
+            " answered, but without an address in the attributes that SLPConf.xml names: compare "
+            "them with what `kestctl slp find` shows";
+        if (found.empty()) {
+            throw CommandFailed(incomplete);
+        }
+        std::cerr << "kestctl: " << incomplete << '\n';
+    } else if (found.empty()) {
+        throw CommandFailed("no printer answered", Remedy::CheckSearch);
     }
-    throw CommandFailed(one ? "that printer did not answer" : "no printer answered",
-                        Remedy::CheckSearch);
 }
 
 }  // namespace
@@ -240,15 +174,14 @@ void AddFindCommand(CLI::App& app) {
         ""));
     CLI::Option* hostName = command.add_option("--host-name", arguments->hostName,
                                                "Find the printer that announces this host name");
-    CLI::Option* ip = command.add_option(
-        "--ip", arguments->ip, "Ask the printer at this address, or of this name, who it is");
+    CLI::Option* ip = command.add_option("--ip", arguments->ip,
+                                         "Find the printer at this address, or of this name");
     hostName->check(NotEmpty());
     ip->check(NotEmpty());
     mac->excludes(hostName)->excludes(ip);
     hostName->excludes(ip);
     command
-        .add_option("--model", arguments->model,
-                    "Only models that match this pattern: * for any characters, ? for one")
+        .add_option("--model", arguments->model, "Only models like this: * any text, ? any letter")
         ->check(NotEmpty());
     AddJsonFlag(command, arguments->json);
     command.callback([arguments] { RunFind(*arguments); });

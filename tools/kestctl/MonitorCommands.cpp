@@ -14,6 +14,7 @@
 #include "admin/PortStore.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortJson.h"
 #include "tools/kestctl/SpoolerHost.h"
 
@@ -37,19 +38,19 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
         std::string from;
         bool force = false;
     };
-    CLI::App& command = AddMonitorCommand(
-        monitor, "install",
-        "Install the monitor, or update it: all or nothing. Ports, and an SLPConf.xml that was "
-        "changed, stay as they are",
-        "monitor install");
+    CLI::App& command = AddMonitorCommand(monitor, "install",
+                                          "Install the monitor, or update it: all or\n"
+                                          "nothing. Ports, and an SLPConf.xml that was\n"
+                                          "changed, stay as they are",
+                                          "monitor install");
     const auto arguments = std::make_shared<Arguments>();
-    command
-        .add_option("--from", arguments->from, "The folder with the release's files (kestctl's own)")
+    command.add_option("--from", arguments->from, "The release's files (those beside kestctl)")
         ->check(NotEmpty());
     command.add_flag("--force", arguments->force,
-                     "Also an older release over a newer one, and over libraries that are damaged "
-                     "or another product's");
+                     "Also an older release over a newer one, and over\n"
+                     "libraries that are damaged or another product's");
     command.callback([arguments, &machine] {
+        const Interruption untilDone;  // Ctrl-C must not leave the spooler stopped
         const fs::path package = arguments->from.empty()
                                      ? SpoolerHost::LibraryBesideProgram().parent_path()
                                      : fs::absolute(ToWide(arguments->from));
@@ -85,8 +86,7 @@ void KeepPorts(const std::string& name, bool force, Machine& machine,
     }
     PrintLine(std::to_string(ports.size()) + " ports are kept in " + name);
     if (keepConfiguration) {
-        const DWORD code =
-            machine.Copy(machine.SystemFolder() / kConfigurationFile, configuration);
+        const DWORD code = machine.Copy(machine.SystemFolder() / kConfigurationFile, configuration);
         if (code != ERROR_SUCCESS) {
             throw CommandFailed(ToUtf8(configuration.native()) +
                                 " cannot be written, nothing was removed: " + ErrorText(code));
@@ -100,21 +100,25 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
         std::string keepPorts;
         bool force = false;
     };
-    CLI::App& command = AddMonitorCommand(
-        monitor, "remove",
-        "Remove the monitor with its ports, SLPConf.xml and log. Refuses while printers print to "
-        "its ports. Where nothing is installed, it says so and succeeds",
-        "monitor remove --keep-ports ports.json");
+    CLI::App& command = AddMonitorCommand(monitor, "remove",
+                                          "Remove the monitor with its ports, SLPConf.xml\n"
+                                          "and log. Refuses while printers print to its\n"
+                                          "ports. Where nothing is installed, it says so and\n"
+                                          "succeeds",
+                                          "monitor remove --keep-ports ports.json");
     const auto arguments = std::make_shared<Arguments>();
     command
         .add_option("--keep-ports", arguments->keepPorts,
-                    "First write the ports to this file, as JSON; an SLPConf.xml that was changed "
-                    "is kept beside it (ports.SLPConf.xml)")
+                    "First write the ports to this file, as JSON; an\n"
+                    "SLPConf.xml that was changed is kept beside it\n"
+                    "(ports.SLPConf.xml for ports.json)")
         ->check(NotEmpty());
     command.add_flag("--force", arguments->force,
-                     "Also when printers print to its ports, stopping the spooler if it has to be; "
-                     "and write over the files of --keep-ports");
+                     "Also when printers print to its ports, stopping\n"
+                     "the spooler if it has to be; and write over the\n"
+                     "files of --keep-ports");
     command.callback([arguments, openChannel, &machine] {
+        const Interruption untilDone;
         CheckRemoval(machine, arguments->force);
         if (!arguments->keepPorts.empty()) {
             KeepPorts(arguments->keepPorts, arguments->force, machine, openChannel);
@@ -127,8 +131,249 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
 struct Finding {
     std::string what;
     std::string state;
-    std::string toDo = {};
+    std::string toDo = {};  // when it is not as it should be
+    bool broken = false;    // a port would not print, or not follow its printer, for it
 };
+
+constexpr char kInstall[] = "kestctl monitor install";
+
+Finding LibraryFinding(const InstalledLibrary& library, bool oneRelease) {
+    Finding finding = {ToUtf8(library.file.filename().native()), "not installed"};
+    if (library.version && library.version->ours) {
+        finding.state = library.version->Text();
+        if (!oneRelease) {
+            finding.toDo = std::string("the files are of different releases: ") + kInstall;
+        }
+    } else if (library.present) {
+        finding.state = "damaged, or another product's";
+        finding.toDo = std::string("see what it is, then ") + kInstall + " --force";
+        finding.broken = true;
+    } else if (!library.optional) {
+        finding.state = "missing";
+        finding.toDo = kInstall;
+        finding.broken = true;
+    }
+    return finding;
+}
+
+std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
+    const std::string driver = ToUtf8(status.driver);
+    std::vector<Finding> findings;
+    if (driver.empty()) {
+        findings.push_back({"registered", "no", kInstall, true});
+    } else if (lstrcmpiW(status.driver.c_str(), kMonitorLibrary) != 0) {
+        findings.push_back({"registered", "as " + driver,
+                            std::string("kestctl monitor remove, then ") + kInstall, true});
+    } else {
+        findings.push_back({"registered", "yes"});
+    }
+    switch (status.spooler) {
+        case ServiceState::Running:
+            findings.push_back({"print spooler", "running"});
+            break;
+        case ServiceState::Stopped:
+            findings.push_back({"print spooler", "stopped", "net start spooler", true});
+            break;
+        case ServiceState::Disabled:
+            findings.push_back({"print spooler", "disabled",
+                                "sc config spooler start= auto, then net start spooler", true});
+            break;
+    }
+    if (!status.listed) {
+        findings.push_back({"loaded", "unknown"});
+    } else if (*status.listed || driver.empty()) {
+        findings.push_back({"loaded", *status.listed ? "yes" : "no"});
+    } else {
+        findings.push_back({"loaded", "no",
+                            "restart the spooler; if that does not help, its events say why (Event "
+                            "Viewer, PrintService/Admin)",
+                            true});
+    }
+    return findings;
+}
+
+std::vector<Finding> PortFindings(const MonitorStatus& status) {
+    std::vector<Finding> findings = {{"ports", std::to_string(status.ports.size())}};
+    for (const StoredPort& port : status.ports) {
+        const std::string what = "port " + ToUtf8(port.name);
+        const std::string set = "kestctl port set " + Quoted(port.name);
+        if (!port.configured) {
+            findings.push_back(
+                {what, "not configured: no job starts on it", set + " --address ADDRESS", true});
+        } else if (port.alwaysPrint && !port.hasKey) {
+            findings.push_back({what, "cannot follow: it knows no MAC address and no host name",
+                                set + " --follow ADDRESS", true});
+        }
+    }
+    return findings;
+}
+
+std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
+    const bool needed = std::ranges::any_of(status.ports, &StoredPort::alwaysPrint);
+    Finding file = {"SLPConf.xml", ToUtf8(status.configurationFile.native())};
+    switch (status.configurationState) {
+        case ConfigurationState::Good:
+            break;
+        case ConfigurationState::Missing:
+            file = {file.what, "missing: no port follows its printer", kInstall, needed};
+            break;
+        case ConfigurationState::Unreadable:
+            file = {file.what, "cannot be read",
+                    "see who may: icacls " + ToUtf8(status.configurationFile.native()), needed};
+            break;
+        case ConfigurationState::NotWellFormed:
+            file = {file.what, "no well-formed XML: no port follows its printer",
+                    "mend it (docs/SLPConf.md), or delete it and " + std::string(kInstall), needed};
+            break;
+        case ConfigurationState::NotChecked:
+            file.state += ", not checked without kestmon.dll";
+            break;
+    }
+    if (status.configurationState != ConfigurationState::Good) {
+        return {file};
+    }
+    const Config& values = status.configuration;
+    const auto shown = [](const std::string& value) {
+        return value.empty() ? std::string("(none)") : Printable(value);
+    };
+    Finding search = {"  search", "SLP version " + std::to_string(values.GetVersion()) + ", " +
+                                      shown(values.GetServiceName()) + " at " +
+                                      shown(values.GetMulticastAddress())};
+    if ((values.GetVersion() != 1 && values.GetVersion() != 2) || values.GetServiceName().empty() ||
+        values.GetMulticastAddress().empty()) {
+        search.toDo = "fill in version, service_name and multicast_address (docs/SLPConf.md)";
+        search.broken = needed;
+    }
+    return {file,
+            search,
+            {"  addresses", shown(values.GetIpAddrKey()) + ", " + shown(values.GetIpAddr2Key()) +
+                                ", " + shown(values.GetMacAddrKey())},
+            {"  names",
+             shown(values.GetHostNameKey()) + ", " + shown(values.GetDeviceIdStringKey()) + " (" +
+                 shown(values.GetModelNameKey()) + ", " + shown(values.GetDescriptionKey()) + ")"}};
+}
+
+std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& machine) {
+    Finding addresses = {"searches from", ""};
+    for (const std::string& address : status.addresses) {
+        addresses.state += (addresses.state.empty() ? "" : ", ") + address;
+    }
+    if (addresses.state.empty()) {
+        addresses = {addresses.what, "no address", "kestctl interfaces says why"};
+    }
+    std::vector<Finding> findings = {addresses};
+    for (const auto& [file, bytes] : status.logs) {
+        Finding log = {
+            &file == &status.logs.front().file ? "log, spooler's" : "log, yours",
+            ToUtf8(file.native()) +
+                (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB" : ": none")};
+        if (bytes.value_or(0) > kLargeLog) {
+            log.toDo =
+                "begin a new one: net stop spooler, delete the file or move it away, net start "
+                "spooler";
+        }
+        findings.push_back(log);
+    }
+    for (const auto& [folder, count] : LeftoverJobs(machine)) {
+        findings.push_back({"NPM*.tmp", std::to_string(count) + " in " + ToUtf8(folder.native()),
+                            "data of jobs that no daemon took, unless another program made them: "
+                            "look at them and delete them"});
+    }
+    return findings;
+}
+
+std::vector<Finding> Findings(const MonitorStatus& status, Machine& machine) {
+    std::vector<Finding> all;
+    Finding self = {"kestctl", KESTMON_VERSION_STRING};
+    for (const InstalledLibrary& library : status.libraries) {
+        all.push_back(LibraryFinding(library, status.OneRelease()));
+        if (library.version && library.version->Text() != KESTMON_VERSION_STRING) {
+            self.toDo =
+                "the libraries are of another release: use its kestctl, or install this one";
+        }
+    }
+    all.insert(all.begin(), self);
+    for (const auto& part : {SpoolerFindings(status), PortFindings(status),
+                             ConfigurationFindings(status), SurroundingFindings(status, machine)}) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+// What has to be done about a line stands below it.
+void PrintFindings(const std::vector<Finding>& findings) {
+    size_t width = 0;
+    for (const Finding& finding : findings) {
+        width = std::max(width, finding.what.size());
+    }
+    for (const Finding& finding : findings) {
+        std::cout << (finding.toDo.empty() ? "  " : "! ") << finding.what
+                  << std::string(width - finding.what.size() + 2, ' ') << finding.state << '\n';
+        if (!finding.toDo.empty()) {
+            std::cout << std::string(width + 4, ' ') << "-> " << finding.toDo << '\n';
+        }
+    }
+}
+
+nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& findings) {
+    nlohmann::json libraries = nlohmann::json::array();
+    for (const InstalledLibrary& library : status.libraries) {
+        libraries.push_back({{"file", ToUtf8(library.file.native())},
+                             {"present", library.present},
+                             {"version", library.version ? library.version->Text() : ""}});
+    }
+    nlohmann::json logs = nlohmann::json::array();
+    for (const auto& [file, bytes] : status.logs) {
+        logs.push_back({{"file", ToUtf8(file.native())}, {"bytes", bytes.value_or(0)}});
+    }
+    nlohmann::json problems = nlohmann::json::array();
+    for (const Finding& finding : findings) {
+        if (!finding.toDo.empty()) {
+            problems.push_back({{"what", finding.what},
+                                {"state", finding.state},
+                                {"toDo", finding.toDo},
+                                {"broken", finding.broken}});
+        }
+    }
+    return {{"kestctl", KESTMON_VERSION_STRING},
+            {"libraries", libraries},
+            {"driver", ToUtf8(status.driver)},
+            {"spoolerRuns", status.spooler == ServiceState::Running},
+            {"loaded", status.listed ? nlohmann::json(*status.listed) : nlohmann::json()},
+            {"ports", status.ports.size()},
+            {"configuration",
+             {{"file", ToUtf8(status.configurationFile.native())},
+              {"good", status.configurationState == ConfigurationState::Good},
+              {"version", status.configuration.GetVersion()},
+              {"serviceName", status.configuration.GetServiceName()},
+              {"multicastAddress", status.configuration.GetMulticastAddress()}}},
+            {"addresses", status.addresses},
+            {"logs", logs},
+            {"problems", problems}};
+}
+
+void AddStatus(CLI::App& monitor, Machine& machine) {
+    CLI::App& command = AddMonitorCommand(monitor, "status",
+                                          "Show what is on the machine of the monitor, and\n"
+                                          "what to do about each line that is not as it\n"
+                                          "should be (!). Exit code 1 when a port would not\n"
+                                          "print, or not follow its printer",
+                                          "monitor status");
+    const auto json = std::make_shared<bool>(false);
+    AddJsonFlag(command, *json);
+    command.callback([json, &machine] {
+        const MonitorStatus status = ReadMonitorStatus(machine);
+        const std::vector<Finding> findings = Findings(status, machine);
+        if (*json) {
+            PrintJson(ToJson(status, findings));
+        } else {
+            PrintFindings(findings);
+        }
+        if (std::ranges::any_of(findings, &Finding::broken)) {
+            throw CommandFailed("not all is as it should be: do what stands at the lines with !");
+        }
+    });
+}
 
 }  // namespace
 
@@ -138,4 +383,5 @@ void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machin
     monitor.require_subcommand(1);
     AddInstall(monitor, machine);
     AddRemove(monitor, openChannel, machine);
+    AddStatus(monitor, machine);
 }

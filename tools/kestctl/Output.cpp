@@ -9,23 +9,26 @@
 
 namespace {
 
-// Code points, which is what a column is wide for the names that ports and printers have.
-size_t Width(const std::string& text) {
-    return static_cast<size_t>(std::count_if(
-        text.begin(), text.end(), [](unsigned char byte) { return (byte & 0xC0) != 0x80; }));
-}
-
 void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
-        line += row[i];
-        line.append(widths[i] - Width(row[i]) + 2, ' ');
+        line += Padded(row[i], widths[i]) + "  ";
     }
     line.erase(line.find_last_not_of(' ') + 1);
     std::cout << line << '\n';
 }
 
 }  // namespace
+
+// Code points, which is what a column is wide for the names that ports and printers have.
+size_t Width(const std::string& text) {
+    return static_cast<size_t>(std::count_if(
+        text.begin(), text.end(), [](unsigned char byte) { return (byte & 0xC0) != 0x80; }));
+}
+
+std::string Padded(std::string text, size_t width) {
+    return text.append(width - std::min(width, Width(text)), ' ');
+}
 
 std::string Quoted(const std::wstring& name) {
     const std::string text = ToUtf8(name);
@@ -44,7 +47,7 @@ std::string Explained(const CommandFailed& failed) {
             return message + "; start its service: net start spooler";
         case Remedy::InstallMonitor:
             return message +
-                   "; install the monitor and restart the spooler, or go without it: --direct";
+                   "; install the monitor with `kestctl monitor install`, or go without: --direct";
         case Remedy::ListPorts:
             return message + ": `kestctl port list` shows those there are";
         case Remedy::ChangePort:
@@ -66,13 +69,13 @@ std::string Explained(const CommandFailed& failed) {
                    "keeps UDP port 427 from it";
         case Remedy::UnpackRelease:
             return message +
-                   ": unpack the whole archive into a folder of its own, and run kestctl from there "
+                   ": unpack the whole archive into a folder of its own, and run kestctl from "
+                   "there "
                    "or name the folder with --from";
         case Remedy::Force:
             return message + "; --force does it all the same";
         case Remedy::MoveQueues:
-            return message +
-                   ": move them to other ports, or remove it all the same with --force";
+            return message + ": move them to other ports, or remove it all the same with --force";
     }
     return message;
 }

@@ -6,6 +6,7 @@
 #include "tools/kestctl/Command.h"
 #include "admin/PortStore.h"
 #include "admin/Text.h"
+#include "admin/Hosts.h"
 #include "tools/kestctl/PortJson.h"
 
 namespace {
@@ -26,20 +27,42 @@ CLI::Validator Checked(std::string (*check)(std::string&)) {
     return CLI::Validator(check, "");
 }
 
-// The checks of addresses, with the option that a refused value belongs to.
+// The checks of addresses, with the option that a refused value belongs to. A host name passes: it
+// is resolved when the command runs.
 std::string CheckAddressOption(std::string& text) {
     std::string problem = CheckIPv4Address(text);
-    if (!problem.empty() && IsIPv6AddressText(text)) {
-        problem += ": give it with --ipv6";
-    } else if (!problem.empty() && IsIPv4AddressText(text) && text.find(':') != text.npos) {
-        problem += ": give it with --port " + text.substr(text.find(':') + 1);
+    if (problem.empty() || text == "none") {
+        return problem;
     }
-    return problem;
+    if (IsIPv6AddressText(text)) {
+        return problem + ": give it with --ipv6";
+    }
+    if (const size_t colon = text.find(':'); colon != std::string::npos) {
+        return IsIPv4AddressText(text) ? problem + ": give it with --port " + text.substr(colon + 1)
+                                       : problem;
+    }
+    const bool isNumber = text.find_first_not_of("0123456789.") == std::string::npos;
+    return isNumber ? problem : CheckIPv6Host(text);  // which takes host names
 }
 std::string CheckIPv6Option(std::string& text) {
     const std::string problem = CheckIPv6Host(text);
     return problem.empty() || !IsIPv4AddressText(text) ? problem
                                                        : problem + ": give it with --address";
+}
+
+// Replaces a host name in --address by its IPv4 address. Returns words about it for the report.
+std::string ResolveAddress(PortChange& change) {
+    std::string name = change.address.value_or("");
+    if (name.empty() || CheckIPv4Address(name).empty()) {
+        return {};
+    }
+    const IPAddress address = AddressOf(StartedNetwork(), name);
+    if (address.GetType() != IPV4) {
+        throw CommandFailed("the name '" + name + "' has the IPv6 address " + address.GetText() +
+                            " alone: give it with --ipv6");
+    }
+    change.address = address.GetText();
+    return ", the address of " + name;
 }
 
 void AddSettings(CLI::App& command, PortArguments& arguments) {
@@ -48,14 +71,15 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
                                  const char* description, std::string (*check)(std::string&)) {
         return command.add_option(name, value, description)->transform(Checked(check));
     };
-    text("--address", change.address, "The printer's IPv4 address", CheckAddressOption);
+    text("--address", change.address,
+         "The printer's IPv4 address, or a host name: what it resolves to now is stored",
+         CheckAddressOption);
     text("--ipv6", change.ipv6, "The printer's IPv6 address or host name: send to it over IPv6",
          CheckIPv6Option);
     command.add_option("--protocol", change.protocol, "raw (a plain stream; the default) or lpr")
         ->check(CLI::IsMember({"raw", "lpr"}));
     command.add_option("--port", change.portNumber, "TCP port number (raw: 9100, lpr: 515)")
-        ->check(CLI::Validator(CheckNumber, ""))
-        ->check(CLI::Range(1, 65535));
+        ->check(Checked(CheckPortNumber));
     text("--queue", change.queue, "LPR: the printer's queue (lp)", CheckQueue);
     command.add_flag_function(
         "--double-spool,!--no-double-spool",
@@ -65,16 +89,19 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
          CheckHostName);
     text("--mac", change.mac,
          "The printer's hardware address, to find it again by; none forgets it", CheckMacAddress);
+
     command.add_flag_function(
         "--always-print,!--no-always-print",
         [&change](int64_t count) { change.alwaysPrint = count > 0; },
         "When the printer cannot be reached, search the network for it and follow it");
     CLI::Option* community = text("--snmp", change.snmpCommunity,
-                                  "Turn SNMP status on, with this community", CheckCommunity);
+                                  "Store that SNMP status is wanted, with this community: kestmon "
+                                  "itself asks no printer, only dialogues show it",
+                                  CheckCommunity);
     CLI::Option* index =
         command.add_option("--snmp-index", change.snmpIndex, "SNMP device index (1)");
-    index->check(CLI::Validator(CheckNumber, ""))->check(CLI::Range(1, 65535));
-    command.add_flag("--no-snmp", change.noSnmp, "Turn SNMP status off")
+    index->check(Checked(CheckSnmpIndex));
+    command.add_flag("--no-snmp", change.noSnmp, "Store that SNMP status is not wanted")
         ->excludes(community)
         ->excludes(index);
 }
@@ -160,12 +187,25 @@ void AddList(CLI::App& port, const ChannelFactory& openChannel) {
         const auto channel = openChannel();
         nlohmann::json document = nlohmann::json::array();
         std::vector<std::vector<std::string>> rows;
+        std::string namesAlone;
         for (const std::wstring& name : channel->PortNames()) {
-            const PortRecords port = ReadPort(*channel, name);
-            const nlohmann::json settings = ToJson(name, port);
-            document.push_back(settings);
-            rows.push_back({settings["name"], Destination(port), OrNone(settings["mac"]),
-                            port.extended.dwAlwaysPrint != 0 ? "yes" : "no"});
+            try {
+                const PortRecords port = ReadPort(*channel, name);
+                document.push_back(ToJson(name, port));
+                rows.push_back({ToUtf8(name), Destination(port), OrNone(document.back()["mac"]),
+                                port.extended.dwAlwaysPrint != 0 ? "yes" : "no"});
+            } catch (const CommandFailed& failed) {
+                // Everybody may see which ports there are.
+                if (failed.remedy != Remedy::RunAsAdministrator) {
+                    throw;
+                }
+                namesAlone = Explained(failed);
+                document.push_back({{"name", ToUtf8(name)}});
+                rows.push_back({ToUtf8(name), "?", "?", "?"});
+            }
+        }
+        if (!namesAlone.empty()) {
+            std::cerr << "kestctl: only the names are shown: " << namesAlone << '\n';
         }
         if (arguments->json) {
             PrintJson(document);
@@ -209,23 +249,46 @@ void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
 
 void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
     CLI::App& command = AddPortCommand(port, "add", "Add a port for a printer",
-                                       "port add OFFICE --address 192.168.1.20 "
-                                       "--mac 00:04:00:4a:1b:2c --always-print");
+                                       "port add OFFICE --follow 192.168.1.20");
     const auto arguments = std::make_shared<PortArguments>();
     command.add_option("NAME", arguments->name, "The new port's name")
         ->required()
         ->transform(Checked(CheckPortName));
     AddSettings(command, *arguments);
     AddFollow(command, *arguments);
+    AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, identify] {
         PortRecords records;
+        const std::string resolved = ResolveAddress(arguments->change);
         const std::string following = Follow(*arguments, identify, records);
         ApplyArguments(*arguments, records);
         const auto channel = openChannel();
         AddPort(*channel, ToWide(arguments->name), records);
-        std::cout << "port " << arguments->name << " added: " << Destination(records) << following
-                  << '\n';
+        if (arguments->json) {
+            PrintJson(ToJson(ToWide(arguments->name), records));
+        } else {
+            std::cout << "port " << arguments->name << " added: " << Destination(records)
+                      << resolved << following << '\n';
+        }
     });
+}
+
+std::string ValueText(const nlohmann::json& value) {
+    return value.is_string() ? OrNone(Printable(value.get<std::string>())) : value.dump();
+}
+
+// What differs between two ports as JSON: {"address": {"from": ..., "to": ...}}, the SNMP settings
+// as "snmp/community" and so on.
+nlohmann::json Changes(const nlohmann::json& before, const nlohmann::json& after) {
+    const nlohmann::json old = before.flatten();
+    const nlohmann::json now = after.flatten();
+    nlohmann::json changes = nlohmann::json::object();
+    for (const auto& [key, value] : now.items()) {
+        if (old.at(key) != value) {
+            changes[key.substr(1)] = {{"from", old.at(key)}, {"to", value}};
+        }
+    }
+    return changes;
 }
 
 void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
@@ -235,19 +298,38 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
     command.add_option("NAME", arguments->name, "The port")->required()->check(NotEmpty());
     AddSettings(command, *arguments);
     AddFollow(command, *arguments);
+    AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, identify, &command] {
-        const auto isGiven = [](const CLI::Option* option) { return option->count() > 0; };
-        if (command.get_options(isGiven).size() == 1) {  // NAME alone
+        const auto isSetting = [](const CLI::Option* option) {
+            return option->count() > 0 && option->nonpositional() && !option->check_lname("json");
+        };
+        if (command.get_options(isSetting).empty()) {
             throw CLI::RequiredError("a setting to change");
         }
+        const std::string resolved = ResolveAddress(arguments->change);
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
         const PortRecords before = ReadPort(*channel, name);
         const std::string following = Follow(*arguments, identify, before);
         PortRecords after = before;
         ApplyArguments(*arguments, after);
+        const nlohmann::json changes = Changes(ToJson(name, before), ToJson(name, after));
         ChangePort(*channel, name, before, after);
-        std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << following << '\n';
+        if (arguments->json) {
+            nlohmann::json document = ToJson(name, after);
+            document["changed"] = changes;
+            PrintJson(document);
+            return;
+        }
+        std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << resolved
+                  << following << '\n';
+        for (const auto& [key, values] : changes.items()) {
+            std::cout << "  " << key << ": " << ValueText(values["from"]) << " -> "
+                      << ValueText(values["to"]) << '\n';
+        }
+        if (changes.empty()) {
+            std::cout << "  nothing changed: all of it was so\n";
+        }
     });
 }
 
@@ -256,6 +338,7 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
         AddPortCommand(port, "delete", "Delete a port that no printer uses", "port delete OFFICE");
     const auto arguments = std::make_shared<PortArguments>();
     command.add_option("NAME", arguments->name, "The port")->required()->check(NotEmpty());
+    AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
@@ -265,7 +348,11 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
                 Remedy::MovePrinter);
         }
         DeletePort(*channel, name);
-        std::cout << "port " << ToUtf8(name) << " deleted\n";
+        if (arguments->json) {
+            PrintJson({{"deleted", ToUtf8(name)}});
+        } else {
+            std::cout << "port " << ToUtf8(name) << " deleted\n";
+        }
     });
 }
 

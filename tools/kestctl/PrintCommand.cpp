@@ -1,21 +1,28 @@
 // kestctl print
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <iomanip>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <sstream>
 
-#include "diag/Resource.h"
-#include "tools/kestctl/Command.h"
 #include "admin/PortStore.h"
 #include "admin/Text.h"
+#include "diag/Resource.h"
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/Progress.h"
 
 namespace {
 
-constexpr size_t kChunk = 65536;
+// What the monitor is offered at a time, in bytes.
+constexpr size_t kSmallestChunk = 64 << 10;
+constexpr size_t kLargestChunk = 1 << 20;
 
 // A document, read from its start to its end.
 class Document {
@@ -36,10 +43,9 @@ class Document {
     uint64_t Size() const { return size_; }
 
     // Returns the bytes that were read, 0 at the end.
-    size_t Read(std::vector<BYTE>& buffer) {
+    size_t Read(BYTE* to, size_t room) {
         DWORD count = 0;
-        if (!ReadFile(file_.Get(), buffer.data(), static_cast<DWORD>(buffer.size()), &count,
-                      nullptr)) {
+        if (!ReadFile(file_.Get(), to, static_cast<DWORD>(room), &count, nullptr)) {
             Fail();
         }
         return count;
@@ -55,75 +61,149 @@ class Document {
     uint64_t size_ = 0;
 };
 
-// A bar that grows on a terminal, and nothing anywhere else.
-class Progress {
-  public:
-    explicit Progress(uint64_t total) : total_(total), shown_(OutputIsTerminal()) {}
-    ~Progress() {
-        if (shown_) {
-            std::cout << "\r" << std::string(kWidth + 40, ' ') << '\r' << std::flush;
-        }
-    }
-    Progress(const Progress&) = delete;
-    Progress& operator=(const Progress&) = delete;
-
-    void Show(uint64_t done) {
-        const auto now = std::chrono::steady_clock::now();
-        if (!shown_ || (done < total_ && now < next_)) {
-            return;
-        }
-        next_ = now + std::chrono::milliseconds(100);
-        const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total_));
-        const auto filled = static_cast<size_t>(part * kWidth);
-        std::ostringstream line;
-        line << "\r[" << std::string(filled, '#') << std::string(kWidth - filled, '.') << "] "
-             << std::setw(3) << static_cast<int>(part * 100) << " %  " << std::fixed
-             << std::setprecision(1) << static_cast<double>(done) / 1e6 << " of "
-             << static_cast<double>(total_) / 1e6 << " MB";
-        std::cout << line.str() << std::flush;
-    }
-
-  private:
-    static constexpr size_t kWidth = 30;
-    uint64_t total_;
-    bool shown_;
-    std::chrono::steady_clock::time_point next_;
+// How far a job is, for the thread that shows it.
+struct JobState {
+    std::atomic<uint64_t> sent = 0;  // bytes
+    std::atomic<bool> started = false;
+    std::atomic<bool> ending = false;  // all sent
+    std::mutex mutex;
+    PrintJob* job = nullptr;  // while it can be given up
 };
 
-// Sends the whole document; a job may take fewer bytes at a time than it is offered.
-void Send(Document& document, PrintJob& job) {
-    Progress progress(document.Size());
-    std::vector<BYTE> buffer(kChunk);
-    uint64_t sent = 0;
-    try {
-        while (const size_t count = document.Read(buffer)) {
-            for (size_t taken = 0; taken < count;) {
-                const size_t step = job.Write(buffer.data() + taken, count - taken);
-                taken += step;
-                sent += step;
-                progress.Show(sent);
-            }
+// "12.3 of 45.6 kB": both in the unit that fits the larger.
+std::string Amounts(uint64_t done, uint64_t total) {
+    const auto [unit, name] = total < 1000        ? std::pair(1.0, "bytes")
+                              : total < 1'000'000 ? std::pair(1e3, "kB")
+                                                  : std::pair(1e6, "MB");
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(unit > 1 ? 1 : 0) << static_cast<double>(done) / unit
+         << " of " << static_cast<double>(total) / unit << ' ' << name;
+    return text.str();
+}
+
+std::string Bar(uint64_t done, uint64_t total) {
+    constexpr size_t kWidth = 30;
+    const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
+    const auto filled = static_cast<size_t>(part * kWidth);
+    return '[' + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
+           std::to_string(static_cast<int>(part * 100)) + " %  " + Amounts(done, total);
+}
+
+// Sends the whole document; a job may take fewer bytes at a time than it is offered. What it is
+// offered grows while it takes it quickly: large pieces cost the least, small ones show how a slow
+// printer gets on.
+void Send(Document& document, PrintJob& job, JobState& state) {
+    using namespace std::chrono;
+    std::vector<BYTE> buffer(kLargestChunk);
+    size_t chunk = kSmallestChunk;
+    while (const size_t count = document.Read(buffer.data(), chunk)) {
+        const auto begin = steady_clock::now();
+        for (size_t taken = 0; taken < count;) {
+            const size_t step = job.Write(buffer.data() + taken, count - taken);
+            taken += step;
+            state.sent += step;
         }
-        job.End();
+        const auto took = steady_clock::now() - begin;
+        if (took < milliseconds(50)) {
+            chunk = std::min(2 * chunk, kLargestChunk);
+        } else if (took > milliseconds(500)) {
+            chunk = std::max(chunk / 2, kSmallestChunk);
+        }
+    }
+    state.ending = true;
+    job.End();
+}
+
+struct PrintArguments {
+    std::string file;
+    std::string port;
+    std::string name;
+    std::string printer;
+    bool json = false;
+};
+
+// Prints the document. Returns the job's outcome.
+std::string Print(const PrintArguments& arguments, Document& document, SpoolerChannel& channel,
+                  JobState& state) {
+    const std::wstring name =
+        arguments.name.empty() ? std::filesystem::path(ToWide(arguments.file)).filename().native()
+                               : ToWide(arguments.name);
+    const auto job = channel.StartJob(FindPort(channel, ToWide(arguments.port)), name,
+                                      ToWide(arguments.printer));
+    struct Published {
+        Published(JobState& where, PrintJob* what) : state(where) { Set(what); }
+        ~Published() { Set(nullptr); }
+        void Set(PrintJob* what) {
+            const std::lock_guard lock(state.mutex);
+            state.job = what;
+        }
+        JobState& state;
+    } published(state, job.get());
+    state.started = true;
+    try {
+        Send(document, *job, state);
     } catch (const CommandFailed& failed) {
-        throw CommandFailed("not printed, stopped after " + std::to_string(sent) + " of " +
+        throw CommandFailed("not printed, stopped after " + std::to_string(state.sent) + " of " +
                                 std::to_string(document.Size()) + " bytes: " + failed.what(),
                             failed.remedy, failed.subject);
+    }
+    return job->Outcome();
+}
+
+// Ctrl-C ends the job wherever it waits, and the program with it.
+[[noreturn]] void Stop(const PrintArguments& arguments, JobState& state, uint64_t size) {
+    {
+        const std::lock_guard lock(state.mutex);
+        if (state.job != nullptr) {
+            state.job->Abandon();
+        }
+    }
+    const std::string message = arguments.file + ": stopped after " + std::to_string(state.sent) +
+                                " of " + std::to_string(size) + " bytes";
+    if (arguments.json) {
+        PrintJson({{"error", message}, {"exitCode", kInterrupted}});
+    } else {
+        std::cerr << "kestctl: " << message << '\n';
+    }
+    EndInterrupted();
+}
+
+void RunPrint(const PrintArguments& arguments, const ChannelFactory& openChannel) {
+    const std::filesystem::path path(ToWide(arguments.file));
+    Document document(path);
+    const auto channel = openChannel();
+    const Interruption interruption;
+    Progress progress(!arguments.json);
+    JobState state;
+    auto printed =
+        std::async(std::launch::async, [&] { return Print(arguments, document, *channel, state); });
+    while (printed.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+        if (interruption.Requested()) {
+            progress.Clear();
+            Stop(arguments, state, document.Size());
+        }
+        progress.Show(state.ending     ? "all sent, waiting for the printer to close"
+                      : !state.started ? "connecting"
+                                       : Bar(state.sent, document.Size()));
+    }
+    progress.Clear();
+    const std::string outcome = printed.get();
+    if (arguments.json) {
+        PrintJson({{"file", arguments.file},
+                   {"port", arguments.port},
+                   {"bytes", document.Size()},
+                   {"outcome", outcome}});
+    } else {
+        std::cout << arguments.file << ": " << document.Size() << " bytes " << outcome << '\n';
     }
 }
 
 }  // namespace
 
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel) {
-    struct Arguments {
-        std::string file;
-        std::string port;
-        std::string name;
-        std::string printer;
-    };
     CLI::App& command = *app.add_subcommand("print", "Send a file, as it is, through a port");
     AddExample(command, "print report.prn --port OFFICE --as \"Monthly report\"");
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<PrintArguments>();
     command.add_option("FILE", arguments->file, "A file in the printer's own language")
         ->required()
         ->check(NotEmpty());
@@ -133,16 +213,6 @@ void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel) {
     command.add_option("--printer", arguments->printer,
                        "The queue to use (one that prints to the port); with --direct the printer "
                        "that the job is controlled by (the default printer)");
-    command.callback([arguments, openChannel] {
-        const std::filesystem::path path(ToWide(arguments->file));
-        Document document(path);
-        const auto channel = openChannel();
-        const std::wstring port = FindPort(*channel, ToWide(arguments->port));
-        const std::wstring name =
-            arguments->name.empty() ? path.filename().native() : ToWide(arguments->name);
-        const auto job = channel->StartJob(port, name, ToWide(arguments->printer));
-        Send(document, *job);
-        std::cout << arguments->file << ": " << document.Size() << " bytes " << job->Outcome()
-                  << '\n';
-    });
+    AddJsonFlag(command, arguments->json);
+    command.callback([arguments, openChannel] { RunPrint(*arguments, openChannel); });
 }

@@ -12,6 +12,7 @@
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Progress.h"
 #include "admin/Text.h"
 
 namespace {
@@ -33,6 +34,7 @@ using UniqueSlpHandle = std::unique_ptr<void, CloseHandleOfSlp>;
 // What the request's callback is handed.
 struct Findings {
     bool json;
+    Progress& progress;
     nlohmann::json agents = nlohmann::json::array();
 };
 
@@ -54,6 +56,11 @@ const char* Explain(SLPError error) {
 
 [[noreturn]] void Fail(SLPError error) {
     throw CommandFailed(std::string(Explain(error)) + " (SLP error " + std::to_string(error) + ')');
+}
+
+// What to say of a service type whose scheme was forgotten.
+std::string Misnamed(const std::string& service) {
+    return service.starts_with("service:") ? "" : " (did you mean 'service:" + service + "'?)";
 }
 
 // Tags and values in the order in which the agent has them.
@@ -86,6 +93,7 @@ SLPBoolean TakeAnswer(SLPHandle, const char* list, SLPError code, void* cookie) 
         attributes.emplace_back(attribute->tag, slp::Unescape(attribute->value));
     }
     if (!findings.json) {
+        findings.progress.Clear();
         PrintAgent(findings.agents.size() + 1, attributes);
     }
     auto object = nlohmann::json::object();
@@ -125,7 +133,9 @@ void RunFind(const FindArguments& arguments) {
     Direct(handle.get(), arguments);
 
     const auto begin = std::chrono::steady_clock::now();
-    Findings findings{arguments.json};
+    Progress progress(!arguments.json);
+    progress.Show("asking");
+    Findings findings{arguments.json, progress};
     if (const SLPError error =
             SLPFindAttrs(handle.get(), arguments.service.c_str(), nullptr, nullptr, TakeAnswer,
                          &findings, nullptr, arguments.version);
@@ -133,6 +143,7 @@ void RunFind(const FindArguments& arguments) {
         Fail(error);
     }
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
+    progress.Clear();
     if (arguments.json) {
         PrintJson({{"service", arguments.service},
                    {"version", arguments.version},
@@ -142,7 +153,7 @@ void RunFind(const FindArguments& arguments) {
     if (findings.agents.empty()) {
         throw CommandFailed(
             "no agent answered: check that the printer is on and offers '" + arguments.service +
-            "' by SLP version " + std::to_string(arguments.version) +
+            "' by SLP version " + std::to_string(arguments.version) + Misnamed(arguments.service) +
             ", and that no firewall keeps UDP port 427 from it; --unicast asks one address alone");
     }
     if (!arguments.json) {
@@ -170,7 +181,7 @@ void AddSlpCommands(CLI::App& app) {
         ->check(CLI::Range(1, 2))
         ->capture_default_str();
     find.add_option("--interface", arguments->interfaces,
-                    "Ask only by the interface with this address; may be given several times")
+                    "Ask by the interface of this address; repeatable")
         ->allow_extra_args(false);
     AddJsonFlag(find, arguments->json);
     find.callback([arguments] { RunFind(*arguments); });

@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "admin/CommandFailed.h"
+#include "diag/Log.h"
+#include "monitor/PortList.h"
 #include "tools/kestctl/ControlJob.h"
 #include "admin/PortStore.h"
 #include "admin/SpoolerService.h"
@@ -108,25 +110,29 @@ class OpenedPort {
 
 // Why a job did not start, for somebody who has to do something about it.
 //   before, after: the port when the job began, and now.
-std::string StartFailure(const PortRecords& before, const PortRecords& after, DWORD error) {
+//   found: a search has found the printer, and its address was stored.
+std::string StartFailure(const PortRecords& before, const PortRecords& after, bool found,
+                         DWORD error) {
     if (before.standard.dwProtocol == 0) {
         return "it has no configuration yet: set it with kestctl port set";
     }
+    // A daemon that stays silent leaves the last error as it was, and a search leaves its own
+    // there.
+    const bool silent = error == ERROR_SUCCESS || error == WSAEWOULDBLOCK;
+    const std::string reason =
+        silent ? "the printer did not accept it, or did not answer in time" : ErrorText(error);
+    if (after.extended.dwAlwaysPrint == 0 || (silent && !found)) {
+        return reason;
+    }
+    const std::string log = "; what was asked and answered stands in " + ToUtf8(LogPath());
+    if (!found) {
+        return reason + ", and the search for it did not find it" + log;
+    }
     if (Destination(after) != Destination(before)) {
-        return "the printer was found again, but not reached where it says it is: " +
-               Destination(after) + ": " + ErrorText(error);
+        return "the printer was found again, but takes no job where it says it is, " +
+               Destination(after) + ": " + reason + log;
     }
-    const bool searched = after.extended.dwAlwaysPrint != 0;
-    if (searched && after.standard.dwProtocol != kProtocolLpr) {
-        // What the last error is by now is the search's business.
-        return "the printer was not reached, and the search for it did not find it; what was asked "
-               "and answered stands in KestSetupWizard.log, in the folder for temporary files";
-    }
-    const std::string reason = error == ERROR_SUCCESS
-                                   ? "the printer did not accept it, or did not answer in time"
-                                   : ErrorText(error);
-    return reason +
-           (searched ? "; if it was not reached, the network was searched for it, too" : "");
+    return "the printer was found where it was, and takes no job there: " + reason + log;
 }
 
 class HostJob : public PrintJob {
@@ -142,12 +148,14 @@ class HostJob : public PrintJob {
         std::wstring documentName = document;
         wchar_t raw[] = L"RAW";
         DOC_INFO_1W info = {documentName.data(), nullptr, raw};
+        const uint64_t written = host.LastWritten(port);
         SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
                                     reinterpret_cast<LPBYTE>(&info))) {
             const DWORD error = GetLastError();
             throw CommandFailed(portText_ + " does not start the job: " +
-                                StartFailure(records, ReadPort(host, port), error));
+                                StartFailure(records, ReadPort(host, port),
+                                             host.LastWritten(port) != written, error));
         }
     }
 
@@ -174,6 +182,15 @@ class HostJob : public PrintJob {
     void End() override {
         ended_ = true;
         table_.pfnEndDocPort(port_.Get());
+    }
+
+    // The monitor lets a connection linger for two minutes; the one that comes next is not to wait
+    // for that. The port's handle is the monitor's own record.
+    void Abandon() noexcept override {
+        const SOCKET socket = static_cast<const PortEntry*>(port_.Get())->socket.Get();
+        const linger reset = {1, 0};
+        setsockopt(socket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&reset),
+                   sizeof(reset));
     }
 
     // The monitor tells nobody how the end of an LPR job went.
@@ -237,6 +254,18 @@ std::filesystem::path SpoolerHost::LibraryBesideProgram() {
     }
     path.resize(length);
     return std::filesystem::path(path).replace_filename(L"kestmon.dll");
+}
+
+// The monitor writes a port when it has found its printer, also where it was.
+uint64_t SpoolerHost::LastWritten(const std::wstring& port) const {
+    UniqueRegistryKey key;
+    FILETIME time = {};
+    if (RegOpenKeyExW(root_.Get(), (L"Ports\\" + port).c_str(), 0, KEY_READ, key.Out()) ==
+        ERROR_SUCCESS) {
+        RegQueryInfoKeyW(key.Get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+                         nullptr, nullptr, nullptr, &time);
+    }
+    return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
 
 std::vector<std::wstring> SpoolerHost::PortNames() {

@@ -1,17 +1,21 @@
 // kestctl, the administrator's command line of the kestmon port monitor.
 //
-// Exit codes: 0 done, 1 failed, 2 wrong usage.
+// Exit codes: 0 done, 1 failed, 2 wrong usage, 130 ended by Ctrl-C.
 #include <windows.h>
 #include <shellapi.h>
 
 #include <fcntl.h>
 #include <io.h>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
+#include <streambuf>
 
 #include "Version.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/Progress.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "admin/WindowsMachine.h"
@@ -21,24 +25,66 @@ namespace {
 constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
-// Output is UTF-8: into pipes and files as it is, on a console by its code page, which is the
-// console's own again when the program ends. Line ends stay LF.
+// A console's side of a stream: whole characters of UTF-8 become the console's own text, whatever
+// its code page. Single bytes of one, as the C library writes them, come out garbled.
+class ConsoleBuffer : public std::streambuf {
+  public:
+    explicit ConsoleBuffer(HANDLE console) : console_(console) {}
+
+  protected:
+    int_type overflow(int_type byte) override {
+        if (!traits_type::eq_int_type(byte, traits_type::eof())) {
+            text_ += traits_type::to_char_type(byte);
+        }
+        return traits_type::not_eof(byte);
+    }
+    std::streamsize xsputn(const char* bytes, std::streamsize count) override {
+        text_.append(bytes, static_cast<size_t>(count));
+        return count;
+    }
+    int sync() override {
+        constexpr size_t kAtOnce = 8192;  // some consoles take no more than 64 KiB
+        const std::wstring wide = ToWide(text_);
+        text_.clear();
+        for (size_t at = 0; at < wide.size(); at += kAtOnce) {
+            DWORD written = 0;
+            if (!WriteConsoleW(console_, wide.data() + at,
+                               static_cast<DWORD>(std::min(kAtOnce, wide.size() - at)), &written,
+                               nullptr)) {
+                return -1;
+            }
+        }
+        return 0;
+    }
+
+  private:
+    HANDLE console_;
+    std::string text_;
+};
+
+// Output is UTF-8: into pipes and files as it is, on a console as text. Line ends stay LF.
 class Utf8Output {
   public:
-    Utf8Output() : previous_(GetConsoleOutputCP()) {
-        SetConsoleOutputCP(CP_UTF8);
-        _setmode(_fileno(stdout), _O_BINARY);
-        _setmode(_fileno(stderr), _O_BINARY);
+    Utf8Output(std::ostream& stream, DWORD handle, FILE* file)
+        : stream_(stream), console_(GetStdHandle(handle)), before_(stream.rdbuf()) {
+        DWORD mode = 0;
+        if (GetConsoleMode(GetStdHandle(handle), &mode)) {
+            stream_.rdbuf(&console_);
+        } else {
+            _setmode(_fileno(file), _O_BINARY);
+        }
     }
     ~Utf8Output() {
-        std::cout.flush();
-        SetConsoleOutputCP(previous_);
+        stream_.flush();
+        stream_.rdbuf(before_);
     }
     Utf8Output(const Utf8Output&) = delete;
     Utf8Output& operator=(const Utf8Output&) = delete;
 
   private:
-    UINT previous_;
+    std::ostream& stream_;
+    ConsoleBuffer console_;
+    std::streambuf* before_;
 };
 
 // The arguments without the program's name, last one first, as CLI11 takes them.
@@ -70,14 +116,19 @@ std::string UnknownCommand(const CLI::App& app) {
     return "There is no command '" + rest.front() + "' here, there are: " + known;
 }
 
-int Fail(const std::string& message) {
+// Reports a failure: as text, or as a JSON document where JSON was asked for.
+int Fail(int code, bool json, const std::string& message) {
+    if (json) {
+        PrintJson({{"error", message}, {"exitCode", code}});
+    }
     std::cout.flush();
-    std::cerr << "kestctl: " << message << '\n';
-    return kFailed;
+    std::cerr << (json ? "" : "kestctl: " + message + '\n') << std::flush;
+    return code;
 }
 
 int Run() {
     CLI::App app{"Manages the network printer ports of the kestmon port monitor.", "kestctl"};
+    SetHelp(app);
     // "/tmp/report.prn" is a file, not an option.
     app.allow_windows_style_options(false);
     app.fallthrough();
@@ -87,7 +138,11 @@ int Run() {
     AddDirectFlag(app);
 
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
-    AddPortCommands(app, openChannel, IdentifyPrinter);
+    AddPortCommands(app, openChannel, [](const std::string& host) {
+        Progress progress;
+        progress.Show("asking the printer who it is");
+        return IdentifyPrinter(host);
+    });
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
     AddSlpCommands(app);
@@ -95,30 +150,42 @@ int Run() {
     AddFindCommand(app);
     WindowsMachine machine;
     AddMonitorCommands(app, openChannel, machine);
+    AddSelfTestCommand(app, openChannel);
     app.footer("Examples:" + Examples(app));
 
+    std::vector<std::string> arguments = Arguments();
+    const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
     try {
-        app.parse(Arguments());
+        app.parse(arguments);
         if (!std::cout.flush()) {
             throw CommandFailed("not all of the output could be written");
         }
         return 0;
-    } catch (const CLI::RequiredError& error) {
-        const std::string unknown = UnknownCommand(app);
+    } catch (const CLI::ParseError& error) {
+        const std::string unknown = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr
+                                        ? UnknownCommand(app)
+                                        : std::string();
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // help, or the version
+        }
+        if (json) {
+            return Fail(kWrongUsage, json, unknown.empty() ? error.what() : unknown);
+        }
         app.exit(unknown.empty() ? error : CLI::RequiredError(unknown, error.get_exit_code()));
         return kWrongUsage;
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : kWrongUsage;
+    } catch (const Interrupted&) {
+        return kInterrupted;
     } catch (const CommandFailed& failed) {
-        return Fail(Explained(failed));
+        return Fail(kFailed, json, Explained(failed));
     } catch (const std::exception& error) {
-        return Fail(error.what());
+        return Fail(kFailed, json, error.what());
     }
 }
 
 }  // namespace
 
 int main() {
-    const Utf8Output output;
+    const Utf8Output output(std::cout, STD_OUTPUT_HANDLE, stdout);
+    const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
     return Run();
 }

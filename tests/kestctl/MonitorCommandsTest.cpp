@@ -1,0 +1,258 @@
+#include "admin/Installation.h"
+
+#include <gmock/gmock.h>
+
+#include <thread>
+
+#include "tests/support/FakeMachine.h"
+#include "tests/support/LogCapture.h"
+#include "tools/kestctl/Interruption.h"
+
+using testing::AllOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr wchar_t kPort[] = L"\\Monitors\\kestmon\\Ports\\MY PORT";
+
+// What `kestctl ARGUMENT...` prints, with what it ends with if that is no success.
+std::string Tool(FakeMachine& machine, std::vector<std::string> arguments) {
+    CLI::App app;
+    app.allow_windows_style_options(false);
+    app.fallthrough();
+    AddDirectFlag(app);
+    AddMonitorCommands(app, machine.monitor.Factory(), machine);
+    AddSelfTestCommand(app, machine.monitor.Factory());
+    std::reverse(arguments.begin(), arguments.end());
+    std::ostringstream output;
+    std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
+    try {
+        app.parse(arguments);
+    } catch (const CommandFailed& failed) {
+        output << "FAILED: " << Explained(failed);
+    } catch (const Interrupted&) {
+        output << "INTERRUPTED";
+    }
+    std::cout.rdbuf(before);
+    return output.str();
+}
+
+std::string Install(FakeMachine& machine, bool force = false) {
+    std::vector<std::string> arguments = {"monitor", "install", "--from", machine.package.string()};
+    arguments.insert(arguments.end(), force, "--force");
+    return Tool(machine, arguments);
+}
+
+TEST(MonitorCommands, InstallUpdateAndInstallAgain) {
+    FakeMachine machine;
+    EXPECT_THAT(Install(machine), AllOf(HasSubstr("has loaded it"), Not(HasSubstr("stopping"))));
+    auto state = machine.State();
+    EXPECT_EQ(state[L"driver"], "registered");
+    EXPECT_THAT(Install(machine), HasSubstr("nothing to do"));
+    EXPECT_EQ(machine.State(), state);
+
+    // The next release comes over libraries that the spooler uses, and an SLPConf.xml that nobody
+    // changed, whatever its line ends.
+    std::string text = machine.shipped;
+    for (size_t i = 0; (i = text.find('\n', i)) != text.npos; i += 2) {
+        text.insert(i, 1, '\r');
+    }
+    WriteAll(machine.system / "SLPConf.xml", text);
+    machine.MakePackage(2);
+    EXPECT_THAT(Install(machine),
+                AllOf(HasSubstr("1.0.0 becomes 2.0.0"),
+                      HasSubstr("stopping Fax\nstopping Spooler\nstarting Spooler\nstarting Fax\n"),
+                      HasSubstr("kestmon 2.0.0 is installed")));
+    state[L"SLPConf.xml"] = "<another";
+    state[L"kestmon.dll"] = state[L"slp64.dll"] = state[L"loaded"] = "2";
+    EXPECT_EQ(machine.State(), state);  // no copy and no old file is left
+    machine.MakePackage(1);
+    EXPECT_THAT(Install(machine), AllOf(HasSubstr("newer"), HasSubstr("--force")));
+    EXPECT_EQ(machine.State(), state);
+
+    // A spooler that is disabled stays so; an SLPConf.xml that was changed, too.
+    machine.running.clear();
+    WriteAll(machine.system / "SLPConf.xml", "<mine/>");
+    EXPECT_THAT(Install(machine, true),
+                AllOf(HasSubstr("is disabled, loads it when it starts"), HasSubstr(".new.xml")));
+    EXPECT_TRUE(machine.running.empty());
+    EXPECT_EQ(machine.State()[L"SLPConf.xml"], "<mine/>");
+    EXPECT_EQ(machine.State()[L"SLPConf.new.xml"], machine.shipped);
+    EXPECT_THAT(Install(machine), HasSubstr("nothing to do"));
+}
+
+// Each step in turn fails, once: either all is as it was before, or all is done.
+TEST(MonitorCommands, InstallIsAllOrNothing) {
+    const auto update = [](FakeMachine& machine) {
+        Install(machine);
+        WriteAll(machine.system / "SLPConf.xml", "<mine/>");
+        machine.MakePackage(2);
+    };
+    const std::function<void(FakeMachine&)> beginnings[] = {[](FakeMachine&) {}, update,
+                                                            [](FakeMachine& stopped) {
+                                                                stopped.running.clear();
+                                                                stopped.Set(kPort, L"Protocol",
+                                                                            DWORD{1});
+                                                            }};
+    for (const auto& prepare : beginnings) {
+        int failures = 0;
+        int steps = 0;
+        for (int failing = 1; steps >= failing - 1; ++failing) {
+            FakeMachine machine;
+            prepare(machine);
+            auto before = machine.State();
+            machine.steps = 0;
+            machine.failing = failing;
+            const std::string output = Install(machine);
+            SCOPED_TRACE(std::to_string(failing) + ": " + output);
+            steps = machine.steps;
+            if (output.find("FAILED") != output.npos) {
+                ++failures;
+                EXPECT_THAT(output, HasSubstr("as it was before"));
+                EXPECT_EQ(machine.State(), before);
+            } else {
+                EXPECT_EQ(machine.State()[L"driver"], "registered");
+                EXPECT_NE(machine.State()[L"kestmon.dll"], before[L"kestmon.dll"]);
+            }
+        }
+        EXPECT_GE(failures, 6);
+    }
+
+    // A release that does not load, after all steps worked.
+    FakeMachine machine;
+    update(machine);
+    machine.refused = ReadAll(machine.package / "kestmon.dll");
+    const auto before = machine.State();
+    EXPECT_THAT(Install(machine), HasSubstr("as it was before"));
+    EXPECT_EQ(machine.State(), before);
+}
+
+TEST(MonitorCommands, InstallRefusesBeforeItChangesAnything) {
+    FakeMachine machine;
+    const auto refuses = [&machine](const std::string& why) {
+        EXPECT_THAT(Install(machine), AllOf(HasSubstr("FAILED"), HasSubstr(why)));
+        EXPECT_EQ(machine.steps, 0);
+    };
+    machine.elevated = false;
+    refuses("as administrator");
+    machine.elevated = true;
+    const std::string library = ReadAll(machine.package / "slp64.dll");
+    machine.MakePackage(2);
+    WriteAll(machine.package / "slp64.dll", library);
+    refuses("different releases, 2.0.0 and 1.0.0");
+    machine.MakePackage(1);
+    WriteAll(machine.system / "slp64.dll", "of another product");
+    refuses("another product's");
+    machine.package = machine.system;
+    refuses("system folder itself");
+}
+
+TEST(MonitorCommands, RemoveLeavesNothingBehind) {
+    FakeMachine machine;
+    const auto clean = machine.State();
+    Install(machine);
+    machine.Set(kPort, L"Protocol", DWORD{1});
+    machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:,my port");
+    WriteAll(machine.system / "SLPConf.xml", "<mine/>");
+    WriteAll(machine.system / "kestmon.dll.kest-old2", "left");
+    WriteAll(machine.temporary / "KestSetupWizard.log", "log");
+    WriteAll(machine.temporary / "npm12.tmp", "a job");
+    machine.monitor.ports[L"MY PORT"] = {};
+    const auto keep = machine.root / "ports.json";
+    std::vector<std::string> remove = {"monitor", "remove", "--keep-ports", keep.string()};
+    const auto before = machine.State();
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("Laser on my port"));
+    machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:");
+    machine.failing = machine.steps + 3;  // the spooler does not let go of it
+    EXPECT_THAT(Tool(machine, remove), AllOf(HasSubstr("(3008)"), HasSubstr("--force")));
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("is there already"));
+    EXPECT_EQ(machine.State(), before);
+
+    // The spooler is stopped for it, and starts without the monitor.
+    machine.failing = machine.steps + 3;
+    remove.emplace_back("--force");
+    EXPECT_THAT(Tool(machine, remove),
+                AllOf(HasSubstr("starting Fax"), HasSubstr("holds 1 files NPM*.tmp"),
+                      HasSubstr("kestmon is removed")));
+    EXPECT_EQ(machine.State(), clean);
+    EXPECT_FALSE(fs::exists(machine.temporary / "KestSetupWizard.log"));
+    EXPECT_TRUE(fs::exists(machine.temporary / "npm12.tmp"));
+    EXPECT_EQ(nlohmann::json::parse(ReadAll(keep))[0]["name"], "MY PORT");
+    EXPECT_EQ(ReadAll(machine.root / "ports.SLPConf.xml"), "<mine/>");
+    EXPECT_THAT(Tool(machine, {"monitor", "remove"}), HasSubstr("nothing to do"));
+
+    // A library that a program holds gets out of the way of the next installation.
+    Install(machine);
+    machine.running.clear();
+    EXPECT_THAT(Tool(machine, {"monitor", "remove"}), HasSubstr("at its next start"));
+    EXPECT_THAT(machine.atNextStart, Contains(machine.system / "kestmon.dll.kest-old"));
+    EXPECT_THAT(Install(machine), HasSubstr("is installed"));
+}
+
+TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
+    const LogCapture log;
+    FakeMachine machine;
+    const auto expect = [&machine](const std::string& line, const std::string& toDo, bool broken) {
+        const std::string output = Tool(machine, {"monitor", "status"});
+        EXPECT_THAT(output, AllOf(HasSubstr(line), HasSubstr(toDo)));
+        EXPECT_EQ(output.find("FAILED") != output.npos, broken) << output;
+    };
+    expect("missing", "-> kestctl monitor install", true);
+    Install(machine);
+    expect("SLP version 2, service:printer at 239.255.255.253", "loaded          yes", false);
+
+    machine.Set(kPort, L"Protocol", DWORD{1});
+    expect("not configured", "kestctl port set \"MY PORT\" --address", true);
+    machine.Set(kPort, L"Double Spool", DWORD{0});
+    machine.Set(kPort, L"IPAddress", L"10.0.0.1");
+    WriteAll(machine.system / "SLPConf.xml", "<broken");
+    expect("no well-formed XML", "docs/SLPConf.md", false);  // nobody needs it yet
+    machine.Set(kPort, L"AlwaysPrint", DWORD{1});
+    expect("cannot follow", "kestctl port set \"MY PORT\" --follow", true);
+    machine.Set(kPort, L"HostName", L"prn-1");
+    expect("no well-formed XML", "docs/SLPConf.md", true);
+    fs::remove(machine.system / "SLPConf.xml");
+    expect("no port follows", "-> kestctl monitor install", true);
+    WriteAll(machine.system / "SLPConf.xml", machine.shipped);
+    expect("ports           1", "", false);
+
+    WriteAll(machine.temporary / "KestSetupWizard.log", "");
+    fs::resize_file(machine.temporary / "KestSetupWizard.log", 100'000'001);
+    expect("100001 kB", "begin a new one: net stop spooler", false);
+    machine.MakePackage(2);
+    WriteAll(machine.system / "slp64.dll", ReadAll(machine.package / "slp64.dll"));
+    expect("2.0.0", "of different releases", false);
+    machine.loaded.clear();
+    expect("loaded          no", "restart the spooler", true);
+    machine.running.clear();
+    expect("disabled", "net start spooler", true);
+    const std::string json = Tool(machine, {"monitor", "status", "--json"});
+    EXPECT_EQ(nlohmann::json::parse(json.substr(0, json.rfind("FAILED")))["ports"], 1);
+}
+
+TEST(SelfTest, TakesEverythingAwayWhenItFailsAndWhenItIsInterrupted) {
+    FakeMachine machine;
+    FakeMonitor& monitor = machine.monitor;
+    monitor.accepts = 100'000;  // its connection breaks
+    EXPECT_THAT(Tool(machine, {"selftest", "--direct"}),
+                AllOf(HasSubstr("FAILED  RAW"), HasSubstr("FAILED  LPR"),
+                      HasSubstr("ok      clean-up"), HasSubstr("the self-test failed")));
+    EXPECT_TRUE(monitor.ports.empty());
+
+    // This monitor sends nothing: the job would be waited for, for a minute.
+    monitor.accepts = SIZE_MAX;
+    std::jthread user([&monitor] {
+        while (!monitor.ended) {
+            Sleep(10);
+        }
+        Interruption::Note(CTRL_C_EVENT);
+    });
+    EXPECT_THAT(
+        Tool(machine, {"selftest", "--direct"}),
+        AllOf(HasSubstr("ended   RAW"), HasSubstr("ok      clean-up"), HasSubstr("INTERRUPTED")));
+    EXPECT_TRUE(monitor.ports.empty());
+}
+
+}  // namespace

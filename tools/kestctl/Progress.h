@@ -1,0 +1,39 @@
+// What a command is waiting for, on a line of the terminal that goes away again.
+#pragma once
+
+#include <iostream>
+#include <string>
+#include <utility>
+
+#include "tools/kestctl/Command.h"
+
+class Progress {
+  public:
+    //   wanted: false for output that nobody watches, such as JSON; without a terminal nothing is
+    //           shown either.
+    explicit Progress(bool wanted = true) : shown_(wanted && OutputIsTerminal()) {}
+    ~Progress() { Clear(); }
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    // Replaces what the line says.
+    //   text: ASCII.
+    void Show(const std::string& text) {
+        if (shown_) {
+            const size_t before = std::exchange(length_, text.size());
+            std::cout << '\r' << text << std::string(before > length_ ? before - length_ : 0, ' ')
+                      << std::flush;
+        }
+    }
+
+    // Takes the line away, before anything else is printed.
+    void Clear() {
+        if (const size_t length = std::exchange(length_, 0); length != 0) {
+            std::cout << '\r' << std::string(length, ' ') << '\r' << std::flush;
+        }
+    }
+
+  private:
+    const bool shown_;
+    size_t length_ = 0;
+};
