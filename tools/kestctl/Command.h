@@ -32,6 +32,9 @@ void AddJsonFlag(CLI::App& command, bool& wanted);
 // Prints one JSON document, indented, with a line end. Bytes that are not UTF-8 are replaced.
 void PrintJson(const nlohmann::json& document);
 
+// True once there was one: a failure behind it is no second.
+bool HasPrintedJson();
+
 // Prints rows under a heading in columns as wide as their widest cell.
 void PrintTable(const std::vector<std::string>& heading,
                 const std::vector<std::vector<std::string>>& rows);

@@ -9,6 +9,8 @@
 
 namespace {
 
+bool printedJson = false;
+
 void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
@@ -85,7 +87,12 @@ void AddJsonFlag(CLI::App& command, bool& wanted) {
 }
 
 void PrintJson(const nlohmann::json& document) {
+    printedJson = true;
     std::cout << document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+}
+
+bool HasPrintedJson() {
+    return printedJson;
 }
 
 void PrintTable(const std::vector<std::string>& heading,

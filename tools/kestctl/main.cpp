@@ -116,8 +116,9 @@ std::string UnknownCommand(const CLI::App& app) {
     return "There is no command '" + rest.front() + "' here, there are: " + known;
 }
 
-// Reports a failure: as text, or as a JSON document where JSON was asked for.
+// Reports a failure: as text, or as a JSON document where JSON was asked for and none was printed.
 int Fail(int code, bool json, const std::string& message) {
+    json = json && !HasPrintedJson();
     if (json) {
         PrintJson({{"error", message}, {"exitCode", code}});
     }
