@@ -54,15 +54,6 @@ bool MonitorStatus::OneRelease() const {
     });
 }
 
-bool MonitorStatus::Works() const {
-    return std::ranges::all_of(libraries,
-                               [](const InstalledLibrary& library) {
-                                   return (library.version && library.version->ours) ||
-                                          (library.optional && !library.present);
-                               }) &&
-           lstrcmpiW(driver.c_str(), kMonitorLibrary) == 0 && listed.value_or(true);
-}
-
 MonitorStatus ReadMonitorStatus(Machine& machine) {
     const fs::path folder = machine.SystemFolder();
     MonitorStatus status;

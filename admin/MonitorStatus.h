@@ -48,8 +48,6 @@ struct MonitorStatus {
 
     // The libraries that are there are of one release.
     bool OneRelease() const;
-    // The spooler carries jobs to the monitor, or will when it runs.
-    bool Works() const;
 };
 
 // Changes nothing, and needs no rights beyond a user's. Throws CommandFailed.

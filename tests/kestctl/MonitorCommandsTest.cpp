@@ -138,6 +138,9 @@ TEST(MonitorCommands, InstallRefusesBeforeItChangesAnything) {
     machine.elevated = false;
     refuses("as administrator");
     machine.elevated = true;
+    machine.x64 = false;
+    refuses("not an x64 one");
+    machine.x64 = true;
     const std::string library = ReadAll(machine.package / "slp64.dll");
     machine.MakePackage(2);
     WriteAll(machine.package / "slp64.dll", library);
@@ -159,12 +162,13 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     WriteAll(machine.system / "kestmon.dll.kest-old2", "left");
     WriteAll(machine.temporary / "KestSetupWizard.log", "log");
     WriteAll(machine.temporary / "npm12.tmp", "a job");
-    machine.monitor.ports[L"MY PORT"] = {};
     const auto keep = machine.root / "ports.json";
     std::vector<std::string> remove = {"monitor", "remove", "--keep-ports", keep.string()};
     const auto before = machine.State();
     EXPECT_THAT(Tool(machine, remove), HasSubstr("Laser on my port"));
     machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:");
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("knows 0 of 1 ports, nothing was removed"));
+    machine.monitor.ports[L"MY PORT"] = {};
     machine.failing = machine.steps + 3;  // the spooler does not let go of it
     EXPECT_THAT(Tool(machine, remove), AllOf(HasSubstr("(3008)"), HasSubstr("--force")));
     EXPECT_THAT(Tool(machine, remove), HasSubstr("is there already"));

@@ -42,7 +42,7 @@ class FakeMachine : public WindowsMachine {
     const std::string shipped = ReadAll(BUILT "/SLPConf.xml");
 
     FakeMonitor monitor;  // what stands behind the spooler's channel
-    bool elevated = true;
+    bool elevated = true, x64 = true;
     std::set<std::wstring> running = {L"Spooler", L"Fax"};  // Fax hangs on the spooler
     std::string loaded;   // bytes of the kestmon.dll that the spooler has loaded
     std::string refused;  // bytes of one that it cannot load
@@ -87,6 +87,7 @@ class FakeMachine : public WindowsMachine {
     }
 
     bool IsElevated() override { return elevated; }
+    bool IsX64() override { return x64; }
     fs::path SystemFolder() override { return system; }
     std::vector<fs::path> TemporaryFolders() override { return {temporary}; }
     std::wstring PrintKey() override { return L"SOFTWARE\\kest-machine-" + process; }

@@ -73,10 +73,17 @@ void KeepPorts(const std::string& name, bool force, Machine& machine,
         }
     }
     nlohmann::json ports = nlohmann::json::array();
-    if (!StoredPorts(machine).empty()) {
+    if (const size_t stored = StoredPorts(machine).size(); stored != 0) {
         const auto channel = openChannel();
         for (const std::wstring& port : channel->PortNames()) {
             ports.push_back(ToJson(port, ReadPort(*channel, port)));
+        }
+        // A spooler that has not loaded the monitor knows none of them.
+        if (ports.size() < stored) {
+            throw CommandFailed("the print spooler knows " + std::to_string(ports.size()) + " of " +
+                                std::to_string(stored) +
+                                " ports, nothing was removed: read them past it, with `kestctl "
+                                "--direct monitor remove`");
         }
     }
     std::ofstream stream(file, std::ios::binary);
