@@ -35,8 +35,8 @@ class Interruption {
         if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
             return FALSE;
         }
-        // Who asks twice means it.
-        return !requested_.exchange(true);
+        requested_ = true;
+        return TRUE;
     }
 
   private:

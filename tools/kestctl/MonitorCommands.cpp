@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <memory>
 
@@ -22,8 +23,57 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void PrintLine(const std::string& line) {
-    std::cout << line << std::endl;  // at once: some steps take their time
+// Where set-up tells what it does: on the terminal and, where one is named, in a log file, for
+// those who run it without a terminal.
+class SetupReport {
+  public:
+    // Throws CommandFailed when the log cannot be written.
+    explicit SetupReport(const std::string& logFile) {
+        if (!logFile.empty()) {
+            log_.open(fs::path(ToWide(logFile)), std::ios::app);
+            if (!log_) {
+                throw CommandFailed("the log " + logFile + " cannot be written");
+            }
+        }
+    }
+
+    void Line(const std::string& line) {
+        std::cout << line << std::endl;  // at once: some steps take their time
+        Log(line);
+    }
+
+    // Does the work, and has its failure in the log, too.
+    void Run(const std::function<void(const Report& report)>& work) {
+        const Interruption untilDone;  // Ctrl-C must not leave the spooler stopped
+        try {
+            work([this](const std::string& line) { Line(line); });
+        } catch (const CommandFailed& failed) {
+            Log("failed: " + Explained(failed));
+            throw;
+        }
+    }
+
+  private:
+    void Log(const std::string& line) {
+        if (log_.is_open()) {
+            SYSTEMTIME now;
+            GetLocalTime(&now);
+            char time[32];
+            snprintf(time, sizeof(time), "%04u-%02u-%02u %02u:%02u:%02u  ", now.wYear, now.wMonth,
+                     now.wDay, now.wHour, now.wMinute, now.wSecond);
+            log_ << time << line << std::endl;
+        }
+    }
+
+    std::ofstream log_;
+};
+
+void AddLogOption(CLI::App& command, std::string& file) {
+    command
+        .add_option("--log", file,
+                    "Append what is said to this file as well, for an installation without a "
+                    "terminal")
+        ->check(NotEmpty());
 }
 
 CLI::App& AddMonitorCommand(CLI::App& monitor, const std::string& name,
@@ -36,6 +86,7 @@ CLI::App& AddMonitorCommand(CLI::App& monitor, const std::string& name,
 void AddInstall(CLI::App& monitor, Machine& machine) {
     struct Arguments {
         std::string from;
+        std::string log;
         bool force = false;
     };
     CLI::App& command = AddMonitorCommand(monitor, "install",
@@ -49,19 +100,21 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
     command.add_flag("--force", arguments->force,
                      "Also an older release over a newer one, and over\n"
                      "libraries that are damaged or another product's");
+    AddLogOption(command, arguments->log);
     command.callback([arguments, &machine] {
-        const Interruption untilDone;  // Ctrl-C must not leave the spooler stopped
-        const fs::path package = arguments->from.empty()
-                                     ? SpoolerHost::LibraryBesideProgram().parent_path()
-                                     : fs::absolute(ToWide(arguments->from));
-        InstallMonitor(machine, package, arguments->force, PrintLine);
+        SetupReport(arguments->log).Run([&](const Report& report) {
+            const fs::path package = arguments->from.empty()
+                                         ? SpoolerHost::LibraryBesideProgram().parent_path()
+                                         : fs::absolute(ToWide(arguments->from));
+            InstallMonitor(machine, package, arguments->force, report);
+        });
     });
 }
 
 // Keeps what remove would take away: the ports as `kestctl port show --json` shows them and, if
 // it was changed, SLPConf.xml.
 void KeepPorts(const std::string& name, bool force, Machine& machine,
-               const ChannelFactory& openChannel) {
+               const ChannelFactory& openChannel, const Report& report) {
     const fs::path file(ToWide(name));
     const fs::path configuration(fs::path(file).replace_extension(kConfigurationFile));
     const bool keepConfiguration = HasOwnConfiguration(machine);
@@ -91,20 +144,21 @@ void KeepPorts(const std::string& name, bool force, Machine& machine,
     if (!stream.flush()) {
         throw CommandFailed(name + " cannot be written, nothing was removed");
     }
-    PrintLine(std::to_string(ports.size()) + " ports are kept in " + name);
+    report(std::to_string(ports.size()) + " ports are kept in " + name);
     if (keepConfiguration) {
         const DWORD code = machine.Copy(machine.SystemFolder() / kConfigurationFile, configuration);
         if (code != ERROR_SUCCESS) {
             throw CommandFailed(ToUtf8(configuration.native()) +
                                 " cannot be written, nothing was removed: " + ErrorText(code));
         }
-        PrintLine("SLPConf.xml, which was changed, is kept in " + ToUtf8(configuration.native()));
+        report("SLPConf.xml, which was changed, is kept in " + ToUtf8(configuration.native()));
     }
 }
 
 void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& machine) {
     struct Arguments {
         std::string keepPorts;
+        std::string log;
         bool force = false;
     };
     CLI::App& command = AddMonitorCommand(monitor, "remove",
@@ -124,13 +178,15 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
                      "Also when printers print to its ports, stopping\n"
                      "the spooler if it has to be; and write over the\n"
                      "files of --keep-ports");
+    AddLogOption(command, arguments->log);
     command.callback([arguments, openChannel, &machine] {
-        const Interruption untilDone;
-        CheckRemoval(machine, arguments->force);
-        if (!arguments->keepPorts.empty()) {
-            KeepPorts(arguments->keepPorts, arguments->force, machine, openChannel);
-        }
-        RemoveMonitor(machine, arguments->force, PrintLine);
+        SetupReport(arguments->log).Run([&](const Report& report) {
+            CheckRemoval(machine, arguments->force);
+            if (!arguments->keepPorts.empty()) {
+                KeepPorts(arguments->keepPorts, arguments->force, machine, openChannel, report);
+            }
+            RemoveMonitor(machine, arguments->force, report);
+        });
     });
 }
 
