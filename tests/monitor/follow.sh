@@ -74,7 +74,7 @@ forget
 printers "$work/jobs" 10.77.1.20
 agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)"
 kestctl port add RAW --address 10.77.1.20 >/dev/null
-expect "following" "$(kestctl port set RAW --follow 10.77.1.20)" \
+expect "following" "$(kestctl port set RAW --follow 10.77.1.20 | head -1)" \
     "port RAW set: raw to 10.77.1.20:9100, following 0004004A1B2C, prn-1"
 job RAW 10.77.1.20
 printers "$work/jobs" 10.77.1.31

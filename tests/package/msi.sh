@@ -72,6 +72,9 @@ old=$work/old.msi new=$work/new.msi
 "$root/package/make-msi" 0.9.0 "$old"
 "$root/package/make-msi" 1.0.0 "$new"
 
+# Other tests use the prefix, too.
+wine reg delete 'HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\kestmon' /f >/dev/null 2>&1 || true
+rm -f "$system"/{kestmon.dll,slp64.dll,kestui.dll,SLPConf.xml}
 machine >"$work/before"
 installer 0 /i "Z:$old"
 installed "the first time"
