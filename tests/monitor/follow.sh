@@ -178,6 +178,12 @@ Büro                  Model 100                  10.77.9.1         00040000004A
 [[ $(kestctl find --json) == *'"hostName": "Büro"'*'"mac": "00040000004A"'* ]] ||
     fail "kestctl find --json calls them otherwise than kestctl port"
 
+say "it is where it was, and takes no job"
+printers_off
+announce "$(announcement 10.77.1.28 000400000028 prn-8 Model_100)"
+kestctl port add THERE --address 10.77.1.28 --mac 000400000028 --always-print >/dev/null
+no_job THERE "the printer was found where it was, and takes no job there"
+
 say "nobody answers"
 printers_off
 kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 \

@@ -1,5 +1,6 @@
 #include "tools/kestctl/SpoolerHost.h"
 
+#include <fstream>
 #include <utility>
 
 #include "admin/CommandFailed.h"
@@ -110,7 +111,7 @@ class OpenedPort {
 
 // Why a job did not start, for somebody who has to do something about it.
 //   before, after: the port when the job began, and now.
-//   found: a search has found the printer, and its address was stored.
+//   found: a search has found the printer.
 std::string StartFailure(const PortRecords& before, const PortRecords& after, bool found,
                          DWORD error) {
     if (before.standard.dwProtocol == 0) {
@@ -135,6 +136,34 @@ std::string StartFailure(const PortRecords& before, const PortRecords& after, bo
     return "the printer was found where it was, and takes no job there: " + reason + log;
 }
 
+// What the log of this process says from now on. A search tells nobody else whether it found
+// anything: the address that it stores may be the one that was there.
+class LogSince {
+  public:
+    LogSince() : begin_(Size()) {}
+
+    bool Has(const std::string& text) const {
+        std::ifstream log(Path(), std::ios::binary);
+        log.seekg(static_cast<std::streamoff>(begin_));
+        for (std::string line; std::getline(log, line);) {
+            if (line.find(text) != std::string::npos) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+  private:
+    static std::filesystem::path Path() { return LogPath(); }
+    static uintmax_t Size() {
+        std::error_code none;
+        const uintmax_t size = std::filesystem::file_size(Path(), none);
+        return none ? 0 : size;
+    }
+
+    uintmax_t begin_;
+};
+
 class HostJob : public PrintJob {
   public:
     HostJob(SpoolerHost& host, const std::wstring& port, const PortRecords& records,
@@ -148,14 +177,14 @@ class HostJob : public PrintJob {
         std::wstring documentName = document;
         wchar_t raw[] = L"RAW";
         DOC_INFO_1W info = {documentName.data(), nullptr, raw};
-        const uint64_t written = host.LastWritten(port);
+        const LogSince log;
         SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
                                     reinterpret_cast<LPBYTE>(&info))) {
             const DWORD error = GetLastError();
-            throw CommandFailed(portText_ + " does not start the job: " +
-                                StartFailure(records, ReadPort(host, port),
-                                             host.LastWritten(port) != written, error));
+            throw CommandFailed(
+                portText_ + " does not start the job: " +
+                StartFailure(records, ReadPort(host, port), log.Has("Successfull!!!"), error));
         }
     }
 
@@ -254,18 +283,6 @@ std::filesystem::path SpoolerHost::LibraryBesideProgram() {
     }
     path.resize(length);
     return std::filesystem::path(path).replace_filename(L"kestmon.dll");
-}
-
-// The monitor writes a port when it has found its printer, also where it was.
-uint64_t SpoolerHost::LastWritten(const std::wstring& port) const {
-    UniqueRegistryKey key;
-    FILETIME time = {};
-    if (RegOpenKeyExW(root_.Get(), (L"Ports\\" + port).c_str(), 0, KEY_READ, key.Out()) ==
-        ERROR_SUCCESS) {
-        RegQueryInfoKeyW(key.Get(), nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
-                         nullptr, nullptr, nullptr, &time);
-    }
-    return uint64_t{time.dwHighDateTime} << 32 | time.dwLowDateTime;
 }
 
 std::vector<std::wstring> SpoolerHost::PortNames() {

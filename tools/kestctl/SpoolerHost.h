@@ -9,7 +9,6 @@
 #include <winspool.h>
 #include <winsplp.h>
 
-#include <cstdint>
 #include <filesystem>
 #include <string>
 
@@ -43,9 +42,6 @@ class SpoolerHost : public SpoolerChannel {
     // The job never enters a queue; a ControlJob stands for it in `printer`.
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
                                        const std::wstring& printer) override;
-
-    // When a port's values were last written, in units of 100 ns; 0 when it has none.
-    uint64_t LastWritten(const std::wstring& port) const;
 
     // What the spooler itself would call.
     const MONITOR2& Table() const { return *table_; }
