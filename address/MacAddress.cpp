@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "diag/SystemUtils.h"
 #include "address/AddressText.h"
+#include "diag/SystemUtils.h"
 
 MacAddress::MacAddress(const unsigned char* bytes, size_t length)
     : length_(std::min(length, bytes_.size())) {

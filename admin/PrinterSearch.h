@@ -5,8 +5,8 @@
 #include <functional>
 #include <string>
 
-#include "discovery/PrinterDiscoveryClass.h"
 #include "admin/PrinterIdentity.h"
+#include "discovery/PrinterDiscoveryClass.h"
 
 // All functions here throw CommandFailed: when SLPConf.xml is missing or broken, when a request
 // cannot be made, and when a search for one printer does not find it.

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "diag/Resource.h"
 #include "admin/SpoolerChannel.h"
+#include "diag/Resource.h"
 
 class SpoolerService : public SpoolerChannel {
   public:

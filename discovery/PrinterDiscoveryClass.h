@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "discovery/Config.h"
 #include "address/IPAddress.h"
 #include "address/MacAddress.h"
+#include "discovery/Config.h"
 #include "discovery/Printer.h"
 #include "discovery/PrinterDiscovery.h"
 

@@ -6,9 +6,9 @@
 #include <cwchar>
 #include <utility>
 
-#include "monitor/Rediscovery.h"
 #include "monitor/AnsiText.h"
 #include "monitor/Lpr.h"
+#include "monitor/Rediscovery.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/support/FakeMonitor.h"
 #include "admin/Text.h"
+#include "tests/support/FakeMonitor.h"
 
 using testing::AllOf;
 using testing::HasSubstr;

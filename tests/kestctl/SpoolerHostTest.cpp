@@ -3,9 +3,9 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/TcpPeer.h"
 #include "admin/CommandFailed.h"
 #include "admin/PortStore.h"
+#include "tests/support/TcpPeer.h"
 
 using testing::Contains;
 using testing::ElementsAre;

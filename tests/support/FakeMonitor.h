@@ -9,8 +9,8 @@
 #include <map>
 #include <sstream>
 
-#include "tools/kestctl/Command.h"
 #include "admin/PortSettings.h"
+#include "tools/kestctl/Command.h"
 
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;

@@ -11,9 +11,9 @@
 #include <iterator>
 #include <thread>
 
+#include "admin/Text.h"
 #include "tools/kestctl/ControlJob.h"
 #include "tools/kestctl/SpoolerHost.h"
-#include "admin/Text.h"
 
 namespace {
 

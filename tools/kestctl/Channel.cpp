@@ -1,7 +1,7 @@
 // The choice between the two channels.
+#include "admin/SpoolerService.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/SpoolerHost.h"
-#include "admin/SpoolerService.h"
 
 namespace {
 constexpr char kDirect[] = "--direct";

@@ -11,12 +11,12 @@
 #include <string>
 #include <vector>
 
-#include "tools/kestctl/Command.h"
-#include "tools/kestctl/Interruption.h"
-#include "tools/kestctl/Progress.h"
 #include "admin/PortSettings.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/Progress.h"
 
 namespace {
 

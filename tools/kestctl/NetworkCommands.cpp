@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
-#include "tools/kestctl/Command.h"
 #include "admin/Hosts.h"
+#include "tools/kestctl/Command.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include <memory>
 
 #include "address/AddressText.h"
-#include "tools/kestctl/Command.h"
+#include "admin/Hosts.h"
 #include "admin/PortStore.h"
 #include "admin/Text.h"
-#include "admin/Hosts.h"
+#include "tools/kestctl/Command.h"
 #include "tools/kestctl/PortJson.h"
 
 namespace {

@@ -11,11 +11,11 @@
 #include <string>
 
 #include "address/AddressText.h"
+#include "admin/Hosts.h"
 #include "discovery/Printer.h"
 #include "net/Network.h"
 #include "net/SnmpSession.h"
 #include "tools/kestctl/Command.h"
-#include "admin/Hosts.h"
 
 namespace {
 

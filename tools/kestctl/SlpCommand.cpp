@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "address/IPAddress.h"
+#include "admin/Text.h"
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Progress.h"
-#include "admin/Text.h"
 
 namespace {
 

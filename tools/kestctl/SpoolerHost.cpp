@@ -4,12 +4,12 @@
 #include <utility>
 
 #include "admin/CommandFailed.h"
-#include "diag/Log.h"
-#include "monitor/PortList.h"
-#include "tools/kestctl/ControlJob.h"
 #include "admin/PortStore.h"
 #include "admin/SpoolerService.h"
 #include "admin/Text.h"
+#include "diag/Log.h"
+#include "monitor/PortList.h"
+#include "tools/kestctl/ControlJob.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <string>
 
-#include "diag/Resource.h"
 #include "admin/SpoolerChannel.h"
+#include "diag/Resource.h"
 
 class SpoolerHost : public SpoolerChannel {
   public:

@@ -13,12 +13,12 @@
 #include <streambuf>
 
 #include "Version.h"
-#include "tools/kestctl/Command.h"
-#include "tools/kestctl/Interruption.h"
-#include "tools/kestctl/Progress.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "admin/WindowsMachine.h"
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/Progress.h"
 
 namespace {
 
