@@ -1,6 +1,11 @@
 // How what an administrator asked for fails.
 #pragma once
 
+// Before the names below: its macros rename some of them, for everybody or for nobody.
+#include <winsock2.h>
+#include <windows.h>
+#include <winspool.h>
+
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -14,6 +19,7 @@ enum class Remedy {
     InstallMonitor,  // the spooler has not loaded the monitor
     ListPorts,       // there is no port of this name
     ChangePort,      // the port `subject` is there already
+    ChooseName,      // another monitor has a port of this name
     ShowPort,        // the port `subject` may be half changed
     DeletePort,      // the port `subject` was to be taken away again, and stays
     MovePrinter,     // a printer still prints to the port

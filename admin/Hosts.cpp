@@ -1,10 +1,15 @@
 #include "admin/Hosts.h"
 
+#include <mutex>
+
 #include "admin/CommandFailed.h"
 #include "admin/Text.h"
 #include "diag/SystemUtils.h"
 
 Network& StartedNetwork() {
+    // The dialogues search and ask on several threads, and the network starts on one.
+    static std::mutex starting;
+    const std::lock_guard lock(starting);
     Network& network = Singleton<Network>::GetInstance();
     if (network.Start() != 0) {
         throw CommandFailed("Windows Sockets cannot be started: " + ErrorText(WSAGetLastError()));

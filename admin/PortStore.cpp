@@ -77,8 +77,9 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
     }
     const DWORD code = SendName(channel, L"AddPort", name);
     if (code == ERROR_ALREADY_EXISTS) {
-        throw CommandFailed("another monitor of the spooler has a port " + ToUtf8(name) +
-                            ": choose another name");
+        throw CommandFailed(
+            "another monitor of the spooler has a port " + ToUtf8(name) + ": choose another name",
+            Remedy::ChooseName);
     }
     Require(code, "port " + ToUtf8(name) + " cannot be added");
     try {

@@ -13,6 +13,7 @@
 #include "admin/Hosts.h"
 #include "admin/PortSettings.h"
 #include "admin/Text.h"
+#include "diag/Resource.h"
 #include "discovery/PrinterDiscovery.h"
 
 namespace {
@@ -21,24 +22,27 @@ constexpr std::chrono::milliseconds kAskInterval{200};
 constexpr size_t kTagsShown = 300;  // bytes
 
 // kestmon.dll in the system's folder, where the spooler has it from; null when it is not installed.
-HMODULE InstalledMonitor() {
+UniqueLibrary InstalledMonitor() {
     wchar_t folder[MAX_PATH];
     const UINT length = GetSystemDirectoryW(folder, MAX_PATH);
     const std::wstring path = std::wstring(folder, length) + L"\\kestmon.dll";
-    return LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
+    return UniqueLibrary(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
 }
 
-void SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern) {
+// Returns the library beside which SLPConf.xml lies, to be held for as long as the search may read
+// it: a program that searches once is not to keep the library from being updated.
+[[nodiscard]] UniqueLibrary SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern) {
     StartedNetwork();
-    const HMODULE monitor = InstalledMonitor();
-    Config::SetModule(monitor);
+    UniqueLibrary monitor = InstalledMonitor();
+    Config::SetModule(monitor.Get());
     if (!search.Configure(modelPattern)) {
         throw CommandFailed(
             std::string(
                 "SLPConf.xml, which says how printers are searched for, is missing beside ") +
-            (monitor != nullptr ? "the installed kestmon.dll" : "this program") +
+            (monitor ? "the installed kestmon.dll" : "this program") +
             " or is not well-formed XML");
     }
+    return monitor;
 }
 
 // What arrives on the search's thread, for the caller's.
@@ -176,7 +180,7 @@ size_t FindPrinters(const std::string& modelPattern,
                     const std::function<void(const Printer&)>& found,
                     const std::function<bool()>& goOn) {
     PrinterDiscovery search;
-    SetUpSearch(search, modelPattern);
+    const UniqueLibrary monitor = SetUpSearch(search, modelPattern);
     Arrivals arrivals;
     search.SetFoundCallback([&arrivals](const Printer& printer) { arrivals.Add(printer); });
     if (!search.InitAllPrinterDiscovery()) {
@@ -210,7 +214,7 @@ size_t FindPrinters(const std::string& modelPattern,
 
 Printer FindPrinterByMacAddress(const MacAddress& mac, const std::string& modelPattern) {
     PrinterDiscovery search;
-    SetUpSearch(search, modelPattern);
+    const UniqueLibrary monitor = SetUpSearch(search, modelPattern);
     Printer printer;
     const bool found = search.FindPrinterByMacAddress(mac, printer);
     return Checked(found, printer);
@@ -218,7 +222,7 @@ Printer FindPrinterByMacAddress(const MacAddress& mac, const std::string& modelP
 
 Printer FindPrinterByHostName(const std::string& hostName, const std::string& modelPattern) {
     PrinterDiscovery search;
-    SetUpSearch(search, modelPattern);
+    const UniqueLibrary monitor = SetUpSearch(search, modelPattern);
     Printer printer;
     const bool found = search.FindPrinterByHostName(hostName, printer);
     return Checked(found, printer);
@@ -226,7 +230,7 @@ Printer FindPrinterByHostName(const std::string& hostName, const std::string& mo
 
 Printer FindPrinterAt(const std::string& host, const std::string& modelPattern) {
     PrinterDiscovery search;
-    SetUpSearch(search, modelPattern);
+    const UniqueLibrary monitor = SetUpSearch(search, modelPattern);
     const IPAddress address = AddressOf(StartedNetwork(), host);
     Printer printer;
     if (!search.FindPrinterByIPAddress(address, printer)) {
@@ -237,17 +241,23 @@ Printer FindPrinterAt(const std::string& host, const std::string& modelPattern) 
 
 PrinterIdentity IdentifyPrinter(const std::string& host) {
     const std::string address = AddressOf(StartedNetwork(), host).GetText();
-    const Printer printer = FindPrinterAt(address, "");
-    PrinterIdentity identity = {address, MacText(printer.GetMacAddress()), printer.GetHostName()};
-    // Without a name of its own, a record has its last address for one.
-    std::string& name = identity.hostName;
-    if (IPAddress(name).IsValid() || MacAddress(name).IsValid() || !CheckHostName(name).empty()) {
-        name.clear();
-    }
+    PrinterIdentity identity = IdentityOf(FindPrinterAt(address, ""));
+    identity.address = address;
     if (identity.mac.empty() && identity.hostName.empty()) {
         throw CommandFailed(
             "the printer at " + address + " announces neither a MAC address nor a host name",
             Remedy::CheckSearch);
+    }
+    return identity;
+}
+
+PrinterIdentity IdentityOf(const Printer& printer) {
+    PrinterIdentity identity = {printer.GetIPAddress().GetText(), MacText(printer.GetMacAddress()),
+                                printer.GetHostName()};
+    // Without a name of its own, a record has its last address for one.
+    std::string& name = identity.hostName;
+    if (IPAddress(name).IsValid() || MacAddress(name).IsValid() || !CheckHostName(name).empty()) {
+        name.clear();
     }
     return identity;
 }

@@ -34,5 +34,8 @@ Printer FindPrinterAt(const std::string& host, const std::string& modelPattern);
 // neither.
 PrinterIdentity IdentifyPrinter(const std::string& host);
 
+// What a printer's record says of itself; MAC address and name may both be empty.
+PrinterIdentity IdentityOf(const Printer& printer);
+
 // A MAC address as administration writes it: twelve upper-case digits; empty for none.
 std::string MacText(const MacAddress& mac);

@@ -104,8 +104,9 @@ class QueuedJob : public PrintJob {
 
 std::vector<std::wstring> SpoolerService::QueuesOn(const std::wstring& port) {
     const auto [buffer, count] = Enumerated<PRINTER_INFO_2W>(
-        "printers", [](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
-            return EnumPrintersW(PRINTER_ENUM_LOCAL, nullptr, 2, to, size, needed, returned);
+        "printers", [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+            const DWORD which = server_.empty() ? PRINTER_ENUM_LOCAL : PRINTER_ENUM_NAME;
+            return EnumPrintersW(which, Server(), 2, to, size, needed, returned);
         });
     std::vector<std::wstring> queues;
     const auto* info = reinterpret_cast<const PRINTER_INFO_2W*>(buffer.data());
@@ -118,9 +119,9 @@ std::vector<std::wstring> SpoolerService::QueuesOn(const std::wstring& port) {
 }
 
 std::vector<std::wstring> SpoolerService::PortNames() {
-    const auto [buffer, count] =
-        Enumerated<PORT_INFO_2W>("ports", [](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
-            return EnumPortsW(nullptr, 2, to, size, needed, returned);
+    const auto [buffer, count] = Enumerated<PORT_INFO_2W>(
+        "ports", [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+            return EnumPortsW(Server(), 2, to, size, needed, returned);
         });
     std::vector<std::wstring> names;
     const auto* info = reinterpret_cast<const PORT_INFO_2W*>(buffer.data());
@@ -137,10 +138,10 @@ std::vector<std::wstring> SpoolerService::PortNames() {
 }
 
 // A monitor without ports and no monitor at all look the same in the list of ports.
-void SpoolerService::RequireMonitor() const {
+void SpoolerService::RequireMonitor() {
     const auto [buffer, count] = Enumerated<MONITOR_INFO_1W>(
-        "monitors", [](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
-            return EnumMonitorsW(nullptr, 1, to, size, needed, returned);
+        "monitors", [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+            return EnumMonitorsW(Server(), 1, to, size, needed, returned);
         });
     const auto* info = reinterpret_cast<const MONITOR_INFO_1W*>(buffer.data());
     if (std::none_of(info, info + count, [this](const MONITOR_INFO_1W& loaded) {
@@ -154,7 +155,7 @@ void SpoolerService::RequireMonitor() const {
 DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
                           DWORD outputSize) {
     if (!xcv_) {
-        std::wstring name = L",XcvMonitor " + monitor_;
+        std::wstring name = server_ + (server_.empty() ? L"" : L"\\") + L",XcvMonitor " + monitor_;
         PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();

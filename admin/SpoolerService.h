@@ -9,7 +9,10 @@
 class SpoolerService : public SpoolerChannel {
   public:
     // monitor: the name under which the monitor is installed.
-    explicit SpoolerService(std::wstring monitor = L"kestmon") : monitor_(std::move(monitor)) {}
+    // server: the machine whose spooler it is, with its backslashes (\\SERVER); empty for this
+    // one.
+    explicit SpoolerService(std::wstring monitor = L"kestmon", std::wstring server = {})
+        : monitor_(std::move(monitor)), server_(std::move(server)) {}
 
     std::vector<std::wstring> PortNames() override;
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
@@ -21,8 +24,10 @@ class SpoolerService : public SpoolerChannel {
                                        const std::wstring& printer) override;
 
   private:
-    void RequireMonitor() const;
+    LPWSTR Server() { return server_.empty() ? nullptr : server_.data(); }
+    void RequireMonitor();
 
     std::wstring monitor_;
+    std::wstring server_;
     UniquePrinter xcv_;  // opened by the first command
 };

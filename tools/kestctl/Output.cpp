@@ -42,6 +42,7 @@ std::string Explained(const CommandFailed& failed) {
     const std::string port = Quoted(failed.subject);
     switch (failed.remedy) {
         case Remedy::None:
+        case Remedy::ChooseName:
             break;
         case Remedy::RunAsAdministrator:
             return message + "; run kestctl as administrator";
