@@ -1,0 +1,120 @@
+// Identifiers of kestui.dll's resources. A dialogue or control that shows a fixed text has that
+// text in the string tables under its own number.
+#pragma once
+
+#define IDD_ADD 1000
+#define IDD_CONFIGURE 1001
+#define IDD_DELETE 1002
+
+// Controls with a text.
+#define IDC_FILTER_LABEL 1010
+#define IDC_SEARCH 1011
+#define IDC_PRINTERS_LABEL 1012
+#define IDC_HINT 1013
+#define IDC_ADDRESS_LABEL 1014
+#define IDC_NAME_LABEL 1015
+#define IDC_FOLLOW 1016
+#define IDC_ADVANCED 1017
+#define IDC_PROTOCOL_LABEL 1018
+#define IDC_RAW 1019
+#define IDC_LPR 1020
+#define IDC_PORT_LABEL 1021
+#define IDC_QUEUE_LABEL 1022
+#define IDC_DOUBLE_SPOOL 1023
+#define IDC_SNMP 1024
+#define IDC_COMMUNITY_LABEL 1025
+#define IDC_INDEX_LABEL 1026
+#define IDC_TEST 1027
+#define IDC_FIND 1028
+#define IDC_STOP 1029
+#define IDC_ADD 1030
+#define IDC_DELETE 1031
+#define IDC_CANCEL_TEXT 1032
+#define IDC_OK_TEXT 1033
+#define IDC_PROGRESS 1034
+
+// Controls whose text is what the user, the port or the network says.
+#define IDC_FIRST_VALUE 1100
+#define IDC_FILTER 1100
+#define IDC_LIST 1101
+#define IDC_STATUS 1102
+#define IDC_ADDRESS 1103
+#define IDC_NAME 1104
+#define IDC_FOLLOW_NOTE 1105
+#define IDC_PORT 1106
+#define IDC_QUEUE 1107
+#define IDC_COMMUNITY 1108
+#define IDC_INDEX 1109
+#define IDC_PROBLEM 1110
+#define IDC_RESULT 1111
+#define IDC_QUESTION 1112
+#define IDC_QUEUES 1113
+
+// Texts. Those that count have the form for one right before the form for several.
+#define IDS_COLUMN_NAME 1200
+#define IDS_COLUMN_MODEL 1201
+#define IDS_COLUMN_ADDRESS 1202
+#define IDS_COLUMN_MAC 1203
+#define IDS_SEARCHING_ONE 1204
+#define IDS_SEARCHING 1205
+#define IDS_ANSWERED_ONE 1206
+#define IDS_ANSWERED 1207
+#define IDS_ANSWERED_NONE 1208
+#define IDS_WITHOUT_ADDRESS_ONE 1209
+#define IDS_WITHOUT_ADDRESS 1210
+#define IDS_SEARCH_FAILED 1211
+#define IDS_SEARCHES_HERE 1212
+#define IDS_ADVANCED_SHOWN 1213
+#define IDS_CONFIGURE_TITLE 1214
+
+#define IDS_BAD_ADDRESS 1220
+#define IDS_NO_SUCH_HOST 1221
+#define IDS_BAD_NAME 1222
+#define IDS_PSEUDO_NAME 1223
+#define IDS_NAME_TAKEN 1224
+#define IDS_BAD_NUMBER 1225
+#define IDS_BAD_WORD 1226
+
+#define IDS_FOLLOW_PICK 1230
+#define IDS_FOLLOW_ASKING 1231
+#define IDS_FOLLOW_SILENT 1232
+#define IDS_FOLLOW_BOTH 1233
+#define IDS_FOLLOW_MAC 1234
+#define IDS_FOLLOW_NAME 1235
+#define IDS_FOLLOW_NEITHER 1236
+#define IDS_FOLLOW_OLD_NAME 1237
+
+#define IDS_ANSWERS 1240
+#define IDS_ANSWERS_NOT 1241
+#define IDS_SAME_PRINTER 1242
+#define IDS_OTHER_PRINTER 1243
+#define IDS_UNKNOWN_PRINTER 1244
+#define IDS_NOT_IDENTIFIED 1245
+#define IDS_TESTING 1246
+#define IDS_FINDING 1247
+#define IDS_FOUND 1248
+#define IDS_FOUND_UNCHANGED 1249
+#define IDS_NOT_FOUND 1250
+#define IDS_STOPPED 1251
+#define IDS_FAILED 1252
+
+#define IDS_DELETE_ASKS 1260
+#define IDS_DELETE_LOOKS 1261
+#define IDS_DELETE_USED 1262
+
+#define IDS_WRITING 1270
+#define IDS_ADD_FAILED 1271
+#define IDS_CHANGE_FAILED 1272
+#define IDS_DELETE_FAILED 1273
+#define IDS_READ_FAILED 1274
+#define IDS_DETAILS 1275
+
+#define IDS_REMEDY_ADMINISTRATOR 1280
+#define IDS_REMEDY_SPOOLER 1281
+#define IDS_REMEDY_MONITOR 1282
+#define IDS_REMEDY_GONE 1283
+#define IDS_REMEDY_HALF 1284
+#define IDS_REMEDY_STAYS 1285
+#define IDS_REMEDY_MOVE 1286
+
+#define IDS_END 1290
