@@ -67,7 +67,8 @@ class FakeChannel : public SpoolerChannel {
             failing != monitor_.failing.end()) {
             return failing->second;
         }
-        const std::wstring name = static_cast<LPCWSTR>(input);  // the records begin with it, too
+        // The records begin with the port's name, too.
+        const std::wstring name = input == nullptr ? L"" : static_cast<LPCWSTR>(input);
         const std::wstring is = command;
         if (is == monitor_.ignored) {
             return ERROR_SUCCESS;
