@@ -78,6 +78,9 @@ void ConfigurePortDialog::Load() {
                 means_ = {AddressInUse(records), FieldText(records.extended.sztHWAddress),
                           FieldText(records.standard.sztHostAddress)};
                 Idle();
+                if (!server_.empty()) {
+                    SetText(IDC_RESULT, texts_(IDS_SEARCHES_HERE, {server_}));
+                }
             });
         },
         [this](const CommandFailed& failure) {

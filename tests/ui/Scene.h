@@ -96,7 +96,7 @@ inline Scene::Scene() {
 }
 
 inline void Scene::AddPrinters(size_t count) {
-    const char* const models[] = {"LaserStation 400", "Color Press MX 12", "Officejet-like 9020",
+    const char* const models[] = {"Laser 400", "Color Laser 620", "Office Ink 9020",
                                   "Line Printer 2000"};
     for (size_t i = printers.size() + 1; count > 0; ++i, --count) {
         char mac[13];
