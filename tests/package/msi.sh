@@ -55,7 +55,7 @@ entries() {
 }
 # What the spooler is to find.
 monitor_there() {
-    for file in kestmon.dll slp64.dll SLPConf.xml; do
+    for file in kestmon.dll slp64.dll kestui.dll SLPConf.xml; do
         cmp "$build/bin/$file" "$system/$file" || fail "$file is not what was built, $1"
     done
     kestctl monitor status --json >"$work/status" 2>/dev/null || true
