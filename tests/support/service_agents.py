@@ -39,6 +39,7 @@ ATTRIBUTE_REQUEST, ATTRIBUTE_REPLY = 6, 7
 MAX_DATAGRAM = 1400
 
 # Linux's numbers; Python 3.11 does not have them.
+IP_RECVTTL = 12
 IP_PKTINFO = 8
 IPV6_FREEBIND = 78  # answer from addresses that are routed here, if on no interface
 
@@ -173,6 +174,7 @@ def udp_socket(family):
     interfaces = [index for index, _ in socket.if_nameindex()]
     if family == socket.AF_INET:
         udp.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
+        udp.setsockopt(socket.IPPROTO_IP, IP_RECVTTL, 1)
         for group, index in itertools.product(GROUPS, interfaces):
             udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, struct.pack(
                 "=4s4si", socket.inet_aton(group), bytes(4), index))
@@ -190,10 +192,14 @@ def udp_socket(family):
 def receive(udp):
     """(request, its sender, the address that it was sent to)"""
     data, ancillary, _, sender = udp.recvmsg(65536, 1024)
-    info = ancillary[0][2]
-    if udp.family == socket.AF_INET:
-        return Request(data), sender, socket.inet_ntop(udp.family, info[8:12])
-    return Request(data), sender, socket.inet_ntop(udp.family, info[:16])
+    told = {kind: value for _, kind, value in ancillary}
+    if udp.family == socket.AF_INET6:
+        return Request(data), sender, socket.inet_ntop(udp.family, told[socket.IPV6_PKTINFO][:16])
+    to = socket.inet_ntop(udp.family, told[IP_PKTINFO][8:12])
+    # An agent far away hears only what was sent to go far (RFC 2608, section 6.1).
+    if ipaddress.ip_address(to).is_multicast and told[socket.IP_TTL] != struct.pack("=i", 255):
+        raise ValueError("it does not come this far")
+    return Request(data), sender, to
 
 
 def send(udp, datagram, source, to):
