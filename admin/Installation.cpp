@@ -179,9 +179,7 @@ void CopyFiles(const Plan& plan, Machine& machine, Undo& undo, const Report& rep
 }
 
 // Each old file aside, each new one in its place: renaming works for a library in use, too.
-// Returns the old ones.
-std::vector<fs::path> SwapFiles(const Plan& plan, Machine& machine, Undo& undo) {
-    std::vector<fs::path> asides;
+void SwapFiles(const Plan& plan, Machine& machine, Undo& undo) {
     const auto move = [&machine, &undo](const fs::path& from, const fs::path& to) {
         Require(machine.Move(from, to), Name(from) + " cannot be renamed to " + Name(to));
         undo.Add("rename " + ToUtf8(to.native()) + " to " + Name(from),
@@ -189,19 +187,23 @@ std::vector<fs::path> SwapFiles(const Plan& plan, Machine& machine, Undo& undo) 
     };
     for (const NewFile& file : plan.files) {
         if (Exists(file.target)) {
-            asides.push_back(AsideName(file.target));
-            move(file.target, asides.back());
+            move(file.target, AsideName(file.target));
         }
         move(CopyName(file.target), file.target);
     }
-    return asides;
 }
 
 // Makes the spooler load the monitor now or, when it does not run, when it starts.
 // Returns true when it is loaded.
 bool Register(Machine& machine, Undo& undo) {
     const bool hadKey = MonitorKeyExists(machine);
-    const bool hadDriver = !RegisteredDriver(machine).empty();
+    const std::wstring driver = RegisteredDriver(machine);
+    const bool hadDriver = !driver.empty();
+    if (hadDriver && lstrcmpiW(driver.c_str(), kMonitorLibrary) != 0) {
+        throw CommandFailed("the registry names " + ToUtf8(driver) +
+                            " as the monitor's library: at Control\\Print\\Monitors\\kestmon, set "
+                            "Driver to kestmon.dll first");
+    }
     if (machine.SpoolerState() != ServiceState::Running) {
         if (!hadDriver) {
             Require(machine.Register(), "the monitor cannot be registered");
@@ -235,7 +237,8 @@ bool Register(Machine& machine, Undo& undo) {
 
 bool IsComplete(const Plan& plan, Machine& machine) {
     bool listed = true;
-    return plan.files.empty() && !RegisteredDriver(machine).empty() &&
+    return plan.files.empty() &&
+           lstrcmpiW(RegisteredDriver(machine).c_str(), kMonitorLibrary) == 0 &&
            (machine.SpoolerState() != ServiceState::Running ||
             (machine.ListsMonitor(listed) == ERROR_SUCCESS && listed));
 }
@@ -266,7 +269,6 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
     plan.stopSpooler = plan.stopSpooler && machine.SpoolerState() == ServiceState::Running;
     SpoolerPause pause(machine, report);
     Undo undo;
-    std::vector<fs::path> asides;
     bool loaded = false;
     try {
         CopyFiles(plan, machine, undo, report);
@@ -274,7 +276,7 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
             undo.Add("start the print spooler", [&pause] { return pause.Resume(); });
             pause.Stop();
         }
-        asides = SwapFiles(plan, machine, undo);
+        SwapFiles(plan, machine, undo);
         if (plan.stopSpooler) {
             undo.Add("stop the print spooler", [&pause] {
                 try {
@@ -295,8 +297,12 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
             failed.remedy);
     }
     undo.Commit();
-    for (const fs::path& aside : asides) {
-        Discard(machine, aside, report);
+    for (const NewFile& file : plan.files) {
+        for (const fs::path& old : Remains(file.target)) {
+            if (const DWORD code = Discard(machine, old, report); code != ERROR_SUCCESS) {
+                report("  " + ToUtf8(old.native()) + " stays: " + ErrorText(code));
+            }
+        }
     }
     report("kestmon " + plan.version + " is installed, " +
            (loaded ? "and the print spooler has loaded it"

@@ -32,8 +32,12 @@ void Unregister(Machine& machine, bool force, const Report& report) {
             try {
                 pause.Stop();
             } catch (const CommandFailed& failed) {
-                pause.Resume();
-                throw CommandFailed(failed.what() + std::string("; nothing was removed"));
+                const DWORD resumed = pause.Resume();
+                throw CommandFailed(
+                    failed.what() + std::string("; nothing was removed") +
+                    (resumed == ERROR_SUCCESS
+                         ? ""
+                         : ", and the print spooler does not start again: " + ErrorText(resumed)));
             }
         }
     }
@@ -120,8 +124,9 @@ std::vector<Leftovers> LeftoverJobs(Machine& machine) {
     for (const fs::path& folder : machine.TemporaryFolders()) {
         Leftovers found = {folder};
         std::error_code ignored;
-        for (const auto& entry : fs::directory_iterator(folder, ignored)) {
-            std::wstring name = entry.path().filename().native();
+        for (fs::directory_iterator at(folder, ignored), end; !ignored && at != end;
+             at.increment(ignored)) {
+            std::wstring name = at->path().filename().native();
             CharUpperW(name.data());
             found.count += name.starts_with(L"NPM") && name.ends_with(L".TMP");
         }

@@ -62,9 +62,10 @@ std::vector<fs::path> Remains(const fs::path& file) {
     std::error_code ignored;
     for (const wchar_t* suffix : {kCopySuffix, kAsideSuffix}) {
         const std::wstring start = file.filename().native() + suffix;
-        for (const auto& entry : fs::directory_iterator(file.parent_path(), ignored)) {
-            if (entry.path().filename().native().starts_with(start)) {
-                found.push_back(entry.path());
+        for (fs::directory_iterator at(file.parent_path(), ignored), end; !ignored && at != end;
+             at.increment(ignored)) {
+            if (at->path().filename().native().starts_with(start)) {
+                found.push_back(at->path());
             }
         }
     }
@@ -109,12 +110,15 @@ DWORD SpoolerPause::Resume() {
         const std::string text = ToUtf8(name);
         report_("starting " + text);
         const DWORD code = machine_.Start(name, Patiently(report_, text));
-        if (code != ERROR_SUCCESS && name == kSpoolerService) {
-            return code;
-        }
         if (code != ERROR_SUCCESS) {
             report_("  it does not start: " + ErrorText(code) + "; start it by hand: net start " +
                     text);
+        }
+        if (code != ERROR_SUCCESS && name == kSpoolerService) {
+            for (size_t i = 0; i + 1 < stopped_.size(); ++i) {
+                report_("  then net start " + ToUtf8(stopped_[i]));
+            }
+            return code;
         }
     }
     return ERROR_SUCCESS;

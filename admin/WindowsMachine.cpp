@@ -42,6 +42,12 @@ DWORD WaitFor(const UniqueService& service, DWORD wanted, const Waiting& waiting
         if (second == kServiceWaitSeconds) {
             return ERROR_SERVICE_REQUEST_TIMEOUT;
         }
+        // One that starts and ends at once says why.
+        SERVICE_STATUS status = {};
+        if (wanted == SERVICE_RUNNING && QueryServiceStatus(service.Get(), &status) &&
+            status.dwCurrentState == SERVICE_STOPPED) {
+            return status.dwWin32ExitCode != 0 ? status.dwWin32ExitCode : ERROR_SERVICE_NOT_ACTIVE;
+        }
         waiting();
         Sleep(1000);
     }
@@ -110,6 +116,14 @@ std::vector<std::filesystem::path> WindowsMachine::TemporaryFolders() {
     if (!std::filesystem::equivalent(user, folders.front(), ignored)) {
         folders.push_back(user);
     }
+    // Later releases of Windows give the account of services a folder of its own.
+    wchar_t windows[MAX_PATH];
+    const auto system =
+        std::filesystem::path(windows, windows + GetSystemWindowsDirectoryW(windows, MAX_PATH)) /
+        L"SystemTemp";
+    if (std::filesystem::exists(system, ignored)) {
+        folders.push_back(system);
+    }
     return folders;
 }
 
@@ -166,6 +180,10 @@ DWORD WindowsMachine::Stop(const std::wstring& name, const Waiting& waiting) {
 
 DWORD WindowsMachine::Start(const std::wstring& name, const Waiting& waiting) {
     const UniqueService service = OpenServiceFor(name, SERVICE_START | SERVICE_QUERY_STATUS);
+    // One that is still about to stop counts as running, and stops then.
+    if (service && CurrentState(service) == SERVICE_STOP_PENDING) {
+        WaitFor(service, SERVICE_STOPPED, waiting);
+    }
     if (!service || (!::StartServiceW(service.Get(), 0, nullptr) &&
                      GetLastError() != ERROR_SERVICE_ALREADY_RUNNING)) {
         return GetLastError();
@@ -254,5 +272,7 @@ bool WindowsMachine::IsInUse(const std::filesystem::path& library) {
     const UniqueFile file(CreateFileW(library.c_str(), GENERIC_WRITE,
                                       FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                       nullptr, OPEN_EXISTING, 0, nullptr));
-    return !file && GetLastError() == ERROR_SHARING_VIOLATION;
+    // One that cannot be looked at may well be.
+    return !file && GetLastError() != ERROR_FILE_NOT_FOUND &&
+           GetLastError() != ERROR_PATH_NOT_FOUND;
 }

@@ -175,8 +175,11 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     EXPECT_EQ(machine.State(), before);
 
     // The spooler is stopped for it, and starts without the monitor.
-    machine.failing = machine.steps + 3;
     remove.emplace_back("--force");
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("is there already")) << "what was kept stays";
+    fs::remove(keep);
+    fs::remove(machine.root / "ports.SLPConf.xml");
+    machine.failing = machine.steps + 3;
     EXPECT_THAT(Tool(machine, remove),
                 AllOf(HasSubstr("starting Fax"), HasSubstr("holds 1 files NPM*.tmp"),
                       HasSubstr("kestmon is removed")));

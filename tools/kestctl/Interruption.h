@@ -32,10 +32,12 @@ class Interruption {
 
     // Called on a thread of the system's.
     static BOOL WINAPI Note(DWORD event) {
-        if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
-            return FALSE;
-        }
         requested_ = true;
+        // A console that closes, a user who logs off: Windows ends the process when this returns,
+        // and gives it some seconds until then.
+        if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT) {
+            Sleep(INFINITE);
+        }
         return TRUE;
     }
 

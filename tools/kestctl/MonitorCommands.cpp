@@ -14,6 +14,7 @@
 #include "admin/MonitorStatus.h"
 #include "admin/PortStore.h"
 #include "admin/Text.h"
+#include "diag/Resource.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortJson.h"
@@ -49,6 +50,9 @@ class SetupReport {
             work([this](const std::string& line) { Line(line); });
         } catch (const CommandFailed& failed) {
             Log("failed: " + Explained(failed));
+            throw;
+        } catch (const std::exception& failed) {
+            Log(std::string("failed: ") + failed.what());
             throw;
         }
     }
@@ -112,17 +116,17 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
 }
 
 // Keeps what remove would take away: the ports as `kestctl port show --json` shows them and, if
-// it was changed, SLPConf.xml.
-void KeepPorts(const std::string& name, bool force, Machine& machine,
-               const ChannelFactory& openChannel, const Report& report) {
+// it was changed, SLPConf.xml. What was kept before is never written over.
+void KeepPorts(const std::string& name, Machine& machine, const ChannelFactory& openChannel,
+               const Report& report) {
     const fs::path file(ToWide(name));
     const fs::path configuration(fs::path(file).replace_extension(kConfigurationFile));
     const bool keepConfiguration = HasOwnConfiguration(machine);
     for (const fs::path& path : {file, configuration}) {
-        if (!force && fs::exists(path) && (path == file || keepConfiguration)) {
+        std::error_code ignored;
+        if (fs::exists(path, ignored) && (path == file || keepConfiguration)) {
             throw CommandFailed(ToUtf8(path.native()) +
-                                    " is there already, nothing was removed: choose another name",
-                                Remedy::Force);
+                                " is there already, nothing was removed: choose another name");
         }
     }
     nlohmann::json ports = nlohmann::json::array();
@@ -136,13 +140,18 @@ void KeepPorts(const std::string& name, bool force, Machine& machine,
             throw CommandFailed("the print spooler knows " + std::to_string(ports.size()) + " of " +
                                 std::to_string(stored) +
                                 " ports, nothing was removed: read them past it, with `kestctl "
-                                "--direct monitor remove`");
+                                "--direct monitor remove --keep-ports FILE`");
         }
     }
-    std::ofstream stream(file, std::ios::binary);
-    stream << ports.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-    if (!stream.flush()) {
-        throw CommandFailed(name + " cannot be written, nothing was removed");
+    const std::string text =
+        ports.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
+    const UniqueFile kept(CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    if (!kept ||
+        !WriteFile(kept.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
+        throw CommandFailed(
+            name + " cannot be written, nothing was removed: " + ErrorText(GetLastError()));
     }
     report(std::to_string(ports.size()) + " ports are kept in " + name);
     if (keepConfiguration) {
@@ -175,15 +184,13 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
                     "(ports.SLPConf.xml for ports.json)")
         ->check(NotEmpty());
     command.add_flag("--force", arguments->force,
-                     "Also when printers print to its ports, stopping\n"
-                     "the spooler if it has to be; and write over the\n"
-                     "files of --keep-ports");
+                     "Also when printers print to its ports, stopping the spooler if it has to be");
     AddLogOption(command, arguments->log);
     command.callback([arguments, openChannel, &machine] {
         SetupReport(arguments->log).Run([&](const Report& report) {
             CheckRemoval(machine, arguments->force);
             if (!arguments->keepPorts.empty()) {
-                KeepPorts(arguments->keepPorts, arguments->force, machine, openChannel, report);
+                KeepPorts(arguments->keepPorts, machine, openChannel, report);
             }
             RemoveMonitor(machine, arguments->force, report);
         });
@@ -226,7 +233,9 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
         findings.push_back({"registered", "no", kInstall, true});
     } else if (lstrcmpiW(status.driver.c_str(), kMonitorLibrary) != 0) {
         findings.push_back({"registered", "as " + driver,
-                            std::string("kestctl monitor remove, then ") + kInstall, true});
+                            "in the registry, at Control\\Print\\Monitors\\kestmon, set Driver to "
+                            "kestmon.dll; then restart the spooler",
+                            true});
     } else {
         findings.push_back({"registered", "yes"});
     }
@@ -242,7 +251,10 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
                                 "sc config spooler start= auto, then net start spooler", true});
             break;
     }
-    if (!status.listed) {
+    if (!status.listed && status.spooler == ServiceState::Running) {
+        findings.push_back({"loaded", "unknown: the spooler does not answer",
+                            "net stop spooler, then net start spooler", true});
+    } else if (!status.listed) {
         findings.push_back({"loaded", "unknown"});
     } else if (*status.listed || driver.empty()) {
         findings.push_back({"loaded", *status.listed ? "yes" : "no"});
@@ -328,8 +340,8 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
     for (const auto& [file, bytes] : status.logs) {
         Finding log = {
             &file == &status.logs.front().file ? "log, spooler's" : "log, yours",
-            ToUtf8(file.native()) +
-                (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB" : ": none")};
+            ToUtf8(file.native()) + (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
+                                           : ": none that this user may see")};
         if (bytes.value_or(0) > kLargeLog) {
             log.toDo =
                 "begin a new one: net stop spooler, delete the file or move it away, net start "

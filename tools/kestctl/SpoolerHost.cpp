@@ -237,10 +237,13 @@ class HostJob : public PrintJob {
     bool ended_ = false;
 };
 
-UniqueRegistryKey OpenRoot(LPCWSTR path) {
+//   made: receives whether the key was not there.
+UniqueRegistryKey OpenRoot(LPCWSTR path, bool& made) {
     UniqueRegistryKey key;
+    DWORD disposition = 0;
     const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS,
-                                       nullptr, key.Out(), nullptr);
+                                       nullptr, key.Out(), &disposition);
+    made = disposition == REG_CREATED_NEW_KEY;
     if (error != ERROR_SUCCESS) {
         throw CommandFailed(
             "the monitor's registry key cannot be opened: " + ErrorText(static_cast<DWORD>(error)),
@@ -252,7 +255,7 @@ UniqueRegistryKey OpenRoot(LPCWSTR path) {
 }  // namespace
 
 SpoolerHost::SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey)
-    : root_(OpenRoot(rootKey)), registry_(kRegistry) {
+    : rootPath_(rootKey), root_(OpenRoot(rootKey, madeRoot_)), registry_(kRegistry) {
     init_ = {sizeof(MONITORINIT), this, root_.Get(), &registry_, TRUE, nullptr};
     // A full path, so that slp64.dll is found beside it.
     const auto path = std::filesystem::absolute(library).make_preferred();
@@ -272,6 +275,12 @@ SpoolerHost::SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey)
 
 SpoolerHost::~SpoolerHost() {
     table_->pfnShutdown(monitor_);
+    if (madeRoot_) {
+        // Neither goes while something is below it. The system's spooler would take a key without a
+        // library for a monitor that it cannot load.
+        RegDeleteKeyW(root_.Get(), L"Ports");
+        RegDeleteKeyW(HKEY_LOCAL_MACHINE, rootPath_.c_str());
+    }
 }
 
 std::filesystem::path SpoolerHost::LibraryBesideProgram() {

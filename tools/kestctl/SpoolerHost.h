@@ -48,6 +48,8 @@ class SpoolerHost : public SpoolerChannel {
     HANDLE Monitor() const { return monitor_; }
 
   private:
+    std::wstring rootPath_;
+    bool madeRoot_ = false;
     UniqueRegistryKey root_;
     MONITORREG registry_;
     MONITORINIT init_;
