@@ -9,7 +9,7 @@
 
 #include "diag/Resource.h"
 
-// Guards the port list, each port's job flag and socket, every LPR exchange, the release of Xcv
+// Guards the port list, the beginning of each port's job, every LPR exchange, the release of Xcv
 // handles and the deletion of ports. Re-entrant for the thread that holds it; made at process
 // attach, deleted at detach.
 extern CRITICAL_SECTION PortListLock;

@@ -65,7 +65,8 @@ class WithoutWaiting {
 };
 
 // Waits until the connection has room, outside the lock: a daemon that has stopped reading may keep
-// its own job waiting for as long as it likes, but nobody else's. Returns 0 or the socket's error.
+// its own job waiting for as long as it likes, but nobody else's. For a second at most: that the
+// connection has ended the platform tells by the next send alone. Returns 0 or the socket's error.
 int WaitForRoom(PortEntry* port) {
     fd_set writable;
     FD_ZERO(&writable);
@@ -73,12 +74,14 @@ int WaitForRoom(PortEntry* port) {
         LockGuard lock(PortListLock);
         FD_SET(port->socket.Get(), &writable);
     }
-    return select(0, nullptr, &writable, nullptr, nullptr) == SOCKET_ERROR ? WSAGetLastError() : 0;
+    timeval second = {1, 0};
+    return select(0, nullptr, &writable, nullptr, &second) == SOCKET_ERROR ? WSAGetLastError() : 0;
 }
 
 // Sends all the bytes, each piece once and under the lock. On an error the connection is closed,
 // behind the lock: that may take the whole linger time.
 bool Send(PortEntry* port, const char* bytes, size_t length) {
+    const DWORD lastError = GetLastError();  // a send that had to wait is no error
     while (length > 0) {
         int error = WaitForRoom(port);
         UniqueSocket lost;
@@ -100,9 +103,13 @@ bool Send(PortEntry* port, const char* bytes, size_t length) {
             }
             lost = std::move(port->socket);
         }
+        // One that does not wait would not close at all while bytes are on their way.
+        u_long off = 0;
+        ioctlsocket(lost.Get(), FIONBIO, &off);
         lost.Reset();
         return Refuse(static_cast<DWORD>(error));
     }
+    SetLastError(lastError);
     return true;
 }
 
@@ -169,12 +176,13 @@ bool CreateTempFile(PortEntry* port) {
 }
 
 // Sends the temporary file as far as its length was announced. A count that has gone beyond 2 GiB
-// is negative and announces nothing: the job then vanishes, as it always has. Kept on purpose, like
-// the running total itself.
-// Returns false when the file cannot be read to its end: the octet that says "complete" must not
-// follow then.
+// is negative and announces nothing: the job then vanishes, and beyond 4 GiB it is cut, as it
+// always has been. Kept on purpose, like the running total itself. Returns false when the file
+// cannot be read to its end: the octet that says "complete" must not follow then.
 bool SendTempFileData(PortEntry* port) {
-    SetFilePointer(port->tempFile.Get(), 0, nullptr, FILE_BEGIN);
+    if (SetFilePointer(port->tempFile.Get(), 0, nullptr, FILE_BEGIN) == INVALID_SET_FILE_POINTER) {
+        return false;
+    }
     for (LONG left = port->byteCount; left > 0;) {
         char chunk[kFileChunk];
         DWORD size = std::min<DWORD>(kFileChunk, static_cast<DWORD>(left));

@@ -38,11 +38,11 @@ enum class Beginning { Begun, Busy, Deleted };
 // Marks the port as busy, unless it already is or has been deleted.
 Beginning BeginJob(PortEntry* port) {
     LockGuard lock(PortListLock);
-    if (port->monitor == nullptr) {
-        return Beginning::Deleted;
-    }
     if ((port->flags & kJobInProgress) != 0) {
         return Beginning::Busy;
+    }
+    if (port->monitor == nullptr) {
+        return Beginning::Deleted;
     }
     HoldPort(port);
     port->flags |= kJobInProgress;

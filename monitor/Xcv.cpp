@@ -86,9 +86,13 @@ bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name) {
     }
     const bool created = CreatePortKey(name);
     const DWORD error = GetLastError();
-    if (!created) {
+    {
         LockGuard lock(PortListLock);
-        RemovePortEntry(monitor, port);
+        if (!created) {
+            RemovePortEntry(monitor, port);
+        } else if (port->monitor == nullptr && FindPortEntry(monitor, name) == nullptr) {
+            DeletePortKey(name);  // somebody deleted the port before it had its key
+        }
     }
     LetGoOfPort(port);
     SetLastError(error);

@@ -417,7 +417,10 @@ int SnmpSession::Await(SnmpRequest& request, smiINT32 id) {
             return kNothingReceived;
         }
         if (result == kNothingReceived) {
-            WaitForSingleObject(replyEvent_.get(), static_cast<DWORD>(end - now));
+            if (WaitForSingleObject(replyEvent_.get(), static_cast<DWORD>(end - now)) ==
+                WAIT_FAILED) {
+                Sleep(50);  // there is no event: looking now and then has to do
+            }
         }
     }
 }
