@@ -1,10 +1,22 @@
 #include "admin/PortStore.h"
 
+#include <windows.h>
+#include <shlwapi.h>
+
 #include <algorithm>
 #include <iterator>
 
 #include "admin/CommandFailed.h"
 #include "admin/Text.h"
+
+bool SameName(const std::wstring& one, const std::wstring& other) {
+    return lstrcmpiW(one.c_str(), other.c_str()) == 0;
+}
+
+bool MatchesPattern(const std::wstring& name, const std::wstring& pattern) {
+    return pattern.find_first_of(L"*?") != std::wstring::npos &&
+           PathMatchSpecW(name.c_str(), pattern.c_str());
+}
 
 namespace {
 
@@ -23,9 +35,8 @@ DWORD SendName(SpoolerChannel& channel, LPCWSTR command, const std::wstring& nam
 }
 
 auto WithName(const std::vector<std::wstring>& names, const std::wstring& name) {
-    return std::find_if(names.begin(), names.end(), [&name](const std::wstring& other) {
-        return lstrcmpiW(other.c_str(), name.c_str()) == 0;
-    });
+    return std::find_if(names.begin(), names.end(),
+                        [&name](const std::wstring& other) { return SameName(other, name); });
 }
 
 void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords records) {
@@ -56,6 +67,40 @@ std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
         throw CommandFailed("there is no port " + ToUtf8(name), Remedy::ListPorts);
     }
     return *found;
+}
+
+std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
+                                    const std::vector<std::wstring>& wanted) {
+    const std::vector<std::wstring> names = channel.PortNames();
+    std::vector<bool> isMeant(names.size(), wanted.empty());
+    for (const std::wstring& pattern : wanted) {
+        bool any = false;
+        for (size_t i = 0; i < names.size(); ++i) {
+            if (SameName(names[i], pattern) || MatchesPattern(names[i], pattern)) {
+                isMeant[i] = any = true;
+            }
+        }
+        if (!any) {
+            throw CommandFailed("there is no port " + ToUtf8(pattern), Remedy::ListPorts);
+        }
+    }
+    std::vector<std::wstring> ports;
+    for (size_t i = 0; i < names.size(); ++i) {
+        if (isMeant[i]) {
+            ports.push_back(names[i]);
+        }
+    }
+    return ports;
+}
+
+std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port) {
+    std::vector<std::wstring> names;
+    for (const Queue& queue : queues) {
+        if (WithName(queue.ports, port) != queue.ports.end()) {
+            names.push_back(queue.name);
+        }
+    }
+    return names;
 }
 
 PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {

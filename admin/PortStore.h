@@ -6,9 +6,26 @@
 #include "admin/PortSettings.h"
 #include "admin/SpoolerChannel.h"
 
+// True for two spellings of one port's, queue's or printer's name: letter case does not count.
+bool SameName(const std::wstring& one, const std::wstring& other);
+
+// True when the pattern has '*' for any text or '?' for any character and the name is like it.
+// Letter case does not count.
+bool MatchesPattern(const std::wstring& name, const std::wstring& pattern);
+
 // The port's name as the monitor has it, for a name in any letter case.
 // Throws CommandFailed when there is no such port.
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name);
+
+// The ports that names and patterns mean, each once and in the monitor's order. See SameName
+// and MatchesPattern.
+//   wanted: empty for all ports.
+// Throws CommandFailed when one of them means no port.
+std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
+                                    const std::vector<std::wstring>& wanted);
+
+// The queues among these that print to a port, by name.
+std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port);
 
 // Reads both records of a port. A port that was added but never configured reads as all zero.
 // Throws CommandFailed.

@@ -31,6 +31,13 @@ class PrintJob {
     virtual std::string Outcome() const = 0;
 };
 
+// A printer of Windows, with what administration needs of it.
+struct Queue {
+    std::wstring name;
+    std::vector<std::wstring> ports;  // more than one: a pool
+    DWORD jobs = 0;                   // that wait in it, or print
+};
+
 class SpoolerChannel {
   public:
     virtual ~SpoolerChannel() = default;
@@ -44,8 +51,8 @@ class SpoolerChannel {
     virtual DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
                       DWORD outputSize) = 0;
 
-    // The system's local queues that print to a port, by name. Throws CommandFailed.
-    virtual std::vector<std::wstring> QueuesOn(const std::wstring& port) = 0;
+    // The system's local queues. Throws CommandFailed.
+    virtual std::vector<Queue> Queues() = 0;
 
     // Starts a job of raw bytes through a port.
     //   document: the job's name in its queue.

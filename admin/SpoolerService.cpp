@@ -4,15 +4,17 @@
 #include <sstream>
 
 #include "admin/CommandFailed.h"
+#include "admin/PortStore.h"
 #include "admin/Text.h"
 
 namespace {
 
 // Calls one of the spooler's Enum functions until its buffer is large enough.
+//   failure: what to say when it fails, without the reason.
 //   enumerate: takes buffer, its size in bytes, needed size, number of records; TRUE on success.
 // Returns the buffer and the number of `Info` records at its start.
 template <class Info, class Enumerate>
-std::pair<std::vector<BYTE>, size_t> Enumerated(const char* what, Enumerate enumerate) {
+std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Enumerate enumerate) {
     std::vector<BYTE> buffer;
     DWORD needed = 0;
     DWORD count = 0;
@@ -20,24 +22,23 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const char* what, Enumerate enum
     while (!enumerate(buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count)) {
         const DWORD error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
-            throw CommandFailed(
-                std::string("the spooler does not list its ") + what + ": " + ErrorText(error),
-                error == RPC_S_SERVER_UNAVAILABLE ? Remedy::StartSpooler : Remedy::None);
+            throw CommandFailed(failure + ": " + ErrorText(error), error == RPC_S_SERVER_UNAVAILABLE
+                                                                       ? Remedy::StartSpooler
+                                                                       : Remedy::None);
         }
         buffer.resize(needed);
     }
     return {std::move(buffer), count};
 }
 
-// True when a queue's port text, "LPT1:" or "LPT1:,OFFICE", names the port.
-bool NamesPort(const std::wstring& ports, const std::wstring& port) {
-    std::wistringstream stream(ports);
+// The ports in a queue's port text, "LPT1:" or "LPT1:,OFFICE".
+std::vector<std::wstring> Ports(const std::wstring& text) {
+    std::vector<std::wstring> ports;
+    std::wistringstream stream(text);
     for (std::wstring name; std::getline(stream, name, L',');) {
-        if (lstrcmpiW(name.c_str(), port.c_str()) == 0) {
-            return true;
-        }
+        ports.push_back(name);
     }
-    return false;
+    return ports;
 }
 
 class QueuedJob : public PrintJob {
@@ -102,27 +103,28 @@ class QueuedJob : public PrintJob {
 
 }  // namespace
 
-std::vector<std::wstring> SpoolerService::QueuesOn(const std::wstring& port) {
+std::vector<Queue> SpoolerService::Queues() {
     const auto [buffer, count] = Enumerated<PRINTER_INFO_2W>(
-        "printers", [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+        Name() + " does not list its printers",
+        [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             const DWORD which = server_.empty() ? PRINTER_ENUM_LOCAL : PRINTER_ENUM_NAME;
             return EnumPrintersW(which, Server(), 2, to, size, needed, returned);
         });
-    std::vector<std::wstring> queues;
+    std::vector<Queue> queues;
     const auto* info = reinterpret_cast<const PRINTER_INFO_2W*>(buffer.data());
     for (size_t i = 0; i < count; ++i) {
-        if (info[i].pPortName != nullptr && NamesPort(info[i].pPortName, port)) {
-            queues.emplace_back(info[i].pPrinterName);
-        }
+        const LPCWSTR ports = info[i].pPortName != nullptr ? info[i].pPortName : L"";
+        queues.push_back({info[i].pPrinterName, Ports(ports), info[i].cJobs});
     }
     return queues;
 }
 
 std::vector<std::wstring> SpoolerService::PortNames() {
-    const auto [buffer, count] = Enumerated<PORT_INFO_2W>(
-        "ports", [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
-            return EnumPortsW(Server(), 2, to, size, needed, returned);
-        });
+    const auto [buffer, count] =
+        Enumerated<PORT_INFO_2W>(Name() + " does not list its ports",
+                                 [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+                                     return EnumPortsW(Server(), 2, to, size, needed, returned);
+                                 });
     std::vector<std::wstring> names;
     const auto* info = reinterpret_cast<const PORT_INFO_2W*>(buffer.data());
     for (size_t i = 0; i < count; ++i) {
@@ -137,18 +139,22 @@ std::vector<std::wstring> SpoolerService::PortNames() {
     return names;
 }
 
+std::string SpoolerService::Name() const {
+    return server_.empty() ? "the spooler" : "the spooler of " + ToUtf8(server_);
+}
+
 // A monitor without ports and no monitor at all look the same in the list of ports.
 void SpoolerService::RequireMonitor() {
     const auto [buffer, count] = Enumerated<MONITOR_INFO_1W>(
-        "monitors", [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
+        Name() + " does not list its monitors",
+        [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             return EnumMonitorsW(Server(), 1, to, size, needed, returned);
         });
     const auto* info = reinterpret_cast<const MONITOR_INFO_1W*>(buffer.data());
     if (std::none_of(info, info + count, [this](const MONITOR_INFO_1W& loaded) {
             return lstrcmpiW(loaded.pName, monitor_.c_str()) == 0;
         })) {
-        throw CommandFailed("the spooler has not loaded " + ToUtf8(monitor_),
-                            Remedy::InstallMonitor);
+        throw CommandFailed(Name() + " has not loaded " + ToUtf8(monitor_), Remedy::InstallMonitor);
     }
 }
 
@@ -165,7 +171,7 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
             } else if (error == RPC_S_SERVER_UNAVAILABLE) {
                 remedy = Remedy::StartSpooler;
             }
-            throw CommandFailed("the spooler gives no access to the monitor " + ToUtf8(monitor_) +
+            throw CommandFailed(Name() + " gives no access to the monitor " + ToUtf8(monitor_) +
                                     ": " + ErrorText(error),
                                 remedy);
         }
@@ -174,7 +180,7 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
     DWORD status = ERROR_SUCCESS;
     if (!XcvDataW(xcv_.Get(), command, static_cast<BYTE*>(const_cast<void*>(input)), inputSize,
                   static_cast<BYTE*>(output), outputSize, &needed, &status)) {
-        throw CommandFailed("the spooler does not pass on " + ToUtf8(command) + ": " +
+        throw CommandFailed(Name() + " does not pass on " + ToUtf8(command) + ": " +
                             ErrorText(GetLastError()));
     }
     return status;
@@ -183,7 +189,7 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
 std::unique_ptr<PrintJob> SpoolerService::StartJob(const std::wstring& port,
                                                    const std::wstring& document,
                                                    const std::wstring& printer) {
-    const std::vector<std::wstring> queues = QueuesOn(port);
+    const std::vector<std::wstring> queues = QueuesOn(Queues(), port);
     const auto queue =
         std::find_if(queues.begin(), queues.end(), [&printer](const std::wstring& name) {
             return printer.empty() || lstrcmpiW(name.c_str(), printer.c_str()) == 0;

@@ -17,7 +17,7 @@ class SpoolerService : public SpoolerChannel {
     std::vector<std::wstring> PortNames() override;
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
-    std::vector<std::wstring> QueuesOn(const std::wstring& port) override;
+    std::vector<Queue> Queues() override;
 
     // The job goes into the queue `printer`, or into the first that prints to the port.
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
@@ -25,6 +25,7 @@ class SpoolerService : public SpoolerChannel {
 
   private:
     LPWSTR Server() { return server_.empty() ? nullptr : server_.data(); }
+    std::string Name() const;
     void RequireMonitor();
 
     std::wstring monitor_;

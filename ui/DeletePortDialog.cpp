@@ -14,7 +14,7 @@ void DeletePortDialog::OnInit() {
             const auto channel = open(server);
             RequireAccess(*channel);
             const std::wstring name = FindPort(*channel, port);
-            task.Post([this, name, queues = channel->QueuesOn(name)] {
+            task.Post([this, name, queues = QueuesOn(channel->Queues(), name)] {
                 port_ = name;
                 ShowQueues(queues);
             });

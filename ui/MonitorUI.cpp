@@ -57,7 +57,7 @@ BOOL Guarded(Action action) noexcept {
 
 DWORD DeleteUnused(SpoolerChannel& channel, const std::wstring& port) {
     const std::wstring name = FindPort(channel, port);
-    if (!channel.QueuesOn(name).empty()) {
+    if (!QueuesOn(channel.Queues(), name).empty()) {
         return ERROR_BUSY;
     }
     DeletePort(channel, name);

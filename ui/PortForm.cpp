@@ -23,9 +23,7 @@ class CancellableChannel : public SpoolerChannel {
         }
         return channel_->Xcv(command, input, inputSize, output, outputSize);
     }
-    std::vector<std::wstring> QueuesOn(const std::wstring& port) override {
-        return channel_->QueuesOn(port);
-    }
+    std::vector<Queue> Queues() override { return channel_->Queues(); }
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
                                        const std::wstring& printer) override {
         return channel_->StartJob(port, document, printer);

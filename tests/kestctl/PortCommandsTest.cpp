@@ -135,7 +135,7 @@ TEST(PortCommands, FailuresSayWhatToDo) {
     monitor.failing[L"AddPort"] = ERROR_ALREADY_EXISTS;
     EXPECT_THAT(Failure(monitor, {"port", "add", "LPT1:", "--address", "10.0.0.1"}),
                 HasSubstr("another monitor"));
-    monitor.queues = {L"Laser"};
+    monitor.queues = {{L"Laser", {L"LPT1:", L"my office"}}};
     EXPECT_THAT(Failure(monitor, {"port", "delete", "MY OFFICE"}), HasSubstr("printer Laser"));
     EXPECT_EQ(monitor.ports.size(), 1u);
     monitor.queues.clear();

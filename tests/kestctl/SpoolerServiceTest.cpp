@@ -8,6 +8,7 @@
 #include <iterator>
 
 #include "admin/CommandFailed.h"
+#include "admin/PortStore.h"
 #include "tools/kestctl/ControlJob.h"
 
 using testing::Contains;
@@ -51,7 +52,7 @@ TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {
     SpoolerService spooler;
     EXPECT_THROW(spooler.StartJob(port, L"document", L""), CommandFailed);  // no queue there
     const WineQueue queue(port);
-    EXPECT_THAT(spooler.QueuesOn(port), ElementsAre(queue.Name()));
+    EXPECT_THAT(QueuesOn(spooler.Queues(), port), ElementsAre(queue.Name()));
     EXPECT_THROW(spooler.StartJob(port, L"document", L"another"), CommandFailed);
     const auto job = spooler.StartJob(port, L"document", L"");
     EXPECT_EQ(job->Write(reinterpret_cast<const BYTE*>("a job"), 5), 5u);

@@ -16,7 +16,7 @@ struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;
     std::map<std::wstring, DWORD> failing;  // command, the code it answers with
     std::wstring ignored;                   // command that answers 0 and does nothing
-    std::vector<std::wstring> queues;       // that print to any of the ports
+    std::vector<Queue> queues;
     int opened = 0;
     PrinterIdentity printer;  // that is asked who it is
     std::string identified;   // where
@@ -91,7 +91,7 @@ class FakeChannel : public SpoolerChannel {
         return ERROR_SUCCESS;
     }
 
-    std::vector<std::wstring> QueuesOn(const std::wstring&) override { return monitor_.queues; }
+    std::vector<Queue> Queues() override { return monitor_.queues; }
 
     std::unique_ptr<PrintJob> StartJob(const std::wstring&, const std::wstring& document,
                                        const std::wstring&) override {

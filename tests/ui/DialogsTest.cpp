@@ -417,7 +417,7 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
 TEST_F(Dialogs, DeletingAsks) {
     Scene scene;
     scene.monitor.ports[L"OFFICE"] = {};
-    scene.monitor.queues = {L"Laser", L"Color & more"};
+    scene.monitor.queues = {{L"Laser", {L"OFFICE"}}, {L"Color & more", {L"OFFICE"}}};
     Delete(scene, ERROR_CANCELLED, [](const User& user) {
         user.Await(IDC_QUEUES, L"Laser\r\nColor & more");
         EXPECT_FALSE(user.Enabled(IDC_DELETE));

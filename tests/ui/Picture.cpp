@@ -68,7 +68,8 @@ int main(int argc, char** argv) {
     change.alwaysPrint = true;
     Apply(change, scene.monitor.ports[L"OFFICE"]);
     if (what == "delete") {
-        scene.monitor.queues = {L"Office, second floor", L"Office, labels"};
+        scene.monitor.queues = {{L"Office, second floor", {L"OFFICE"}},
+                                {L"Office, labels", {L"OFFICE"}}};
     }
     const HWND owner = CreateWindowExW(0, L"STATIC", L"", WS_POPUP | WS_VISIBLE, 0, 0, 1, 1,
                                        nullptr, nullptr, nullptr, nullptr);

@@ -1,11 +1,25 @@
-// The choice between the two channels.
+// The choice between the channels.
+#include <algorithm>
+
 #include "admin/SpoolerService.h"
+#include "admin/Text.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/SpoolerHost.h"
 
 namespace {
 constexpr char kDirect[] = "--direct";
+constexpr char kServer[] = "--server";
+
+// Brings a machine's name into the spooler's form, \\SERVER (CLI11's convention).
+std::string CheckServer(std::string& text) {
+    const std::string name = text.substr(std::min(text.find_first_not_of('\\'), text.size()));
+    if (name.empty() || name.find_first_of("\\/, ") != std::string::npos) {
+        return "'" + text + "' is no computer's name: give it like PRINT1";
+    }
+    text = R"(\\)" + name;
+    return {};
 }
+}  // namespace
 
 void AddDirectFlag(CLI::App& app) {
     const std::string description =
@@ -15,13 +29,39 @@ void AddDirectFlag(CLI::App& app) {
     app.add_flag(kDirect, description);
 }
 
+void AddServerOption(CLI::App& app) {
+    app.add_option(
+           kServer,
+           "Administer the print server of this name: its spooler, its ports, its printers. "
+           "For `port` and `print`. What is asked on the network is asked from here")
+        ->transform(CLI::Validator(CheckServer, ""))
+        ->excludes(app.get_option(kDirect));
+    app.parse_complete_callback([&app] {
+        if (app.get_option(kServer)->empty()) {
+            return;
+        }
+        for (const CLI::App* command : app.get_subcommands()) {
+            if (command->get_name() != "port" && command->get_name() != "print") {
+                throw CLI::ValidationError(kServer, "is for `port` and `print`: `" +
+                                                        command->get_name() +
+                                                        "` works on this computer alone");
+            }
+        }
+    });
+}
+
 bool IsDirect(const CLI::App& app) {
     return app.get_option(kDirect)->count() > 0;
+}
+
+std::wstring ServerName(const CLI::App& app) {
+    const CLI::Option* server = app.get_option(kServer);
+    return server->empty() ? std::wstring() : ToWide(server->as<std::string>());
 }
 
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app) {
     if (IsDirect(app)) {
         return std::make_unique<SpoolerHost>(SpoolerHost::LibraryBesideProgram());
     }
-    return std::make_unique<SpoolerService>();
+    return std::make_unique<SpoolerService>(L"kestmon", ServerName(app));
 }

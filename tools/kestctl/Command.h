@@ -55,7 +55,14 @@ void AddDirectFlag(CLI::App& app);
 // True when it is given.
 bool IsDirect(const CLI::App& app);
 
-// Opens the channel to the monitor: with --direct a SpoolerHost, else the system's spooler.
+// Adds the global --server, which is refused for commands that cannot go to another machine.
+void AddServerOption(CLI::App& app);
+
+// The machine that --server names, as \\SERVER; empty for this one.
+std::wstring ServerName(const CLI::App& app);
+
+// Opens the channel to the monitor: with --direct a SpoolerHost, else the system's spooler, here or
+// on the machine that --server names.
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
 

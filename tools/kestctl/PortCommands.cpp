@@ -342,7 +342,7 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
         const std::wstring name = FindPort(*channel, ToWide(arguments->name));
-        if (const auto queues = channel->QueuesOn(name); !queues.empty()) {
+        if (const auto queues = QueuesOn(channel->Queues(), name); !queues.empty()) {
             throw CommandFailed(
                 "port " + ToUtf8(name) + " is used by printer " + ToUtf8(queues.front()),
                 Remedy::MovePrinter);

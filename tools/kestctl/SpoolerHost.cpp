@@ -324,9 +324,9 @@ DWORD SpoolerHost::Xcv(LPCWSTR command, const void* input, DWORD inputSize, void
 }
 
 // The system's own spooler may not be running: that is one reason to go past it.
-std::vector<std::wstring> SpoolerHost::QueuesOn(const std::wstring& port) {
+std::vector<Queue> SpoolerHost::Queues() {
     try {
-        return SpoolerService().QueuesOn(port);
+        return SpoolerService().Queues();
     } catch (const CommandFailed&) {
         return {};
     }

@@ -37,7 +37,7 @@ class SpoolerHost : public SpoolerChannel {
     std::vector<std::wstring> PortNames() override;
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
-    std::vector<std::wstring> QueuesOn(const std::wstring& port) override;
+    std::vector<Queue> Queues() override;
 
     // The job never enters a queue; a ControlJob stands for it in `printer`.
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,

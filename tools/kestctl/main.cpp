@@ -137,6 +137,7 @@ int Run() {
     app.set_help_all_flag("--help-all", "Print the help of all commands and exit");
     app.set_version_flag("--version", "kestctl " KESTMON_VERSION_STRING);
     AddDirectFlag(app);
+    AddServerOption(app);
 
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
     AddPortCommands(app, openChannel, [](const std::string& host) {
