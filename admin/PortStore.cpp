@@ -70,7 +70,7 @@ std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
 }
 
 std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
-                                    const std::vector<std::wstring>& wanted) {
+                                    const std::vector<std::wstring>& wanted, bool mayMiss) {
     const std::vector<std::wstring> names = channel.PortNames();
     std::vector<bool> isMeant(names.size(), wanted.empty());
     for (const std::wstring& pattern : wanted) {
@@ -80,7 +80,7 @@ std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
                 isMeant[i] = any = true;
             }
         }
-        if (!any) {
+        if (!any && !mayMiss) {
             throw CommandFailed("there is no port " + ToUtf8(pattern), Remedy::ListPorts);
         }
     }

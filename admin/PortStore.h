@@ -20,9 +20,10 @@ std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name);
 // The ports that names and patterns mean, each once and in the monitor's order. See SameName
 // and MatchesPattern.
 //   wanted: empty for all ports.
-// Throws CommandFailed when one of them means no port.
+//   mayMiss: whether one of them may mean no port; otherwise that is a failure.
+// Throws CommandFailed.
 std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
-                                    const std::vector<std::wstring>& wanted);
+                                    const std::vector<std::wstring>& wanted, bool mayMiss = false);
 
 // The queues among these that print to a port, by name.
 std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port);

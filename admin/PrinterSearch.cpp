@@ -251,6 +251,16 @@ PrinterIdentity IdentifyPrinter(const std::string& host) {
     return identity;
 }
 
+PrinterIdentity IdentityAt(const std::string& host) {
+    PrinterDiscovery search;
+    const UniqueLibrary monitor = SetUpSearch(search, "");
+    Printer printer;
+    if (!search.FindPrinterByIPAddress(AddressOf(StartedNetwork(), host), printer)) {
+        throw CommandFailed("does not say who it is");
+    }
+    return IdentityOf(printer);
+}
+
 PrinterIdentity IdentityOf(const Printer& printer) {
     PrinterIdentity identity = {printer.GetIPAddress().GetText(), MacText(printer.GetMacAddress()),
                                 printer.GetHostName()};
@@ -260,6 +270,11 @@ PrinterIdentity IdentityOf(const Printer& printer) {
         name.clear();
     }
     return identity;
+}
+
+std::string IdentityText(const PrinterIdentity& printer) {
+    return printer.mac + (printer.mac.empty() || printer.hostName.empty() ? "" : ", ") +
+           Printable(printer.hostName);
 }
 
 std::string MacText(const MacAddress& mac) {

@@ -34,8 +34,14 @@ Printer FindPrinterAt(const std::string& host, const std::string& modelPattern);
 // neither.
 PrinterIdentity IdentifyPrinter(const std::string& host);
 
+// The same without the reasons, at half the wait where nobody answers; both may be empty.
+PrinterIdentity IdentityAt(const std::string& host);
+
 // What a printer's record says of itself; MAC address and name may both be empty.
 PrinterIdentity IdentityOf(const Printer& printer);
+
+// Both for a report: "0004004A1B2C, prn-office".
+std::string IdentityText(const PrinterIdentity& printer);
 
 // A MAC address as administration writes it: twelve upper-case digits; empty for none.
 std::string MacText(const MacAddress& mac);

@@ -22,7 +22,7 @@ TEST(PortCommands, AddShowSetAndDelete) {
               nlohmann::json::parse(R"({"name": "LAGER", "configured": true, "protocol": "lpr",
                   "address": "10.0.0.2", "ipv6Host": "", "useIPv6": false, "portNumber": 515,
                   "queue": "lp", "doubleSpool": false, "hostName": "", "mac": "",
-                  "alwaysPrint": false,
+                  "alwaysPrint": false, "usedBy": [],
                   "snmp": {"enabled": false, "community": "", "index": 0}})"));
 
     // By any letter case; what is not mentioned stays.
@@ -46,11 +46,15 @@ TEST(PortCommands, AddShowSetAndDelete) {
     const auto list = nlohmann::json::parse(Kestctl(monitor, {"port", "list", "--json"}));
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0], port);
-    EXPECT_EQ(Kestctl(monitor, {"port", "list"}),
-              "PORT   SENDS                          MAC           ALWAYS PRINT\n"
-              "B\u00fcro   raw to 10.0.0.9:9100           0004004A1B2C  no\n"
-              "LAGER  lpr to 10.0.0.2:515, queue lp  -             no\n");
+    monitor.queues = {{L"Laser", {L"b\u00fcro", L"LPT1:"}}, {L"Color", {L"B\u00fcro"}}};
+    EXPECT_EQ(
+        Kestctl(monitor, {"port", "list"}),
+        "PORT   SENDS                          MAC           ALWAYS PRINT  USED BY\n"
+        "B\u00fcro   raw to 10.0.0.9:9100           0004004A1B2C  no            Laser, Color\n"
+        "LAGER  lpr to 10.0.0.2:515, queue lp  -             no            -\n");
 
+    // Whoever is in the way of a deletion is named, and nothing is deleted.
+    EXPECT_THAT(Failure(monitor, {"port", "delete", "*"}), HasSubstr("printers Laser, Color"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "delete", "lager", "--json"})),
               nlohmann::json::parse(R"({"deleted": "LAGER"})"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "add", "KELLER", "--address",
@@ -58,8 +62,42 @@ TEST(PortCommands, AddShowSetAndDelete) {
               "127.0.0.1");
     // Without the right to administer, the names are all there is.
     monitor.failing[L"GetConfigInfo"] = ERROR_ACCESS_DENIED;
-    EXPECT_EQ(Kestctl(monitor, {"port", "list", "--json"}),
-              "[\n  {\n    \"name\": \"B\u00fcro\"\n  },\n  {\n    \"name\": \"KELLER\"\n  }\n]\n");
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "list", "--json"}))[1],
+              nlohmann::json::parse(R"({"name": "KELLER", "usedBy": []})"));
+}
+
+TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
+    FakeMonitor monitor;
+    for (const char* name : {"OFFICE-1", "Office-2", "LAGER"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
+    }
+    const auto shown = [&monitor](const std::vector<std::string>& names) {
+        std::vector<std::string> line = {"port", "show", "--json"};
+        line.insert(line.end(), names.begin(), names.end());
+        std::string text;
+        for (const auto& port : nlohmann::json::parse(Kestctl(monitor, line))) {
+            text += port["name"].get<std::string>() + ":" + port["portNumber"].dump() + " ";
+        }
+        return text;
+    };
+    // In the monitor's order, and each once.
+    EXPECT_EQ(shown({"office-?", "LAGER", "*"}), "LAGER:9100 OFFICE-1:9100 Office-2:9100 ");
+    EXPECT_THAT(Failure(monitor, {"port", "show", "LAGER", "HALL-*"}), HasSubstr("HALL-*"));
+    Kestctl(monitor, {"port", "set", "office-*", "--port", "9101"});
+    EXPECT_EQ(shown({"*"}), "LAGER:9100 OFFICE-1:9101 Office-2:9101 ");
+    // One that refuses keeps all as they were.
+    Kestctl(monitor, {"port", "set", "LAGER", "--protocol", "lpr"});
+    EXPECT_THAT(Failure(monitor, {"port", "set", "*", "--queue", "q"}),
+                HasSubstr("belongs to LPR"));
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"}))["queue"],
+              "lp");
+
+    EXPECT_THAT(Kestctl(monitor, {"port", "add", "lager", "--address", "10.0.0.2", "--or-set"}),
+                AllOf(HasSubstr("port LAGER set"), HasSubstr("address: 10.0.0.1 -> 10.0.0.2")));
+    EXPECT_THAT(Kestctl(monitor, {"port", "add", "NEW", "--address", "10.0.0.2", "--or-set"}),
+                HasSubstr("port NEW added"));
+    Kestctl(monitor, {"port", "delete", "--if-there", "office-*", "NONE", "HALL-*"});
+    EXPECT_EQ(shown({"*"}), "LAGER:515 NEW:9100 ");
 }
 
 TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {

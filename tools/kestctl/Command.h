@@ -73,6 +73,7 @@ bool OutputIsTerminal();
 // and throw CommandFailed. Usage errors are CLI11's own (exit code 2).
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
                      const PrinterIdentifier& identify);
+void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel);
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);

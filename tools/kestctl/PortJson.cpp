@@ -24,3 +24,25 @@ nlohmann::json ToJson(const std::wstring& name, const PortRecords& records) {
               {"community", FieldText(standard.sztSNMPCommunity)},
               {"index", standard.dwSNMPDevIndex}}}};
 }
+
+nlohmann::json Changes(const nlohmann::json& before, const nlohmann::json& after) {
+    const nlohmann::json old = before.flatten();
+    const nlohmann::json now = after.flatten();
+    nlohmann::json changes = nlohmann::json::object();
+    for (const auto& [key, value] : now.items()) {
+        if (old.at(key) != value) {
+            changes[key.substr(1)] = {{"from", old.at(key)}, {"to", value}};
+        }
+    }
+    return changes;
+}
+
+std::string ChangeText(const std::string& key, const nlohmann::json& values) {
+    const auto text = [](const nlohmann::json& value) {
+        if (!value.is_string()) {
+            return value.dump();
+        }
+        return value == "" ? "-" : Printable(value.get<std::string>());
+    };
+    return key + ": " + text(values["from"]) + " -> " + text(values["to"]);
+}

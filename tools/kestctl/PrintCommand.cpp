@@ -9,6 +9,7 @@
 #include <iostream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <sstream>
 
 #include "admin/PortStore.h"
@@ -24,41 +25,69 @@ namespace {
 constexpr size_t kSmallestChunk = 64 << 10;
 constexpr size_t kLargestChunk = 1 << 20;
 
+// The name for standard input in place of a file's.
+constexpr char kStandardInput[] = "-";
+
 // A document, read from its start to its end.
 class Document {
   public:
-    explicit Document(const std::filesystem::path& path) : path_(ToUtf8(path.native())) {
-        file_.Reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
-        LARGE_INTEGER size = {};
-        if (!file_ || !GetFileSizeEx(file_.Get(), &size)) {
-            Fail();
+    explicit Document(const std::string& file)
+        : name_(file == kStandardInput ? "standard input" : file) {
+        if (file == kStandardInput) {
+            input_ = GetStdHandle(STD_INPUT_HANDLE);
+            // A job is begun only when there is something to print.
+            first_.resize(kSmallestChunk);
+            first_.resize(ReadInput(first_.data(), first_.size()));
+        } else {
+            file_.Reset(CreateFileW(ToWide(file).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+            input_ = file_.Get();
+            LARGE_INTEGER size = {};
+            if (!file_ || !GetFileSizeEx(file_.Get(), &size)) {
+                Fail(GetLastError());
+            }
+            size_ = static_cast<uint64_t>(size.QuadPart);
         }
-        size_ = static_cast<uint64_t>(size.QuadPart);
-        if (size_ == 0) {
-            throw CommandFailed(path_ + " is empty: there is nothing to print");
+        if (size_.value_or(first_.size()) == 0) {
+            throw CommandFailed(name_ + " is empty: there is nothing to print");
         }
     }
 
-    uint64_t Size() const { return size_; }
+    // As it is called in reports.
+    const std::string& Name() const { return name_; }
+
+    // None where only the end will tell.
+    std::optional<uint64_t> Size() const { return size_; }
 
     // Returns the bytes that were read, 0 at the end.
+    //   room: at least kSmallestChunk.
     size_t Read(BYTE* to, size_t room) {
-        DWORD count = 0;
-        if (!ReadFile(file_.Get(), to, static_cast<DWORD>(room), &count, nullptr)) {
-            Fail();
+        if (const std::vector<BYTE> first = std::exchange(first_, {}); !first.empty()) {
+            std::copy(first.begin(), first.end(), to);
+            return first.size();
         }
-        return count;
+        return ReadInput(to, room);
     }
 
   private:
-    [[noreturn]] void Fail() {
-        throw CommandFailed(path_ + " cannot be read: " + ErrorText(GetLastError()));
+    size_t ReadInput(BYTE* to, size_t room) {
+        DWORD count = 0;
+        // A pipe whose writer has gone has come to its end.
+        if (!ReadFile(input_, to, static_cast<DWORD>(room), &count, nullptr) &&
+            GetLastError() != ERROR_BROKEN_PIPE) {
+            Fail(GetLastError());
+        }
+        return count;
+    }
+    [[noreturn]] void Fail(DWORD error) {
+        throw CommandFailed(name_ + " cannot be read: " + ErrorText(error));
     }
 
-    std::string path_;
+    std::string name_;
     UniqueFile file_;
-    uint64_t size_ = 0;
+    HANDLE input_ = nullptr;
+    std::vector<BYTE> first_;  // of standard input, read before the job was begun
+    std::optional<uint64_t> size_;
 };
 
 // How far a job is, for the thread that shows it.
@@ -81,12 +110,15 @@ std::string Amounts(uint64_t done, uint64_t total) {
     return text.str();
 }
 
-std::string Bar(uint64_t done, uint64_t total) {
-    constexpr size_t kWidth = 30;
-    const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
-    const auto filled = static_cast<size_t>(part * kWidth);
-    return '[' + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
-           std::to_string(static_cast<int>(part * 100)) + " %  " + Amounts(done, total);
+// How far the job is, as a bar where the document's size is known.
+std::string Shown(uint64_t sent, const std::optional<uint64_t>& size) {
+    return size ? Bar(sent, *size) + "  " + Amounts(sent, *size)
+                : std::to_string(sent) + " bytes sent";
+}
+
+// "1000 of 3000 bytes", or "1000 bytes".
+std::string SentOf(uint64_t sent, const std::optional<uint64_t>& size) {
+    return std::to_string(sent) + (size ? " of " + std::to_string(*size) : "") + " bytes";
 }
 
 // Sends the whole document; a job may take fewer bytes at a time than it is offered. What it is
@@ -126,7 +158,7 @@ struct PrintArguments {
 std::string Print(const PrintArguments& arguments, Document& document, SpoolerChannel& channel,
                   JobState& state) {
     const std::wstring name =
-        arguments.name.empty() ? std::filesystem::path(ToWide(arguments.file)).filename().native()
+        arguments.name.empty() ? std::filesystem::path(ToWide(document.Name())).filename().native()
                                : ToWide(arguments.name);
     const auto job = channel.StartJob(FindPort(channel, ToWide(arguments.port)), name,
                                       ToWide(arguments.printer));
@@ -143,23 +175,23 @@ std::string Print(const PrintArguments& arguments, Document& document, SpoolerCh
     try {
         Send(document, *job, state);
     } catch (const CommandFailed& failed) {
-        throw CommandFailed("not printed, stopped after " + std::to_string(state.sent) + " of " +
-                                std::to_string(document.Size()) + " bytes: " + failed.what(),
+        throw CommandFailed("not printed, stopped after " + SentOf(state.sent, document.Size()) +
+                                ": " + failed.what(),
                             failed.remedy, failed.subject);
     }
     return job->Outcome();
 }
 
 // Ctrl-C ends the job wherever it waits, and the program with it.
-[[noreturn]] void Stop(const PrintArguments& arguments, JobState& state, uint64_t size) {
+[[noreturn]] void Stop(const PrintArguments& arguments, JobState& state, const Document& document) {
     {
         const std::lock_guard lock(state.mutex);
         if (state.job != nullptr) {
             state.job->Abandon();
         }
     }
-    const std::string message = arguments.file + ": stopped after " + std::to_string(state.sent) +
-                                " of " + std::to_string(size) + " bytes";
+    const std::string message =
+        document.Name() + ": stopped after " + SentOf(state.sent, document.Size());
     if (arguments.json) {
         PrintJson({{"error", message}, {"exitCode", kInterrupted}});
     } else {
@@ -169,8 +201,7 @@ std::string Print(const PrintArguments& arguments, Document& document, SpoolerCh
 }
 
 void RunPrint(const PrintArguments& arguments, const ChannelFactory& openChannel) {
-    const std::filesystem::path path(ToWide(arguments.file));
-    Document document(path);
+    Document document(arguments.file);
     const auto channel = openChannel();
     const Interruption interruption;
     Progress progress(!arguments.json);
@@ -180,21 +211,21 @@ void RunPrint(const PrintArguments& arguments, const ChannelFactory& openChannel
     while (printed.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
         if (interruption.Requested()) {
             progress.Clear();
-            Stop(arguments, state, document.Size());
+            Stop(arguments, state, document);
         }
         progress.Show(state.ending     ? "all sent, waiting for the printer to close"
                       : !state.started ? "connecting"
-                                       : Bar(state.sent, document.Size()));
+                                       : Shown(state.sent, document.Size()));
     }
     progress.Clear();
     const std::string outcome = printed.get();
     if (arguments.json) {
         PrintJson({{"file", arguments.file},
                    {"port", arguments.port},
-                   {"bytes", document.Size()},
+                   {"bytes", state.sent.load()},
                    {"outcome", outcome}});
     } else {
-        std::cout << arguments.file << ": " << document.Size() << " bytes " << outcome << '\n';
+        std::cout << document.Name() << ": " << state.sent << " bytes " << outcome << '\n';
     }
 }
 
@@ -204,7 +235,9 @@ void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel) {
     CLI::App& command = *app.add_subcommand("print", "Send a file, as it is, through a port");
     AddExample(command, "print report.prn --port OFFICE --as \"Monthly report\"");
     const auto arguments = std::make_shared<PrintArguments>();
-    command.add_option("FILE", arguments->file, "A file in the printer's own language")
+    command
+        .add_option("FILE", arguments->file,
+                    "A file in the printer's own language; - for standard input")
         ->required()
         ->check(NotEmpty());
     command.add_option("--port", arguments->port, "The port")->required()->check(NotEmpty());

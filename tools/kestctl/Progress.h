@@ -1,11 +1,22 @@
 // What a command is waiting for, on a line of the terminal that goes away again.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
 #include <iostream>
 #include <string>
 #include <utility>
 
 #include "tools/kestctl/Command.h"
+
+// How far something is: "[#####.....] 50 %".
+inline std::string Bar(uint64_t done, uint64_t total) {
+    constexpr size_t kWidth = 30;
+    const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
+    const auto filled = static_cast<size_t>(part * kWidth);
+    return '[' + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
+           std::to_string(static_cast<int>(part * 100)) + " %";
+}
 
 class Progress {
   public:

@@ -1,0 +1,70 @@
+// How the ports' printers are: whether each answers where its port sends to, whether it is still
+// the one that the port means, and where it is when it is not.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "admin/PortSettings.h"
+#include "admin/PrinterIdentity.h"
+#include "admin/SpoolerChannel.h"
+
+// A connection that was tried.
+struct Connection {
+    std::string error;  // why there is none; empty: it was made
+    std::chrono::milliseconds took{};
+};
+
+// What the check asks of the network. Each function is called on several threads at once.
+struct CheckNetwork {
+    // Connects to a host's TCP port, as a job does, and closes the connection again.
+    std::function<Connection(const std::string& host, DWORD port)> connect;
+    // Throws CommandFailed where nobody says who he is.
+    PrinterIdentifier identify;
+    // All printers that answer. Throws CommandFailed.
+    std::function<std::vector<PrinterIdentity>()> search;
+};
+
+// The real one.
+//   timeout: how long a connection may take, over all addresses of a host.
+// Throws CommandFailed where there is no network.
+CheckNetwork RealCheckNetwork(std::chrono::milliseconds timeout);
+
+enum class PortState {
+    Ok,
+    Unreachable,     // takes no connection, and was found nowhere else
+    Moved,           // takes no connection, and was found elsewhere
+    AnotherPrinter,  // somebody else is at its address
+    CannotFollow,    // is to be followed, but the port does not know how to recognise it
+    NotConfigured,   // the port has no settings
+};
+
+struct CheckedPort {
+    std::wstring name;
+    PortRecords records = {};
+    PortState state = PortState::NotConfigured;
+    Connection connection = {};
+    PrinterIdentity printer = {};  // who answered at the address; all empty: it keeps silent
+    std::string found = {};        // where the port's own printer is instead; empty: not known
+    std::string detail = {};       // what else there is to say
+};
+
+// Connects to the port's address and asks who is there.
+CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
+                     const CheckNetwork& network);
+
+// Checks the ports that the names and patterns mean (all, if there are none): 32 at a time, with
+// one search for all whose printer is not where it should be. A silent host costs its connection's
+// timeout, a printer that does not say who it is 3.5 s beside that.
+//   tell: is told on this thread, about ten times a second, how many of them are done.
+// Throws CommandFailed when the ports cannot be read.
+std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
+                                    const std::vector<std::wstring>& wanted,
+                                    const CheckNetwork& network,
+                                    const std::function<void(size_t done, size_t all)>& tell);
+
+// Writes to a port where its printer was found, as a job would have done. Returns the records as
+// they are now. Throws CommandFailed.
+PortRecords RepairPort(SpoolerChannel& channel, const CheckedPort& port);

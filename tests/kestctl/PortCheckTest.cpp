@@ -1,0 +1,114 @@
+#include "admin/PortCheck.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+
+#include "tests/support/FakeMonitor.h"
+
+using testing::HasSubstr;
+
+namespace {
+
+// A network of printers by address; who has no MAC address and no name does not say who it is.
+struct FakePrinters {
+    std::map<std::string, PrinterIdentity> at;
+    std::vector<PrinterIdentity> found = {};
+    std::atomic<int> searches = 0;
+
+    CheckNetwork Network() {
+        return {[this](const std::string& host, DWORD) {
+                    return Connection{at.count(host) != 0 ? "" : "dark", {}};
+                },
+                [this](const std::string& host) {
+                    if (at.at(host).mac.empty() && at.at(host).hostName.empty()) {
+                        throw CommandFailed("silent");
+                    }
+                    return at.at(host);
+                },
+                [this] {
+                    ++searches;
+                    return found;
+                }};
+    }
+};
+
+TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
+    const auto printer = [](const char* mac, const char* name, const char* address = "") {
+        return PrinterIdentity{address, mac, name};
+    };
+    FakePrinters printers = {{{"10.0.0.1", printer("000400000001", "prn-1")},
+                              {"10.0.0.2", printer("", "")},
+                              {"10.0.0.6", printer("0004000000FF", "other")},
+                              {"10.0.0.7", printer("", "PRN-7")},
+                              {"10.0.0.8", printer("", "other")},
+                              {"10.0.0.9", printer("0004000000FE", "prn-9")}}};
+    printers.found = {
+        printer("000400000044", "prn-4", "10.0.1.40"), printer("000400000004", "prn-x", "10.0.1.4"),
+        printer("0004000000AA", "PRN-5", "fd00::5"), printer("000400000006", "prn-6", "10.0.1.6"),
+        printer("00040000000B", "prn-11", "10.0.0.11")};
+    const struct {
+        const wchar_t* name;
+        const char* address;
+        const char* mac;
+        const char* hostName;
+        bool alwaysPrint;
+        PortState state;
+        const char* found;
+    } cases[] = {
+        {L"A", "10.0.0.1", "000400000001", "prn-1", true, PortState::Ok, ""},
+        {L"A SILENT ONE", "10.0.0.2", "000400000002", "", true, PortState::Ok, ""},
+        {L"B", "10.0.0.3", "", "", false, PortState::Unreachable, ""},
+        // By its MAC address, though somebody else has its name.
+        {L"C", "10.0.0.4", "000400000004", "prn-4", true, PortState::Moved, "10.0.1.4"},
+        {L"D", "10.0.0.5", "000400000005", "prn-5", true, PortState::Moved, "fd00::5"},
+        {L"E", "10.0.0.6", "000400000006", "", true, PortState::AnotherPrinter, "10.0.1.6"},
+        {L"F", "10.0.0.7", "", "prn-7", true, PortState::Ok, ""},
+        {L"G", "10.0.0.8", "", "prn-8", false, PortState::AnotherPrinter, ""},
+        {L"H", "10.0.0.9", "000400000009", "prn-9", true, PortState::AnotherPrinter, ""},
+        {L"I", "10.0.0.1", "", "", true, PortState::CannotFollow, ""},
+        {L"J", "10.0.0.11", "00040000000B", "", true, PortState::Unreachable, ""},
+        {L"K", "", "", "", false, PortState::NotConfigured, ""},
+    };
+    FakeMonitor monitor;
+    for (const auto& c : cases) {
+        PortRecords& records = monitor.ports[c.name];
+        if (*c.address != '\0') {
+            PortChange change;
+            change.address = c.address;
+            change.mac = c.mac;
+            change.hostName = c.hostName;
+            Apply(change, records);
+            records.extended.dwAlwaysPrint = c.alwaysPrint;
+        }
+    }
+    const auto channel = monitor.Factory()();
+    const auto check = [&](const std::vector<std::wstring>& wanted) {
+        return CheckPorts(*channel, wanted, printers.Network(), [](size_t, size_t) {});
+    };
+    const std::vector<CheckedPort> ports = check({});
+    ASSERT_EQ(ports.size(), std::size(cases));
+    for (size_t i = 0; i < ports.size(); ++i) {
+        EXPECT_EQ(ports[i].name, cases[i].name);
+        EXPECT_EQ(ports[i].state, cases[i].state) << ports[i].name;
+        EXPECT_EQ(ports[i].found, cases[i].found) << ports[i].name;
+    }
+    EXPECT_EQ(printers.searches, 1);
+    EXPECT_EQ(ports[1].detail, "silent");
+    EXPECT_THAT(ports[10].detail, HasSubstr("from there"));
+
+    for (const CheckedPort& port : ports) {
+        if (!port.found.empty()) {
+            RepairPort(*channel, port);
+        }
+    }
+    EXPECT_EQ(AddressInUse(monitor.ports[L"C"]), "10.0.1.4");
+    EXPECT_EQ(AddressInUse(monitor.ports[L"D"]), "fd00::5");
+    EXPECT_EQ(FieldText(monitor.ports[L"D"].standard.sztIPAddress), "10.0.0.5");
+    EXPECT_EQ(AddressInUse(monitor.ports[L"E"]), "10.0.1.6");
+    // Nothing is searched for where all is well.
+    check({L"a*", L"F"});
+    EXPECT_EQ(printers.searches, 1);
+}
+
+}  // namespace

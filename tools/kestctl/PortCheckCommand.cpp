@@ -1,0 +1,251 @@
+// kestctl port check and test: are the printers where their ports send to?
+#include <algorithm>
+#include <iostream>
+#include <map>
+#include <memory>
+
+#include "admin/PortCheck.h"
+#include "admin/PortStore.h"
+#include "admin/PrinterSearch.h"
+#include "admin/Text.h"
+#include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/PortOptions.h"
+#include "tools/kestctl/Progress.h"
+
+namespace {
+
+struct CheckArguments {
+    std::vector<std::string> names;
+    double timeout = 3;  // seconds
+    bool repair = false;
+    bool json = false;
+};
+
+// A port that was checked, and what was made of it.
+struct Result {
+    CheckedPort port;
+    bool repaired = false;
+    std::string failure = {};  // why it was not repaired
+};
+
+std::string StateText(PortState state) {
+    switch (state) {
+        case PortState::Ok:
+            return "ok";
+        case PortState::Unreachable:
+            return "unreachable";
+        case PortState::Moved:
+            return "moved";
+        case PortState::AnotherPrinter:
+            return "another printer";
+        case PortState::CannotFollow:
+            return "cannot follow";
+        case PortState::NotConfigured:
+            return "not configured";
+    }
+    return {};
+}
+
+// Host and TCP port, an IPv6 address in brackets.
+std::string Target(const CheckedPort& port) {
+    const std::string host = AddressInUse(port.records);
+    return host.empty() ? "-"
+                        : (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
+                              std::to_string(port.records.standard.dwPortNumber);
+}
+
+// What is said of a port behind its state.
+std::string Remark(const Result& result) {
+    std::string text = result.port.detail;
+    const auto add = [&text](const std::string& more) {
+        text += (text.empty() ? "" : "; ") + more;
+    };
+    if (!result.port.found.empty()) {
+        add((result.repaired ? "now sends to " : "found at ") + result.port.found);
+    }
+    if (!result.failure.empty()) {
+        add("not repaired: " + result.failure);
+    }
+    return text.empty() ? "-" : text;
+}
+
+nlohmann::json ToJson(const Result& result) {
+    const CheckedPort& port = result.port;
+    nlohmann::json document = {{"name", ToUtf8(port.name)},
+                               {"address", AddressInUse(port.records)},
+                               {"portNumber", port.records.standard.dwPortNumber},
+                               {"state", StateText(port.state)},
+                               {"milliseconds", port.connection.took.count()},
+                               {"mac", port.printer.mac},
+                               {"hostName", port.printer.hostName},
+                               {"found", port.found},
+                               {"repaired", result.repaired},
+                               {"detail", port.detail}};
+    if (!result.failure.empty()) {
+        document["error"] = result.failure;
+    }
+    return document;
+}
+
+// Sends the ports whose printers were found to where these are; one that fails keeps no other from
+// it.
+void Repair(SpoolerChannel& channel, std::vector<Result>& results) {
+    for (Result& result : results) {
+        if (result.port.found.empty()) {
+            continue;
+        }
+        try {
+            RepairPort(channel, result.port);
+            result.repaired = true;
+        } catch (const CommandFailed& failed) {
+            result.failure = Explained(failed);
+        }
+    }
+}
+
+bool IsWell(const Result& result) {
+    return result.port.state == PortState::Ok || result.repaired;
+}
+
+// "300 ports: 148 ok, 2 moved (2 repaired)".
+std::string Summary(const std::vector<Result>& results) {
+    std::map<PortState, size_t> counts;
+    size_t repaired = 0;
+    for (const Result& result : results) {
+        ++counts[result.port.state];
+        repaired += result.repaired ? 1 : 0;
+    }
+    std::string text;
+    for (const auto& [state, count] : counts) {
+        text += (text.empty() ? "" : ", ") + std::to_string(count) + " " + StateText(state);
+    }
+    return std::to_string(results.size()) + (results.size() == 1 ? " port: " : " ports: ") + text +
+           (repaired == 0 ? "" : "; " + std::to_string(repaired) + " repaired");
+}
+
+void Print(const std::vector<Result>& results) {
+    std::vector<std::vector<std::string>> rows;
+    for (const Result& result : results) {
+        rows.push_back({ToUtf8(result.port.name), Target(result.port), StateText(result.port.state),
+                        Remark(result)});
+    }
+    PrintTable({"PORT", "ADDRESS", "STATE", "REMARK"}, rows);
+    std::cout << Summary(results) << '\n';
+}
+
+void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
+              const CheckNetwork& network) {
+    const Interruption interruption;
+    Progress progress(!arguments.json);
+    std::vector<Result> results;
+    for (CheckedPort& port :
+         CheckPorts(channel, WideNames(arguments.names), network, [&](size_t done, size_t all) {
+             if (interruption.Requested()) {
+                 progress.Clear();
+                 EndInterrupted();  // nothing was changed yet
+             }
+             progress.Show(done < all ? Bar(done, all) + "  " + std::to_string(done) + " of " +
+                                            std::to_string(all) + " ports"
+                                      : "searching for those that are not there");
+         })) {
+        results.push_back({std::move(port)});
+    }
+    progress.Clear();
+    if (arguments.repair) {
+        Repair(channel, results);
+    }
+    if (arguments.json) {
+        nlohmann::json documents = nlohmann::json::array();
+        std::transform(results.begin(), results.end(), std::back_inserter(documents), ToJson);
+        PrintJson(documents);
+    } else if (results.empty()) {
+        std::cout << "there is no port yet: `kestctl port add` makes one\n";
+    } else {
+        Print(results);
+    }
+    const auto isFound = [](const Result& result) {
+        return !result.port.found.empty() && !result.repaired;
+    };
+    if (!std::all_of(results.begin(), results.end(), IsWell)) {
+        throw CommandFailed(
+            std::string("not all ports are well") +
+            (!arguments.repair && std::any_of(results.begin(), results.end(), isFound)
+                 ? ": `kestctl port check --repair` has those whose printer was found send there"
+                 : ""));
+    }
+}
+
+void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
+             const CheckNetwork& network) {
+    Progress progress(!arguments.json);
+    const std::wstring name = FindPort(channel, ToWide(arguments.names[0]));
+    const PortRecords records = ReadPort(channel, name);
+    progress.Show("asking " + Printable(AddressInUse(records)));
+    const Result result = {TestPort(name, records, network)};
+    progress.Clear();
+    const CheckedPort& port = result.port;
+    if (arguments.json) {
+        PrintJson(ToJson(result));
+    } else if (port.state != PortState::NotConfigured) {
+        const bool connected = port.connection.error.empty();
+        std::cout << "port " << ToUtf8(name) << ": " << Target(port)
+                  << (connected ? " takes connections, after " : " takes no connection, after ")
+                  << port.connection.took.count() << " ms"
+                  << (connected ? "" : ": " + port.connection.error) << '\n';
+        if (!IdentityText(port.printer).empty()) {
+            std::cout << "who answers: " << IdentityText(port.printer)
+                      << (port.state == PortState::AnotherPrinter
+                              ? ", another printer than the port's"
+                              : "")
+                      << '\n';
+        } else if (connected) {
+            std::cout << "who answers: " << port.detail << '\n';
+        }
+        if (port.state == PortState::CannotFollow) {
+            std::cout << "the port " << port.detail << '\n';
+        }
+    }
+    if (port.state != PortState::Ok) {
+        throw CommandFailed("port " + ToUtf8(name) + ": " + StateText(port.state));
+    }
+}
+
+void AddTimeout(CLI::App& command, double& timeout) {
+    command.add_option("--timeout", timeout, "Seconds that a connection may take (3)")
+        ->check(CLI::Range(0.1, 60.0));
+}
+
+}  // namespace
+
+void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
+    const auto seconds = [](double timeout) {
+        return std::chrono::milliseconds(static_cast<int>(timeout * 1000));
+    };
+    CLI::App& check = *port.add_subcommand(
+        "check",
+        "Check that the printers of ports answer where the ports send to, and are still the same; "
+        "those that are not are searched for. Exit code 1 unless all is well");
+    AddExample(check, "port check \"OFFICE-*\" --repair");
+    const auto checked = std::make_shared<CheckArguments>();
+    AddNames(check, checked->names, "The ports, or patterns with * and ?; all if there is none");
+    AddTimeout(check, checked->timeout);
+    check.add_flag("--repair", checked->repair,
+                   "Have ports whose printer was found elsewhere send there");
+    AddJsonFlag(check, checked->json);
+    check.callback([checked, openChannel, seconds] {
+        RunCheck(*checked, *openChannel(), RealCheckNetwork(seconds(checked->timeout)));
+    });
+
+    CLI::App& test = *port.add_subcommand(
+        "test", "Connect to a port's printer, without a job, and ask who it is");
+    AddExample(test, "port test OFFICE");
+    const auto tested = std::make_shared<CheckArguments>();
+    tested->names.resize(1);
+    test.add_option("NAME", tested->names[0], "The port")->required()->check(NotEmpty());
+    AddTimeout(test, tested->timeout);
+    AddJsonFlag(test, tested->json);
+    test.callback([tested, openChannel, seconds] {
+        RunTest(*tested, *openChannel(), RealCheckNetwork(seconds(tested->timeout)));
+    });
+}
