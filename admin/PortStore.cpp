@@ -157,6 +157,39 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
     }
 }
 
+void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
+           const std::function<void(size_t)>& tell) {
+    size_t done = 0;
+    try {
+        for (; done < steps.size(); ++done) {
+            tell(done);
+            const PortStep& step = steps[done];
+            if (step.before) {
+                ChangePort(channel, step.name, *step.before, step.after);
+            } else {
+                AddPort(channel, step.name, step.after);
+            }
+        }
+    } catch (const CommandFailed& failed) {
+        std::string stay;
+        while (done-- > 0) {
+            try {
+                if (steps[done].before) {
+                    WritePort(channel, steps[done].name, *steps[done].before);
+                } else {
+                    DeletePort(channel, steps[done].name);
+                }
+            } catch (const CommandFailed&) {
+                stay += (stay.empty() ? "" : ", ") + ToUtf8(steps[done].name);
+            }
+        }
+        throw CommandFailed(std::string(failed.what()) + "; " +
+                                (stay.empty() ? "the other ports are as they were"
+                                              : "could not be taken back: " + stay),
+                            failed.remedy, failed.subject);
+    }
+}
+
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
     const DWORD code = SendName(channel, L"DeletePort", name);
     if (code == ERROR_BUSY) {

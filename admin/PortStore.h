@@ -1,6 +1,8 @@
 // The monitor's ports over a channel: what can be done with them, with every failure told.
 #pragma once
 
+#include <functional>
+#include <optional>
 #include <string>
 
 #include "admin/PortSettings.h"
@@ -41,6 +43,19 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
 // Throws CommandFailed.
 void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& before,
                 const PortRecords& after);
+
+// A port that is to be made, or changed.
+struct PortStep {
+    std::wstring name;
+    std::optional<PortRecords> before;  // none: it is to be made
+    PortRecords after;
+};
+
+// Makes and changes ports, all or none of them: where one fails, those before it are taken back.
+//   tell: is told how many are done.
+// Throws CommandFailed; the message names ports that could not be taken back.
+void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
+           const std::function<void(size_t done)>& tell);
 
 // Throws CommandFailed.
 void DeletePort(SpoolerChannel& channel, const std::wstring& name);

@@ -15,6 +15,7 @@
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;
     std::map<std::wstring, DWORD> failing;  // command, the code it answers with
+    std::wstring refused;                   // port that AddPort does not make
     std::wstring ignored;                   // command that answers 0 and does nothing
     std::vector<Queue> queues;
     int opened = 0;
@@ -72,6 +73,9 @@ class FakeChannel : public SpoolerChannel {
         const std::wstring is = command;
         if (is == monitor_.ignored) {
             return ERROR_SUCCESS;
+        }
+        if (is == L"AddPort" && name == monitor_.refused) {
+            return ERROR_DISK_FULL;
         }
         if (is == L"AddPort") {
             monitor_.ports[name] = {};

@@ -74,6 +74,7 @@ bool OutputIsTerminal();
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
                      const PrinterIdentifier& identify);
 void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel);
+void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel);
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);

@@ -300,4 +300,5 @@ void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
     AddSet(port, openChannel, identify);
     AddDelete(port, openChannel);
     AddPortCheck(port, openChannel);
+    AddPortTransfer(port, openChannel);
 }

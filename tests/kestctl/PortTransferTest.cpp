@@ -1,0 +1,136 @@
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/support/FakeMonitor.h"
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+// A file that goes away again.
+class TempFile {
+  public:
+    TempFile(const std::string& name, const std::string& text)
+        : path_(std::filesystem::temp_directory_path() /
+                (std::to_string(GetCurrentProcessId()) + name)) {
+        Write(text);
+    }
+    ~TempFile() { std::filesystem::remove(path_); }
+    void Write(const std::string& text) const { std::ofstream(path_, std::ios::binary) << text; }
+    std::string Name() const { return ToUtf8(path_.native()); }
+
+  private:
+    std::filesystem::path path_;
+};
+
+// Ports that use what a port can have; one was never configured.
+FakeMonitor Ports() {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "B\u00fcro; 1", "--address", "10.0.0.1", "--mac",
+                      "0004004A1B2C", "--host-name", "=cmd|x", "--always-print", "--snmp", "pub"});
+    Kestctl(monitor, {"port", "add", "LAGER", "--ipv6", "fd00::2", "--protocol", "lpr",
+                      "--double-spool", "--queue", "q", "--port", "1515"});
+    Kestctl(monitor, {"port", "set", "LAGER", "--address", "10.0.0.2", "--protocol", "raw"});
+    Kestctl(monitor,
+            {"port", "set", "LAGER", "--ipv6", "fd00::3", "--snmp", "x", "--snmp-index", "7"});
+    Kestctl(monitor, {"port", "set", "LAGER", "--no-snmp"});
+    return monitor;
+}
+
+TEST(PortTransfer, WhatIsExportedIsImportedAndTwiceChangesNothing) {
+    for (const char* extension : {".json", ".csv"}) {
+        FakeMonitor monitor = Ports();
+        monitor.ports[L"NEVER CONFIGURED"] = {};
+        const TempFile file(extension, "");
+        EXPECT_THAT(Failure(monitor, {"port", "export", file.Name()}), HasSubstr("--force"));
+        Kestctl(monitor, {"port", "export", file.Name(), "--force"});
+        FakeMonitor other;
+        EXPECT_THAT(Kestctl(other, {"port", "import", file.Name(), "--dry-run"}),
+                    AllOf(HasSubstr("would be added"), HasSubstr("a dry run")));
+        EXPECT_THAT(other.ports, IsEmpty());
+        Kestctl(other, {"port", "import", file.Name()});
+        EXPECT_EQ(Kestctl(other, {"port", "list"}), Kestctl(monitor, {"port", "list"}));
+        EXPECT_EQ(Kestctl(other, {"port", "show", "b*", "--json"}),
+                  Kestctl(monitor, {"port", "show", "b*", "--json"}));
+        EXPECT_THAT(Kestctl(other, {"port", "import", file.Name()}),
+                    HasSubstr("0 added, 0 changed, " + std::to_string(other.ports.size()) + " as"));
+    }
+}
+
+TEST(PortTransfer, SpreadsheetsHaveTheirWays) {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac", "0004004A1B2C"});
+    const TempFile file(".csv",
+                        "\xEF\xBB\xBFname;address;mac;alwaysPrint;queue;protocol\r\n"
+                        "office ;10.0.0.1;00:04:00:4a:1b:2c;;;\r\n"
+                        ";;;;;\r\n"
+                        "\"LAB \"\"A\"\"; 2\";10.0.0.2;00-04-00-4A-1B-2D;TRUE;lp2;lpr");
+    EXPECT_THAT(Kestctl(monitor, {"port", "import", file.Name()}),
+                AllOf(HasSubstr("port LAB \"A\"; 2 added: lpr to 10.0.0.2:515, queue lp2"),
+                      HasSubstr("1 added, 0 changed, 1 as they were")));
+    // Only --replace changes what is there, and what the file does not have stays.
+    file.Write("name,address\nOffice,10.0.0.9\n");
+    EXPECT_THAT(Failure(monitor, {"port", "import", file.Name()}),
+                HasSubstr("(address: 10.0.0.1 -> 10.0.0.9): --replace"));
+    EXPECT_THAT(Kestctl(monitor, {"port", "import", file.Name(), "--replace"}),
+                HasSubstr("port OFFICE changed: address: 10.0.0.1 -> 10.0.0.9"));
+    EXPECT_EQ(FieldText(monitor.ports[L"OFFICE"].extended.sztHWAddress), "0004004A1B2C");
+}
+
+TEST(PortTransfer, AllThatIsWrongIsToldAndNothingDone) {
+    const struct {
+        const char* text;
+        std::vector<const char*> told;
+    } cases[] = {
+        {"name,adress\nA,10.0.0.1\n", {"line 1: there is no setting 'adress'", "line 2: address"}},
+        {"name,address,portNumber,doubleSpool,hostName\nA,10.0.0.1,0,maybe\n,10.0.0.2\n"
+         "a,10.0.0.3\nB,10.0.0\nC\\,10.0.0.1\nD,10.0.0.1,,yes\nE,1,2,3,4,5\nF,\"10\nG,10.0.0.1,,,"
+         "\xE4\n",
+         {"line 2: portNumber", "line 2: doubleSpool is 'maybe'", "line 3: name is missing",
+          "line 4: port a is in line 2 already", "line 5: address '10.0.0'", "line 6: name must",
+          "line 7: doubleSpool belongs to LPR", "line 8: has more cells", "line 9: a quoted cell",
+          "line 10: hostName is not UTF-8"}},
+        {"[\n {\"name\": \"A\", \"address\": \"10.0.0.1\", \"port\": 9100},\n {\"name\": "
+         "\"OFFICE\",\n"
+         "  \"address\": \"10.0.0.1\", \"hostName\": \"\", \"mac\": [1]}, 7]",
+         {"line 2: there is no setting 'port'", "line 4: a port's settings are expected",
+          "line 3: hostName is empty"}},
+        {"[{\"name\": \"A\",\n\"address\" \"10.0.0.1\"}]", {"line 2, column"}},
+        {"", {"is empty"}},
+        {"\xFF\xFEn\0a", {"UTF-8"}},
+    };
+    for (const auto& c : cases) {
+        FakeMonitor monitor;
+        Kestctl(monitor,
+                {"port", "add", "OFFICE", "--address", "10.0.0.1", "--host-name", "prn-1"});
+        const std::string text = c.text[0] == '\xFF' ? std::string(c.text, 5) : c.text;
+        const TempFile file("", text);
+        const std::string failure = Failure(monitor, {"port", "import", file.Name(), "--replace"});
+        for (const char* told : c.told) {
+            EXPECT_THAT(failure, HasSubstr(told));
+        }
+        EXPECT_EQ(monitor.ports.size(), 1u);
+    }
+}
+
+TEST(PortTransfer, AFailureTakesTheOthersBack) {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "A", "--address", "10.0.0.1"});
+    const TempFile file("", "name,address\nA,10.0.0.9\nB,10.0.0.2\nC,10.0.0.3\n");
+    const std::vector<std::string> import = {"port", "import", file.Name(), "--replace"};
+    monitor.refused = L"C";
+    EXPECT_THAT(Failure(monitor, import),
+                AllOf(HasSubstr("port C cannot be added"), HasSubstr("as they were")));
+    EXPECT_EQ(monitor.ports.size(), 1u);
+    EXPECT_EQ(AddressInUse(monitor.ports[L"A"]), "10.0.0.1");
+    monitor.failing[L"DeletePort"] = ERROR_ACCESS_DENIED;
+    EXPECT_THAT(Failure(monitor, import),
+                AllOf(HasSubstr("taken back: B"), Not(HasSubstr("taken back: B, A"))));
+}
+
+}  // namespace

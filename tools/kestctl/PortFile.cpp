@@ -1,0 +1,185 @@
+#include "tools/kestctl/PortFile.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <optional>
+
+#include "admin/Text.h"
+#include "tools/kestctl/PortJson.h"
+
+namespace {
+
+// Reads the cells of one row, each checked; what is wrong is noted.
+class RowReader {
+  public:
+    RowReader(const PortRow& row, std::vector<std::string>& problems)
+        : row_(row), problems_(problems) {}
+
+    void Problem(const std::string& column, const std::string& text) {
+        problems_.push_back("line " + std::to_string(row_.line) + ": " + column + " " + text);
+    }
+
+    // The cell's text as it is stored; none where it is empty.
+    std::optional<std::string> Text(const char* column, std::string (*check)(std::string&)) {
+        const auto cell = row_.values.find(column);
+        if (cell == row_.values.end() || cell->second.empty()) {
+            return std::nullopt;
+        }
+        std::string text = cell->second;
+        if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
+                                static_cast<int>(text.size()), nullptr, 0) == 0) {
+            Problem(column, "is not UTF-8: save the file as such");
+            return std::nullopt;
+        }
+        if (const std::string problem = check(text); !problem.empty()) {
+            Problem(column, Printable(problem));
+            return std::nullopt;
+        }
+        return text;
+    }
+
+    std::optional<DWORD> Number(const char* column, std::string (*check)(std::string&)) {
+        const auto text = Text(column, check);
+        return text ? std::optional<DWORD>(std::stoul(*text)) : std::nullopt;
+    }
+
+    std::optional<bool> Truth(const char* column) {
+        const auto text = Text(column, [](std::string& cell) {
+            std::transform(cell.begin(), cell.end(), cell.begin(),
+                           [](unsigned char c) { return std::tolower(c); });
+            const bool known = cell == "true" || cell == "yes" || cell == "1" || cell == "false" ||
+                               cell == "no" || cell == "0";
+            return known ? std::string() : "is '" + cell + "': give yes or no";
+        });
+        return text ? std::optional(*text == "true" || *text == "yes" || *text == "1")
+                    : std::nullopt;
+    }
+
+    bool IsEmpty(const char* column) const {
+        const auto cell = row_.values.find(column);
+        return cell != row_.values.end() && cell->second.empty();
+    }
+
+  private:
+    const PortRow& row_;
+    std::vector<std::string>& problems_;
+};
+
+std::string CheckProtocol(std::string& text) {
+    return text == "raw" || text == "lpr" ? "" : "is '" + text + "': give raw or lpr";
+}
+
+// A device index of 0 is that of a port without SNMP.
+std::string CheckIndexOrNone(std::string& text) {
+    return text == "0" ? "" : CheckSnmpIndex(text);
+}
+
+void ReadSnmp(RowReader& reader, PortChange& change) {
+    change.snmpCommunity = reader.Text("snmp/community", CheckCommunity);
+    change.snmpIndex = reader.Number("snmp/index", CheckIndexOrNone);
+    change.noSnmp = !reader.Truth("snmp/enabled").value_or(true);
+    if (change.snmpIndex == 0u || (change.noSnmp && !change.snmpCommunity)) {
+        change.snmpIndex.reset();
+    }
+}
+
+std::string ColumnOf(PortSetting setting) {
+    switch (setting) {
+        case PortSetting::Address:
+            return "address";
+        case PortSetting::Queue:
+            return "queue";
+        case PortSetting::DoubleSpool:
+            return "doubleSpool";
+        case PortSetting::SnmpIndex:
+            return "snmp/index";
+        case PortSetting::AlwaysPrint:
+            return "alwaysPrint";
+    }
+    return {};
+}
+
+// Both addresses may be given, and which one is used.
+void ChooseAddress(RowReader& reader, const PortChange& change, std::optional<bool> useIPv6,
+                   PortRecords& records) {
+    if (useIPv6 || (change.address && change.ipv6)) {
+        records.extended.dwUseIPV6 = useIPv6.value_or(false);
+    }
+    if (AddressInUse(records).empty()) {
+        reader.Problem(records.extended.dwUseIPV6 != 0 ? "ipv6Host" : "address",
+                       "is needed: where is the printer?");
+    }
+}
+
+}  // namespace
+
+PortRow ToRow(const std::wstring& name, const PortRecords& records) {
+    const nlohmann::json port = ToJson(name, records).flatten();
+    PortRow row;
+    for (const std::string& column : kPortColumns) {
+        const nlohmann::json& value = port.at("/" + column);
+        row.values[column] = value.is_boolean()  ? value.get<bool>() ? "yes" : "no"
+                             : value.is_string() ? value.get<std::string>()
+                                                 : value.dump();
+    }
+    if (records.standard.dwProtocol == 0) {
+        row.values["protocol"].clear();
+    }
+    // Spreadsheets take twelve digits for a number.
+    std::string& mac = row.values["mac"];
+    for (size_t at = 2; at < mac.size(); at += 3) {
+        mac.insert(at, 1, '-');
+    }
+    return row;
+}
+
+std::string NameOf(const PortRow& row, std::vector<std::string>& problems) {
+    RowReader reader(row, problems);
+    const size_t before = problems.size();
+    const auto name = reader.Text("name", CheckPortName);
+    if (!name && problems.size() == before) {
+        reader.Problem("name", "is missing");
+    }
+    return name.value_or("");
+}
+
+void Apply(const PortRow& row, PortRecords& records, std::vector<std::string>& problems) {
+    RowReader reader(row, problems);
+    const size_t before = problems.size();
+    if (!reader.Truth("configured").value_or(true)) {
+        return;
+    }
+    PortChange change;
+    change.protocol = reader.Text("protocol", CheckProtocol);
+    change.address = reader.Text("address", CheckIPv4Address);
+    change.ipv6 = reader.Text("ipv6Host", CheckIPv6Host);
+    const auto useIPv6 = reader.Truth("useIPv6");
+    change.portNumber = reader.Number("portNumber", CheckPortNumber);
+    change.queue = reader.Text("queue", CheckQueue);
+    change.doubleSpool = reader.Truth("doubleSpool");
+    change.hostName = reader.Text("hostName", CheckHostName);
+    change.mac = reader.IsEmpty("mac") ? "" : reader.Text("mac", CheckMacAddress);
+    change.alwaysPrint = reader.Truth("alwaysPrint");
+    ReadSnmp(reader, change);
+    if (problems.size() != before) {
+        return;
+    }
+    // A RAW port may remember the queue of a time when it was an LPR port.
+    if (change.protocol.value_or(ProtocolName(records.standard.dwProtocol)) == "raw") {
+        change.queue.reset();
+    }
+    try {
+        Apply(change, records);
+        ChooseAddress(reader, change, useIPv6, records);
+    } catch (const SettingsClash& clash) {
+        reader.Problem(ColumnOf(clash.setting), clash.what());
+    }
+    // A name that stays would lead to the printer that bears it.
+    if (const std::string name = FieldText(records.standard.sztHostAddress);
+        reader.IsEmpty("hostName") && !name.empty()) {
+        reader.Problem("hostName", "is empty, and the port has one that would stay, " +
+                                       Printable(name) + ": delete the port first");
+    }
+}

@@ -1,0 +1,281 @@
+#include "tools/kestctl/PortTable.h"
+
+// Its own thread for reading ahead would only cost here: the text is in memory.
+#define CSV_IO_NO_THREAD
+#include <libfccp/csv.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+
+const std::vector<std::string> kPortColumns = {
+    "name",    "configured",  "protocol",     "address",        "ipv6Host",
+    "useIPv6", "portNumber",  "queue",        "doubleSpool",    "hostName",
+    "mac",     "alwaysPrint", "snmp/enabled", "snmp/community", "snmp/index"};
+
+namespace {
+
+constexpr char kFormulaStarts[] = "=+-@";
+
+// What `port show` says of a port that is no setting of its own.
+bool IsRemark(const std::string& column) {
+    return column == "usedBy" || column == "changed";
+}
+
+std::string At(size_t line) {
+    return "line " + std::to_string(line) + ": ";
+}
+
+// Notes a value of a row, or what is wrong with its column.
+void Take(PortTable& table, PortRow& row, const std::string& column, const std::string& value,
+          size_t line) {
+    if (IsRemark(column)) {
+        return;
+    }
+    if (std::find(kPortColumns.begin(), kPortColumns.end(), column) == kPortColumns.end()) {
+        table.problems.push_back(At(line) + "there is no setting '" + column + "'");
+    } else if (!row.values.emplace(column, value).second) {
+        table.problems.push_back(At(line) + "'" + column + "' is there twice");
+    }
+}
+
+// A text's characters; whoever reads them can be asked for the line that he is at.
+class CountingIterator {
+  public:
+    using iterator_category = std::input_iterator_tag;
+    using value_type = char;
+    using difference_type = std::ptrdiff_t;
+    using pointer = const char*;
+    using reference = const char&;
+
+    CountingIterator(const char* at, size_t& line) : at_(at), line_(&line) {}
+    reference operator*() const { return *at_; }
+    CountingIterator& operator++() {
+        *line_ += *at_++ == '\n' ? 1 : 0;
+        return *this;
+    }
+    bool operator==(const CountingIterator& other) const { return at_ == other.at_; }
+    bool operator!=(const CountingIterator& other) const { return at_ != other.at_; }
+
+  private:
+    const char* at_;
+    size_t* line_;
+};
+
+// Takes the rows out of JSON while it is read: only so the lines are known.
+class JsonReader : public nlohmann::json_sax<nlohmann::json> {
+  public:
+    JsonReader(PortTable& table, const size_t& line) : table_(table), line_(line) {}
+
+    bool null() override { return Value(""); }
+    bool boolean(bool value) override { return Value(value ? "true" : "false"); }
+    bool number_integer(number_integer_t value) override { return Value(std::to_string(value)); }
+    bool number_unsigned(number_unsigned_t value) override { return Value(std::to_string(value)); }
+    bool number_float(number_float_t, const string_t& text) override { return Value(text); }
+    bool string(string_t& value) override { return Value(value); }
+    bool binary(binary_t&) override { return Value(""); }
+
+    bool start_object(size_t) override {
+        if (ignored_ > 0) {
+            ++ignored_;
+        } else if (!inPort_) {
+            inPort_ = true;
+            row_ = {line_, {}};
+        } else if (prefix_.empty() && key_ == "snmp") {
+            prefix_ = "snmp/";
+        } else {
+            Ignore();
+        }
+        return true;
+    }
+    bool key(string_t& name) override {
+        if (ignored_ == 0) {
+            key_ = name;
+        }
+        return true;
+    }
+    bool end_object() override {
+        if (ignored_ > 0) {
+            --ignored_;
+        } else if (!prefix_.empty()) {
+            prefix_.clear();
+        } else {
+            inPort_ = false;
+            table_.rows.push_back(std::move(row_));
+        }
+        return true;
+    }
+    bool start_array(size_t) override {
+        if (ignored_ > 0) {
+            ++ignored_;
+        } else if (inPort_ || inList_) {
+            Ignore();
+        }
+        inList_ = true;
+        return true;
+    }
+    bool end_array() override {
+        ignored_ -= ignored_ > 0 ? 1 : 0;
+        return true;
+    }
+    bool parse_error(size_t, const std::string&,
+                     const nlohmann::detail::exception& error) override {
+        const std::string text = error.what();
+        const size_t begin = text.find("] ");  // behind the library's own number
+        table_.problems.push_back(text.substr(begin == std::string::npos ? 0 : begin + 2));
+        return false;
+    }
+
+  private:
+    // Begins a list or an object that is no setting's value.
+    void Ignore() {
+        ignored_ = 1;
+        if (!inPort_ || !IsRemark(prefix_ + key_)) {
+            Misplaced();
+        }
+    }
+    void Misplaced() {
+        table_.problems.push_back(At(line_) +
+                                  "a port's settings are expected here, like {\"name\": "
+                                  "\"OFFICE\", \"address\": \"192.168.1.20\"}");
+    }
+    bool Value(const std::string& value) {
+        if (ignored_ > 0) {
+            return true;
+        }
+        if (inPort_) {
+            Take(table_, row_, prefix_ + key_, value, line_);
+        } else {
+            Misplaced();
+        }
+        return true;
+    }
+
+    PortTable& table_;
+    const size_t& line_;
+    PortRow row_;
+    std::string key_;
+    std::string prefix_;  // of the object within the port that is being read
+    size_t ignored_ = 0;  // how deep in something that is not taken
+    bool inList_ = false;
+    bool inPort_ = false;
+};
+
+// Takes a line of CSV apart. Throws io::error::base.
+template <char Separator>
+std::vector<std::string> Cells(char* line) {
+    using Quotes = io::double_quote_escape<Separator, '"'>;
+    std::vector<std::string> cells;
+    while (line != nullptr) {
+        char* begin = nullptr;
+        char* end = nullptr;
+        io::detail::chop_next_column<Quotes>(line, begin, end);
+        io::trim_chars<' ', '\t'>::trim(begin, end);
+        Quotes::unescape(begin, end);
+        const bool isGuarded =
+            *begin == '\'' && std::string(kFormulaStarts).find(begin[1]) != std::string::npos;
+        cells.emplace_back(isGuarded && begin[1] != '\0' ? begin + 1 : begin);
+    }
+    return cells;
+}
+
+template <char Separator>
+void ReadCsv(const std::string& text, PortTable& table) {
+    io::LineReader lines("", text.data(), text.data() + text.size());
+    std::vector<std::string> heading;
+    while (char* line = lines.next_line()) {
+        const size_t number = lines.get_file_line();
+        std::vector<std::string> cells;
+        try {
+            cells = Cells<Separator>(line);
+        } catch (const io::error::base&) {
+            table.problems.push_back(At(number) + "a quoted cell does not end");
+            continue;
+        }
+        // Spreadsheets keep rows that were emptied.
+        if (std::all_of(cells.begin(), cells.end(),
+                        [](const std::string& cell) { return cell.empty(); })) {
+            continue;
+        }
+        if (heading.empty()) {
+            heading = cells;
+            PortRow once;
+            for (const std::string& column : heading) {
+                Take(table, once, column, "", number);
+            }
+            continue;
+        }
+        if (cells.size() > heading.size()) {
+            table.problems.push_back(At(number) + "has more cells than the heading");
+            continue;
+        }
+        PortRow row = {number, {}};
+        for (size_t i = 0; i < cells.size(); ++i) {
+            row.values.emplace(heading[i], cells[i]);
+        }
+        table.rows.push_back(std::move(row));
+    }
+}
+
+void ReadJson(const std::string& text, PortTable& table) {
+    size_t line = 1;
+    JsonReader reader(table, line);
+    nlohmann::json::sax_parse(CountingIterator(text.data(), line),
+                              CountingIterator(text.data() + text.size(), line), &reader);
+}
+
+std::string Cell(const std::string& value) {
+    std::string cell = value;
+    if (!cell.empty() && std::string(kFormulaStarts).find(cell[0]) != std::string::npos) {
+        cell.insert(0, 1, '\'');
+    }
+    if (cell.find_first_of("\",;\r\n") == std::string::npos) {
+        return cell;
+    }
+    std::string quoted = "\"";
+    for (const char c : cell) {
+        quoted += c == '"' ? "\"\"" : std::string(1, c);
+    }
+    return quoted + '"';
+}
+
+}  // namespace
+
+PortTable ReadPortTable(const std::string& text) {
+    PortTable table;
+    const size_t start = text.find_first_not_of("\xEF\xBB\xBF \t\r\n");
+    if (text.size() > kMaxPortFile) {
+        table.problems.push_back("the file is larger than 16 MiB");
+    } else if (text.find('\0') != std::string::npos) {
+        table.problems.push_back("the file is no text in UTF-8: save it as such");
+    } else if (start == std::string::npos) {
+        table.problems.push_back("the file is empty");
+    } else if (text[start] == '[' || text[start] == '{') {
+        ReadJson(text, table);
+    } else if (text.substr(start, text.find('\n', start) - start).find(';') != std::string::npos) {
+        ReadCsv<';'>(text, table);
+    } else {
+        ReadCsv<','>(text, table);
+    }
+    return table;
+}
+
+std::string ToCsv(const std::vector<PortRow>& rows) {
+    const auto line = [](const auto& cellOf) {
+        std::string text;
+        for (const std::string& column : kPortColumns) {
+            text +=
+                (text.empty() && column == kPortColumns.front() ? "" : ",") + Cell(cellOf(column));
+        }
+        return text + "\r\n";
+    };
+    std::string text = line([](const std::string& column) { return column; });
+    for (const PortRow& row : rows) {
+        text += line([&row](const std::string& column) {
+            const auto value = row.values.find(column);
+            return value == row.values.end() ? std::string() : value->second;
+        });
+    }
+    return text;
+}
