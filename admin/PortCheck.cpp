@@ -4,16 +4,15 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <future>
 #include <mutex>
 #include <semaphore>
-#include <thread>
 
 #include "address/AddressText.h"
 #include "admin/CommandFailed.h"
 #include "admin/Hosts.h"
+#include "admin/Parallel.h"
 #include "admin/PortStore.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
@@ -26,7 +25,6 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr size_t kAtOnce = 32;
-constexpr milliseconds kTellInterval{100};
 
 // Waits for a connection that was begun. Returns 0 or the socket's error.
 int Connected(SOCKET socket, milliseconds timeout) {
@@ -69,6 +67,7 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
         return std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
     };
     addrinfo hints = {};
+    hints.ai_family = IsIPv4AddressText(host) ? AF_INET : AF_INET6;
     hints.ai_socktype = SOCK_STREAM;
     UniqueAddressList addresses;
     int error = getaddrinfo(system_helper::ToNarrow(ToWide(host)).c_str(),
@@ -180,7 +179,7 @@ class SharedSearch {
 // Tests every port. Twice as many threads as connections: while as many wait for a printer to say
 // who it is, the others still connect.
 void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, SharedSearch& search,
-             std::atomic<size_t>& done) {
+             const std::function<void(size_t)>& tell) {
     std::counting_semaphore<kAtOnce> connections(kAtOnce);
     CheckNetwork bounded = network;
     bounded.connect = [&](const std::string& host, DWORD port) {
@@ -189,18 +188,13 @@ void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, Share
         connections.release();
         return connection;
     };
-    std::atomic<size_t> next = 0;
-    std::vector<std::jthread> threads;
-    for (size_t i = 0; i < std::min(2 * kAtOnce, ports.size()); ++i) {
-        threads.emplace_back([&] {
-            for (size_t at = 0; (at = next++) < ports.size(); ++done) {
-                ports[at] = TestPort(ports[at].name, ports[at].records, bounded);
-                if (IsToBeSearched(ports[at])) {
-                    search.Begin();
-                }
-            }
-        });
-    }
+    const auto test = [&](size_t at) {
+        ports[at] = TestPort(ports[at].name, ports[at].records, bounded);
+        if (IsToBeSearched(ports[at])) {
+            search.Begin();
+        }
+    };
+    ForEach(ports.size(), 2 * kAtOnce, test, tell);
 }
 
 }  // namespace
@@ -252,12 +246,7 @@ std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
         ports.push_back({name, ReadPort(channel, name)});
     }
     SharedSearch search(network);
-    std::atomic<size_t> done = 0;
-    auto all = std::async(std::launch::async, [&] { TestAll(ports, network, search, done); });
-    while (all.wait_for(kTellInterval) != std::future_status::ready) {
-        tell(done, ports.size());
-    }
-    all.get();
+    TestAll(ports, network, search, [&](size_t done) { tell(done, ports.size()); });
 
     std::vector<PrinterIdentity> printers;
     std::string failure;

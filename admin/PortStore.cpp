@@ -69,9 +69,8 @@ std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
     return *found;
 }
 
-std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
-                                    const std::vector<std::wstring>& wanted, bool mayMiss) {
-    const std::vector<std::wstring> names = channel.PortNames();
+std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
+                                const std::vector<std::wstring>& wanted, bool mayMiss) {
     std::vector<bool> isMeant(names.size(), wanted.empty());
     for (const std::wstring& pattern : wanted) {
         bool any = false;
@@ -91,6 +90,11 @@ std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
         }
     }
     return ports;
+}
+
+std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
+                                    const std::vector<std::wstring>& wanted, bool mayMiss) {
+    return Meant(channel.PortNames(), wanted, mayMiss);
 }
 
 std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port) {

@@ -19,6 +19,10 @@ bool MatchesPattern(const std::wstring& name, const std::wstring& pattern);
 // Throws CommandFailed when there is no such port.
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name);
 
+// Those of the names that names and patterns mean, each once and in their order; see FindPorts.
+std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
+                                const std::vector<std::wstring>& wanted, bool mayMiss = false);
+
 // The ports that names and patterns mean, each once and in the monitor's order. See SameName
 // and MatchesPattern.
 //   wanted: empty for all ports.

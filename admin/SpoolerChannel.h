@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "admin/StandardPorts.h"
+
 // A job on its way. Destroyed without End, it is given up, and its queue is left as it was found.
 class PrintJob {
   public:
@@ -53,6 +55,12 @@ class SpoolerChannel {
 
     // The system's local queues. Throws CommandFailed.
     virtual std::vector<Queue> Queues() = 0;
+
+    // Has a queue print to these ports, and changes nothing else of it. Throws CommandFailed.
+    virtual void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) = 0;
+
+    // The ports of Windows' own TCP/IP port monitor on the same machine. Throws CommandFailed.
+    virtual std::vector<StandardPort> StandardPorts() = 0;
 
     // Starts a job of raw bytes through a port.
     //   document: the job's name in its queue.

@@ -119,6 +119,37 @@ std::vector<Queue> SpoolerService::Queues() {
     return queues;
 }
 
+void SpoolerService::MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) {
+    const auto failed = [&queue](const char* what) {
+        const DWORD error = GetLastError();
+        return CommandFailed(
+            "printer " + ToUtf8(queue) + what + ErrorText(error),
+            error == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
+    };
+    UniquePrinter printer;
+    std::wstring name = queue;
+    PRINTER_DEFAULTSW defaults = {nullptr, nullptr, PRINTER_ALL_ACCESS};
+    if (!OpenPrinterW(name.data(), printer.Out(), &defaults)) {
+        throw failed(" cannot be opened: ");
+    }
+    DWORD needed = 0;
+    GetPrinterW(printer.Get(), 2, nullptr, 0, &needed);
+    std::vector<BYTE> buffer(needed);
+    if (!GetPrinterW(printer.Get(), 2, buffer.data(), needed, &needed)) {
+        throw failed(" cannot be read: ");
+    }
+    std::wstring text;
+    for (const std::wstring& port : ports) {
+        text += (text.empty() ? L"" : L",") + port;
+    }
+    auto* info = reinterpret_cast<PRINTER_INFO_2W*>(buffer.data());
+    info->pPortName = text.data();
+    info->pSecurityDescriptor = nullptr;  // stays as it is
+    if (!SetPrinterW(printer.Get(), 2, buffer.data(), 0)) {
+        throw failed((" cannot be moved to port " + ToUtf8(text) + ": ").c_str());
+    }
+}
+
 std::vector<std::wstring> SpoolerService::PortNames() {
     const auto [buffer, count] =
         Enumerated<PORT_INFO_2W>(Name() + " does not list its ports",

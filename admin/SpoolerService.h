@@ -18,6 +18,8 @@ class SpoolerService : public SpoolerChannel {
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
     std::vector<Queue> Queues() override;
+    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) override;
+    std::vector<StandardPort> StandardPorts() override { return ReadStandardPorts(server_); }
 
     // The job goes into the queue `printer`, or into the first that prints to the port.
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,

@@ -24,6 +24,10 @@ class CancellableChannel : public SpoolerChannel {
         return channel_->Xcv(command, input, inputSize, output, outputSize);
     }
     std::vector<Queue> Queues() override { return channel_->Queues(); }
+    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) override {
+        channel_->MoveQueue(queue, ports);
+    }
+    std::vector<StandardPort> StandardPorts() override { return channel_->StandardPorts(); }
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,
                                        const std::wstring& printer) override {
         return channel_->StartJob(port, document, printer);

@@ -1,9 +1,7 @@
 #include <gmock/gmock.h>
 
-#include <filesystem>
-#include <fstream>
-
 #include "tests/support/FakeMonitor.h"
+#include "tests/support/TempFile.h"
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -11,22 +9,6 @@ using testing::IsEmpty;
 using testing::Not;
 
 namespace {
-
-// A file that goes away again.
-class TempFile {
-  public:
-    TempFile(const std::string& name, const std::string& text)
-        : path_(std::filesystem::temp_directory_path() /
-                (std::to_string(GetCurrentProcessId()) + name)) {
-        Write(text);
-    }
-    ~TempFile() { std::filesystem::remove(path_); }
-    void Write(const std::string& text) const { std::ofstream(path_, std::ios::binary) << text; }
-    std::string Name() const { return ToUtf8(path_.native()); }
-
-  private:
-    std::filesystem::path path_;
-};
 
 // Ports that use what a port can have; one was never configured.
 FakeMonitor Ports() {

@@ -18,6 +18,8 @@ struct FakeMonitor {
     std::wstring refused;                   // port that AddPort does not make
     std::wstring ignored;                   // command that answers 0 and does nothing
     std::vector<Queue> queues;
+    std::wstring unmovable;  // queue
+    std::vector<StandardPort> standardPorts;
     int opened = 0;
     PrinterIdentity printer;  // that is asked who it is
     std::string identified;   // where
@@ -96,6 +98,15 @@ class FakeChannel : public SpoolerChannel {
     }
 
     std::vector<Queue> Queues() override { return monitor_.queues; }
+    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) override {
+        if (queue == monitor_.unmovable) {
+            throw CommandFailed("printer cannot be moved");
+        }
+        std::find_if(monitor_.queues.begin(), monitor_.queues.end(), [&](const Queue& other) {
+            return other.name == queue;
+        })->ports = ports;
+    }
+    std::vector<StandardPort> StandardPorts() override { return monitor_.standardPorts; }
 
     std::unique_ptr<PrintJob> StartJob(const std::wstring&, const std::wstring& document,
                                        const std::wstring&) override {
@@ -115,10 +126,13 @@ inline ChannelFactory FakeMonitor::Factory() {
 inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> arguments) {
     CLI::App app;
     app.allow_windows_style_options(false);
-    AddPortCommands(app, monitor.Factory(), [&monitor](const std::string& host) {
-        monitor.identified = host;
-        return monitor.printer;
-    });
+    AddPortCommands(
+        app, monitor.Factory(),
+        [&monitor](const std::string& host) {
+            monitor.identified = host;
+            return monitor.printer;
+        },
+        [] { return std::wstring(); });
     AddPrintCommand(app, monitor.Factory());
     std::ostringstream output;
     std::streambuf* const before = std::cout.rdbuf(output.rdbuf());

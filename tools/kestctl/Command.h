@@ -4,6 +4,8 @@
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
+#include <functional>
+#include <iostream>
 #include <string>
 #include <vector>
 
@@ -37,7 +39,7 @@ bool HasPrintedJson();
 
 // Prints rows under a heading in columns as wide as their widest cell.
 void PrintTable(const std::vector<std::string>& heading,
-                const std::vector<std::vector<std::string>>& rows);
+                const std::vector<std::vector<std::string>>& rows, std::ostream& out = std::cout);
 
 // Gives a command its example, shown by its own help and by that of the whole program.
 //   line: the arguments behind "kestctl ".
@@ -66,14 +68,24 @@ std::wstring ServerName(const CLI::App& app);
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
 
+// True when standard input is a terminal: somebody can be asked.
+bool InputIsTerminal();
+
+// Asks on the terminal; everything but yes is no.
+bool IsConfirmed(const std::string& question);
+
 // True when standard output is a terminal (then progress may be shown on it).
 bool OutputIsTerminal();
 
 // One function for each group of commands; each adds its subcommands, whose callbacks do the work
 // and throw CommandFailed. Usage errors are CLI11's own (exit code 2).
+//   server: where the channel leads to, \\SERVER; empty for this machine.
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
-                     const PrinterIdentifier& identify);
+                     const PrinterIdentifier& identify,
+                     const std::function<std::wstring()>& server);
 void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel);
+void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
+                    const PrinterIdentifier& identify, const std::function<std::wstring()>& server);
 void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel);
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);

@@ -11,13 +11,14 @@ namespace {
 
 bool printedJson = false;
 
-void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths) {
+void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths,
+              std::ostream& out) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
         line += Padded(row[i], widths[i]) + "  ";
     }
     line.erase(line.find_last_not_of(' ') + 1);
-    std::cout << line << '\n';
+    out << line << '\n';
 }
 
 }  // namespace
@@ -97,7 +98,7 @@ bool HasPrintedJson() {
 }
 
 void PrintTable(const std::vector<std::string>& heading,
-                const std::vector<std::vector<std::string>>& rows) {
+                const std::vector<std::vector<std::string>>& rows, std::ostream& out) {
     std::vector<size_t> widths(heading.size());
     const auto widen = [&widths](const std::vector<std::string>& row) {
         for (size_t i = 0; i < row.size(); ++i) {
@@ -106,9 +107,9 @@ void PrintTable(const std::vector<std::string>& heading,
     };
     widen(heading);
     std::for_each(rows.begin(), rows.end(), widen);
-    PrintRow(heading, widths);
+    PrintRow(heading, widths, out);
     for (const auto& row : rows) {
-        PrintRow(row, widths);
+        PrintRow(row, widths, out);
     }
 }
 
@@ -131,6 +132,18 @@ std::string Examples(const CLI::App& app) {
         }
     }
     return text;
+}
+
+bool InputIsTerminal() {
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != FALSE;
+}
+
+bool IsConfirmed(const std::string& question) {
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    return !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
 }
 
 bool OutputIsTerminal() {

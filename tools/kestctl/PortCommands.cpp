@@ -291,7 +291,8 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
 }  // namespace
 
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
-                     const PrinterIdentifier& identify) {
+                     const PrinterIdentifier& identify,
+                     const std::function<std::wstring()>& server) {
     CLI::App& port = *app.add_subcommand("port", "Manage the monitor's ports");
     port.require_subcommand(1);
     AddList(port, openChannel);
@@ -301,4 +302,5 @@ void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
     AddDelete(port, openChannel);
     AddPortCheck(port, openChannel);
     AddPortTransfer(port, openChannel);
+    AddPortMigrate(port, openChannel, identify, server);
 }

@@ -6,6 +6,7 @@
 #include "admin/Hosts.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
+#include "tools/kestctl/Progress.h"
 
 namespace {
 
@@ -164,7 +165,12 @@ void AddFollow(CLI::App& command, PortArguments& arguments) {
 
 std::optional<PrinterIdentity> PrinterToFollow(const PortArguments& arguments,
                                                const PrinterIdentifier& identify) {
-    return arguments.follow.empty() ? std::nullopt : std::optional(identify(arguments.follow));
+    if (arguments.follow.empty()) {
+        return std::nullopt;
+    }
+    Progress progress(!arguments.json);
+    progress.Show("asking the printer who it is");
+    return identify(arguments.follow);
 }
 
 std::string ApplyArguments(const PortArguments& arguments,

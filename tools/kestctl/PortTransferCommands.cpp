@@ -1,9 +1,7 @@
 // kestctl port export and import: all ports in a file.
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
@@ -11,6 +9,7 @@
 #include "admin/PortStore.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Files.h"
 #include "tools/kestctl/PortFile.h"
 #include "tools/kestctl/PortJson.h"
 #include "tools/kestctl/Progress.h"
@@ -30,8 +29,6 @@ struct ImportArguments {
     bool json = false;
 };
 
-constexpr char kStandardStream[] = "-";
-
 bool IsCsvName(const std::string& file) {
     std::string extension = ToUtf8(std::filesystem::path(ToWide(file)).extension().native());
     std::transform(extension.begin(), extension.end(), extension.begin(),
@@ -39,28 +36,12 @@ bool IsCsvName(const std::string& file) {
     return extension == ".csv";
 }
 
-// Writes a file that is there as a whole or not at all.
-void WriteFile(const std::string& file, const std::string& text, bool force) {
-    const std::filesystem::path path(ToWide(file));
-    if (!force && std::filesystem::exists(path)) {
-        throw CommandFailed(file + " is there already", Remedy::Force);
-    }
-    std::filesystem::path part = path;
-    part += L".part";
-    std::ofstream stream(part, std::ios::binary);
-    if (!(stream << text) || (stream.close(), stream.fail())) {
-        throw CommandFailed(file + " cannot be written");
-    }
-    if (!MoveFileExW(part.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING)) {
-        const DWORD error = GetLastError();
-        DeleteFileW(part.c_str());
-        throw CommandFailed(file + " cannot be written: " + ErrorText(error));
-    }
-}
-
 void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     const bool toFile = !arguments.file.empty() && arguments.file != kStandardStream;
     const bool csv = arguments.csv || IsCsvName(arguments.file);
+    if (toFile && !arguments.force && std::filesystem::exists(ToWide(arguments.file))) {
+        throw CommandFailed(arguments.file + " is there already", Remedy::Force);
+    }
     nlohmann::json documents = nlohmann::json::array();
     std::vector<PortRow> rows;
     for (const std::wstring& name : channel.PortNames()) {
@@ -70,7 +51,7 @@ void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     }
     if (toFile) {
         // Spreadsheets know UTF-8 by its mark.
-        WriteFile(
+        SaveFile(
             arguments.file,
             csv ? "\xEF\xBB\xBF" + ToCsv(rows)
                 : documents.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
@@ -82,23 +63,6 @@ void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     } else {
         PrintJson(documents);
     }
-}
-
-std::string ReadFileOrInput(const std::string& file) {
-    std::ifstream stream;
-    std::istream* input = &std::cin;
-    if (file != kStandardStream) {
-        stream.open(std::filesystem::path(ToWide(file)), std::ios::binary);
-        input = &stream;
-    }
-    // One byte more than is allowed tells that there is too much.
-    std::string text(kMaxPortFile + 1, '\0');
-    input->read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (input->bad() || (file != kStandardStream && !stream.is_open())) {
-        throw CommandFailed(file + " cannot be read");
-    }
-    text.resize(static_cast<size_t>(input->gcount()));
-    return text;
 }
 
 struct LessByName {

@@ -131,11 +131,6 @@ void RequireWinSnmp() {
     }
 }
 
-bool InputIsTerminal() {
-    DWORD mode = 0;
-    return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != FALSE;
-}
-
 // Every step may take seconds.
 void ShowStep(const std::string& step) {
     if (OutputIsTerminal()) {
@@ -200,10 +195,7 @@ bool IsConfirmed(const Settings& before, const Settings& after) {
     show("address  ", before.address, after.address);
     show("mask     ", before.mask, after.mask);
     show("gateway  ", before.gateway, after.gateway);
-    std::cerr << "Write these settings to the printer? [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    return !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
+    return ::IsConfirmed("Write these settings to the printer?");
 }
 
 void RunSet(const SettingsArguments& arguments) {

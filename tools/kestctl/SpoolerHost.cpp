@@ -332,6 +332,10 @@ std::vector<Queue> SpoolerHost::Queues() {
     }
 }
 
+void SpoolerHost::MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) {
+    SpoolerService().MoveQueue(queue, ports);
+}
+
 std::unique_ptr<PrintJob> SpoolerHost::StartJob(const std::wstring& port,
                                                 const std::wstring& document,
                                                 const std::wstring& printer) {

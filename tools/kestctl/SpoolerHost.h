@@ -38,6 +38,8 @@ class SpoolerHost : public SpoolerChannel {
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
     std::vector<Queue> Queues() override;
+    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) override;
+    std::vector<StandardPort> StandardPorts() override { return ReadStandardPorts({}); }
 
     // The job never enters a queue; a ControlJob stands for it in `printer`.
     std::unique_ptr<PrintJob> StartJob(const std::wstring& port, const std::wstring& document,

@@ -18,7 +18,6 @@
 #include "admin/WindowsMachine.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Interruption.h"
-#include "tools/kestctl/Progress.h"
 
 namespace {
 
@@ -140,11 +139,7 @@ int Run() {
     AddServerOption(app);
 
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
-    AddPortCommands(app, openChannel, [](const std::string& host) {
-        Progress progress;
-        progress.Show("asking the printer who it is");
-        return IdentifyPrinter(host);
-    });
+    AddPortCommands(app, openChannel, IdentifyPrinter, [&app] { return ServerName(app); });
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
     AddSlpCommands(app);

@@ -1,0 +1,184 @@
+#include <gmock/gmock.h>
+
+#include "admin/Migration.h"
+#include "admin/PortStore.h"
+#include "admin/SpoolerService.h"
+#include "diag/Resource.h"
+#include "tests/support/FakeMonitor.h"
+#include "tests/support/TempFile.h"
+#include "tools/kestctl/ControlJob.h"
+
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+// Four standard ports; the last one's printer has waiting jobs.
+FakeMonitor Server() {
+    FakeMonitor monitor;
+    const auto port = [&monitor](const wchar_t* name, const char* host) -> StandardPort& {
+        monitor.standardPorts.push_back({name, host, "", 9100, 1, "", false, true, "public", 1});
+        return monitor.standardPorts.back();
+    };
+    port(L"IP_10.0.0.1", "10.0.0.1");
+    StandardPort& labels = port(L"LABELS", "localhost");
+    labels.protocol = 2;
+    labels.portNumber = 515;
+    labels.queue = "zebra";
+    labels.doubleSpool = true;
+    labels.snmpEnabled = false;
+    port(L"STRANGE", "10.0.0.3").queue = "";
+    monitor.standardPorts.back().protocol = 7;
+    port(L"IP_10.0.0.4", "10.0.0.4").portNumber = 0;
+    monitor.queues = {{L"Laser", {L"IP_10.0.0.1"}},
+                      {L"Pool", {L"LPT1:", L"IP_10.0.0.1", L"LABELS"}},
+                      {L"Busy", {L"IP_10.0.0.4"}, 3},
+                      {L"Other", {L"STRANGE"}}};
+    return monitor;
+}
+
+// All that there is to change: ports and queues.
+std::string State(FakeMonitor& monitor) {
+    std::string text = Kestctl(monitor, {"port", "export"});
+    for (const Queue& queue : monitor.queues) {
+        for (const std::wstring& port : queue.ports) {
+            text += ToUtf8(queue.name + L" " + port) + "\n";
+        }
+    }
+    return text;
+}
+
+TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
+    FakeMonitor monitor = Server();
+    const std::string before = State(monitor);
+    const TempFile file("undo.json");
+    EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "--dry-run"}),
+                AllOf(HasSubstr("LABELS         LABELS-kestmon       lpr to 127.0.0.1:515, queue "
+                                "zebra, double spooled  Pool "),
+                      HasSubstr("localhost is 127.0.0.1 now"), HasSubstr("LEFT ALONE: protocol 7"),
+                      HasSubstr("jobs wait in Busy")));
+    EXPECT_THAT(Failure(monitor, {"port", "migrate"}), HasSubstr("--yes"));
+    EXPECT_EQ(State(monitor), before);
+
+    EXPECT_THAT(Failure(monitor, {"port", "migrate", "--yes", "--undo-file", file.Name()}),
+                HasSubstr("not all ports are migrated"));
+    EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1-kestmon"));
+    EXPECT_THAT(monitor.queues[2].ports, ElementsAre(L"IP_10.0.0.4"));
+    EXPECT_EQ(Destination(monitor.ports[L"LABELS-kestmon"]),
+              "lpr to 127.0.0.1:515, queue zebra, double spooled");
+    EXPECT_EQ(Destination(monitor.ports[L"IP_10.0.0.4-kestmon"]), "raw to 10.0.0.4:9100");
+    EXPECT_THAT(monitor.queues[1].ports,
+                ElementsAre(L"LPT1:", L"IP_10.0.0.1-kestmon", L"LABELS-kestmon"));
+    // Once more, for the printer that had jobs: what is done stays.
+    monitor.queues[2].jobs = 0;
+    const TempFile second("undo2.json");
+    Failure(monitor, {"port", "migrate", "--yes", "--undo-file", second.Name()});
+    EXPECT_THAT(monitor.queues[2].ports, ElementsAre(L"IP_10.0.0.4-kestmon"));
+    // The first file gives that printer back, too.
+    Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
+    EXPECT_EQ(State(monitor), before);
+    Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
+    EXPECT_EQ(State(monitor), before);
+}
+
+TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
+    FakeMonitor monitor = Server();
+    const TempFile file("undo.json");
+    const std::vector<std::string> migrate = {"port",  "migrate",     "IP_*",     "LABELS",
+                                              "--yes", "--undo-file", file.Name()};
+    monitor.unmovable = L"Pool";
+    Failure(monitor, migrate);
+    EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1"));
+    EXPECT_THAT(monitor.queues[1].ports, ElementsAre(L"LPT1:", L"IP_10.0.0.1", L"LABELS"));
+    EXPECT_THAT(Kestctl(monitor, {"port", "list"}),
+                AllOf(HasSubstr("IP_10.0.0.4-kestmon"), Not(HasSubstr("10.0.0.1")),
+                      Not(HasSubstr("LABELS"))));
+    // A file that is there is somebody's way back.
+    EXPECT_THAT(Failure(monitor, migrate), HasSubstr("cannot be written"));
+    // A port that was changed since, or is used by somebody else, is not taken back.
+    Kestctl(monitor, {"port", "set", "IP_10.0.0.4-kestmon", "--port", "9101"});
+    Failure(monitor, {"port", "migrate", "--undo", file.Name()});
+    EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr("10.0.0.4:9101"));
+    // Names: one for two ports, and one that is taken.
+    for (const char* format : {"same", "IP_10.0.0.4-kestmon"}) {
+        EXPECT_THAT(
+            Kestctl(monitor, {"port", "migrate", "IP_*", "--dry-run", "--name-format", format}),
+            HasSubstr("LEFT ALONE: "));
+    }
+}
+
+TEST(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
+    FakeMonitor monitor = Server();
+    monitor.printer = {"10.0.0.1", "0004004A1B2C", "prn-1"};
+    const TempFile file("undo.json");
+    Kestctl(monitor, {"port", "migrate", "IP_10.0.0.1", "--follow", "--yes", "--name-format",
+                      "OFFICE {address}", "--undo-file", file.Name()});
+    const PortRecords& port = monitor.ports[L"OFFICE 10.0.0.1"];
+    EXPECT_EQ(FieldText(port.extended.sztHWAddress), "0004004A1B2C");
+    EXPECT_EQ(FieldText(port.standard.sztHostAddress), "prn-1");
+    EXPECT_EQ(port.extended.dwAlwaysPrint, 1u);
+    Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
+    EXPECT_TRUE(monitor.ports.empty());
+}
+
+// The monitor behind it is the fake; queues and registry are the system's.
+struct RealQueues : FakeChannel {
+    using FakeChannel::FakeChannel;
+    std::vector<Queue> Queues() override { return spooler.Queues(); }
+    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& to) override {
+        spooler.MoveQueue(queue, to);
+    }
+    std::vector<StandardPort> StandardPorts() override { return spooler.StandardPorts(); }
+    SpoolerService spooler;
+};
+
+// With queues of the system's own spooler, and the registry as the standard monitor writes it.
+TEST(MigrateCommand, MovesRealQueues) {
+    static constexpr wchar_t kKey[] =
+        L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\"
+        L"Standard TCP/IP Port\\Ports\\IP_10.9.9.9";
+    struct Key {
+        ~Key() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey); }
+        UniqueRegistryKey key;
+    } port;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                              port.key.Out(), nullptr),
+              ERROR_SUCCESS);
+    const auto text = [&port](const wchar_t* name, const std::wstring& value) {
+        RegSetValueExW(port.key.Get(), name, 0, REG_SZ,
+                       reinterpret_cast<const BYTE*>(value.c_str()),
+                       static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
+    };
+    const auto number = [&port](const wchar_t* name, DWORD value) {
+        RegSetValueExW(port.key.Get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
+                       sizeof(value));
+    };
+    text(L"HostName", L"10.9.9.9");
+    text(L"IPAddress", L"");
+    text(L"Queue", L"lp9");
+    text(L"SNMP Community", L"public");
+    number(L"Protocol", 2);
+    number(L"PortNumber", 515);
+    number(L"Double Spool", 1);
+    number(L"SNMP Enabled", 0);
+    number(L"SNMP Index", 1);
+    number(L"Version", 2);
+
+    FakeMonitor monitor;
+    RealQueues channel(monitor);
+    const WineQueue laser(L"IP_10.9.9.9");
+    const std::vector<Migration> plan =
+        PlanMigration(channel, {{L"ip_10.9.*"}, "{name} new", {}, {}}, [](size_t, size_t) {});
+    ASSERT_EQ(plan.size(), 1u);
+    EXPECT_EQ(Destination(plan[0].records), "lpr to 10.9.9.9:515, queue lp9, double spooled");
+    EXPECT_THAT(plan[0].queues, ElementsAre(laser.Name()));
+    EXPECT_EQ(Migrate(channel, plan[0]).failure, "");
+    EXPECT_THAT(QueuesOn(channel.Queues(), L"IP_10.9.9.9 new"), ElementsAre(laser.Name()));
+    EXPECT_EQ(Undo(channel, plan[0]).failure, "");
+    EXPECT_THAT(QueuesOn(channel.Queues(), L"IP_10.9.9.9"), ElementsAre(laser.Name()));
+    EXPECT_TRUE(monitor.ports.empty());
+}
+
+}  // namespace

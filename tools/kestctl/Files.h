@@ -1,0 +1,20 @@
+// Files that commands read and write as a whole.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+// The name for standard input or output in place of a file's.
+constexpr char kStandardStream[] = "-";
+
+// More of a file than this is not read.
+constexpr size_t kMaxFile = 16 << 20;
+
+// Writes a file, as a whole or not at all.
+//   replace: whether one that is there is replaced; otherwise it is a failure.
+// Throws CommandFailed.
+void SaveFile(const std::string& file, const std::string& text, bool replace);
+
+// Reads a file, or standard input for "-". Of one that is larger than kMaxFile, a byte more than
+// that is read, so that it is noticed. Throws CommandFailed.
+std::string ReadFileOrInput(const std::string& file);
