@@ -11,10 +11,12 @@ namespace {
 
 // Calls one of the spooler's Enum functions until its buffer is large enough.
 //   failure: what to say when it fails, without the reason.
+//   remedy: what helps where the spooler cannot be reached.
 //   enumerate: takes buffer, its size in bytes, needed size, number of records; TRUE on success.
 // Returns the buffer and the number of `Info` records at its start.
 template <class Info, class Enumerate>
-std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Enumerate enumerate) {
+std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Remedy remedy,
+                                                Enumerate enumerate) {
     std::vector<BYTE> buffer;
     DWORD needed = 0;
     DWORD count = 0;
@@ -105,7 +107,7 @@ class QueuedJob : public PrintJob {
 
 std::vector<Queue> SpoolerService::Queues() {
     const auto [buffer, count] = Enumerated<PRINTER_INFO_2W>(
-        Name() + " does not list its printers",
+        Name() + " does not list its printers", Here(Remedy::StartSpooler),
         [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             const DWORD which = server_.empty() ? PRINTER_ENUM_LOCAL : PRINTER_ENUM_NAME;
             return EnumPrintersW(which, Server(), 2, to, size, needed, returned);
@@ -152,7 +154,7 @@ void SpoolerService::MoveQueue(const std::wstring& queue, const std::vector<std:
 
 std::vector<std::wstring> SpoolerService::PortNames() {
     const auto [buffer, count] =
-        Enumerated<PORT_INFO_2W>(Name() + " does not list its ports",
+        Enumerated<PORT_INFO_2W>(Name() + " does not list its ports", Here(Remedy::StartSpooler),
                                  [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
                                      return EnumPortsW(Server(), 2, to, size, needed, returned);
                                  });
@@ -174,10 +176,15 @@ std::string SpoolerService::Name() const {
     return server_.empty() ? "the spooler" : "the spooler of " + ToUtf8(server_);
 }
 
+// What can be done on this machine alone is no advice for another.
+Remedy SpoolerService::Here(Remedy remedy) const {
+    return server_.empty() ? remedy : Remedy::None;
+}
+
 // A monitor without ports and no monitor at all look the same in the list of ports.
 void SpoolerService::RequireMonitor() {
     const auto [buffer, count] = Enumerated<MONITOR_INFO_1W>(
-        Name() + " does not list its monitors",
+        Name() + " does not list its monitors", Here(Remedy::StartSpooler),
         [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             return EnumMonitorsW(Server(), 1, to, size, needed, returned);
         });
@@ -196,11 +203,11 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
         PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();
-            Remedy remedy = Remedy::InstallMonitor;
+            Remedy remedy = Here(Remedy::InstallMonitor);
             if (error == ERROR_ACCESS_DENIED) {
                 remedy = Remedy::RunAsAdministrator;
             } else if (error == RPC_S_SERVER_UNAVAILABLE) {
-                remedy = Remedy::StartSpooler;
+                remedy = Here(Remedy::StartSpooler);
             }
             throw CommandFailed(Name() + " gives no access to the monitor " + ToUtf8(monitor_) +
                                     ": " + ErrorText(error),

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "admin/CommandFailed.h"
 #include "admin/SpoolerChannel.h"
 #include "diag/Resource.h"
 
@@ -28,6 +29,7 @@ class SpoolerService : public SpoolerChannel {
   private:
     LPWSTR Server() { return server_.empty() ? nullptr : server_.data(); }
     std::string Name() const;
+    Remedy Here(Remedy remedy) const;
     void RequireMonitor();
 
     std::wstring monitor_;

@@ -278,8 +278,7 @@ void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
     CLI::App& command = *port.add_subcommand(
         "migrate",
         "Make ports of the same settings for Windows' own TCP/IP ports, and move the printers to "
-        "them. Shows a plan first and asks; printers with waiting jobs are left alone. Exit code 1 "
-        "unless all was done");
+        "them, but those with waiting jobs; shows a plan first");
     AddExample(command, "port migrate \"IP_10.*\" --follow --dry-run");
     const auto arguments = std::make_shared<MigrateArguments>();
     CLI::Option& names =

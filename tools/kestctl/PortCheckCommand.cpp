@@ -224,8 +224,8 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     };
     CLI::App& check = *port.add_subcommand(
         "check",
-        "Check that the printers of ports answer where the ports send to, and are still the same; "
-        "those that are not are searched for. Exit code 1 unless all is well");
+        "Check that printers answer where their ports send to, and are still the same; search for "
+        "those that are not");
     AddExample(check, "port check \"OFFICE-*\" --repair");
     const auto checked = std::make_shared<CheckArguments>();
     AddNames(check, checked->names, "The ports, or patterns with * and ?; all if there is none");

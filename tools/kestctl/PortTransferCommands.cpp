@@ -202,10 +202,8 @@ void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel) {
     exporting.add_flag("--force", exported->force, "Write over a file that is there");
     exporting.callback([exported, openChannel] { RunExport(*exported, *openChannel()); });
 
-    CLI::App& importing = *port.add_subcommand(
-        "import",
-        "Make the ports of a file, all of them or none. A port that is there with the same "
-        "settings stays as it is; settings that the file does not have stay as they are");
+    CLI::App& importing =
+        *port.add_subcommand("import", "Make the ports of a file, all of them or none");
     AddExample(importing, "port import ports.csv --dry-run");
     const auto imported = std::make_shared<ImportArguments>();
     importing
@@ -217,7 +215,8 @@ void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel) {
         ->check(NotEmpty());
     importing.add_flag("--dry-run", imported->dryRun, "Only show what would be done");
     importing.add_flag("--replace", imported->replace,
-                       "Change ports that are there with other settings");
+                       "Change ports that are there with other settings; what the file does not "
+                       "say stays");
     AddJsonFlag(importing, imported->json);
     importing.callback([imported, openChannel] { RunImport(*imported, *openChannel()); });
 }
