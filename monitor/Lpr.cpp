@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr long kAcknowledgeSeconds = 4;
 constexpr size_t kCommandSize = 128;  // bytes; a longer command line is cut
 constexpr size_t kAcknowledgeSize = 128;
 constexpr size_t kHostNameSize = 49;

@@ -1,0 +1,329 @@
+// Years inside the spooler in an hour: jobs through many ports at once, to printers that misbehave,
+// on a system whose calls fail, while somebody manages the ports. Ends with 1 when anything was not
+// as it has to be; docs/endurance.md tells how to read what it prints.
+//
+//   Soak [--jobs N] [--minutes M] [--seed S] [--log FILE] [--watch]
+#include <winsock2.h>
+#include <windows.h>
+#include <psapi.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "bench/soak/Administrator.h"
+#include "bench/soak/Watch.h"
+#include "tests/support/HandleCount.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kTenths = 10;
+constexpr uint32_t kAdministrators = 3;
+constexpr uint64_t kDefaultJobs = 100'000;
+
+struct Settings {
+    uint64_t jobs = 0;  // 0: as many as the time allows
+    double minutes = 0;
+    uint64_t seed = 1;
+    const char* log = nullptr;
+    bool watch = false;
+};
+
+// What a process holds when nothing runs, and how much more than after the first tenth may be there
+// at the end. The monitor's own is counted where it takes it, and has to be exact. What Wine and
+// this program need beside it is not: their threads come and go.
+struct Measure {
+    const char* name;
+    long tolerance;
+};
+constexpr Measure kMeasures[] = {
+    {"blocks of the monitor", 0},        {"sockets of the monitor", 0},
+    {"address lists of the monitor", 0}, {"printers of the monitor", 0},
+    {"handles of the process", 4},       {"heap in use, KiB", 1024},
+    {"private memory, KiB", 16384},      {"GDI and USER objects", 0},
+    {"temporary files too many", 0},
+};
+constexpr size_t kMeasureCount = std::size(kMeasures);
+using Measurement = std::vector<long>;
+
+long HeapInUse() {
+    HANDLE heaps[64];
+    const DWORD count = std::min<DWORD>(GetProcessHeaps(std::size(heaps), heaps), 64);
+    size_t bytes = 0;
+    for (DWORD i = 0; i < count; ++i) {
+        PROCESS_HEAP_ENTRY entry = {};
+        HeapLock(heaps[i]);
+        while (HeapWalk(heaps[i], &entry)) {
+            bytes += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0 ? entry.cbData : 0;
+        }
+        HeapUnlock(heaps[i]);
+    }
+    return static_cast<long>(bytes / 1024);
+}
+
+long PrivateMemory() {
+    PROCESS_MEMORY_COUNTERS_EX counters = {};
+    counters.cb = sizeof(counters);
+    GetProcessMemoryInfo(GetCurrentProcess(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&counters),
+                         sizeof(counters));
+    return static_cast<long>(counters.PrivateUsage / 1024);
+}
+
+// Threads that have ended give their handles back a little later.
+long SettledHandles() {
+    size_t least = CountHandles();
+    for (int i = 0; i < 10; ++i) {
+        Sleep(50);
+        least = std::min(least, CountHandles());
+    }
+    return static_cast<long>(least);
+}
+
+class Soak {
+  public:
+    explicit Soak(const Settings& settings) : settings_(settings) {
+        folder_ = std::filesystem::temp_directory_path() /
+                  ("kestmon soak " + std::to_string(GetCurrentProcessId()));
+        std::filesystem::create_directory(folder_);
+        SetEnvironmentVariableW(L"TMP", folder_.c_str());
+        spooler_.listener = ListenToMonitor;
+        if (!spooler_.Start()) {
+            throw std::runtime_error("the monitor does not start");
+        }
+        for (uint32_t i = 0; i < kPorts; ++i) {
+            queues_.push_back(std::make_unique<PrintQueue>(spooler_, settings.seed, i));
+        }
+        for (uint32_t i = 0; i < kAdministrators; ++i) {
+            administrators_.emplace_back(spooler_, settings.seed, i, queues_);
+        }
+    }
+    ~Soak() {
+        std::error_code ignored;
+        std::filesystem::remove_all(folder_, ignored);
+    }
+    Soak(const Soak&) = delete;
+    Soak& operator=(const Soak&) = delete;
+
+    void Run() {
+        std::thread watch([this] { Watch(); });
+        for (int tenth = 1; tenth <= kTenths; ++tenth) {
+            RunTenth(tenth);
+            measurements_.push_back(Take());
+        }
+        done_ = true;
+        watch.join();
+        Judge();
+        Report();
+    }
+
+  private:
+    double Minutes() const {
+        return std::chrono::duration<double, std::ratio<60>>(Clock::now() - begin_).count();
+    }
+
+    void RunTenth(int tenth) {
+        const auto mayPrint = [&](uint64_t job) {
+            return (settings_.jobs == 0 || job < settings_.jobs * tenth / kTenths) &&
+                   (settings_.minutes == 0 || Minutes() < settings_.minutes * tenth / kTenths);
+        };
+        std::atomic<bool> printed = false;
+        std::vector<std::thread> managing;
+        for (Administrator& administrator : administrators_) {
+            managing.emplace_back([&] {
+                while (!printed) {
+                    administrator.Work();
+                }
+            });
+        }
+        std::vector<std::thread> printing;
+        for (auto& queue : queues_) {
+            printing.emplace_back([&] { queue->Print(mayPrint); });
+        }
+        for (std::thread& thread : printing) {
+            thread.join();
+        }
+        printed = true;
+        for (std::thread& thread : managing) {
+            thread.join();
+        }
+        for (auto& queue : queues_) {
+            queue->PrintQuietly();
+            queue->WaitForPrinter();
+        }
+    }
+
+    Measurement Take() {
+        const long gui = static_cast<long>(GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS) +
+                                           GetGuiResources(GetCurrentProcess(), GR_USEROBJECTS));
+        // Files whose announcement was not taken stay, on purpose.
+        long files = -static_cast<long>(tally.leftFiles);
+        for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
+            files += entry.path().extension() == ".tmp";
+        }
+        return {held.blocks,
+                held.sockets,
+                held.addressLists,
+                held.printers,
+                SettledHandles(),
+                HeapInUse(),
+                PrivateMemory(),
+                gui,
+                files};
+    }
+
+    void Watch() {
+        int minute = 0;
+        while (!done_) {
+            Sleep(1000);
+            LookForHangs();
+            uint64_t jobs = 0;
+            uint64_t replays = 0;
+            for (size_t i = 0; i < std::size(tally.jobs); ++i) {
+                jobs += tally.jobs[i];
+                replays += tally.replays[i];
+            }
+            char line[160];
+            snprintf(line, sizeof(line), "%5.1f min: %llu jobs, %llu replays, %llu violations",
+                     Minutes(), static_cast<unsigned long long>(jobs),
+                     static_cast<unsigned long long>(replays),
+                     static_cast<unsigned long long>(violations));
+            if (settings_.watch) {
+                fprintf(stderr, "\r%s ", line);
+            }
+            if (settings_.log != nullptr && Minutes() >= minute) {
+                ++minute;
+                if (FILE* log = fopen(settings_.log, "a")) {
+                    fprintf(log, "%s\n", line);
+                    fclose(log);
+                }
+            }
+        }
+        if (settings_.watch) {
+            fprintf(stderr, "\n");
+        }
+    }
+
+    void Judge() const {
+        const Measurement& first = measurements_.front();
+        const Measurement& last = measurements_.back();
+        for (size_t i = 0; i < kMeasureCount; ++i) {
+            if (last[i] > first[i] + kMeasures[i].tolerance) {
+                Violated(std::string(kMeasures[i].name) + " have become more: " +
+                         std::to_string(first[i]) + ", then " + std::to_string(last[i]));
+            }
+        }
+    }
+
+    void Report() const {
+        printf("\njobs%31s %10s %14s %10s\n", "", "done", "bytes", "replays");
+        for (int i = 0; i < static_cast<int>(Protocol::Count); ++i) {
+            printf("  %-32s %10llu %14llu %10llu\n", NameOf(static_cast<Protocol>(i)),
+                   Number(tally.jobs[i]), Number(tally.bytes[i]), Number(tally.replays[i]));
+        }
+        const struct {
+            const char* name;
+            uint64_t count;
+        } lines[] = {{"had to arrive whole, and did", tally.whole},
+                     {"damaged by a fault, sent for all that", tally.lost},
+                     {"temporary files left, as they may be", tally.leftFiles},
+                     {"ports listed", tally.listed},
+                     {"ports added", tally.added},
+                     {"ports changed", tally.changed},
+                     {"ports deleted", tally.deleted},
+                     {"ports replaced under their jobs", tally.replaced}};
+        for (const auto& line : lines) {
+            printf("  %-38s %10llu\n", line.name, Number(line.count));
+        }
+        printf("\nprinters that\n");
+        for (int i = 0; i < static_cast<int>(Behaviour::Count); ++i) {
+            printf("  %-38s %10llu\n", NameOf(static_cast<Behaviour>(i)),
+                   Number(tally.behaviours[i]));
+        }
+        printf("\ncalls that were made to fail\n");
+        for (int i = 1; i < static_cast<int>(Fault::Count); ++i) {
+            printf("  %-38s %10llu\n", NameOf(static_cast<Fault>(i)), Number(struck[i]));
+        }
+        printf("\ncalls%30s %10s %12s %12s\n", "", "made", "longest, s", "allowed, s");
+        for (const CallRecord& call : calls) {
+            printf("  %-32s %10llu %12.3f %12.0f  %s\n", call.name, Number(call.count),
+                   static_cast<double>(call.longest) / 1e6, call.bound, call.reason);
+        }
+        printf("\nheld, with no job running, after each tenth%*s\n", 0, "");
+        for (size_t i = 0; i < kMeasureCount; ++i) {
+            printf("  %-30s", kMeasures[i].name);
+            for (const Measurement& measurement : measurements_) {
+                printf(" %7ld", measurement[i]);
+            }
+            printf("  (at most %ld more)\n", kMeasures[i].tolerance);
+        }
+        printf("\n%.1f minutes, %llu violations\n", Minutes(), Number(violations));
+    }
+
+    static unsigned long long Number(uint64_t number) { return number; }
+
+    const Settings settings_;
+    const Clock::time_point begin_ = Clock::now();
+    std::filesystem::path folder_;
+    FakeSpooler spooler_;
+    InjectedImports imports_;
+    std::vector<std::unique_ptr<PrintQueue>> queues_;
+    std::vector<Administrator> administrators_;
+    std::vector<Measurement> measurements_;
+    std::atomic<bool> done_ = false;
+};
+
+Settings Parse(int count, char** arguments) {
+    Settings settings;
+    for (int i = 1; i < count; ++i) {
+        const std::string option = arguments[i];
+        if (option == "--watch") {
+            settings.watch = true;
+            continue;
+        }
+        if (i + 1 == count) {
+            throw std::runtime_error("what is " + option + "?");
+        }
+        const char* value = arguments[++i];
+        if (option == "--jobs") {
+            settings.jobs = std::strtoull(value, nullptr, 10);
+        } else if (option == "--minutes") {
+            settings.minutes = std::atof(value);
+        } else if (option == "--seed") {
+            settings.seed = std::strtoull(value, nullptr, 10);
+        } else if (option == "--log") {
+            settings.log = value;
+        } else {
+            throw std::runtime_error("what is " + option + "?");
+        }
+    }
+    if (settings.jobs == 0 && settings.minutes == 0) {
+        settings.jobs = kDefaultJobs;
+    }
+    return settings;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    WSADATA data;
+    WSAStartup(MAKEWORD(2, 2), &data);
+    try {
+        const Settings settings = Parse(count, arguments);
+        const uint64_t planned = settings.jobs != 0 ? settings.jobs : kDefaultJobs;
+        printf("seed %llu, plan of the first %llu jobs: %s\n",
+               static_cast<unsigned long long>(settings.seed),
+               static_cast<unsigned long long>(planned),
+               PlanDigest(settings.seed, planned).c_str());
+        Soak(settings).Run();
+    } catch (const std::exception& error) {
+        printf("soak: %s\n", error.what());
+        return 1;
+    }
+    return violations == 0 ? 0 : 1;
+}
