@@ -119,7 +119,12 @@ int WSAAPI InjectedConnect(SOCKET socket, const sockaddr* to, int size) {
     current.connected = current.connected || result == 0;
     return result;
 }
+// Wine's server closes the sockets of all programs, one after the other: while one of them lingers
+// nobody gets on, and the printer, who is to read what it lingers for, does not either.
 int WSAAPI InjectedSetOption(SOCKET socket, int level, int name, const char* value, int size) {
+    if (level == SOL_SOCKET && name == SO_LINGER) {
+        return Strikes(Fault::SocketOption) ? SOCKET_ERROR : 0;
+    }
     return StrikesSocket(Fault::SocketOption, WSAENOBUFS)
                ? SOCKET_ERROR
                : setsockopt(socket, level, name, value, size);
@@ -233,7 +238,7 @@ Strike PlanStrike(uint64_t random, const FaultRange& range) {
     random /= kinds;
     // Many calls are made once a job, so the first is hit most often; some faults last.
     strike.first = random % 2 == 0 ? 0 : static_cast<int>(random / 2 % 8);
-    strike.times = random / 16 % 4 == 0 ? 1000000 : 1;
+    strike.times = random / 16 % 4 == 0 && strike.fault != Fault::Memory ? 1000000 : 1;
     return strike;
 }
 
