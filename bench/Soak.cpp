@@ -7,6 +7,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,23 +34,6 @@ struct Settings {
     bool watch = false;
 };
 
-// What a process holds when nothing runs, and how much more than after the first tenth may be there
-// at the end. The monitor's own is counted where it takes it; of memory its C++ library takes some
-// pieces once, when it first needs them. Wine's handles and this program's heap are rougher.
-struct Measure {
-    const char* name;
-    long tolerance;
-};
-constexpr Measure kMeasures[] = {
-    {"blocks of the monitor", 16},       {"sockets of the monitor", 0},
-    {"address lists of the monitor", 0}, {"printers of the monitor", 0},
-    {"handles of the process", 32},      {"heap in use, KiB", 1024},
-    {"private memory, KiB", 16384},      {"GDI and USER objects", 0},
-    {"temporary files too many", 0},
-};
-constexpr size_t kMeasureCount = std::size(kMeasures);
-using Measurement = std::vector<long>;
-
 long HeapInUse() {
     HANDLE heaps[64];
     const DWORD count = std::min<DWORD>(GetProcessHeaps(std::size(heaps), heaps), 64);
@@ -74,6 +58,42 @@ long SettledHandles() {
     }
     return static_cast<long>(least);
 }
+
+long GuiObjects() {
+    return static_cast<long>(GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS) +
+                             GetGuiResources(GetCurrentProcess(), GR_USEROBJECTS));
+}
+
+// Beside those whose announcement was not taken: they stay, on purpose.
+long FilesTooMany() {
+    auto files = -static_cast<long>(tally.leftFiles);
+    for (const auto& entry :
+         std::filesystem::directory_iterator(std::filesystem::temp_directory_path())) {
+        files += entry.path().extension() == ".tmp";
+    }
+    return files;
+}
+
+// What a process holds when nothing runs, and how much more than after the first tenth may be there
+// at the end. The monitor's own is counted where it takes it; of memory its C++ library takes some
+// pieces once, when it first needs them. Wine's handles and this program's heap are rougher.
+struct Measure {
+    const char* name;
+    long tolerance;
+    long (*take)();
+};
+constexpr Measure kMeasures[] = {
+    {"blocks of the monitor", 16, [] { return held.blocks.load(); }},
+    {"sockets of the monitor", 0, [] { return held.sockets.load(); }},
+    {"address lists of the monitor", 0, [] { return held.addressLists.load(); }},
+    {"printers of the monitor", 0, [] { return held.printers.load(); }},
+    {"handles of the process", 32, SettledHandles},
+    {"heap in use, KiB", 1024, HeapInUse},
+    {"GDI and USER objects", 0, GuiObjects},
+    {"temporary files too many", 0, FilesTooMany},
+};
+constexpr size_t kMeasureCount = std::size(kMeasures);
+using Measurement = std::array<long, kMeasureCount>;
 
 class Soak {
   public:
@@ -104,7 +124,9 @@ class Soak {
         std::thread watch([this] { Watch(); });
         for (int tenth = 1; tenth <= kTenths; ++tenth) {
             RunTenth(tenth);
-            measurements_.push_back(Take());
+            Measurement& measurement = measurements_.emplace_back();
+            std::transform(std::begin(kMeasures), std::end(kMeasures), measurement.begin(),
+                           [](const Measure& measure) { return measure.take(); });
         }
         done_ = true;
         watch.join();
@@ -146,20 +168,6 @@ class Soak {
             queue->PrintQuietly();
             queue->WaitForPrinter();
         }
-    }
-
-    Measurement Take() {
-        const long gui = static_cast<long>(GetGuiResources(GetCurrentProcess(), GR_GDIOBJECTS) +
-                                           GetGuiResources(GetCurrentProcess(), GR_USEROBJECTS));
-        // Files whose announcement was not taken stay, on purpose.
-        long files = -static_cast<long>(tally.leftFiles);
-        for (const auto& entry : std::filesystem::directory_iterator(folder_)) {
-            files += entry.path().extension() == ".tmp";
-        }
-        return {held.blocks, held.sockets, held.addressLists, held.printers, SettledHandles(),
-                HeapInUse(),
-
-                gui,         files};
     }
 
     void Watch() {
