@@ -238,7 +238,7 @@ Strike PlanStrike(uint64_t random, const FaultRange& range) {
     random /= kinds;
     // Many calls are made once a job, so the first is hit most often; some faults last.
     strike.first = random % 2 == 0 ? 0 : static_cast<int>(random / 2 % 8);
-    strike.times = random / 16 % 4 == 0 && strike.fault != Fault::Memory ? 1000000 : 1;
+    strike.times = random / 16 % 4 == 0 ? 1000000 : 1;
     return strike;
 }
 
