@@ -32,6 +32,12 @@ class PeerConnection {
         }
         return data;
     }
+    // What there is, once there is something; up to 4 KiB.
+    std::string ReadSome() const {
+        char buffer[4096];
+        const int got = recv(socket_, buffer, sizeof(buffer), 0);
+        return {buffer, static_cast<size_t>(std::max(got, 0))};
+    }
     // Up to a line's end, or to what came before the connection ended; nothing behind it.
     std::string ReadLine() const {
         std::string line;
