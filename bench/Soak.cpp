@@ -83,7 +83,7 @@ struct Measure {
     long (*take)();
 };
 constexpr Measure kMeasures[] = {
-    {"blocks of the monitor", 16, [] { return held.blocks.load(); }},
+    {"blocks of the monitor", 0, [] { return held.blocks.load(); }},
     {"sockets of the monitor", 0, [] { return held.sockets.load(); }},
     {"address lists of the monitor", 0, [] { return held.addressLists.load(); }},
     {"printers of the monitor", 0, [] { return held.printers.load(); }},
@@ -174,7 +174,10 @@ class Soak {
         int minute = 0;
         while (!done_) {
             Sleep(1000);
-            LookForHangs();
+            if (HasHang()) {
+                Report();
+                TerminateProcess(GetCurrentProcess(), 1);  // its threads cannot be ended otherwise
+            }
             uint64_t jobs = 0;
             uint64_t replays = 0;
             for (size_t i = 0; i < std::size(tally.jobs); ++i) {
@@ -242,9 +245,12 @@ class Soak {
         for (int i = 1; i < static_cast<int>(Fault::Count); ++i) {
             printf("  %-38s %10llu\n", NameOf(static_cast<Fault>(i)), Number(struck[i]));
         }
-        printf("\ncalls%30s %10s %12s %12s\n", "", "made", "longest, s", "allowed, s");
+        printf("\ncalls%29s %10s %10s %12s %12s\n", "", "made", "mean, ms", "longest, s",
+               "allowed, s");
         for (const CallRecord& call : calls) {
-            printf("  %-32s %10llu %12.3f %12.0f  %s\n", call.name, Number(call.count),
+            printf("  %-32s %10llu %10.2f %12.3f %12.0f  %s\n", call.name, Number(call.count),
+                   static_cast<double>(call.total) / 1000.0 /
+                       static_cast<double>(std::max<uint64_t>(call.count, 1)),
                    static_cast<double>(call.longest) / 1e6, call.bound, call.reason);
         }
         printf("\nheld, with no job running, after each tenth%*s\n", 0, "");

@@ -30,6 +30,7 @@ struct CallRecord {
     double bound;        // seconds
     const char* reason;  // for the bound
     std::atomic<uint64_t> count = 0;
+    std::atomic<int64_t> total = 0;    // microseconds
     std::atomic<int64_t> longest = 0;  // microseconds
 };
 extern CallRecord calls[static_cast<int>(Call::Count)];
@@ -57,6 +58,5 @@ auto Timed(Call call, Function&& function) {
     return function();
 }
 
-// Looks for a call that takes longer than it may and does not come back: says so, and ends the
-// process. To be called now and then.
-void LookForHangs();
+// Whether a call takes so much longer than it may that it will not come back; says which.
+bool HasHang();
