@@ -9,9 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
+#include <stdexcept>
 #include <thread>
 
 #include "bench/soak/Administrator.h"
@@ -30,7 +29,7 @@ struct Settings {
     uint64_t jobs = 0;  // 0: as many as the time allows
     double minutes = 0;
     uint64_t seed = 1;
-    const char* log = nullptr;
+    std::string log;  // empty: none
     bool watch = false;
 };
 
@@ -192,9 +191,9 @@ class Soak {
             if (settings_.watch) {
                 fprintf(stderr, "\r%s ", line);
             }
-            if (settings_.log != nullptr && Minutes() >= minute) {
+            if (!settings_.log.empty() && Minutes() >= minute) {
                 ++minute;
-                if (FILE* log = fopen(settings_.log, "a")) {
+                if (FILE* log = fopen(settings_.log.c_str(), "a")) {
                     fprintf(log, "%s\n", line);
                     fclose(log);
                 }
@@ -253,7 +252,7 @@ class Soak {
                        static_cast<double>(std::max<uint64_t>(call.count, 1)),
                    static_cast<double>(call.longest) / 1e6, call.bound, call.reason);
         }
-        printf("\nheld, with no job running, after each tenth%*s\n", 0, "");
+        printf("\nheld, with no job running, after each tenth\n");
         for (size_t i = 0; i < kMeasureCount; ++i) {
             printf("  %-30s", kMeasures[i].name);
             for (const Measurement& measurement : measurements_) {
@@ -277,28 +276,23 @@ class Soak {
     std::atomic<bool> done_ = false;
 };
 
-Settings Parse(int count, char** arguments) {
+Settings Parse(const std::vector<std::string>& arguments) {
     Settings settings;
-    for (int i = 1; i < count; ++i) {
-        const std::string option = arguments[i];
-        if (option == "--watch") {
-            settings.watch = true;
-            continue;
-        }
-        if (i + 1 == count) {
-            throw std::runtime_error("what is " + option + "?");
-        }
-        const char* value = arguments[++i];
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& option = arguments[i];
+        const auto value = [&] { return arguments.at(++i); };
         if (option == "--jobs") {
-            settings.jobs = std::strtoull(value, nullptr, 10);
+            settings.jobs = std::stoull(value());
         } else if (option == "--minutes") {
-            settings.minutes = std::atof(value);
+            settings.minutes = std::stod(value());
         } else if (option == "--seed") {
-            settings.seed = std::strtoull(value, nullptr, 10);
+            settings.seed = std::stoull(value());
         } else if (option == "--log") {
-            settings.log = value;
+            settings.log = value();
+        } else if (option == "--watch") {
+            settings.watch = true;
         } else {
-            throw std::runtime_error("what is " + option + "?");
+            throw std::invalid_argument(option);
         }
     }
     if (settings.jobs == 0 && settings.minutes == 0) {
@@ -314,13 +308,16 @@ int main(int count, char** arguments) {
     WSADATA data;
     WSAStartup(MAKEWORD(2, 2), &data);
     try {
-        const Settings settings = Parse(count, arguments);
+        const Settings settings = Parse({arguments + 1, arguments + count});
         const uint64_t planned = settings.jobs != 0 ? settings.jobs : kDefaultJobs;
         printf("seed %llu, plan of the first %llu jobs: %s\n",
                static_cast<unsigned long long>(settings.seed),
                static_cast<unsigned long long>(planned),
                PlanDigest(settings.seed, planned).c_str());
         Soak(settings).Run();
+    } catch (const std::logic_error&) {
+        printf("usage: soak [--jobs N] [--minutes M] [--seed S] [--log FILE] [--watch]\n");
+        return 2;
     } catch (const std::exception& error) {
         printf("soak: %s\n", error.what());
         return 1;

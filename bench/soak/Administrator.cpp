@@ -4,7 +4,6 @@
 #include <thread>
 
 #include "monitor/PortConfig.h"
-
 #include "bench/soak/Watch.h"
 
 namespace {

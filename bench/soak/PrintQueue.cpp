@@ -6,7 +6,6 @@
 
 #include "monitor/PortConfig.h"
 #include "monitor/PortList.h"
-
 #include "bench/soak/Watch.h"
 
 Tally tally;

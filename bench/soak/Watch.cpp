@@ -6,7 +6,6 @@
 #include <mutex>
 
 #include "monitor/Lpr.h"
-
 #include "bench/soak/Plan.h"
 
 namespace {
