@@ -9,13 +9,13 @@
 
 namespace {
 
-constexpr long kAcknowledgeSeconds = 4;
 constexpr size_t kCommandSize = 128;  // bytes; a longer command line is cut
 constexpr size_t kAcknowledgeSize = 128;
 constexpr size_t kHostNameSize = 49;
 constexpr size_t kUserNameSize = 128;
 constexpr size_t kQueueNameSize = 33;
-constexpr DWORD kFileChunk = 512;
+constexpr DWORD kPiece = 512;          // bytes of a file that are read and sent at a time
+constexpr DWORD kBlock = 32 * kPiece;  // and in one hold of the lock
 
 // The local machine's name; empty when it does not fit.
 struct HostName {
@@ -78,8 +78,10 @@ int WaitForRoom(PortEntry* port) {
     return select(0, nullptr, &writable, nullptr, &second) == SOCKET_ERROR ? WSAGetLastError() : 0;
 }
 
-// Sends all the bytes, each piece once and under the lock. On an error the connection is closed,
-// behind the lock: that may take the whole linger time.
+// Sends all the bytes, each piece once and under the lock, and as many pieces in one hold as there
+// is room for: with the lock taken anew for each, a long job waits thousands of times for the
+// acknowledgements of others. On an error the connection is closed, behind the lock: that may take
+// the whole linger time.
 bool Send(PortEntry* port, const char* bytes, size_t length) {
     const DWORD lastError = GetLastError();  // a send that had to wait is no error
     while (length > 0) {
@@ -90,10 +92,12 @@ bool Send(PortEntry* port, const char* bytes, size_t length) {
             if (!port->socket) {
                 return Refuse(ERROR_INVALID_HANDLE);
             }
-            if (error == 0) {
-                const int sent = send(port->socket.Get(), bytes, static_cast<int>(length), 0);
-                error = sent == SOCKET_ERROR ? WSAGetLastError() : 0;
-                if (error == 0) {
+            while (error == 0 && length > 0) {
+                const size_t piece = std::min<size_t>(length, kPiece);
+                const int sent = send(port->socket.Get(), bytes, static_cast<int>(piece), 0);
+                if (sent == SOCKET_ERROR) {
+                    error = WSAGetLastError();
+                } else {
                     bytes += sent;
                     length -= static_cast<size_t>(sent);
                 }
@@ -175,29 +179,44 @@ bool CreateTempFile(PortEntry* port) {
     return static_cast<bool>(port->tempFile);
 }
 
-// Sends the temporary file as far as its length was announced. A count that has gone beyond 2 GiB
-// is negative and announces nothing: the job then vanishes, and beyond 4 GiB it is cut, as it
-// always has been. Kept on purpose, like the running total itself. Returns false when the file
-// cannot be read to its end: the octet that says "complete" must not follow then.
+// Reads the next block of a file, piece by piece.
+//   left: how many bytes may still be read; receives how many there are behind this block, 0 at the
+//   file's end.
+//   readable: receives false when a piece cannot be read; those before it are in the block.
+// Returns the block's size in bytes.
+size_t ReadBlock(HANDLE file, LONG& left, char (&block)[kBlock], bool& readable) {
+    DWORD filled = 0;
+    while (left > 0 && filled < kBlock) {
+        DWORD size = std::min({kPiece, kBlock - filled, static_cast<DWORD>(left)});
+        readable = ReadFile(file, block + filled, size, &size, nullptr);
+        if (!readable || size == 0) {
+            left = 0;
+            break;
+        }
+        filled += size;
+        left -= static_cast<LONG>(size);
+    }
+    return filled;
+}
+
+// Sends the temporary file as far as its length was announced; the count includes earlier jobs, so
+// the file's end is the usual end. A count that has gone beyond 2 GiB is negative and announces
+// nothing: the job then vanishes, and beyond 4 GiB it is cut, as it always has been. Kept on
+// purpose, like the running total itself. Returns false when the file cannot be read to its end:
+// the octet that says "complete" must not follow then.
 bool SendTempFileData(PortEntry* port) {
     if (SetFilePointer(port->tempFile.Get(), 0, nullptr, FILE_BEGIN) == INVALID_SET_FILE_POINTER) {
         return false;
     }
-    for (LONG left = port->byteCount; left > 0;) {
-        char chunk[kFileChunk];
-        DWORD size = std::min<DWORD>(kFileChunk, static_cast<DWORD>(left));
-        if (!ReadFile(port->tempFile.Get(), chunk, size, &size, nullptr)) {
+    bool readable = true;
+    for (LONG left = port->byteCount; left > 0 && readable;) {
+        char block[kBlock];
+        const size_t size = ReadBlock(port->tempFile.Get(), left, block, readable);
+        if (!Send(port, block, size)) {
             return false;
         }
-        if (size == 0) {
-            break;  // the count includes earlier jobs: the file's end is the usual end
-        }
-        if (!Send(port, chunk, size)) {
-            return false;
-        }
-        left -= static_cast<LONG>(size);
     }
-    return true;
+    return readable;
 }
 
 bool SendTempFile(PortEntry* port) {

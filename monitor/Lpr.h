@@ -5,11 +5,14 @@
 
 #include "monitor/PortList.h"
 
+constexpr long kAcknowledgeSeconds = 4;  // that the daemon has for each acknowledgement
+
 // Opens the job at the daemon: receive-job command for the queue, control file, and either the
 // data file subcommand (length 0: "until the connection ends") or the temporary file.
 // Returns false when a step fails or the daemon does not acknowledge it with a zero octet within
-// 4 seconds; what was sent is not taken back. The last error is the socket's or the file's, or
-// WSAENOTCONN when the daemon closed the connection; a silent daemon leaves it as it was.
+// kAcknowledgeSeconds; what was sent is not taken back. The last error is the socket's or the
+// file's, or WSAENOTCONN when the daemon closed the connection; a silent daemon leaves it as it
+// was.
 bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept;
 
 // Appends a piece of the job to the temporary file.

@@ -13,6 +13,15 @@
 namespace {
 
 constexpr int kNotFound = 1;
+constexpr size_t kRoomForSearch = 1 << 20;  // bytes, generously
+
+// A search takes memory all along, and where there is none it throws. That in turn takes memory, a
+// thread's first exception above all, without which the C++ library ends the process: nobody would
+// print any more.
+bool HasRoomForSearch() {
+    return static_cast<bool>(
+        UniqueBlock<BYTE>(static_cast<LPBYTE>(GlobalAlloc(GMEM_FIXED, kRoomForSearch))));
+}
 
 // Text in the ANSI code page, one character for one: the name that the printer announces has to
 // be as long. What does not convert to a single byte becomes a question mark.
@@ -65,7 +74,8 @@ int Rediscover(const PortEntry& port, PORT_DATA_1& portData, PortDataEx& portDat
     if (portDataEx.sztHWAddress[0] == L'\0' && portData.sztHostAddress[0] == L'\0') {
         return kNotFound;
     }
-    const std::unique_ptr<PrinterDiscovery> search(new (std::nothrow) PrinterDiscovery);
+    const std::unique_ptr<PrinterDiscovery> search(
+        HasRoomForSearch() ? new (std::nothrow) PrinterDiscovery : nullptr);
     if (!search) {
         // Not a failure, on purpose: the caller connects once more, to the old address, and
         // reports what comes of that.

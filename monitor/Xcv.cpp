@@ -4,7 +4,6 @@
 #include <cstring>
 #include <cwchar>
 #include <new>
-#include <string>
 
 #include "monitor/PortConfig.h"
 #include "monitor/SpoolerPorts.h"
@@ -14,7 +13,9 @@ namespace {
 constexpr WCHAR kMonitorUI[] = L"kestui.dll";
 
 // One call of a command, as the channel delivers it. The buffers belong to the caller, who may be
-// anybody: nothing in them is aligned or terminated until it was looked at.
+// anybody: nothing in them is aligned or terminated until it was looked at. Nothing here throws:
+// where memory has run out, a thread's first exception ends the process, for the C++ library needs
+// memory for it.
 struct XcvCall {
     XcvHandle* channel;
     const BYTE* input;
@@ -25,11 +26,14 @@ struct XcvCall {
 
     bool MayAdminister() const { return (channel->grantedAccess & SERVER_ACCESS_ADMINISTER) != 0; }
 
-    // The input as text, as far as its terminator or its size goes.
-    std::wstring InputText() const {
-        std::wstring text(inputSize / sizeof(WCHAR), L'\0');
-        memcpy(text.data(), input, text.size() * sizeof(WCHAR));
-        text.resize(wcsnlen(text.c_str(), text.size()));
+    // The input as text, as far as its terminator or its size goes; none when there is no memory.
+    UniqueBlock<WCHAR> InputText() const {
+        const size_t length = inputSize / sizeof(WCHAR);
+        UniqueBlock<WCHAR> text(
+            static_cast<LPWSTR>(GlobalAlloc(GPTR, (length + 1) * sizeof(WCHAR))));
+        if (text) {
+            memcpy(text.Get(), input, length * sizeof(WCHAR));
+        }
         return text;
     }
 
@@ -43,30 +47,36 @@ struct XcvCall {
     }
 };
 
-// The text at a pointer that comes without a size: up to its terminator, up to `most` characters,
-// and never beyond the memory that can be read there.
-std::wstring TextAt(const BYTE* text, size_t most) {
-    std::wstring result;
-    const BYTE* readableEnd = text;
-    while (result.size() < most) {
-        WCHAR character = 0;
-        while (readableEnd < text + sizeof(character)) {
-            MEMORY_BASIC_INFORMATION region;
-            constexpr DWORD kUnreadable = PAGE_NOACCESS | PAGE_GUARD;
-            if (VirtualQuery(readableEnd, &region, sizeof(region)) == 0 ||
-                region.State != MEM_COMMIT || (region.Protect & kUnreadable) != 0) {
-                return result;
-            }
-            readableEnd = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize;
+// Whether memory can be read up to `end`.
+//   readableEnd: how far it is known to be readable; receives how far it was found to be.
+bool IsReadable(const BYTE* end, const BYTE*& readableEnd) {
+    while (readableEnd < end) {
+        MEMORY_BASIC_INFORMATION region;
+        constexpr DWORD kUnreadable = PAGE_NOACCESS | PAGE_GUARD;
+        if (VirtualQuery(readableEnd, &region, sizeof(region)) == 0 || region.State != MEM_COMMIT ||
+            (region.Protect & kUnreadable) != 0) {
+            return false;
         }
-        memcpy(&character, text, sizeof(character));
-        if (character == L'\0') {
-            break;
-        }
-        result += character;
-        text += sizeof(character);
+        readableEnd = static_cast<const BYTE*>(region.BaseAddress) + region.RegionSize;
     }
-    return result;
+    return true;
+}
+
+// Copies the text at a pointer that comes without a size: up to its terminator, as much as there is
+// room for, and never beyond the memory that can be read there.
+template <size_t N>
+void CopyText(const BYTE* text, WCHAR (&copy)[N]) {
+    const BYTE* readableEnd = text;
+    size_t length = 0;
+    while (length < N - 1 && IsReadable(text + sizeof(WCHAR), readableEnd)) {
+        memcpy(&copy[length], text, sizeof(WCHAR));
+        if (copy[length] == L'\0') {
+            return;
+        }
+        ++length;
+        text += sizeof(WCHAR);
+    }
+    copy[length] = L'\0';
 }
 
 // Adds a port to the list and to the registry, or to neither. The last error says why not:
@@ -106,19 +116,22 @@ DWORD AddPort(const XcvCall& call) {
     if (call.input == nullptr || call.inputSize == 0) {
         return ERROR_INVALID_PARAMETER;
     }
-    const std::wstring name = call.InputText();
-    if (call.inputSize != (name.size() + 1) * sizeof(WCHAR)) {
+    const UniqueBlock<WCHAR> name = call.InputText();
+    if (!name) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
+    if (call.inputSize != (wcslen(name.Get()) + 1) * sizeof(WCHAR)) {
         return ERROR_INVALID_PARAMETER;
     }
     DWORD error = ERROR_SUCCESS;
-    if (PortExistsInSpooler(nullptr, name.c_str(), error)) {
+    if (PortExistsInSpooler(nullptr, name.Get(), error)) {
         error = ERROR_ALREADY_EXISTS;
     }
     if (error != ERROR_SUCCESS) {
         SetLastError(error);
         return error;
     }
-    return AddPortWithKey(call.channel->monitor, name.c_str()) ? ERROR_SUCCESS : GetLastError();
+    return AddPortWithKey(call.channel->monitor, name.Get()) ? ERROR_SUCCESS : GetLastError();
 }
 
 DWORD DeletePort(const XcvCall& call) {
@@ -128,17 +141,19 @@ DWORD DeletePort(const XcvCall& call) {
     if (call.input == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
-    // One character more than a port can have: a longer name matches none.
-    const std::wstring name = TextAt(call.input, kMaxPortName + 1);
+    // Room for one character more than a port's name can have: a longer name matches none.
+    WCHAR name[kMaxPortName + 2];
+    CopyText(call.input, name);
     LockGuard lock(PortListLock);
-    PortEntry* port = FindPortEntry(call.channel->monitor, name.c_str());
+    PortEntry* port = FindPortEntry(call.channel->monitor, name);
     if (port == nullptr) {
         return ERROR_FILE_NOT_FOUND;
     }
-    // The key has the port's own spelling, to which the name given need only be equal.
-    const std::wstring key = port->name;
+    HoldPort(port);
     RemovePortEntry(call.channel->monitor, port);
-    DeletePortKey(key.c_str());
+    // The key has the port's own spelling, to which the name given need only be equal.
+    DeletePortKey(port->name);
+    LetGoOfPort(port);
     return ERROR_SUCCESS;
 }
 
@@ -174,8 +189,12 @@ DWORD GetRecord(const XcvCall& call) {
     if (call.input == nullptr || call.output == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
+    const UniqueBlock<WCHAR> name = call.InputText();
+    if (!name) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
     Record record;
-    read(call.InputText().c_str(), &record);
+    read(name.Get(), &record);
     memcpy(call.output, &record, sizeof(record));
     return ERROR_SUCCESS;
 }
@@ -202,8 +221,12 @@ DWORD PortExists(const XcvCall& call) {
     if (call.input == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
+    const UniqueBlock<WCHAR> name = call.InputText();
+    if (!name) {
+        return ERROR_NOT_ENOUGH_MEMORY;
+    }
     DWORD error = ERROR_SUCCESS;
-    const DWORD exists = PortExistsInSpooler(nullptr, call.InputText().c_str(), error) ? 1 : 0;
+    const DWORD exists = PortExistsInSpooler(nullptr, name.Get(), error) ? 1 : 0;
     return error != ERROR_SUCCESS ? error : call.Answer(&exists, sizeof(exists));
 }
 
@@ -299,12 +322,7 @@ DWORD WINAPI XcvDataPort(HANDLE hXcv, LPCWSTR pszDataName, PBYTE pInputData, DWO
     if (command == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
-    try {
-        return command->run(
-            {xcv, pInputData, cbInputData, pOutputData, cbOutputData, pcbOutputNeeded});
-    } catch (...) {
-        return ERROR_NOT_ENOUGH_MEMORY;
-    }
+    return command->run({xcv, pInputData, cbInputData, pOutputData, cbOutputData, pcbOutputNeeded});
 }
 
 BOOL WINAPI XcvClosePort(HANDLE hXcv) {

@@ -129,6 +129,13 @@ TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
 TEST_F(RediscoveryTest, PortsThatDoNotFollowAskNobody) {
     slp.answers = {"(ip-address=127.0.0.1),(mac-address=0004004A1B2C)"};
     EXPECT_FALSE(PrintOnce(OpenPort(L"P", printer.port, L"0004004a1b2c", L"", 0)));
+    // Neither do those for whose search there is no memory.
+    const ImportPatch memory(
+        spooler.dll, "GlobalAlloc", +[](UINT flags, SIZE_T size) -> HGLOBAL WINAPI {
+            return size > 100'000 ? nullptr : GlobalAlloc(flags, size);
+        });
+    EXPECT_FALSE(PrintOnce(OpenPort(L"Q", printer.port, L"0004004a1b2c", L"")));
+    EXPECT_EQ(error, DWORD{WSAECONNREFUSED});
     EXPECT_EQ(Searches(), 0u);
     EXPECT_EQ(log.Text(), "");
 }

@@ -7,7 +7,6 @@
 #include <future>
 
 #include "tests/support/FakeSpooler.h"
-#include "tests/support/HandleCount.h"
 #include "tests/support/TcpPeer.h"
 
 using testing::Contains;
@@ -314,35 +313,6 @@ TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {
     CloseHandle(step);
 }
 
-TEST_F(TransportTest, AThousandJobsLeaveNothingBehind) {
-    std::atomic<int> job = 0;
-    TcpPeer printer([&](PeerConnection& connection) {
-        if (job % 3 == 1) {
-            connection.Reset();
-        } else {
-            connection.ReadAll();
-        }
-    });
-    TcpPeer gone([](PeerConnection&) {});
-    gone.Finish();
-    HANDLE port = OpenPort(L"P", printer.port);
-    size_t before = 0;
-    for (job = 0; job < 1000; ++job) {
-        spooler.SetNumber(L"P", L"PortNumber", job % 3 == 2 ? gone.port : printer.port);
-        if (StartJob(port)) {
-            DWORD written = 0;
-            Write(port, "x", written);
-            spooler->pfnEndDocPort(port);
-        }
-        spooler.TakeCalls();
-        if (job == 100) {
-            before = CountHandles();
-        }
-    }
-    // A thread of the peer may still be closing its own.
-    EXPECT_LE(CountHandles(), before + 8);
-}
-
 TEST_F(TransportTest, APortThatIsDeletedUnderAJobLetsItFinish) {
     std::promise<std::string> received;
     TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
@@ -363,62 +333,6 @@ TEST_F(TransportTest, APortThatIsDeletedUnderAJobLetsItFinish) {
     EXPECT_FALSE(StartJob(port));
     EXPECT_TRUE(spooler->pfnClosePort(port));
     spooler->pfnXcvClosePort(xcv);
-}
-
-TEST_F(TransportTest, JobsRunWhilePortsAreListedAddedAndDeleted) {
-    constexpr int kPorts = 8;
-    std::atomic<size_t> bytes = 0;
-    TcpPeer printer([&](PeerConnection& job) { bytes += job.ReadAll().size(); });
-    std::vector<HANDLE> ports;
-    for (int i = 0; i < kPorts; ++i) {
-        ports.push_back(OpenPort(L"P" + std::to_wstring(i), printer.port));
-    }
-    std::atomic<bool> done = false;
-    std::vector<std::thread> threads;
-    for (int worker = 0; worker < 2; ++worker) {
-        threads.emplace_back([&, worker] {
-            HANDLE xcv = spooler.OpenXcv();
-            std::wstring name = L"extra" + std::to_wstring(worker);
-            const auto size = static_cast<DWORD>((name.size() + 1) * sizeof(WCHAR));
-            auto* input = reinterpret_cast<PBYTE>(name.data());
-            std::vector<BYTE> buffer(65536);
-            DWORD needed = 0;
-            DWORD returned = 0;
-            while (!done) {
-                EXPECT_EQ(
-                    spooler->pfnXcvDataPort(xcv, L"AddPort", input, size, nullptr, 0, nullptr), 0u);
-                EXPECT_TRUE(spooler->pfnEnumPorts(spooler.monitor, nullptr, 2, buffer.data(), 65536,
-                                                  &needed, &returned));
-                EXPECT_GE(returned, DWORD{kPorts} + 1);
-                spooler->pfnClosePort(spooler.Open(name));
-                EXPECT_EQ(
-                    spooler->pfnXcvDataPort(xcv, L"DeletePort", input, size, nullptr, 0, nullptr),
-                    0u);
-                spooler->pfnXcvClosePort(xcv);
-                xcv = spooler.OpenXcv();
-            }
-            spooler->pfnXcvClosePort(xcv);
-        });
-    }
-    std::vector<std::thread> jobs;
-    for (HANDLE port : ports) {
-        jobs.emplace_back([&, port] {
-            for (int i = 0; i < 20; ++i) {
-                EXPECT_TRUE(StartJob(port));
-                EXPECT_TRUE(WriteAll(port, std::string(10000, 'x')));
-                spooler->pfnEndDocPort(port);
-            }
-        });
-    }
-    for (auto& job : jobs) {
-        job.join();
-    }
-    done = true;
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    printer.Finish();
-    EXPECT_EQ(bytes, size_t{kPorts} * 20 * 10000);
 }
 
 }  // namespace

@@ -289,11 +289,18 @@ std::vector<std::string> FakeSpooler::TakeCalls() {
 }
 
 void FakeSpooler::Record(const std::string& call) {
+    if (listener) {
+        listener(call);
+        return;
+    }
     std::lock_guard lock(mutex_);
     calls_.push_back(call);
 }
 
 LONG FakeSpooler::Called(const std::string& call) {
+    if (listener) {
+        return listener(call);
+    }
     Record(call);
     for (const auto& [start, error] : failures) {
         if (call.compare(0, start.size(), start) == 0) {

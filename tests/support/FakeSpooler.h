@@ -8,6 +8,7 @@
 #include <winspool.h>
 #include <winsplp.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -56,7 +57,10 @@ class FakeSpooler {
     HANDLE monitor = nullptr;
     MONITORINIT init = {};
 
-    std::map<std::string, LONG> failures;                 // first words of a call -> its error
+    std::map<std::string, LONG> failures;  // first words of a call -> its error
+    // Is told each call instead, on the thread that makes it, and gives the error that it fails
+    // with: for what goes on for hours.
+    std::function<LONG(const std::string&)> listener;
     std::set<std::wstring> printers = {L"Office"};        // what OpenPrinterW knows
     std::vector<std::wstring> spoolerPorts = {L"LPT1:"};  // what EnumPortsW lists
     DWORD enumPortsError = 0;                             // how EnumPortsW fails, if it does

@@ -32,14 +32,22 @@ class PeerConnection {
         }
         return data;
     }
+    // What there is, once there is something; up to 4 KiB.
+    std::string ReadSome() const {
+        char buffer[4096];
+        const int got = recv(socket_, buffer, sizeof(buffer), 0);
+        return {buffer, static_cast<size_t>(std::max(got, 0))};
+    }
+    // Up to a line's end, or to what came before the connection ended; nothing behind it.
     std::string ReadLine() const {
         std::string line;
-        while (line.empty() || line.back() != '\n') {
-            const std::string byte = Read(1);
-            if (byte.empty()) {
-                break;
-            }
-            line += byte;
+        char buffer[256];
+        int ahead = 1;
+        while (ahead > 0 && (line.empty() || line.back() != '\n')) {
+            ahead = recv(socket_, buffer, sizeof(buffer), MSG_PEEK);
+            const char* end = std::find(buffer, buffer + std::max(ahead, 0), '\n');
+            const size_t rest = end - buffer + (end < buffer + ahead ? 1 : 0);
+            line += ahead > 0 ? Read(rest) : "";
         }
         return line;
     }
@@ -52,6 +60,15 @@ class PeerConnection {
         const linger hard = {1, 0};
         setsockopt(socket_, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&hard),
                    sizeof(hard));
+    }
+
+    void HalfClose() const { shutdown(socket_, SD_SEND); }
+    // The other side's IPv4 address, in the machine's byte order.
+    uint32_t From() const {
+        sockaddr_in address = {};
+        int size = sizeof(address);
+        getpeername(socket_, reinterpret_cast<sockaddr*>(&address), &size);
+        return ntohl(address.sin_addr.s_addr);
     }
 
   private:

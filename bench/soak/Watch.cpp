@@ -1,0 +1,106 @@
+#include "bench/soak/Watch.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <mutex>
+
+#include "monitor/Lpr.h"
+#include "bench/soak/Plan.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+int64_t Now() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+        .count();
+}
+
+// For a machine that has other things to do.
+constexpr double kSlack = 5;
+// A call that needs the lock may come behind an acknowledgement that every LPR port waits for.
+constexpr double kLock = kAcknowledgeSeconds * (kPorts - kPorts / 3);
+// A printer of the soak goes on after a third of a second at the latest.
+constexpr double kPrinter = 1;
+
+constexpr int kSlots = 256;
+constexpr uint64_t kMostLines = 100;
+
+}  // namespace
+
+struct Slot {
+    std::atomic<bool> taken = false;
+    std::atomic<int> call = 0;
+    std::atomic<int64_t> since = 0;
+};
+
+namespace {
+Slot slots[kSlots];
+}
+
+std::atomic<uint64_t> violations = 0;
+
+CallRecord calls[] = {
+    {"OpenPort", kLock + kSlack, "the lock"},
+    {"ClosePort", kSlack, "waits for nothing"},
+    {"StartDocPort, RAW", kLock + kSlack, "the lock"},
+    {"StartDocPort, LPR", 4 * kAcknowledgeSeconds + kLock + kSlack, "4 acknowledgements, the lock"},
+    {"WritePort", kPrinter + kSlack, "the printer"},
+    {"ReadPort", kSlack, "waits for nothing"},
+    {"EndDocPort, RAW", kPrinter + kSlack, "the printer"},
+    {"EndDocPort, LPR", 2 * kAcknowledgeSeconds + kPrinter + kLock + kSlack,
+     "2 acknowledgements, the printer, the lock"},
+    {"EnumPorts", kLock + kSlack, "the lock"},
+    {"AddPort, AddPortEx", kLock + kSlack, "the lock"},
+    {"DeletePort", kLock + kSlack, "the lock"},
+    {"XcvDataPort, others", kSlack, "waits for nothing"},
+    {"XcvOpenPort", kSlack, "waits for nothing"},
+    {"XcvClosePort", kLock + kSlack, "the lock"},
+};
+static_assert(std::size(calls) == static_cast<size_t>(Call::Count));
+
+void Violated(const std::string& what) {
+    static std::mutex mutex;
+    std::lock_guard lock(mutex);
+    if (++violations <= kMostLines) {
+        printf("VIOLATED: %s\n", what.c_str());
+    }
+}
+
+CallScope::CallScope(Call call) : slot_(slots) {
+    while (slot_->taken.exchange(true)) {
+        slot_ = slot_ + 1 < slots + kSlots ? slot_ + 1 : slots;
+    }
+    slot_->call = static_cast<int>(call);
+    slot_->since = Now();
+}
+
+CallScope::~CallScope() {
+    const DWORD lastError = GetLastError();
+    CallRecord& record = calls[slot_->call];
+    const int64_t took = Now() - slot_->since.exchange(0);
+    slot_->taken = false;
+    ++record.count;
+    record.total += took;
+    int64_t longest = record.longest;
+    while (took > longest && !record.longest.compare_exchange_weak(longest, took)) {
+    }
+    if (static_cast<double>(took) > record.bound * 1e6 && longest <= record.bound * 1e6) {
+        Violated(std::string(record.name) + " took " + std::to_string(took / 1000) +
+                 " ms, and may take " + std::to_string(static_cast<int>(record.bound * 1000)));
+    }
+    SetLastError(lastError);
+}
+
+bool HasHang() {
+    for (const Slot& slot : slots) {
+        const int64_t since = slot.since;
+        const CallRecord& record = calls[slot.call];
+        if (since != 0 && static_cast<double>(Now() - since) > (2 * record.bound + 60) * 1e6) {
+            Violated(std::string(record.name) + " does not come back");
+            return true;
+        }
+    }
+    return false;
+}
