@@ -1,7 +1,6 @@
 #include "net/Network.h"
 
 #include <cstring>
-#include <thread>
 
 #include "tests/net/FakeNetwork.h"
 
@@ -239,19 +238,6 @@ TEST_F(NetworkTest, NamesAreResolvedAsIPv4FirstThenIPv6) {
     EXPECT_EQ(listsHeld, 0) << "every list is released";
     EXPECT_THAT(log_.Lines()[1], AllOf(StartsWith("[system error]  - "), HasSubstr("ost"),
                                        EndsWith("|Network::GetIpAddrFromHostName")));
-}
-
-TEST_F(NetworkTest, ThereIsOneForAllThreads) {
-    std::vector<std::jthread> threads(8);
-    for (auto& thread : threads) {
-        thread = std::jthread([] { Singleton<Network>::GetInstance().GetAddressList(); });
-    }
-    threads.clear();
-    EXPECT_THAT(log_.Lines(), ElementsAre(kCreated));
-    Network& network = Singleton<Network>::GetInstance();
-    EXPECT_EQ(network.Start(), 0);
-    EXPECT_NE(network.GetAddressTable(), nullptr);
-    EXPECT_GT(network.GetNumInterfaces(), 0u);
 }
 
 }  // namespace
