@@ -320,33 +320,33 @@ TEST_F(SearchTest, AllPrintersFromBeginningToEnd) {
 }
 
 TEST_F(SearchTest, AllPrintersFailing) {
-    const std::string class_ = "PrinterDiscovery::";
-    const std::string code = "[code error]    - ";
+    const std::string needed = "[code error]    - Need to initdiscovery first!";
     const std::string system = "[system error]  - PD_";
+    const auto last = [this](const char* function) {
+        return LastOf(std::string("PrinterDiscovery::") + function);
+    };
     EXPECT_FALSE(search.AssociateIFList("127.0.0.1"));
-    EXPECT_EQ(LastOf(class_ + "AssociateIFList"),
-              code + "PD_AssociateIFList: Need to initdiscovery first!");
+    EXPECT_EQ(last("AssociateIFList"),
+              "[code error]    - PD_AssociateIFList: Need to initdiscovery first!");
     EXPECT_FALSE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
+    EXPECT_EQ(last("SearchForAllPrinterWithModelName"), needed);
     EXPECT_FALSE(search.StopSearchingForAllPrinterWithModelName());
+    EXPECT_EQ(last("StopSearchingForAllPrinterWithModelName"), needed);
     search.EndAllPrinterDiscovery();
-    for (const char* function : {"SearchForAllPrinterWithModelName", "EndAllPrinterDiscovery",
-                                 "StopSearchingForAllPrinterWithModelName"}) {
-        EXPECT_EQ(LastOf(class_ + function), code + "Need to initdiscovery first!");
-    }
+    EXPECT_EQ(last("EndAllPrinterDiscovery"), needed);
+
     slp.openResult = SLP_INTERNAL_SYSTEM_ERROR;
     EXPECT_FALSE(search.InitAllPrinterDiscovery());
-    EXPECT_THAT(LinesOf(class_ + "InitAllPrinterDiscovery"),
-                Contains(system + "InitPrinterDiscovery returned err = -104"));
+    EXPECT_THAT(log.Text(), HasSubstr(system + "InitPrinterDiscovery returned err = -104"));
     slp.openResult = SLP_OK;
     ASSERT_TRUE(search.InitAllPrinterDiscovery());
     EXPECT_FALSE(search.AssociateIFList(nullptr));
     slp.associateResult = SLP_PARAMETER_BAD;
     EXPECT_FALSE(search.AssociateIFList("nonsense"));
-    EXPECT_THAT(LinesOf(class_ + "AssociateIFList"),
-                Contains(system + "AssociateIFList returned err = -101").Times(2));
+    EXPECT_THAT(log.Text(), HasSubstr(system + "AssociateIFList returned err = -101"));
     slp.findResult = SLP_HANDLE_IN_USE;
     EXPECT_FALSE(search.SearchForAllPrinterWithModelName(nullptr, nullptr));
-    EXPECT_EQ(LastOf(class_ + "SearchForAllPrinterWithModelName"),
+    EXPECT_EQ(last("SearchForAllPrinterWithModelName"),
               system + "StartPrinterDiscoveryAsynch returned err = -104");
     slp.stopResult = SLP_PARAMETER_BAD;
     EXPECT_FALSE(search.StopSearchingForAllPrinterWithModelName());

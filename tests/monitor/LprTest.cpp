@@ -209,6 +209,10 @@ TEST_F(LprTest, ADaemonThatDoesNotAcknowledgeFailsTheStart) {
             EXPECT_FALSE(spooler.WriteAll(port, "x"));
         }
     }
+    // Announced when it has been spooled, a job that is refused stays on disk.
+    Daemon daemon(3, "\x01");
+    Print(OpenPort(daemon.Port(), true), "somebody's invoice");
+    EXPECT_EQ(TempFiles(), 1u);
 }
 
 TEST_F(LprTest, ADaemonThatClosesOrStaysSilentFailsTheStart) {
@@ -291,15 +295,6 @@ TEST_F(LprTest, ADaemonThatStopsReadingHoldsUpItsOwnJobAlone) {
     job.get();
     CloseHandle(hung);
     CloseHandle(over);
-}
-
-TEST_F(LprTest, ARefusedAnnouncementLeavesTheJobOnDisk) {
-    Daemon daemon(3, "\x01");
-    HANDLE port = OpenPort(daemon.Port(), true);
-    const size_t before = TempFiles();
-    Print(port, "somebody's invoice");
-    EXPECT_EQ(TempFiles(), before + 1);
-    daemon.Finish();
 }
 
 // A job that cannot be read back must not look whole: the octet that ends it stays away.
