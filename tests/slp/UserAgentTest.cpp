@@ -180,12 +180,13 @@ TEST(UserAgent, TellsItsAgentsAnswerFromWhatIsNone) {
         const char* what;
         Agent::Replies replies;
         const char *host, *asked;
-        size_t lists, requests;
+        size_t lists;
+        bool allRounds;
     } cases[] = {
-        {"behind a heap of noise", noisy, kHere, kHere, 1, 1},
-        {"an error, which is the end", refusing, kHere, kHere, 0, 1},
+        {"behind a heap of noise", noisy, kHere, kHere, 1, false},
+        {"an error, which is the end", refusing, kHere, kHere, 0, false},
         // This machine answers from 127.0.0.1, whatever loopback address was asked.
-        {"a stranger alone", Agent::Talk, kAnyHost, "127.0.0.5", 0, 4},
+        {"a stranger alone", Agent::Talk, kAnyHost, "127.0.0.5", 0, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -197,9 +198,11 @@ TEST(UserAgent, TellsItsAgentsAnswerFromWhatIsNone) {
         const auto took = steady_clock::now() - begin;
         SLPClose(handle);
         EXPECT_EQ(answers.lists().size(), c.lists);
-        EXPECT_EQ(agent.Finish().size(), c.requests);
-        EXPECT_LT(took, milliseconds(c.requests > 1 ? 6000 : 3000));
-        EXPECT_GE(took, milliseconds(c.requests > 1 ? 3400 : 0));
+        EXPECT_LT(took, milliseconds(c.allRounds ? 6000 : 3000));
+        if (c.allRounds) {
+            EXPECT_GE(took, milliseconds(3400));
+            EXPECT_EQ(agent.Finish().size(), 4u);
+        }
     }
 }
 
