@@ -31,7 +31,7 @@ void Read(std::string_view attributes, std::string_view message) {
 void Fetch(slp::Collector& collector, std::string_view bytes, size_t piece) {
     slp::StreamMessage stream;
     for (size_t at = 0; stream.Wanted() > 0; at = stream.bytes().size()) {
-        Check(stream.bytes() == bytes.substr(0, at) && at + stream.Wanted() <= slp::kMaxReply);
+        Check(stream.bytes() == bytes.substr(0, at) && stream.Wanted() <= slp::kMaxReply - at);
         if (at == bytes.size() || !stream.Add(bytes.substr(at, std::min(stream.Wanted(), piece)))) {
             return;
         }
