@@ -229,33 +229,6 @@ TEST_F(LprTest, ADaemonThatClosesOrStaysSilentFailsTheStart) {
     EXPECT_EQ(GetLastError(), 0u);  // of the resolver, the last that had something to say
 }
 
-// While a daemon is waited for, ports are not listed, opened or deleted; jobs that already run go
-// on, and channels are opened.
-TEST_F(LprTest, ASilentDaemonHoldsUpTheListButNoRunningJob) {
-    HANDLE asked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    TcpPeer silent([&](PeerConnection& job) {
-        job.ReadLine();
-        SetEvent(asked);
-        job.ReadAll();
-    });
-    TcpPeer raw([](PeerConnection& job) { job.ReadAll(); });
-    HANDLE running = spooler.OpenNew(L"RAW", 1, raw.port);
-    ASSERT_TRUE(spooler.Start(running));
-    HANDLE port = OpenPort(silent.port, false);
-
-    auto started = std::async(std::launch::async, [&] { return spooler.Start(port); });
-    WaitForSingleObject(asked, INFINITE);
-    const ULONGLONG begin = GetTickCount64();
-    EXPECT_TRUE(spooler.WriteAll(running, "page"));
-    EXPECT_TRUE(spooler->pfnEndDocPort(running));
-    spooler.OpenXcv();
-    EXPECT_LT(GetTickCount64() - begin, 2000u);
-    EXPECT_NE(spooler.Open(L"RAW"), nullptr);
-    EXPECT_GE(GetTickCount64() - begin, 3000u);
-    EXPECT_FALSE(started.get());
-    CloseHandle(asked);
-}
-
 // A daemon that acknowledges everything and then reads nothing keeps its own job waiting, and
 // nobody else.
 TEST_F(LprTest, ADaemonThatStopsReadingHoldsUpItsOwnJobAlone) {

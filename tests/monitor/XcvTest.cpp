@@ -66,8 +66,7 @@ TEST_F(XcvTest, AddPortMakesAPortWithoutValues) {
     EXPECT_EQ(spooler.Text(L"Office", L"HWAddress"), L"-");
     // A caller who asked the spooler before it knew this one.
     EXPECT_EQ(Send(administrator, L"AddPort", L"OFFICE"), DWORD{ERROR_ALREADY_EXISTS});
-    EXPECT_FALSE(spooler.AddPort(L"office"));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.AddPort(L"office"), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(spooler.Open(L"Office"), office);
 }
 
@@ -104,8 +103,7 @@ TEST_F(XcvTest, APortWithoutItsKeyIsTakenBack) {
         spooler.failures = {{call, ERROR_DISK_FULL}};
         EXPECT_EQ(Send(administrator, L"AddPort", L"Office"), DWORD{ERROR_DISK_FULL});
         EXPECT_EQ(spooler.Open(L"Office"), nullptr);
-        EXPECT_FALSE(spooler.AddPort(L"Office"));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_DISK_FULL});
+        EXPECT_EQ(spooler.AddPort(L"Office"), DWORD{ERROR_DISK_FULL});
         EXPECT_EQ(spooler.Open(L"Office"), nullptr);
     }
 }
@@ -121,20 +119,17 @@ TEST_F(XcvTest, DoubtAboutTheSpoolersPortsAddsNone) {
 TEST_F(XcvTest, AddPortExReportsAnExistingPortItsOwnWay) {
     spooler.spoolerPorts = {L"Known"};
     WCHAR server[] = L"server";
-    EXPECT_FALSE(spooler.AddPort(L"known"));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_FALSE(spooler.AddPort(nullptr));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.AddPort(L"known"), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.AddPort(nullptr), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_FALSE(spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, nullptr, nullptr));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
     for (DWORD level : {0u, 2u}) {
-        EXPECT_FALSE(spooler.AddPort(L"A", level));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_LEVEL});
+        EXPECT_EQ(spooler.AddPort(L"A", level), DWORD{ERROR_INVALID_LEVEL});
     }
     spooler.TakeCalls();
-    EXPECT_TRUE(spooler.AddPort(L"A", 0xFFFFFFFF, server));
+    EXPECT_EQ(spooler.AddPort(L"A", 0xFFFFFFFF, server), 0u);
     EXPECT_THAT(spooler.TakeCalls(), testing::Contains("EnumPorts server"));
-    EXPECT_TRUE(spooler.AddPort(L"B", 1));
+    EXPECT_EQ(spooler.AddPort(L"B", 1), 0u);
 }
 
 TEST_F(XcvTest, DeletePortTakesThePortAndItsKey) {

@@ -284,8 +284,9 @@ DWORD FakeSpooler::Xcv(HANDLE xcv, LPCWSTR command, std::wstring name) const {
                                  nullptr);
 }
 
-BOOL FakeSpooler::AddPort(LPCWSTR name, DWORD level, LPWSTR server) const {
-    return table->pfnAddPortEx(monitor, server, level, reinterpret_cast<LPBYTE>(&name), nullptr);
+DWORD FakeSpooler::AddPort(LPCWSTR name, DWORD level, LPWSTR server) const {
+    const auto bytes = reinterpret_cast<LPBYTE>(&name);
+    return table->pfnAddPortEx(monitor, server, level, bytes, nullptr) ? 0 : GetLastError();
 }
 
 HANDLE FakeSpooler::OpenNew(const std::wstring& port, DWORD protocol, WORD tcpPort,

@@ -47,7 +47,8 @@ class FakeSpooler {
     HANDLE Open(const std::wstring& port) const;  // null when OpenPort fails
     HANDLE OpenXcv(ACCESS_MASK access = SERVER_ACCESS_ADMINISTER) const;
     DWORD Xcv(HANDLE xcv, LPCWSTR command, std::wstring name) const;
-    BOOL AddPort(LPCWSTR name, DWORD level = 1, LPWSTR server = nullptr) const;
+    // The error that AddPortEx refuses with, or 0.
+    DWORD AddPort(LPCWSTR name, DWORD level = 1, LPWSTR server = nullptr) const;
     // A port as ConfigurePort makes it, added and opened.
     HANDLE OpenNew(const std::wstring& port, DWORD protocol, WORD tcpPort,
                    bool doubleSpool = false) const;
