@@ -14,6 +14,7 @@
 #include "slp/Slp.h"
 #include "tests/slp/Caller.h"
 #include "tests/slp/Replies.h"
+#include "tests/support/HandleCount.h"
 
 namespace {
 
@@ -226,7 +227,8 @@ TEST(UserAgent, AsksAGroupOnceMoreWithWhoHasAnswered) {
     EXPECT_EQ(XidOf(requests[0]), XidOf(requests[1]));
 }
 
-// However a request is ended, it ends promptly, with one last call and no thread left.
+// However a request is ended, it ends promptly, with one last call, and leaves no thread and no
+// handle behind.
 TEST(UserAgent, EndsWhenItIsTold) {
     const HANDLE asked = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     const Agent talker(Agent::Talk);
@@ -234,7 +236,7 @@ TEST(UserAgent, EndsWhenItIsTold) {
         SetEvent(asked);
         return Agent::Silence(request);
     });
-    size_t threads = 0;
+    size_t threads = 0, handles = 0;
     const auto stop = [](SLPHandle h, SLPError) { return SLPStopFind(h) == SLP_OK; };
     const auto close = [](SLPHandle h, SLPError) {
         SLPClose(h);
@@ -278,6 +280,7 @@ TEST(UserAgent, EndsWhenItIsTold) {
             EXPECT_EQ(answers.lists().size(), c.outside ? 0u : 1u);
             if (threads == 0) {  // from here on the system has started what it starts for itself
                 threads = ThreadCount();
+                handles = CountHandles();
             }
         }
     }
@@ -286,6 +289,7 @@ TEST(UserAgent, EndsWhenItIsTold) {
         Sleep(20);
     }
     EXPECT_EQ(ThreadCount(), threads);
+    EXPECT_LE(CountHandles(), handles + 2);  // what the system keeps for its threads varies
     CloseHandle(asked);
 }
 
