@@ -36,7 +36,7 @@ struct AddressTable {
     int growths;        // it gets one more row after each of the next so many calls
     DWORD claimedRows;  // added to the row count that the table tells
     DWORD failure;      // what the call answers instead, if not 0
-    const char* list;
+    const char* list;   // what is made of it, and of how many rows
     DWORD rowsTaken;
 } addresses;
 
