@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "diag/Log.h"
+#include "discovery/DeviceId.h"
 #include "net/Network.h"
 
 namespace {
@@ -15,7 +16,6 @@ namespace {
 constexpr wchar_t kConfigFile[] = L"\\SLPConf.xml";
 constexpr char kIPv6Group[] = "FF02:0:0:0:0:0:0:116";  // RFC 3111: SLP, link-local
 constexpr uint32_t kAllInterfaces = 0xFFFFFFFF;
-constexpr size_t kDeviceIdKeyLength = 4;  // "MDL:"
 constexpr LCID kEnglishUnitedStates = 0x0409;
 
 struct SlpFree {
@@ -359,15 +359,9 @@ bool PrinterDiscovery::ExtractStringValue(const std::string& key, const std::str
 void PrinterDiscovery::GetDeviceIdAttr(const std::string& key, const std::string& deviceId,
                                        std::string& value) {
     LogInfo("PrinterDiscovery::GetDeviceIdAttr", "Device ID String is ", OneLine{deviceId});
-    const size_t start = deviceId.find(key);
-    if (start == std::string::npos) {
-        return;
+    if (const auto field = DeviceIdField(deviceId, key)) {
+        value = *field;
     }
-    const size_t end = std::min(deviceId.find(';', start), deviceId.size());
-    // The keys of the standard have three letters. The skip is the same for a longer one, whose
-    // value then starts inside the key, and for a field that ends before it: what follows is its
-    // value.
-    value = deviceId.substr(start + kDeviceIdKeyLength, end - start - kDeviceIdKeyLength);
 }
 
 void PrinterDiscovery::AddFoundPrinter(const Printer& printer) {
@@ -383,27 +377,7 @@ void PrinterDiscovery::AddFoundPrinter(const Printer& printer) {
 }
 
 bool PrinterDiscovery::MatchModelPattern(const char* pattern, const char* text) {
-    const char* star = nullptr;  // the last one met
-    const char* resume = nullptr;
-    while (*text != '\0') {
-        if (*pattern == '*') {
-            star = pattern++;
-            resume = text;
-        } else if (*pattern == '?' || *pattern == *text) {
-            ++pattern;
-            ++text;
-        } else if (star != nullptr) {
-            // The star takes one character more.
-            pattern = star + 1;
-            text = ++resume;
-        } else {
-            return false;
-        }
-    }
-    while (*pattern == '*') {
-        ++pattern;
-    }
-    return *pattern == '\0';
+    return MatchesModel(pattern, text);
 }
 
 int32_t DiscoveryCallbackTrampoline(const char* attributeList, int32_t code, void* context) {

@@ -1,6 +1,8 @@
-// The checks of IPv4 and IPv6 texts, held against the C library's own reading of addresses.
+// The checks of IPv4, IPv6 and MAC address texts, held against the C library's own reading.
 #include <arpa/inet.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <string>
@@ -27,6 +29,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool ipv4 = IsIPv4AddressText(text);
     const bool ipv6 = IsIPv6AddressText(text);
     Check(!(ipv4 && ipv6));
+    Check(IsMacAddressText(text) ==
+          (size == 12 && std::all_of(data, data + size, [](int c) { return std::isxdigit(c); })));
     if (text.find(':') == std::string::npos) {
         Check(ipv4 == SscanfTakesIPv4(text));
     }

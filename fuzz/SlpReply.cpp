@@ -1,36 +1,43 @@
 // Everything that a request does with what the network sends, without the sockets. The input is
-// a version and then datagrams: sender, 16-bit length, bytes; sender 255 ends a round.
+// a version and then datagrams: sender, 16-bit length, bytes; sender 255 ends a round. A list that
+// has to be fetched comes as one more datagram, in pieces that the sender chooses.
 #include <cstdint>
 #include <set>
 
 #include "fuzz/Check.h"
 #include "slp/AttributeList.h"
 #include "slp/Collector.h"
+#include "slp/Limits.h"
 #include "slp/Message.h"
 
 namespace {
 
 constexpr uint16_t kXid = 0x4242;
 
-void Read(std::string_view attributes) {
-    for (const char* tag : {"ip", "mac", "x-hostname", "color"}) {
+// What is reported lies in the message that brought it.
+void Read(std::string_view attributes, std::string_view message) {
+    Check(attributes.empty() ||
+          (attributes.data() >= message.data() &&
+           attributes.data() + attributes.size() <= message.data() + message.size()));
+    Check(attributes.find('\0') == attributes.npos);
+    for (const char* tag : {"ip", "color"}) {
         if (const auto value = slp::FindAttribute(attributes, tag)) {
-            Check(value->size() <= attributes.size() && value->find('\0') == std::string::npos);
+            Check(value->size() <= attributes.size() && value->find('\0') == value->npos);
         }
     }
 }
 
 // The same bytes as an agent's TCP server would send them.
-void Fetch(slp::Collector& collector, std::string_view bytes) {
+void Fetch(slp::Collector& collector, std::string_view bytes, size_t piece) {
     slp::StreamMessage stream;
     for (size_t at = 0; stream.Wanted() > 0; at = stream.bytes().size()) {
-        if (at == bytes.size() ||
-            !stream.Add(bytes.substr(at, std::min<size_t>(stream.Wanted(), 100)))) {
+        Check(stream.bytes() == bytes.substr(0, at) && stream.Wanted() <= slp::kMaxReply - at);
+        if (at == bytes.size() || !stream.Add(bytes.substr(at, std::min(stream.Wanted(), piece)))) {
             return;
         }
     }
     if (const auto attributes = collector.TakeFetched(stream.bytes())) {
-        Read(*attributes);
+        Read(*attributes, stream.bytes());
     }
 }
 
@@ -58,9 +65,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             answer.verdict == slp::Collector::Verdict::Overflow) {
             Check(reported.insert(sender).second);
         }
-        Read(answer.attributes);
+        Read(answer.attributes, datagram);
         if (answer.verdict == slp::Collector::Verdict::Overflow) {
-            Fetch(collector, in.Text());
+            Fetch(collector, in.Text(), sender % 16 + 1);
         }
     }
     return 0;

@@ -70,8 +70,7 @@ class Key {
     DWORD Read(LPCWSTR value, WCHAR (&field)[N]) {
         DWORD size = sizeof(field);
         const DWORD error = Query(value, field, size);
-        const size_t end = error == ERROR_SUCCESS ? size / sizeof(WCHAR) : N;
-        field[std::min(end, N - 1)] = L'\0';
+        EndText(field, N, error == ERROR_SUCCESS ? size / sizeof(WCHAR) : N);
         return error;
     }
 
@@ -200,26 +199,11 @@ DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept {
         if (error != ERROR_SUCCESS) {
             return error;
         }
-        const DWORD used = static_cast<DWORD>(wcsnlen(next, left - 1)) + 1;
-        next[used - 1] = L'\0';
+        const DWORD used = static_cast<DWORD>(EndText(next, left, left)) + 1;
         next += used;
         left -= used;
     }
     return ERROR_MORE_DATA;
-}
-
-bool IsSpoolerPseudoPort(LPCWSTR name) noexcept {
-    if ((name[0] != L'N' && name[0] != L'n') || (name[1] != L'E' && name[1] != L'e')) {
-        return false;
-    }
-    LPCWSTR rest = name + 2;
-    if (*rest == L'-') {
-        ++rest;
-    }
-    while (*rest >= L'0' && *rest <= L'9') {
-        ++rest;
-    }
-    return rest[0] == L':' && rest[1] == L'\0';
 }
 
 DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept {

@@ -9,6 +9,8 @@
 
 #include <cstddef>
 
+#include "monitor/PortText.h"
+
 // The standard record, as port monitors and their user interfaces exchange it (platform record
 // PORT_DATA_1 of tcpxcv.h, UTF-16, little-endian).
 struct PORT_DATA_1 {
@@ -62,10 +64,6 @@ static_assert(offsetof(PortDataEx, sztHWAddress) == 400);
 //   list: receives the names as one double-NUL-terminated list, nothing when there are no ports.
 // Returns 0 or the Win32 error code of the registry callback that failed.
 DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept;
-
-// True for the names of the spooler's own network pseudo-ports: "Ne", an optional "-", digits or
-// none, ":". They stand under the monitor's key on some systems and are none of its ports.
-bool IsSpoolerPseudoPort(LPCWSTR name) noexcept;
 
 // Reads a port's standard record; sztPortName stays empty. A value that is missing, or does not
 // fit its field, leaves the field zero; text fields are always terminated.

@@ -100,23 +100,12 @@ class LprTest : public testing::Test {
     }
 
     HANDLE OpenPort(WORD tcpPort, bool doubleSpool) {
-        LPCWSTR name = L"P";
-        spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, reinterpret_cast<LPBYTE>(&name),
-                              nullptr);
-        spooler.ConfigurePort(L"P", 2, tcpPort, doubleSpool);
-        return spooler.Open(L"P");
-    }
-
-    BOOL Start(HANDLE port) {
-        return spooler->pfnStartDocPort(port, const_cast<LPWSTR>(L"Office"), 7, 1, nullptr);
+        return spooler.OpenNew(L"P", 2, tcpPort, doubleSpool);
     }
 
     void Print(HANDLE port, std::string data) {
-        ASSERT_TRUE(Start(port));  // does nothing where one runs already
-        DWORD written = 0;
-        EXPECT_TRUE(spooler->pfnWritePort(port, reinterpret_cast<LPBYTE>(data.data()),
-                                          static_cast<DWORD>(data.size()), &written));
-        EXPECT_EQ(written, data.size());
+        ASSERT_TRUE(spooler.Start(port));  // does nothing where one runs already
+        EXPECT_TRUE(spooler.WriteAll(port, data));
         EXPECT_TRUE(spooler->pfnEndDocPort(port));
     }
 
@@ -138,7 +127,7 @@ TEST_F(LprTest, AStreamedJobSpeaksTheDialogueOfADaemon) {
     // closing zero octet as data and never acknowledges it in time: that costs the job nothing.
     Daemon daemon;
     HANDLE port = OpenPort(daemon.Port(), false);
-    ASSERT_TRUE(Start(port));
+    ASSERT_TRUE(spooler.Start(port));
     DWORD count = 7;
     BYTE byte = 0;
     SetLastError(1234);
@@ -179,7 +168,7 @@ TEST_F(LprTest, ADoubleSpooledJobAnnouncesTheRunningTotal) {
     // Opening the port starts the numbers again, but not that of the job that runs.
     Daemon daemon;
     spooler.ConfigurePort(L"P", 2, daemon.Port(), true);
-    ASSERT_TRUE(Start(port));
+    ASSERT_TRUE(spooler.Start(port));
     spooler.Open(L"P");
     spooler->pfnEndDocPort(port);
     EXPECT_EQ(daemon.Finish().at(0).commands.back(), DataCommand("1000007 dfA004"));
@@ -193,7 +182,7 @@ TEST_F(LprTest, TheJobNumberIsOneByteAndStartsAgainWhenThePortIsOpened) {
     Daemon daemon;
     HANDLE port = OpenPort(refusing.port, true);
     for (int i = 1; i < 256; ++i) {
-        EXPECT_FALSE(Start(port));
+        EXPECT_FALSE(spooler.Start(port));
     }
     spooler.ConfigurePort(L"P", 2, daemon.Port(), true);
     Print(port, "x");
@@ -215,59 +204,29 @@ TEST_F(LprTest, ADaemonThatDoesNotAcknowledgeFailsTheStart) {
         for (int step = 0; step < 4; ++step) {
             Daemon daemon(step, answer);
             HANDLE port = OpenPort(daemon.Port(), false);
-            EXPECT_FALSE(Start(port)) << step;
+            EXPECT_FALSE(spooler.Start(port)) << step;
             EXPECT_EQ(daemon.Finish().size(), 1u);
-            DWORD written = 0;
-            BYTE byte = 0;
-            EXPECT_FALSE(spooler->pfnWritePort(port, &byte, 1, &written));
+            EXPECT_FALSE(spooler.WriteAll(port, "x"));
         }
     }
+    // Announced when it has been spooled, a job that is refused stays on disk.
+    Daemon daemon(3, "\x01");
+    Print(OpenPort(daemon.Port(), true), "somebody's invoice");
+    EXPECT_EQ(TempFiles(), 1u);
 }
 
 TEST_F(LprTest, ADaemonThatClosesOrStaysSilentFailsTheStart) {
     TcpPeer closing([](PeerConnection& job) { job.ReadLine(); });
     HANDLE port = OpenPort(closing.port, false);
-    EXPECT_FALSE(Start(port));
+    EXPECT_FALSE(spooler.Start(port));
     EXPECT_EQ(GetLastError(), DWORD{WSAENOTCONN});
 
     TcpPeer silent([](PeerConnection& job) { job.ReadAll(); });
     spooler.ConfigurePort(L"P", 2, silent.port);
     const ULONGLONG begin = GetTickCount64();
-    EXPECT_FALSE(Start(port));
+    EXPECT_FALSE(spooler.Start(port));
     EXPECT_GE(GetTickCount64() - begin, 3900u);
     EXPECT_EQ(GetLastError(), 0u);  // of the resolver, the last that had something to say
-}
-
-// While a daemon is waited for, ports are not listed, opened or deleted; jobs that already run go
-// on, and channels are opened.
-TEST_F(LprTest, ASilentDaemonHoldsUpTheListButNoRunningJob) {
-    HANDLE asked = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    TcpPeer silent([&](PeerConnection& job) {
-        job.ReadLine();
-        SetEvent(asked);
-        job.ReadAll();
-    });
-    TcpPeer raw([](PeerConnection& job) { job.ReadAll(); });
-    LPCWSTR name = L"RAW";
-    spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, reinterpret_cast<LPBYTE>(&name), nullptr);
-    spooler.ConfigurePort(L"RAW", 1, raw.port);
-    HANDLE running = spooler.Open(L"RAW");
-    ASSERT_TRUE(Start(running));
-    HANDLE port = OpenPort(silent.port, false);
-
-    auto started = std::async(std::launch::async, [&] { return Start(port); });
-    WaitForSingleObject(asked, INFINITE);
-    const ULONGLONG begin = GetTickCount64();
-    DWORD written = 0;
-    BYTE page = 0;
-    EXPECT_TRUE(spooler->pfnWritePort(running, &page, 1, &written));
-    EXPECT_TRUE(spooler->pfnEndDocPort(running));
-    spooler.OpenXcv();
-    EXPECT_LT(GetTickCount64() - begin, 2000u);
-    EXPECT_NE(spooler.Open(L"RAW"), nullptr);
-    EXPECT_GE(GetTickCount64() - begin, 3000u);
-    EXPECT_FALSE(started.get());
-    CloseHandle(asked);
 }
 
 // A daemon that acknowledges everything and then reads nothing keeps its own job waiting, and
@@ -311,15 +270,6 @@ TEST_F(LprTest, ADaemonThatStopsReadingHoldsUpItsOwnJobAlone) {
     CloseHandle(over);
 }
 
-TEST_F(LprTest, ARefusedAnnouncementLeavesTheJobOnDisk) {
-    Daemon daemon(3, "\x01");
-    HANDLE port = OpenPort(daemon.Port(), true);
-    const size_t before = TempFiles();
-    Print(port, "somebody's invoice");
-    EXPECT_EQ(TempFiles(), before + 1);
-    daemon.Finish();
-}
-
 // A job that cannot be read back must not look whole: the octet that ends it stays away.
 TEST_F(LprTest, AJobThatCannotBeReadBackIsNotClosed) {
     static decltype(&ReadFile) readFile = ReadFile;
@@ -347,7 +297,7 @@ TEST_F(LprTest, WithoutATemporaryFileTheJobDoesNotStart) {
         });
     Daemon daemon;
     HANDLE port = OpenPort(daemon.Port(), true);
-    EXPECT_FALSE(Start(port));
+    EXPECT_FALSE(spooler.Start(port));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_PATH_NOT_FOUND});
     EXPECT_EQ(daemon.Finish().at(0).commands.size(), 2u);
 }

@@ -38,12 +38,6 @@ class PortListTest : public testing::Test {
         return names;
     }
 
-    void Add(const std::wstring& port) {
-        LPCWSTR name = port.c_str();
-        ASSERT_TRUE(spooler->pfnAddPortEx(spooler.monitor, nullptr, 1,
-                                          reinterpret_cast<LPBYTE>(&name), nullptr));
-    }
-
     FakeSpooler spooler;
     DWORD needed = 0;
     DWORD returned = 77;
@@ -61,24 +55,14 @@ TEST_F(PortListTest, TableHasTheSlotsOfThisMonitorAndNoOthers) {
 }
 
 TEST_F(PortListTest, OnWindows2000TheTableSaysAnotherSize) {
-    static OSVERSIONINFOEXW asked;
-    static DWORD mask;
-    static DWORDLONG equal;
     ImportPatch patch(
         spooler.dll, "VerifyVersionInfoW",
-        +[](LPOSVERSIONINFOEXW version, DWORD types, DWORDLONG conditions) -> BOOL WINAPI {
-            asked = *version;
-            mask = types;
-            equal = conditions;
-            return TRUE;
+        +[](LPOSVERSIONINFOEXW version, DWORD types, DWORDLONG) -> BOOL WINAPI {
+            return version->dwMajorVersion == 5 && version->dwMinorVersion == 0 &&
+                   types == (VER_MAJORVERSION | VER_MINORVERSION);
         });
     Load({});
     EXPECT_EQ(spooler->cbSize, 148u);
-    EXPECT_EQ(asked.dwMajorVersion, 5u);
-    EXPECT_EQ(asked.dwMinorVersion, 0u);
-    EXPECT_EQ(mask, DWORD{VER_MAJORVERSION | VER_MINORVERSION});
-    EXPECT_EQ(equal, VerSetConditionMask(VerSetConditionMask(0, VER_MAJORVERSION, VER_EQUAL),
-                                         VER_MINORVERSION, VER_EQUAL));
 }
 
 TEST_F(PortListTest, ThreadsOfTheProcessDoNotEndTheLibrary) {
@@ -96,7 +80,7 @@ TEST_F(PortListTest, LoadsThePortsOfTheRegistryButNotTheSpoolersOwn) {
     EXPECT_THAT(Listed(),
                 testing::UnorderedElementsAre(L"IP_10.0.0.5", L"Ne", L"Ne-", L"Ne01", L"Ne0a:",
                                               L"Ne:1", L"Ne--1:", L"Network1", L"X"));
-    Add(L"last");
+    spooler.AddPort(L"last");
     EXPECT_EQ(Listed().back(), L"last");
 }
 
@@ -164,7 +148,7 @@ TEST_F(PortListTest, UnknownLevelsAnswerWithTheThreadsLastError) {
     std::vector<BYTE> buffer;
     SetLastError(5);
     EXPECT_TRUE(Enumerate(3, buffer, 100));
-    Add(L"A");
+    spooler.AddPort(L"A");
     SetLastError(5);
     EXPECT_FALSE(Enumerate(3, buffer, 100));
     EXPECT_EQ(GetLastError(), 5u);
@@ -245,9 +229,7 @@ TEST_F(PortListTest, ShutdownLeavesHandlesThatCloseHarmlessly) {
     Load({L"A", L"deleted"});
     HANDLE ports[] = {spooler.Open(L"A"), spooler.Open(L"deleted")};
     HANDLE xcv = spooler.OpenXcv();
-    WCHAR name[] = L"deleted";
-    spooler->pfnXcvDataPort(xcv, L"DeletePort", reinterpret_cast<PBYTE>(name), sizeof(name),
-                            nullptr, 0, nullptr);
+    spooler.Xcv(xcv, L"DeletePort", L"deleted");
     MONITOR2* table = spooler.table;
     spooler.Stop();
     for (HANDLE port : ports) {

@@ -15,48 +15,11 @@ using testing::Not;
 
 namespace {
 
-// What the connect that replaces the system's has seen, and how it answers.
-std::atomic<int> connects;
-int connectsToFail = 0;
-
-int WSAAPI CountingConnect(SOCKET socket, const sockaddr* address, int size) {
-    if (++connects <= connectsToFail) {
-        WSASetLastError(WSAECONNREFUSED);
-        return SOCKET_ERROR;
-    }
-    return connect(socket, address, size);
-}
-
 class TransportTest : public testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(spooler.Start()); }
 
-    // A configured port that the monitor knows, opened.
-    HANDLE OpenPort(const std::wstring& name, WORD tcpPort, const wchar_t* address = L"127.0.0.1") {
-        LPCWSTR text = name.c_str();
-        spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, reinterpret_cast<LPBYTE>(&text),
-                              nullptr);
-        spooler.ConfigurePort(name, 1, tcpPort, false, address);
-        spooler.TakeCalls();
-        return spooler.Open(name);
-    }
-
-    BOOL StartJob(HANDLE port, const wchar_t* printer = L"Office", DWORD job = 42) {
-        return spooler->pfnStartDocPort(port, const_cast<LPWSTR>(printer), job, 1, nullptr);
-    }
-
-    BOOL Write(HANDLE port, std::string data, DWORD& written) {
-        return spooler->pfnWritePort(port, reinterpret_cast<LPBYTE>(data.data()),
-                                     static_cast<DWORD>(data.size()), &written);
-    }
-
-    bool WriteAll(HANDLE port, std::string data) {
-        DWORD written = 0;
-        while (!data.empty() && Write(port, data, written)) {
-            data.erase(0, written);
-        }
-        return data.empty();
-    }
+    HANDLE OpenPort(WORD tcpPort) { return spooler.OpenNew(L"P", 1, tcpPort); }
 
     std::vector<std::string> JobCalls() {
         std::vector<std::string> calls;
@@ -84,13 +47,14 @@ TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
             }
             return 0;
         });
-    HANDLE port = OpenPort(L"P", printer.port);
+    HANDLE port = OpenPort(printer.port);
     std::string document(3'000'001, '\0');
     for (size_t i = 0; i < document.size(); ++i) {
         document[i] = static_cast<char>(i * 31 >> 3);
     }
-    ASSERT_TRUE(StartJob(port));
-    EXPECT_TRUE(WriteAll(port, document));
+    ASSERT_TRUE(spooler.Start(port));
+    EXPECT_TRUE(spooler.Start(port, L"Other", 43)) << "does nothing while one runs";
+    EXPECT_TRUE(spooler.WriteAll(port, document));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_EQ(received.get_future().get(), document);
     EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
@@ -116,9 +80,9 @@ TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
         waited = go.get_future().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
         job.Write(std::string(10000, 'x'));
     });
-    HANDLE port = OpenPort(L"P", printer.port);
-    ASSERT_TRUE(StartJob(port));
-    EXPECT_TRUE(WriteAll(port, "page"));
+    HANDLE port = OpenPort(printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    EXPECT_TRUE(spooler.WriteAll(port, "page"));
     JobCalls();
     auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
     EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
@@ -131,23 +95,12 @@ TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
     EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
-TEST_F(TransportTest, ASecondStartOnABusyPortDoesNothing) {
-    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
-    HANDLE port = OpenPort(L"P", printer.port);
-    ASSERT_TRUE(StartJob(port));
-    spooler.TakeCalls();
-    EXPECT_TRUE(StartJob(port, L"Other", 43));
-    EXPECT_THAT(spooler.TakeCalls(), ElementsAre());
-    spooler->pfnEndDocPort(port);
-    EXPECT_THAT(JobCalls(), Contains("SetJob 42 6"));
-}
-
 TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
-    HANDLE port = OpenPort(L"P", 9);
+    HANDLE port = OpenPort(9);
     for (const wchar_t* name : {L"Unknown", static_cast<const wchar_t*>(nullptr)}) {
-        EXPECT_TRUE(StartJob(port, name));
+        EXPECT_TRUE(spooler.Start(port, name));
         DWORD count = 7;
-        EXPECT_FALSE(Write(port, "x", count));
+        EXPECT_FALSE(spooler.Write(port, "x", count));
         EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
         EXPECT_EQ(count, 0u);
         BYTE byte;
@@ -162,7 +115,7 @@ TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
     TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
     TcpPeer gone([](PeerConnection&) {});
     gone.Finish();
-    HANDLE port = OpenPort(L"P", printer.port);
+    HANDLE port = OpenPort(printer.port);
     const struct {
         const char* what;
         std::function<void()> spoil;
@@ -185,7 +138,7 @@ TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
     for (const auto& c : cases) {
         c.spoil();
         SetLastError(0);
-        EXPECT_FALSE(StartJob(port)) << c.what;
+        EXPECT_FALSE(spooler.Start(port)) << c.what;
         EXPECT_EQ(GetLastError(), c.error) << c.what;
         const auto calls = JobCalls();
         EXPECT_EQ(std::count(calls.begin(), calls.end(), "OpenPrinter Office"),
@@ -194,22 +147,10 @@ TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
         spooler.failures = {};
         spooler.SetNumber(L"P", L"UseIPV6", 0);
         spooler.ConfigurePort(L"P", 1, printer.port);
-        EXPECT_TRUE(StartJob(port)) << c.what;
-        EXPECT_TRUE(WriteAll(port, "x")) << c.what;
+        EXPECT_TRUE(spooler.Start(port)) << c.what;
+        EXPECT_TRUE(spooler.WriteAll(port, "x")) << c.what;
         EXPECT_TRUE(spooler->pfnEndDocPort(port));
     }
-}
-
-TEST_F(TransportTest, ConnectsOverIPv6WhenThePortSaysSo) {
-    std::promise<std::string> received;
-    TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); }, AF_INET6);
-    HANDLE port = OpenPort(L"P", printer.port);
-    spooler.SetText(L"P", L"IPv6HostName", L"::1");
-    spooler.SetNumber(L"P", L"UseIPV6", 1);
-    ASSERT_TRUE(StartJob(port));
-    EXPECT_TRUE(WriteAll(port, "six"));
-    spooler->pfnEndDocPort(port);
-    EXPECT_EQ(received.get_future().get(), "six");
 }
 
 TEST_F(TransportTest, OneSocketServesAllAddressesOfAName) {
@@ -219,42 +160,48 @@ TEST_F(TransportTest, OneSocketServesAllAddressesOfAName) {
     address.sin_port = htons(printer.port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     static addrinfo list[3] = {};
-    for (int i = 0; i < 3; ++i) {
-        list[i] = {.ai_flags = 0,
-                   .ai_family = AF_INET,
-                   .ai_socktype = SOCK_STREAM,
-                   .ai_protocol = IPPROTO_TCP,
-                   .ai_addrlen = sizeof(address),
-                   .ai_canonname = nullptr,
-                   .ai_addr = reinterpret_cast<sockaddr*>(&address),
-                   .ai_next = i < 2 ? &list[i + 1] : nullptr};
+    for (int i = 2; i >= 0; --i) {
+        list[i] = {0,
+                   AF_INET,
+                   SOCK_STREAM,
+                   IPPROTO_TCP,
+                   sizeof(address),
+                   nullptr,
+                   nullptr,
+                   i < 2 ? &list[i + 1] : nullptr};
+        list[i].ai_addr = reinterpret_cast<sockaddr*>(&address);
     }
-    static int sockets;
-    sockets = 0;
-    ImportPatch resolve(
+    static int sockets, connects, toFail;
+    const ImportPatch resolve(
         spooler.dll, "getaddrinfo",
         +[](PCSTR, PCSTR, const addrinfo*, addrinfo** result) -> INT WSAAPI {
             *result = list;
             return 0;
         });
-    ImportPatch release(
+    const ImportPatch release(
         spooler.dll, "freeaddrinfo", +[](addrinfo*) -> VOID WSAAPI {});
-    ImportPatch make(
+    const ImportPatch make(
         spooler.dll, "socket", +[](int family, int type, int protocol) -> SOCKET WSAAPI {
             ++sockets;
             return socket(family, type, protocol);
         });
-    ImportPatch counted(spooler.dll, "connect", CountingConnect);
-    HANDLE port = OpenPort(L"P", 1);
-    connects = 0;
-    connectsToFail = 2;
-    EXPECT_TRUE(StartJob(port));
+    const ImportPatch counted(
+        spooler.dll, "connect", +[](SOCKET socket, const sockaddr* to, int size) -> int WSAAPI {
+            if (++connects > toFail) {
+                return connect(socket, to, size);
+            }
+            WSASetLastError(WSAECONNREFUSED);
+            return SOCKET_ERROR;
+        });
+    HANDLE port = OpenPort(1);
+    toFail = 2;
+    EXPECT_TRUE(spooler.Start(port));
     EXPECT_EQ(connects, 3);
     EXPECT_EQ(sockets, 1);
     spooler->pfnEndDocPort(port);
     connects = 0;
-    connectsToFail = 3;
-    EXPECT_FALSE(StartJob(port));
+    toFail = 3;
+    EXPECT_FALSE(spooler.Start(port));
     EXPECT_EQ(connects, 3);
     EXPECT_EQ(GetLastError(), DWORD{WSAECONNREFUSED});
 }
@@ -264,18 +211,18 @@ TEST_F(TransportTest, ALostConnectionRestartsTheJob) {
         job.Read(1);
         job.Reset();
     });
-    HANDLE port = OpenPort(L"P", printer.port);
-    ASSERT_TRUE(StartJob(port));
+    HANDLE port = OpenPort(printer.port);
+    ASSERT_TRUE(spooler.Start(port));
     JobCalls();
     DWORD written = 0;
     const std::string chunk(65536, 'x');
-    while (Write(port, chunk, written)) {
+    while (spooler.Write(port, chunk, written)) {
         EXPECT_GT(written, 0u);
     }
     EXPECT_EQ(written, 0u);
     EXPECT_THAT(GetLastError(), testing::AnyOf(WSAECONNRESET, WSAECONNABORTED));
     EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
-    EXPECT_FALSE(Write(port, chunk, written));
+    EXPECT_FALSE(spooler.Write(port, chunk, written));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
@@ -288,8 +235,8 @@ TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {
         job.Write("status");
         WaitForSingleObject(step, INFINITE);
     });
-    HANDLE port = OpenPort(L"P", printer.port);
-    ASSERT_TRUE(StartJob(port));
+    HANDLE port = OpenPort(printer.port);
+    ASSERT_TRUE(spooler.Start(port));
     BYTE buffer[4] = {};
     DWORD count = 7;
     EXPECT_TRUE(spooler->pfnReadPort(port, buffer, sizeof(buffer), &count));
@@ -316,21 +263,16 @@ TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {
 TEST_F(TransportTest, APortThatIsDeletedUnderAJobLetsItFinish) {
     std::promise<std::string> received;
     TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
-    HANDLE port = OpenPort(L"P", printer.port);
-    ASSERT_TRUE(StartJob(port));
+    HANDLE port = OpenPort(printer.port);
+    ASSERT_TRUE(spooler.Start(port));
     HANDLE xcv = spooler.OpenXcv();
-    std::wstring name = L"P";
-    const auto erase = [&] {
-        return spooler->pfnXcvDataPort(xcv, L"DeletePort", reinterpret_cast<PBYTE>(name.data()), 4,
-                                       nullptr, 0, nullptr);
-    };
-    EXPECT_EQ(erase(), 0u);
-    EXPECT_EQ(erase(), DWORD{ERROR_FILE_NOT_FOUND});
+    EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", L"P"), 0u);
+    EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", L"P"), DWORD{ERROR_FILE_NOT_FOUND});
     EXPECT_EQ(spooler.Open(L"P"), nullptr);
-    EXPECT_TRUE(WriteAll(port, "the rest"));
+    EXPECT_TRUE(spooler.WriteAll(port, "the rest"));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_EQ(received.get_future().get(), "the rest");
-    EXPECT_FALSE(StartJob(port));
+    EXPECT_FALSE(spooler.Start(port));
     EXPECT_TRUE(spooler->pfnClosePort(port));
     spooler->pfnXcvClosePort(xcv);
 }

@@ -35,11 +35,6 @@ class XcvTest : public testing::Test {
                                        &needed);
     }
 
-    BOOL AddPortEx(LPCWSTR name, DWORD level = 1, LPWSTR server = nullptr) {
-        return spooler->pfnAddPortEx(spooler.monitor, server, level,
-                                     reinterpret_cast<LPBYTE>(&name), nullptr);
-    }
-
     FakeSpooler spooler;
     HANDLE administrator = nullptr;
     HANDLE anybody = nullptr;
@@ -71,8 +66,7 @@ TEST_F(XcvTest, AddPortMakesAPortWithoutValues) {
     EXPECT_EQ(spooler.Text(L"Office", L"HWAddress"), L"-");
     // A caller who asked the spooler before it knew this one.
     EXPECT_EQ(Send(administrator, L"AddPort", L"OFFICE"), DWORD{ERROR_ALREADY_EXISTS});
-    EXPECT_FALSE(AddPortEx(L"office"));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.AddPort(L"office"), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_EQ(spooler.Open(L"Office"), office);
 }
 
@@ -109,8 +103,7 @@ TEST_F(XcvTest, APortWithoutItsKeyIsTakenBack) {
         spooler.failures = {{call, ERROR_DISK_FULL}};
         EXPECT_EQ(Send(administrator, L"AddPort", L"Office"), DWORD{ERROR_DISK_FULL});
         EXPECT_EQ(spooler.Open(L"Office"), nullptr);
-        EXPECT_FALSE(AddPortEx(L"Office"));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_DISK_FULL});
+        EXPECT_EQ(spooler.AddPort(L"Office"), DWORD{ERROR_DISK_FULL});
         EXPECT_EQ(spooler.Open(L"Office"), nullptr);
     }
 }
@@ -126,20 +119,17 @@ TEST_F(XcvTest, DoubtAboutTheSpoolersPortsAddsNone) {
 TEST_F(XcvTest, AddPortExReportsAnExistingPortItsOwnWay) {
     spooler.spoolerPorts = {L"Known"};
     WCHAR server[] = L"server";
-    EXPECT_FALSE(AddPortEx(L"known"));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_FALSE(AddPortEx(nullptr));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.AddPort(L"known"), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_EQ(spooler.AddPort(nullptr), DWORD{ERROR_INVALID_PARAMETER});
     EXPECT_FALSE(spooler->pfnAddPortEx(spooler.monitor, nullptr, 1, nullptr, nullptr));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
     for (DWORD level : {0u, 2u}) {
-        EXPECT_FALSE(AddPortEx(L"A", level));
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_LEVEL});
+        EXPECT_EQ(spooler.AddPort(L"A", level), DWORD{ERROR_INVALID_LEVEL});
     }
     spooler.TakeCalls();
-    EXPECT_TRUE(AddPortEx(L"A", 0xFFFFFFFF, server));
+    EXPECT_EQ(spooler.AddPort(L"A", 0xFFFFFFFF, server), 0u);
     EXPECT_THAT(spooler.TakeCalls(), testing::Contains("EnumPorts server"));
-    EXPECT_TRUE(AddPortEx(L"B", 1));
+    EXPECT_EQ(spooler.AddPort(L"B", 1), 0u);
 }
 
 TEST_F(XcvTest, DeletePortTakesThePortAndItsKey) {

@@ -64,19 +64,15 @@ TEST(AttributeList, IsHandedOutByTheLibrary) {
     SLPFree(value);
     SLPFree(nullptr);
 
-    const struct {
-        const char* list;
-        const char* tag;
-        SLPError result;
-    } cases[] = {{"(a=1)", "b", SLP_PARSE_ERROR},
-                 {"(a=1", "a", SLP_PARSE_ERROR},
-                 {nullptr, "a", SLP_PARAMETER_BAD},
-                 {"(a=1)", nullptr, SLP_PARAMETER_BAD},
-                 {"(a=1)", "", SLP_PARAMETER_BAD}};
+    const std::tuple<const char*, const char*, SLPError> cases[] = {
+        {"(a=1)", "b", SLP_PARSE_ERROR},
+        {nullptr, "a", SLP_PARAMETER_BAD},
+        {"(a=1)", nullptr, SLP_PARAMETER_BAD},
+        {"(a=1)", "", SLP_PARAMETER_BAD}};
     char unset = 'x';
-    for (const auto& c : cases) {
+    for (const auto& [list, tag, result] : cases) {
         value = &unset;
-        EXPECT_EQ(SLPParseAttrs(c.list, c.tag, &value), c.result);
+        EXPECT_EQ(SLPParseAttrs(list, tag, &value), result);
         EXPECT_EQ(value, nullptr);
     }
     EXPECT_EQ(SLPParseAttrs("(a=1)", "a", nullptr), SLP_PARAMETER_BAD);

@@ -16,6 +16,7 @@ agents=(
     "service:mixed first=10.77.1.10 count=10 deaf=2"
     "service:mixed first=10.77.1.20 count=10 delay=0.3-0.9"
     "service:long first=10.77.1.0 count=50 tcp=whole list=$long"
+    "service:oldlong first=10.77.1.0 count=5 version=1 tcp=whole list=$long"
     "service:hostile first=10.77.1.0 count=100 tcp=stall"
     "service:hostile first=10.77.2.0 count=20 tcp=drip"
     "service:hostile first=10.77.3.0 count=10 tcp=endless"

@@ -28,61 +28,56 @@ struct Callbacks {
     static LONG WINAPI CreateKey(HANDLE key, LPCWSTR name, DWORD options, REGSAM access,
                                  PSECURITY_ATTRIBUTES security, PHANDLE result, PDWORD disposition,
                                  HANDLE spooler) {
-        if (LONG error = Of(spooler)->Called("create " + Narrow(name) + " " + Hex(access))) {
-            return error;
-        }
-        return RegCreateKeyExW(static_cast<HKEY>(key), name, 0, nullptr, options, access, security,
-                               reinterpret_cast<PHKEY>(result), disposition);
+        const LONG error = Of(spooler)->Called("create " + Narrow(name) + " " + Hex(access));
+        return error != 0
+                   ? error
+                   : RegCreateKeyExW(static_cast<HKEY>(key), name, 0, nullptr, options, access,
+                                     security, reinterpret_cast<PHKEY>(result), disposition);
     }
     static LONG WINAPI OpenKey(HANDLE key, LPCWSTR name, REGSAM access, PHANDLE result,
                                HANDLE spooler) {
-        if (LONG error = Of(spooler)->Called("open " + Narrow(name) + " " + Hex(access))) {
-            return error;
-        }
-        return RegOpenKeyExW(static_cast<HKEY>(key), name, 0, access,
-                             reinterpret_cast<PHKEY>(result));
+        const LONG error = Of(spooler)->Called("open " + Narrow(name) + " " + Hex(access));
+        return error != 0 ? error
+                          : RegOpenKeyExW(static_cast<HKEY>(key), name, 0, access,
+                                          reinterpret_cast<PHKEY>(result));
     }
     static LONG WINAPI CloseKey(HANDLE key, HANDLE spooler) {
         Of(spooler)->Called("fpclose");
         return RegCloseKey(static_cast<HKEY>(key));
     }
     static LONG WINAPI DeleteKey(HANDLE key, LPCWSTR name, HANDLE spooler) {
-        if (LONG error = Of(spooler)->Called("delete " + Narrow(name))) {
-            return error;
-        }
-        return RegDeleteKeyW(static_cast<HKEY>(key), name);
+        const LONG error = Of(spooler)->Called("delete " + Narrow(name));
+        return error != 0 ? error : RegDeleteKeyW(static_cast<HKEY>(key), name);
     }
     static LONG WINAPI EnumKey(HANDLE key, DWORD index, LPWSTR name, PDWORD size, PFILETIME time,
                                HANDLE spooler) {
-        if (LONG error = Of(spooler)->Called("enum " + std::to_string(index))) {
-            return error;
-        }
-        return RegEnumKeyExW(static_cast<HKEY>(key), index, name, size, nullptr, nullptr, nullptr,
-                             time);
+        const LONG error = Of(spooler)->Called("enum " + std::to_string(index));
+        return error != 0 ? error
+                          : RegEnumKeyExW(static_cast<HKEY>(key), index, name, size, nullptr,
+                                          nullptr, nullptr, time);
     }
     static LONG WINAPI QueryInfoKey(HANDLE key, PDWORD subKeys, PDWORD longest, PDWORD values,
                                     PDWORD, PDWORD, PDWORD, PFILETIME, HANDLE spooler) {
-        if (LONG error = Of(spooler)->Called("info")) {
-            return error;
-        }
-        return RegQueryInfoKeyW(static_cast<HKEY>(key), nullptr, nullptr, nullptr, subKeys, longest,
-                                nullptr, values, nullptr, nullptr, nullptr, nullptr);
+        const LONG error = Of(spooler)->Called("info");
+        return error != 0
+                   ? error
+                   : RegQueryInfoKeyW(static_cast<HKEY>(key), nullptr, nullptr, nullptr, subKeys,
+                                      longest, nullptr, values, nullptr, nullptr, nullptr, nullptr);
     }
     static LONG WINAPI SetValue(HANDLE key, LPCWSTR value, DWORD type, const BYTE* data, DWORD size,
                                 HANDLE spooler) {
-        if (LONG error = Of(spooler)->Called("set " + Narrow(value) + " " + std::to_string(type) +
-                                             " " + std::to_string(size))) {
-            return error;
-        }
-        return RegSetValueExW(static_cast<HKEY>(key), value, 0, type, data, size);
+        const LONG error = Of(spooler)->Called("set " + Narrow(value) + " " + std::to_string(type) +
+                                               " " + std::to_string(size));
+        return error != 0 ? error
+                          : RegSetValueExW(static_cast<HKEY>(key), value, 0, type, data, size);
     }
     static LONG WINAPI QueryValue(HANDLE key, LPCWSTR value, PDWORD type, PBYTE data, PDWORD size,
                                   HANDLE spooler) {
-        if (LONG error =
-                Of(spooler)->Called("query " + Narrow(value) + " " + std::to_string(*size))) {
-            return error;
-        }
-        return RegQueryValueExW(static_cast<HKEY>(key), value, nullptr, type, data, size);
+        const LONG error =
+            Of(spooler)->Called("query " + Narrow(value) + " " + std::to_string(*size));
+        return error != 0
+                   ? error
+                   : RegQueryValueExW(static_cast<HKEY>(key), value, nullptr, type, data, size);
     }
 
     static LONG WINAPI CloseRegistryKey(HKEY key) {
@@ -223,8 +218,8 @@ void FakeSpooler::SetPortKey(const std::wstring& port) const {
 
 void FakeSpooler::SetText(const std::wstring& port, const wchar_t* value,
                           const std::wstring& text) const {
-    RegSetKeyValueW(root_, (L"Ports\\" + port).c_str(), value, REG_SZ, text.c_str(),
-                    static_cast<DWORD>((text.size() + 1) * sizeof(WCHAR)));
+    const auto* bytes = reinterpret_cast<const BYTE*>(text.c_str());
+    SetBytes(port, value, REG_SZ, {bytes, bytes + (text.size() + 1) * sizeof(WCHAR)});
 }
 
 void FakeSpooler::SetNumber(const std::wstring& port, const wchar_t* value, DWORD number) const {
@@ -281,6 +276,41 @@ HANDLE FakeSpooler::OpenXcv(ACCESS_MASK access) const {
     HANDLE handle = nullptr;
     table->pfnXcvOpenPort(monitor, L"", access, &handle);
     return handle;
+}
+
+DWORD FakeSpooler::Xcv(HANDLE xcv, LPCWSTR command, std::wstring name) const {
+    return table->pfnXcvDataPort(xcv, command, reinterpret_cast<PBYTE>(name.data()),
+                                 static_cast<DWORD>((name.size() + 1) * sizeof(WCHAR)), nullptr, 0,
+                                 nullptr);
+}
+
+DWORD FakeSpooler::AddPort(LPCWSTR name, DWORD level, LPWSTR server) const {
+    const auto bytes = reinterpret_cast<LPBYTE>(&name);
+    return table->pfnAddPortEx(monitor, server, level, bytes, nullptr) ? 0 : GetLastError();
+}
+
+HANDLE FakeSpooler::OpenNew(const std::wstring& port, DWORD protocol, WORD tcpPort,
+                            bool doubleSpool) const {
+    AddPort(port.c_str());
+    ConfigurePort(port, protocol, tcpPort, doubleSpool);
+    return Open(port);
+}
+
+BOOL FakeSpooler::Start(HANDLE port, const wchar_t* printer, DWORD job) const {
+    return table->pfnStartDocPort(port, const_cast<LPWSTR>(printer), job, 1, nullptr);
+}
+
+BOOL FakeSpooler::Write(HANDLE port, std::string data, DWORD& written) const {
+    return table->pfnWritePort(port, reinterpret_cast<LPBYTE>(data.data()),
+                               static_cast<DWORD>(data.size()), &written);
+}
+
+bool FakeSpooler::WriteAll(HANDLE port, std::string data) const {
+    DWORD written = 0;
+    while (!data.empty() && Write(port, data, written)) {
+        data.erase(0, written);
+    }
+    return data.empty();
 }
 
 std::vector<std::string> FakeSpooler::TakeCalls() {

@@ -47,6 +47,17 @@ class FakeSpooler {
 
     HANDLE Open(const std::wstring& port) const;  // null when OpenPort fails
     HANDLE OpenXcv(ACCESS_MASK access = SERVER_ACCESS_ADMINISTER) const;
+    DWORD Xcv(HANDLE xcv, LPCWSTR command, std::wstring name) const;
+    // The error that AddPortEx refuses with, or 0.
+    DWORD AddPort(LPCWSTR name, DWORD level = 1, LPWSTR server = nullptr) const;
+    // A port as ConfigurePort makes it, added and opened.
+    HANDLE OpenNew(const std::wstring& port, DWORD protocol, WORD tcpPort,
+                   bool doubleSpool = false) const;
+
+    // The calls of a job.
+    BOOL Start(HANDLE port, const wchar_t* printer = L"Office", DWORD job = 42) const;
+    BOOL Write(HANDLE port, std::string data, DWORD& written) const;
+    bool WriteAll(HANDLE port, std::string data) const;
 
     // What was called since the last TakeCalls, one text a call, such as "open Ports 20006".
     std::vector<std::string> TakeCalls();

@@ -72,12 +72,11 @@ class Request:
         length = reader.number(2 if self.version == 1 else 3)
         if length != len(data):
             raise ValueError("wrong length")
-        if self.version == 1:
-            reader.take(6)
-            self.xid = reader.number(2)
-        else:
-            reader.take(5)
-            self.xid = reader.number(2)
+        flags = reader.number(self.version)
+        self.multicast = self.version == 2 and flags & 0x2000 != 0
+        reader.take(5 if self.version == 1 else 3)
+        self.xid = reader.number(2)
+        if self.version == 2:
             reader.text()
         self.responders = reader.text().split(",")
         self.service, self.scopes, self.attributes = (reader.text() for _ in range(3))
@@ -242,6 +241,7 @@ def serve_connection(population, connection):
         request = Request(connection.recv(2000))
         for agents in population:
             if (agents.service, agents.version) == (request.service, request.version) \
+                    and not request.multicast \
                     and address in agents.numbers and address not in request.responders:
                 agents.serve(connection, request, address)
     except (OSError, ValueError):

@@ -12,9 +12,7 @@
 #include <set>
 
 #include "admin/Text.h"
-#include "admin/PortStore.h"
 #include "tests/ui/Scene.h"
-#include "tools/kestctl/SpoolerHost.h"
 #include "ui/MonitorUI.h"
 #include "ui/Resource.h"
 #include "ui/Texts.h"
@@ -84,6 +82,10 @@ class User {
         const HWND list = Control(IDC_LIST);
         SetFocus(list);
         ListView_SetItemState(list, row, LVIS_SELECTED | LVIS_FOCUSED, LVIS_SELECTED);
+    }
+    void PickTheOnly() const {
+        EXPECT_TRUE(Eventually([&] { return Rows() == 1; }));
+        Pick(0);
     }
     int Rows() const { return ListView_GetItemCount(Control(IDC_LIST)); }
     void Await(UINT id, const std::wstring& part) const {
@@ -312,8 +314,7 @@ TEST_F(Dialogs, CancelledAtEachStep) {
         scene.AddPrinters(1);
         scene.held = command;
         Add(scene, ERROR_CANCELLED, [&](const User& user) {
-            EXPECT_TRUE(Eventually([&] { return user.Rows() == 1; }));
-            user.Pick(0);
+            user.PickTheOnly();
             user.Press(IDC_ADD);
             EXPECT_TRUE(Eventually([&] { return scene.waits.load(); }));
             SendMessageW(user.Window(), WM_COMMAND, IDCANCEL, 0);
@@ -330,8 +331,7 @@ TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
         scene.AddPrinters(1);
         scene.monitor.failing[step] = ERROR_ACCESS_DENIED;
         Add(scene, ERROR_CANCELLED, [&](const User& user) {
-            EXPECT_TRUE(Eventually([&] { return user.Rows() == 1; }));
-            user.Pick(0);
+            user.PickTheOnly();
             user.Press(IDC_ADD);
             user.Dismiss("right to manage the print server");
             EXPECT_TRUE(user.Enabled(IDC_ADD));
@@ -345,8 +345,7 @@ TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
     scene.monitor.failing[L"AddPort"] = ERROR_ALREADY_EXISTS;
     Add(scene, ERROR_CANCELLED, [&](const User& user) {
         for (const wchar_t* name : {L"OFFICE", L"LPT1:"}) {
-            EXPECT_TRUE(Eventually([&] { return user.Rows() == 1; }));
-            user.Pick(0);
+            user.PickTheOnly();
             user.Type(IDC_NAME, name);
             user.Press(IDC_ADD);
             user.AwaitProblem(IDS_NAME_TAKEN);
@@ -437,32 +436,6 @@ TEST_F(Dialogs, DeletingAsks) {
         user.Press(IDC_DELETE);
     });
     EXPECT_THAT(scene.monitor.ports, IsEmpty());
-}
-
-// Over the monitor itself: what the dialogues write is what it reads.
-TEST_F(Dialogs, APortOfTheMonitorComesAndGoes) {
-    const std::wstring key = L"SOFTWARE\\kestui-test-" + std::to_wstring(GetCurrentProcessId());
-    Scene scene;
-    scene.AddPrinters(1);
-    scene.environment.openChannel = [&key](const std::wstring&) {
-        return std::make_unique<SpoolerHost>(KESTMON_DLL, key.c_str());
-    };
-    Add(scene, ERROR_SUCCESS, [](const User& user) {
-        EXPECT_TRUE(Eventually([&] { return user.Rows() == 1; }));
-        user.Pick(0);
-        user.Type(IDC_NAME, L"Office");
-        user.Press(IDC_ADD);
-    });
-    {
-        SpoolerHost host(KESTMON_DLL, key.c_str());
-        EXPECT_TRUE(
-            SameSettings(ReadPort(host, L"Office"), Port("10.1.0.2", "0004004A0025", "prn-1")));
-    }
-    Delete(scene, ERROR_SUCCESS, [](const User& user) {
-        user.Await(IDC_QUESTION, L"Delete the port Office?");
-        user.Press(IDC_DELETE);
-    });
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str());
 }
 
 // The shipped library, as the print system has it, over this machine's spooler.
