@@ -60,6 +60,17 @@ int Connect(const addrinfo& address, milliseconds timeout) {
     return error == WSAEWOULDBLOCK ? Connected(socket.Get(), timeout) : error;
 }
 
+std::string ConnectionError(int error) {
+    switch (error) {
+        case WSAETIMEDOUT:
+            return "does not answer";
+        case WSAECONNREFUSED:
+            return "refuses connections";
+        default:
+            return ErrorText(static_cast<DWORD>(error));
+    }
+}
+
 // Tries the host's addresses one after the other, as a job does.
 Connection TryConnection(const std::string& host, DWORD port, milliseconds timeout) {
     const auto begin = steady_clock::now();
@@ -82,7 +93,7 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
             return {{}, took()};
         }
     }
-    return {ErrorText(static_cast<DWORD>(error)), took()};
+    return {ConnectionError(error), took()};
 }
 
 std::vector<PrinterIdentity> SearchForAll() {
@@ -153,6 +164,7 @@ void Locate(CheckedPort& port, const std::vector<PrinterIdentity>& printers) {
         port.found = found;
         if (port.state == PortState::Unreachable) {
             port.state = PortState::Moved;
+            port.detail.clear();
         }
     }
 }

@@ -24,9 +24,8 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Reme
     while (!enumerate(buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count)) {
         const DWORD error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
-            throw CommandFailed(failure + ": " + ErrorText(error), error == RPC_S_SERVER_UNAVAILABLE
-                                                                       ? Remedy::StartSpooler
-                                                                       : Remedy::None);
+            throw CommandFailed(failure + ": " + ErrorText(error),
+                                error == RPC_S_SERVER_UNAVAILABLE ? remedy : Remedy::None);
         }
         buffer.resize(needed);
     }
