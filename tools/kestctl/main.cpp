@@ -150,6 +150,7 @@ int Run() {
     AddSlpCommands(app);
     AddSettingsCommands(app);
     AddFindCommand(app);
+    AddConfigCommands(app);
     WindowsMachine machine;
     AddMonitorCommands(app, openChannel, machine);
     AddSelfTestCommand(app, openChannel);
