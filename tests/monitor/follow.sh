@@ -216,8 +216,10 @@ home() {
     agents "service:printer first=10.77.1.61 list=$(announcement "$1" 000400000061 prn-61 Model)" "${@:2}"
 }
 home 10.77.1.61 "service:printer first=10.77.1.62 list=$(announcement 10.77.1.62 none prn-62 Model)"
+set -m # a group of its own, which hears Ctrl-C
 kestctl find --watch --json >"$work/watched" &
 watcher=$!
+set +m
 watched() { # TEXT: a line with it comes
     local tries=0
     until grep -q "$1" "$work/watched"; do
@@ -231,8 +233,9 @@ home 10.77.1.63
 watched '"address":"10.77.1.63","addressBefore":"10.77.1.61","event":"moved"'
 watched '"address":"10.77.1.62","event":"went"'
 expect "events" "$(wc -l <"$work/watched")" 4
-kill "$watcher"
-wait "$watcher" || true
+kill -INT -- "-$watcher"
+watched '"came":2,"event":"end","here":1,"moved":1,.*"went":1}'
+wait "$watcher" || fail "kestctl find --watch ends with $?"
 
 say "it is where it was, and takes no job"
 printers_off
