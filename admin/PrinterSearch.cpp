@@ -176,6 +176,13 @@ CommandFailed WhyNotFound(PrinterDiscovery& search, const IPAddress& address,
 
 }  // namespace
 
+std::wstring SearchFilePath() {
+    const UniqueLibrary monitor = InstalledMonitor();
+    wchar_t path[MAX_PATH];
+    const std::wstring module(path, GetModuleFileNameW(monitor.Get(), path, MAX_PATH));
+    return module.substr(0, module.rfind(L'\\')) + L"\\SLPConf.xml";
+}
+
 size_t FindPrinters(const std::string& modelPattern,
                     const std::function<void(const Printer&)>& found,
                     const std::function<bool()>& goOn) {

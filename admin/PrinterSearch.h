@@ -12,6 +12,9 @@
 // cannot be made, and when a search for one printer does not find it.
 //   modelPattern: as PrinterDiscovery::Configure takes it; empty for all models.
 
+// The path of the SLPConf.xml that these searches read, whether there is one or not.
+std::wstring SearchFilePath();
+
 // Searches for all printers whose model matches, and returns when nobody new answers: after about
 // 1 s, or 3.5 s without an answer, 5 s at most.
 //   found: called on this thread for each printer with an address, as it answers.

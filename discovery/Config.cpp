@@ -115,7 +115,14 @@ bool Config::Initialize(const std::wstring& fileName) noexcept {
     try {
         const std::wstring path = ModuleFolder() + fileName;
         LogInfo(kInitialize, "XMLfile path: ", system_helper::ToNarrow(path));
+        return InitializeFrom(path);
+    } catch (...) {
+        return false;
+    }
+}
 
+bool Config::InitializeFrom(const std::wstring& path) noexcept {
+    try {
         // Never uninitialised: the thread is the spooler's, which may have initialised COM before
         // and go on using it.
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);

@@ -20,6 +20,9 @@ class Config {
     // as they were. An element that is missing leaves its value as it was, and is no failure.
     bool Initialize(const std::wstring& fileName) noexcept;
 
+    // The same of a file by its whole path, wherever it lies.
+    bool InitializeFrom(const std::wstring& path) noexcept;
+
     // Empties all texts.
     void Reset() noexcept;
 

@@ -178,6 +178,65 @@ Büro                  Model 100                  10.77.9.1         00040000004A
 [[ $(kestctl find --json) == *'"hostName": "Büro"'*'"mac": "00040000004A"'* ]] ||
     fail "kestctl find --json calls them otherwise than kestctl port"
 
+say "kestctl config learn: a make with tags, a service type and a version of its own"
+agents "service:x-acme version=1 first=10.77.1.60 list=(x-net=10.77.1.60),(x-hw=000400000060),\
+(x-serial=0023456789AB),(x-host=prn-6),(x-id=MFG:Acme;MDL:Model_600;DES:Hall;)"
+cp "$bin/SLPConf.xml" "$work/shipped.xml"
+if said=$(kestctl config learn 10.77.1.60 2>&1); then
+    fail "kestctl config learn knows what nobody told it: $said"
+fi
+[[ $said == *"did not answer under any of 6 service types"* ]] || fail "config learn: $said"
+kestctl config learn 10.77.1.60 --service service:x-acme >"$work/said"
+cmp "$work/shipped.xml" "$bin/SLPConf.xml" || fail "kestctl config learn writes unasked"
+grep -q '^note: .x-serial. fits <mac_addr_key>' "$work/said" || fail "$(cat "$work/said")"
+kestctl config learn 10.77.1.60 --service service:x-acme --write >"$work/said" ||
+    fail "kestctl config learn --write: $(cat "$work/said")"
+expect "searches" "$(grep -c '^a search by .*: *found$' "$work/said")" 2
+cmp "$work/shipped.xml" "$bin/SLPConf.xml.old" || fail "the old SLPConf.xml is not kept"
+[[ $(kestctl config check) == *"no problem" ]] || fail "what was learned has problems"
+kestctl find --mac 000400000060 | grep -q 10.77.1.60 || fail "the learned printer is not found"
+cp "$bin/SLPConf.xml" "$work/learned.xml"
+
+say "an old file that finds more comes back; one that is wrong is told"
+agents "service:x-acme version=1 first=10.77.1.60 list=(x-net=10.77.1.60),(x-hw=000400000060)" \
+    "service:printer first=10.77.1.60 unicast list=$(announcement 10.77.1.60 000400000060 prn-6 Model)"
+if said=$(kestctl config learn 10.77.1.60 --write 2>&1); then
+    fail "kestctl config learn --write keeps a worse file: $said"
+fi
+cmp "$work/learned.xml" "$bin/SLPConf.xml" || fail "the old file is not back: $said"
+sed -i 's/>1</>2</' "$bin/SLPConf.xml"
+if said=$(kestctl config check 2>&1); then
+    fail "kestctl config check finds nothing: $said"
+fi
+[[ $said == "line 10: <multicast_address> is the group of the other version"* ]] || fail "$said"
+cp "$work/shipped.xml" "$bin/SLPConf.xml"
+
+say "kestctl find --watch: printers come, one moves, one goes"
+home() {
+    agents "service:printer first=10.77.1.61 list=$(announcement "$1" 000400000061 prn-61 Model)" "${@:2}"
+}
+home 10.77.1.61 "service:printer first=10.77.1.62 list=$(announcement 10.77.1.62 none prn-62 Model)"
+set -m # a group of its own, which hears Ctrl-C
+kestctl find --watch --json >"$work/watched" &
+watcher=$!
+set +m
+watched() { # TEXT: a line with it comes
+    local tries=0
+    until grep -q "$1" "$work/watched"; do
+        [ $((tries += 1)) -le 600 ] || fail "no $1 in: $(cat "$work/watched")"
+        sleep 0.1
+    done
+}
+watched '"came".*prn-61'
+watched '"came".*prn-62'
+home 10.77.1.63
+watched '"address":"10.77.1.63","addressBefore":"10.77.1.61","event":"moved"'
+watched '"address":"10.77.1.62","event":"went"'
+expect "events" "$(wc -l <"$work/watched")" 4
+kill -INT -- "-$watcher"
+watched '"came":2,"event":"end","here":1,"moved":1,.*"went":1}'
+wait "$watcher" || fail "kestctl find --watch ends with $?"
+
 say "it is where it was, and takes no job"
 printers_off
 announce "$(announcement 10.77.1.28 000400000028 prn-8 Model_100)"

@@ -14,6 +14,7 @@ Each argument is a group of agents that answer requests for one service type. Th
   deaf=0           how many sendings of a request they miss before they hear one
   error=0          the error code that they answer with instead of a list
   silent           they never answer
+  unicast          they hear only what is sent to them alone
   tcp=whole        the datagram is marked as cut short, and the list comes by TCP: `whole`, or
                    `stall` (nothing comes), `drip` (a byte now and then), `endless` (bytes
                    without end), `cut` (half of it), `refuse` (of no connection: none is taken)
@@ -115,6 +116,7 @@ class Agents:
         self.deaf = int(values.get("deaf", 0))
         self.error = int(values.get("error", 0))
         self.silent = "silent" in values
+        self.unicast = "unicast" in values
         self.tcp = values.get("tcp")
         self.numbers = {str(first + n): n for n in range(int(values.get("count", 1)))}
         self.heard = {}
@@ -125,7 +127,8 @@ class Agents:
 
     def answers(self, request, asked):
         """(delay, address, datagram) for each agent that answers; `asked` is one, or None."""
-        if request.service != self.service or request.version != self.version or self.silent:
+        if request.service != self.service or request.version != self.version or self.silent \
+                or (self.unicast and asked is None):
             return
         sending = self.heard[request.xid] = self.heard.get(request.xid, 0) + 1
         if sending <= self.deaf:

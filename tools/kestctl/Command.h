@@ -91,6 +91,7 @@ void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);
 void AddFindCommand(CLI::App& app);
+void AddConfigCommands(CLI::App& app);
 void AddSettingsCommands(CLI::App& app);
 void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine);

@@ -15,6 +15,7 @@
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/FindWatch.h"
 #include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/Progress.h"
 
@@ -25,6 +26,7 @@ struct FindArguments {
     std::string hostName;
     std::string ip;
     std::string model;
+    bool watch = false;
     bool json = false;
 };
 
@@ -183,6 +185,20 @@ void AddFindCommand(CLI::App& app) {
     command
         .add_option("--model", arguments->model, "Only models like this: * any text, ? any letter")
         ->check(NotEmpty());
+    command
+        .add_flag("--watch", arguments->watch,
+                  "Go on asking, every 5 s, and tell when a printer comes, moves, or goes (three "
+                  "rounds without an answer), until Ctrl-C, which is no failure here: exit code 0. "
+                  "With --json one document a line")
+        ->excludes(mac)
+        ->excludes(hostName)
+        ->excludes(ip);
     AddJsonFlag(command, arguments->json);
-    command.callback([arguments] { RunFind(*arguments); });
+    command.callback([arguments] {
+        if (arguments->watch) {
+            WatchPrinters(arguments->model, arguments->json);
+        } else {
+            RunFind(*arguments);
+        }
+    });
 }

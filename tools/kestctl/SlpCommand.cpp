@@ -14,6 +14,7 @@
 #include "slp/Slp.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Progress.h"
+#include "tools/kestctl/SlpHandle.h"
 
 namespace {
 
@@ -24,12 +25,6 @@ struct FindArguments {
     std::vector<std::string> interfaces;
     bool json = false;
 };
-
-struct CloseHandleOfSlp {
-    using pointer = SLPHandle;
-    void operator()(SLPHandle handle) const { SLPClose(handle); }
-};
-using UniqueSlpHandle = std::unique_ptr<void, CloseHandleOfSlp>;
 
 // What the request's callback is handed.
 struct Findings {

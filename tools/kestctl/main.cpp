@@ -145,6 +145,7 @@ int Run() {
     AddSlpCommands(app);
     AddSettingsCommands(app);
     AddFindCommand(app);
+    AddConfigCommands(app);
     WindowsMachine machine;
     AddMonitorCommands(app, openChannel, machine);
     AddSelfTestCommand(app, openChannel);

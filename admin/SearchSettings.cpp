@@ -1,0 +1,515 @@
+#include "admin/SearchSettings.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <string_view>
+
+#include "admin/CommandFailed.h"
+#include "admin/Text.h"
+#include "diag/Resource.h"
+#include "discovery/Config.h"
+
+namespace {
+
+constexpr size_t kLargestFile = 1 << 20;  // bytes
+constexpr size_t kKeyLength = 3;          // of the identifier's fields, "MDL"
+constexpr size_t kLongestTag = 100;       // of an attribute, in the file
+constexpr char kBlanks[] = " \t\r\n";
+constexpr int kKeptFiles = 1000;
+
+constexpr struct {
+    const char* name;
+    const char* path;
+    const char* comment;  // above it in a file that is written
+} kElements[] = {
+    {"version", "/slp_config/version", "The version of SLP that the printers speak: 1 or 2."},
+    {"service_name", "/slp_config/service_name", "The service type that they announce."},
+    {"multicast_address", "/slp_config/multicast_address",
+     "The IPv4 multicast group that they listen on."},
+    {"ip_addr_key", "/slp_config/attr_parsing_info/ip_addr_key",
+     "The attribute with the printer's address, of the interface in use."},
+    {"ip_addr2_key", "/slp_config/attr_parsing_info/ip_addr2_key",
+     "The attribute with its second address."},
+    {"mac_addr_key", "/slp_config/attr_parsing_info/mac_addr_key",
+     "The attribute with its MAC address, twelve hexadecimal digits."},
+    {"host_name_key", "/slp_config/attr_parsing_info/host_name_key",
+     "The attribute with its host name."},
+    {"device_id_string_key", "/slp_config/attr_parsing_info/device_id_string_key",
+     "The attribute with its device identifier (IEEE 1284)."},
+    {"model_name_key", "/slp_config/attr_parsing_info/model_name_key",
+     "The three-letter key of the model in it."},
+    {"description_key", "/slp_config/attr_parsing_info/description_key",
+     "The three-letter key of the description in it."},
+};
+static_assert(std::size(kElements) == kSearchElements);
+
+std::string Trimmed(const std::string& text) {
+    const size_t begin = text.find_first_not_of(kBlanks);
+    return begin == std::string::npos
+               ? ""
+               : text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
+}
+
+std::string Named(const std::string& name) {
+    return '<' + Printable(name) + '>';
+}
+
+struct Element {
+    std::string path;
+    std::string name;
+    std::string text;
+    size_t line;
+};
+
+// Walks through a document tag by tag. It knows as much of XML as it takes to say where an element
+// stands; whether all is as it should be is the system's parser's to decide.
+class Walk {
+  public:
+    Walk(const std::string& xml, std::vector<SearchFinding>& findings)
+        : xml_(xml), findings_(findings) {}
+
+    // Returns the elements in their order; with a finding when the tags are not properly nested.
+    std::vector<Element> Elements() {
+        while (at_ < xml_.size() && Step()) {
+        }
+        if (findings_.empty() && !open_.empty()) {
+            const Element& last = elements_[open_.back()];
+            findings_.push_back({last.line, true, Named(last.name) + " is not closed"});
+        } else if (findings_.empty() && elements_.empty()) {
+            findings_.push_back({1, true, "there is no element in the file"});
+        }
+        return std::move(elements_);
+    }
+
+  private:
+    bool Step() {
+        const std::string_view rest = std::string_view(xml_).substr(at_);
+        if (rest.starts_with("<!--")) {
+            return Pass("-->");
+        }
+        if (rest.starts_with("<![CDATA[")) {
+            const size_t begin = at_ + 9;
+            return Pass("]]>") && Text(xml_.substr(begin, at_ - 3 - begin));
+        }
+        if (rest.starts_with("<?")) {
+            return Pass("?>");
+        }
+        if (rest.starts_with("<!")) {
+            return Fail("a document type declaration: leave it out");
+        }
+        if (rest.starts_with("<")) {
+            return Tag();
+        }
+        const size_t begin = at_;
+        Forward(std::min(xml_.find('<', at_), xml_.size()));
+        return Text(Resolved(xml_.substr(begin, at_ - begin)));
+    }
+
+    bool Tag() {
+        const size_t line = line_;
+        const size_t begin = at_ + 1;
+        if (!Pass(">")) {
+            return false;
+        }
+        std::string tag = xml_.substr(begin, at_ - 1 - begin);
+        if (tag.starts_with("/")) {
+            return Close(Trimmed(tag.substr(1)), line);
+        }
+        const bool empty = tag.ends_with("/");
+        const std::string name = tag.substr(0, tag.find_first_of(" \t\r\n/"));
+        const std::string above = open_.empty() ? "" : elements_[open_.back()].path;
+        open_.push_back(elements_.size());
+        elements_.push_back({above + '/' + name, name, "", line});
+        return !empty || Close(name, line);
+    }
+
+    bool Close(const std::string& name, size_t line) {
+        if (open_.empty() || elements_[open_.back()].name != name) {
+            const std::string expected =
+                open_.empty() ? "no element is open there"
+                              : Named(elements_[open_.back()].name) + " of line " +
+                                    std::to_string(elements_[open_.back()].line) + " is open there";
+            findings_.push_back({line, true, Named('/' + name) + " closes nothing: " + expected});
+            return false;
+        }
+        open_.pop_back();
+        return true;
+    }
+
+    bool Text(const std::string& text) {
+        if (!open_.empty()) {
+            elements_[open_.back()].text += text;
+        } else if (!Trimmed(text).empty() && text != "\xEF\xBB\xBF") {
+            return Fail("text outside of all elements");
+        }
+        return true;
+    }
+
+    // The five names that every document has; others are for the parser to complain about.
+    static std::string Resolved(std::string text) {
+        constexpr std::pair<const char*, const char*> kNames[] = {
+            {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&amp;", "&"}};
+        for (const auto& [name, character] : kNames) {
+            for (size_t at = 0; (at = text.find(name, at)) != std::string::npos; ++at) {
+                text.replace(at, std::string_view(name).size(), character);
+            }
+        }
+        return text;
+    }
+
+    bool Pass(const char* end) {
+        const size_t found = xml_.find(end, at_);
+        if (found == std::string::npos) {
+            return Fail(std::string("what begins here has no '") + end + "'");
+        }
+        Forward(found + std::string_view(end).size());
+        return true;
+    }
+
+    void Forward(size_t to) {
+        line_ += static_cast<size_t>(std::count(&xml_[at_], &xml_[at_] + (to - at_), '\n'));
+        at_ = to;
+    }
+
+    bool Fail(const std::string& text) {
+        findings_.push_back({line_, true, text});
+        return false;
+    }
+
+    const std::string& xml_;
+    std::vector<SearchFinding>& findings_;
+    std::vector<Element> elements_;
+    std::vector<size_t> open_;  // places in elements_
+    size_t at_ = 0;
+    size_t line_ = 1;
+};
+
+// The checks of values, once it is known where they stand.
+class Check {
+  public:
+    Check(SearchFile& file, const std::array<size_t, kSearchElements>& lines)
+        : file_(file), lines_(lines) {
+        std::transform(file.values.begin(), file.values.end(), values_.begin(), Trimmed);
+    }
+
+    void All() {
+        for (size_t i = 0; i < kSearchElements; ++i) {
+            if (values_[i] != file_.values[i]) {
+                Problem(i, "has blanks or a line end around its value: they count as part of it");
+            }
+        }
+        Request();
+        Group();
+        Attributes();
+        Identifier();
+    }
+
+  private:
+    void Add(size_t element, bool problem, const std::string& text) {
+        if (lines_[element] != 0) {
+            file_.findings.push_back(
+                {lines_[element], problem, Named(kElements[element].name) + ' ' + text});
+        }
+    }
+    void Problem(size_t element, const std::string& text) { Add(element, true, text); }
+    void Note(size_t element, const std::string& text) { Add(element, false, text); }
+
+    void Request() {
+        if (values_[kVersion] != "1" && values_[kVersion] != "2") {
+            Problem(kVersion, "is '" + Printable(values_[kVersion]) + "': SLP has 1 and 2");
+        }
+        const std::string& service = values_[kServiceName];
+        if (!service.starts_with("service:")) {
+            Problem(kServiceName,
+                    "is '" + Printable(service) + "': a service type begins with 'service:'");
+        }
+    }
+
+    void Group() {
+        const std::string& group = values_[kGroup];
+        unsigned octets[4] = {};
+        char more = 0;
+        const bool dotted =
+            group.find_first_not_of("0123456789.") == std::string::npos &&
+            sscanf(group.c_str(), "%3u.%3u.%3u.%3u%c", &octets[0], &octets[1], &octets[2],
+                   &octets[3], &more) == 4 &&
+            std::all_of(octets, octets + 4, [](unsigned octet) { return octet < 256; });
+        const std::string own = GroupOf(values_[kVersion]);
+        if (!dotted || octets[0] == 0 || octets[0] >= 240) {
+            Problem(kGroup, "is '" + Printable(group) + "': no IPv4 multicast group, as " + own);
+            return;
+        }
+        const std::string canonical = std::to_string(octets[0]) + '.' + std::to_string(octets[1]) +
+                                      '.' + std::to_string(octets[2]) + '.' +
+                                      std::to_string(octets[3]);
+        if (group != canonical) {
+            Problem(kGroup, "has leading zeros: Windows reads such parts as octal numbers");
+        } else if (group != own && (group == GroupOf("1") || group == GroupOf("2"))) {
+            Problem(kGroup, "is the group of the other version of SLP: that of version " +
+                                Printable(values_[kVersion]) + " is " + own);
+        } else if (octets[0] < 224) {
+            Note(kGroup, "is the address of a single host: only that is asked");
+        } else if (group != own) {
+            Note(kGroup, "is not SLP's own group, " + own + ": printers have to be set to it");
+        }
+    }
+
+    void Attributes() {
+        for (const size_t i : {kIpAddrKey, kIpAddr2Key, kMacAddrKey, kHostNameKey, kDeviceIdKey}) {
+            if (const std::string problem = TagProblem(values_[i]);
+                !values_[i].empty() && !problem.empty()) {
+                Problem(i, problem);
+            }
+        }
+        if (values_[kIpAddrKey].empty()) {
+            Problem(kIpAddrKey, "is empty: the address of no printer is known");
+        }
+        if (values_[kMacAddrKey].empty() && values_[kHostNameKey].empty()) {
+            Problem(kMacAddrKey, "is empty, and so is <host_name_key>: no port can follow");
+        } else if (values_[kMacAddrKey].empty()) {
+            Note(kMacAddrKey, "is empty: ports follow by host name alone");
+        } else if (values_[kHostNameKey].empty()) {
+            Note(kHostNameKey, "is empty: ports follow by MAC address alone");
+        }
+    }
+
+    void Identifier() {
+        if (values_[kDeviceIdKey].empty()) {
+            Note(kDeviceIdKey, "is empty: printers have no model");
+            return;
+        }
+        for (const size_t i : {kModelKey, kDescriptionKey}) {
+            const std::string& key = values_[i];
+            const bool letters = std::all_of(key.begin(), key.end(), [](unsigned char letter) {
+                return letter < 0x80 && std::isalnum(letter);
+            });
+            if (key.size() != kKeyLength || !letters) {
+                Problem(i, "is '" + Printable(key) +
+                               "': keys have three letters, and another value is cut out wrongly");
+            }
+        }
+    }
+
+    SearchFile& file_;
+    const std::array<size_t, kSearchElements>& lines_;
+    SearchSettings values_;
+};
+
+// Takes the values out of the elements, with the lines in which they stand (0: nowhere).
+std::array<size_t, kSearchElements> TakeValues(const std::vector<Element>& elements,
+                                               SearchFile& file) {
+    std::array<size_t, kSearchElements> lines = {};
+    for (const Element& element : elements) {
+        const auto* known =
+            std::find_if(std::begin(kElements), std::end(kElements),
+                         [&](const auto& candidate) { return candidate.path == element.path; });
+        const auto i = static_cast<size_t>(known - kElements);
+        if (known == std::end(kElements)) {
+            if (element.path != "/slp_config" && element.path != "/slp_config/attr_parsing_info") {
+                file.findings.push_back(
+                    {element.line, false,
+                     Named(element.name) + " is ignored: it means nothing, here at least"});
+            }
+        } else if (lines[i] != 0) {
+            file.findings.push_back({element.line, true,
+                                     Named(element.name) + " is there already, in line " +
+                                         std::to_string(lines[i]) + ": that one counts"});
+        } else {
+            lines[i] = element.line;
+            file.values[i] = element.text;
+        }
+    }
+    for (size_t i = 0; i < kSearchElements; ++i) {
+        if (lines[i] == 0) {
+            const bool inner =
+                std::string_view(kElements[i].path).find("parsing") != std::string::npos;
+            const auto parent =
+                std::find_if(elements.begin(), elements.end(), [&](const Element& element) {
+                    return element.path ==
+                           (inner ? "/slp_config/attr_parsing_info" : "/slp_config");
+                });
+            file.findings.push_back({parent == elements.end() ? 1 : parent->line, true,
+                                     Named(kElements[i].name) + " is missing"});
+        }
+    }
+    return lines;
+}
+
+std::string ReadWhole(const std::wstring& path) {
+    const UniqueFile file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                      OPEN_EXISTING, 0, nullptr));
+    LARGE_INTEGER size = {};
+    if (!file || !GetFileSizeEx(file.Get(), &size)) {
+        throw CommandFailed(ToUtf8(path) + " cannot be read: " + ErrorText(GetLastError()));
+    }
+    if (size.QuadPart > static_cast<LONGLONG>(kLargestFile)) {
+        throw CommandFailed(ToUtf8(path) + " is too long to be an SLPConf.xml");
+    }
+    std::string content(static_cast<size_t>(size.QuadPart), '\0');
+    DWORD count = 0;
+    if (!ReadFile(file.Get(), content.data(), static_cast<DWORD>(content.size()), &count,
+                  nullptr)) {
+        throw CommandFailed(ToUtf8(path) + " cannot be read: " + ErrorText(GetLastError()));
+    }
+    content.resize(count);
+    if (content.starts_with("\xFF\xFE")) {  // UTF-16, as the system's editor may save it
+        std::wstring wide(content.size() / sizeof(wchar_t), L'\0');
+        content.copy(reinterpret_cast<char*>(wide.data()), wide.size() * sizeof(wchar_t));
+        content = ToUtf8(wide.substr(1));
+    }
+    return content;
+}
+
+[[noreturn]] void FailToWrite(const std::wstring& path) {
+    const DWORD code = GetLastError();
+    throw CommandFailed(ToUtf8(path) + " cannot be written: " + ErrorText(code),
+                        code == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
+}
+
+// Copies a file beside itself, under the first name that is free.
+std::wstring Keep(const std::wstring& path) {
+    for (int number = 1; number <= kKeptFiles; ++number) {
+        const std::wstring kept = path + L".old" + (number == 1 ? L"" : std::to_wstring(number));
+        if (CopyFileW(path.c_str(), kept.c_str(), TRUE)) {
+            return kept;
+        }
+        if (GetLastError() == ERROR_FILE_NOT_FOUND) {
+            return {};
+        }
+        if (GetLastError() != ERROR_FILE_EXISTS) {
+            FailToWrite(kept);
+        }
+    }
+    throw CommandFailed("there are " + std::to_string(kKeptFiles) + " kept files beside " +
+                        ToUtf8(path) + " already: take some away");
+}
+
+void WriteWhole(const std::wstring& path, const std::string& content) {
+    const UniqueFile file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD count = 0;
+    if (!file ||
+        !WriteFile(file.Get(), content.data(), static_cast<DWORD>(content.size()), &count,
+                   nullptr) ||
+        count != content.size() || !FlushFileBuffers(file.Get())) {
+        FailToWrite(path);
+    }
+}
+
+std::string Escaped(const std::string& text) {
+    std::string xml;
+    for (const char character : text) {
+        xml += character == '&'   ? "&amp;"
+               : character == '<' ? "&lt;"
+               : character == '>' ? "&gt;"
+                                  : std::string(1, character);
+    }
+    return xml;
+}
+
+}  // namespace
+
+const char* NameOf(SearchElement element) {
+    return kElements[element].name;
+}
+
+SearchFile CheckSearchText(const std::string& xml) {
+    SearchFile file;
+    const std::vector<Element> elements = Walk(xml, file.findings).Elements();
+    file.wellFormed = file.findings.empty();
+    if (file.wellFormed) {
+        const auto lines = TakeValues(elements, file);
+        Check(file, lines).All();
+        std::stable_sort(file.findings.begin(), file.findings.end(),
+                         [](const auto& a, const auto& b) { return a.line < b.line; });
+    }
+    return file;
+}
+
+SearchFile ReadSearchFile(const std::wstring& path) {
+    SearchFile file = CheckSearchText(ReadWhole(path));
+    if (file.wellFormed && !Config().InitializeFrom(path)) {
+        file.wellFormed = false;
+        file.findings.insert(file.findings.begin(),
+                             {1, true,
+                              "Windows' XML parser refuses the file: look for a bare '&', an "
+                              "attribute without quotes, or letters that are not in the encoding "
+                              "that the first line names"});
+    }
+    return file;
+}
+
+std::string TagProblem(const std::string& tag) {
+    if (tag.empty()) {
+        return "is empty";
+    }
+    if (tag.size() > kLongestTag) {
+        return "is longer than " + std::to_string(kLongestTag) + " characters";
+    }
+    const bool odd = std::any_of(tag.begin(), tag.end(), [](unsigned char byte) {
+        return byte < 0x20 || byte >= 0x7F ||
+               std::string_view("(),\\!<=>~").find(static_cast<char>(byte)) !=
+                   std::string_view::npos;
+    });
+    if (odd) {
+        return "has a character that no attribute's tag can have here: brackets, commas, "
+               "comparisons, or one beyond ASCII";
+    }
+    return Trimmed(tag) == tag ? "" : "has blanks around it";
+}
+
+const char* GroupOf(const std::string& version) {
+    return version == "1" ? "224.0.1.22" : "239.255.255.253";
+}
+
+std::string ToXml(const SearchSettings& settings) {
+    std::string xml =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+        "<!-- How kestmon finds the printers of this network: docs/SLPConf.md explains it.\n"
+        "     Values are taken as they stand: no blanks or line ends around them. -->\n"
+        "<slp_config>\n";
+    std::string indent = "  ";
+    for (size_t i = 0; i < kSearchElements; ++i) {
+        if (i == kIpAddrKey) {
+            xml += "  <attr_parsing_info>\n";
+            indent = "    ";
+        }
+        const std::string name = kElements[i].name;
+        xml += indent + "<!-- " + kElements[i].comment + " -->\n" + indent + '<' + name + '>' +
+               Escaped(settings[i]) + "</" + name + ">\n";
+    }
+    return xml + "  </attr_parsing_info>\n</slp_config>\n";
+}
+
+std::wstring ReplaceSearchFile(const std::wstring& path, const std::string& xml) {
+    const std::wstring fresh = path + L".new";
+    WriteWhole(fresh, xml);
+    std::wstring kept;
+    try {
+        kept = Keep(path);
+        if (!MoveFileExW(fresh.c_str(), path.c_str(),
+                         MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+            FailToWrite(path);
+        }
+    } catch (...) {
+        DeleteFileW(fresh.c_str());
+        if (!kept.empty()) {
+            DeleteFileW(kept.c_str());
+        }
+        throw;
+    }
+    return kept;
+}
+
+void RestoreSearchFile(const std::wstring& path, const std::wstring& kept) {
+    const bool done = kept.empty()
+                          ? DeleteFileW(path.c_str())
+                          : MoveFileExW(kept.c_str(), path.c_str(),
+                                        MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+    if (!done) {
+        FailToWrite(path);
+    }
+}

@@ -1,0 +1,95 @@
+#include "admin/SearchSettings.h"
+
+#include <gmock/gmock.h>
+
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+using testing::HasSubstr;
+
+SearchSettings Good() {
+    return {"2",           "service:printer", "239.255.255.253",   "ip-address", "ip-address-2",
+            "mac-address", "host-name",       "printer-device-id", "MDL",        "DES"};
+}
+
+std::string Told(const SearchFile& file) {
+    std::string told;
+    for (const SearchFinding& finding : file.findings) {
+        told +=
+            std::to_string(finding.line) + (finding.problem ? ": " : "~ ") + finding.text + '\n';
+    }
+    return told;
+}
+
+TEST(SearchSettings, SayWhatIsWrongAndWhere) {
+    const std::string good = ToXml(Good());
+    const SearchFile file = CheckSearchText(good);
+    EXPECT_EQ(Told(file), "");
+    EXPECT_EQ(file.values, Good());
+    const struct {
+        const char* from;
+        const char* to;
+        const char* told;
+    } cases[] = {
+        {"<version>2<", "<version>3<", "6: <version> is '3': SLP has 1 and 2"},
+        {"<version>2<", "<version>1<", "10: <multicast_address> is the group of the other version"},
+        {"<version>2<", "<version>\n2<", "6: <version> has blanks or a line end"},
+        {">service:printer<", ">printer<", "8: <service_name> is 'printer'"},
+        {">239.255.255.253<", ">239.255.255.053<", "10: <multicast_address> has leading zeros"},
+        {">239.255.255.253<", ">10.0.0.7<", "10~ <multicast_address> is the address of a single"},
+        {">239.255.255.253<", ">slp.example<", "10: <multicast_address> is 'slp.example': no IPv4"},
+        {">ip-address<", "><", "13: <ip_addr_key> is empty"},
+        {">mac-address<", ">mac-address <", "17: <mac_addr_key> has blanks"},
+        {">mac-address<", ">(mac)<", "17: <mac_addr_key> has a character"},
+        {">MDL<", ">MODEL<", "23: <model_name_key> is 'MODEL': keys have three letters"},
+        {">DES<", "><", "25: <description_key> is ''"},
+        {"<host_name_key>host-name</host_name_key>", "", "11: <host_name_key> is missing"},
+        {"<version>2</version>", "<version>2</version><version>1</version>",
+         "6: <version> is there already, in line 6"},
+        {"mac_addr_key>", "mac_adr_key>", "17: </mac_addr_key> closes nothing: <mac_adr_key> of"},
+        {"</slp_config>", "", "4: <slp_config> is not closed"},
+        {"-->", "->", "2: what begins here has no '-->'"},
+        {"<slp_config>", "<!DOCTYPE a><slp_config>", "4: a document type declaration"},
+    };
+    for (const auto& c : cases) {
+        std::string text = good;
+        text.replace(text.find(c.from), std::string(c.from).size(), c.to);
+        if (std::string(c.from) == "-->") {
+            for (size_t at; (at = text.find("-->")) != std::string::npos;) {
+                text.erase(at, 3);
+            }
+        }
+        EXPECT_THAT(Told(CheckSearchText(text)), HasSubstr(c.told)) << c.from << " as " << c.to;
+    }
+    SearchSettings odd = Good();
+    odd[kMacAddrKey] = "a<b>&amp;c";
+    EXPECT_EQ(CheckSearchText(ToXml(odd)).values, odd);
+}
+
+TEST(SearchSettings, AKeptFileIsNeverWrittenOver) {
+    const auto folder = std::filesystem::temp_directory_path() / "kest-search-settings";
+    std::filesystem::remove_all(folder);
+    std::filesystem::create_directories(folder);
+    const std::filesystem::path path = folder / "SLPConf.xml";
+    const auto content = [](const std::filesystem::path& file) {
+        std::ostringstream text;
+        text << std::ifstream(file, std::ios::binary).rdbuf();
+        return text.str();
+    };
+    EXPECT_EQ(ReplaceSearchFile(path, "one"), L"");
+    const std::filesystem::path first = ReplaceSearchFile(path, "two");
+    const std::filesystem::path second = ReplaceSearchFile(path, "three");
+    EXPECT_EQ(content(first) + ' ' + content(second) + ' ' + content(path), "one two three");
+    RestoreSearchFile(path, second);
+    EXPECT_EQ(content(first) + ' ' + content(path), "one two");
+    EXPECT_FALSE(std::filesystem::exists(folder / "SLPConf.xml.new"));
+    // Nested properly, and yet no XML.
+    std::ofstream(path, std::ios::binary) << "<slp_config><version>2 & 1</version></slp_config>";
+    EXPECT_FALSE(ReadSearchFile(path).wellFormed);
+    std::filesystem::remove_all(folder);
+}
+
+}  // namespace
