@@ -5,9 +5,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <condition_variable>
 #include <future>
 #include <mutex>
-#include <semaphore>
 
 #include "address/AddressText.h"
 #include "admin/CommandFailed.h"
@@ -188,17 +188,46 @@ class SharedSearch {
     std::future<std::vector<PrinterIdentity>> printers_;
 };
 
+// Bounds how many do something at the same time. The compiler's own semaphore can sleep for ever
+// (GCC 12, for systems without futexes).
+class Places {
+  public:
+    explicit Places(size_t count) : free_(count) {}
+
+    class Taken {
+      public:
+        explicit Taken(Places& places) : places_(places) {
+            std::unique_lock lock(places_.mutex_);
+            places_.changed_.wait(lock, [this] { return places_.free_ > 0; });
+            --places_.free_;
+        }
+        ~Taken() {
+            const std::lock_guard lock(places_.mutex_);
+            ++places_.free_;
+            places_.changed_.notify_one();
+        }
+        Taken(const Taken&) = delete;
+        Taken& operator=(const Taken&) = delete;
+
+      private:
+        Places& places_;
+    };
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    size_t free_;
+};
+
 // Tests every port. Twice as many threads as connections: while as many wait for a printer to say
 // who it is, the others still connect.
 void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, SharedSearch& search,
              const std::function<void(size_t)>& tell) {
-    std::counting_semaphore<kAtOnce> connections(kAtOnce);
+    Places places(kAtOnce);
     CheckNetwork bounded = network;
     bounded.connect = [&](const std::string& host, DWORD port) {
-        connections.acquire();
-        const Connection connection = network.connect(host, port);
-        connections.release();
-        return connection;
+        const Places::Taken place(places);
+        return network.connect(host, port);
     };
     const auto test = [&](size_t at) {
         ports[at] = TestPort(ports[at].name, ports[at].records, bounded);

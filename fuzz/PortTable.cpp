@@ -14,9 +14,9 @@ bool IsPlain(const PortRow& row) {
            std::all_of(row.values.begin(), row.values.end(), [](const auto& value) {
                const std::string& text = value.second;
                return text.find_first_of("\r\n") == std::string::npos &&
-                      (text.empty() || (std::string(" \t'\xEF").find(text.front()) ==
-                                            std::string::npos &&
-                                        std::string(" \t").find(text.back()) == std::string::npos));
+                      (text.empty() ||
+                       (std::string(" \t'\xEF").find(text.front()) == std::string::npos &&
+                        std::string(" \t").find(text.back()) == std::string::npos));
            });
 }
 
