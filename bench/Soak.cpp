@@ -120,6 +120,7 @@ class Soak {
     Soak& operator=(const Soak&) = delete;
 
     void Run() {
+        const LatenessClock clock;
         std::thread watch([this] { Watch(); });
         for (int tenth = 1; tenth <= kTenths; ++tenth) {
             RunTenth(tenth);

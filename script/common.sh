@@ -8,7 +8,8 @@ build=$root/build
 
 export WINEPREFIX=${KEST_WINEPREFIX:-$build/wine}
 export WINEDEBUG=${WINEDEBUG:--all}
-export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree=;mshtml=}
+# No debugger: a program that crashes under it ends with 0, as if all were well.
+export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree=;mshtml=;winedbg.exe=d}
 
 say() { printf '%s\n' "$*" >&2; }
 

@@ -33,14 +33,16 @@ Call CallOf(const std::wstring& command) {
     return command == L"AddPort" ? Call::Add : command == L"DeletePort" ? Call::Delete : Call::Xcv;
 }
 
-// Whether a text of a listing lies in the listing's buffer, with its end.
-bool Contains(const std::vector<BYTE>& buffer, LPCWSTR text) {
+// Whether a text of a listing is a port's name, and lies in the listing's buffer with its end. It
+// is not aligned where the buffer's size is odd.
+bool IsPortName(const std::vector<BYTE>& buffer, LPCWSTR text) {
     const auto* begin = reinterpret_cast<const BYTE*>(text);
     if (begin < buffer.data() || begin >= buffer.data() + buffer.size()) {
         return false;
     }
-    const size_t most = (buffer.data() + buffer.size() - begin) / sizeof(WCHAR);
-    return wcsnlen(text, most) < most;
+    std::wstring name((buffer.data() + buffer.size() - begin) / sizeof(WCHAR), L'\0');
+    memcpy(name.data(), begin, name.size() * sizeof(WCHAR));
+    return name.find(L'\0') != name.npos && (name[0] == L'P' || name[0] == L'X');
 }
 
 }  // namespace
@@ -167,7 +169,7 @@ void Administrator::ListPorts() {
     for (DWORD i = 0; i < returned && level <= 2; ++i) {
         LPCWSTR name = level == 1 ? reinterpret_cast<PORT_INFO_1W*>(buffer.data())[i].pName
                                   : reinterpret_cast<PORT_INFO_2W*>(buffer.data())[i].pPortName;
-        if (!Contains(buffer, name) || (name[0] != L'P' && name[0] != L'X')) {
+        if (!IsPortName(buffer, name)) {
             Violated("EnumPorts lists what is no port");
             return;
         }
