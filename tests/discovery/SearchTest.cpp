@@ -76,10 +76,13 @@ TEST_F(SearchTest, FindsAPrinterByItsMacAddress) {
     const auto lines = log.Lines();
     for (size_t i = before; i < lines.size(); ++i) {
         EXPECT_THAT(lines[i], StartsWith(kInfo));
+        if (lines[i].find("context ipaddress is: ") != std::string::npos) {
+            continue;  // this computer's own
+        }
         story += lines[i].substr(kInfo.size(), std::min<size_t>(lines[i].find('|'), 72) - 18) + "|";
     }
     EXPECT_EQ(story,
-              "context type: 2|context ipaddress is: 127.0.0.1|context macaddress is: 0004004a1b2c|"
+              "context type: 2|context macaddress is: 0004004a1b2c|"
               "context hostname is:|Searching for a printer by ip addr, mac addr or hostna|"
               "Using IPv4 Multicast Address = 239.255.255.253|Call foundPrinters|"
               "Call PD_DiscoverPrintersSynch|PD_DiscoverPrintersSynch - start|SLPOpen|"
