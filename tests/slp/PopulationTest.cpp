@@ -17,6 +17,10 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
+// A request takes 5 s at most; on a machine that is busy with other things, longer. One that no
+// longer gives up on an agent by itself takes more than this.
+constexpr milliseconds kMuchTooLong(12000);
+
 std::string Value(const std::string& list, const char* tag) {
     char* value = nullptr;
     EXPECT_EQ(SLPParseAttrs(list.c_str(), tag, &value), SLP_OK) << list.substr(0, 200);
@@ -94,14 +98,14 @@ TEST(Population, BadTcpServersHoldNobodyUp) {
         EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
     }
     EXPECT_EQ(outcome.addresses.size(), honest.size());
-    EXPECT_LT(outcome.took, milliseconds(7000));
+    EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
 // One host speaks as thousands; the few that are what they say are among those heard.
 TEST(Population, ACrowdOfImpostorsIsBounded) {
     const Outcome outcome = Ask("service:crowd");
     EXPECT_GT(outcome.addresses.size(), 1000u);
-    EXPECT_LT(outcome.took, milliseconds(7000));
+    EXPECT_LT(outcome.took, kMuchTooLong);
     for (const std::string& address : Agents(3, 0x4000)) {
         EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
     }
@@ -111,7 +115,7 @@ TEST(Population, ErrorsAndSilenceAreNoAnswers) {
     const Outcome outcome = Ask("service:none");
     EXPECT_TRUE(outcome.lists.empty());
     EXPECT_GE(outcome.took, milliseconds(3400));
-    EXPECT_LT(outcome.took, milliseconds(6000));
+    EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
 TEST(Population, SixIsAskedByItsGroupAndByItsAddress) {
