@@ -1,12 +1,14 @@
 #include "admin/Migration.h"
 
 #include <algorithm>
+#include <cstring>
 #include <exception>
 
 #include "address/AddressText.h"
 #include "admin/CommandFailed.h"
 #include "admin/Parallel.h"
 #include "admin/PortStore.h"
+#include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 
 namespace {
@@ -56,6 +58,7 @@ void TakeIdentity(const std::string& address, const MigrationWishes& wishes, Por
     if (!wishes.identify) {
         return;
     }
+    remark += remark.empty() ? "" : "; ";
     try {
         const PrinterIdentity printer = wishes.identify(address);
         change.mac = printer.mac;
@@ -63,9 +66,9 @@ void TakeIdentity(const std::string& address, const MigrationWishes& wishes, Por
             change.hostName = printer.hostName;
         }
         change.alwaysPrint = true;
+        remark += "follows " + IdentityText(printer);
     } catch (const CommandFailed&) {
-        remark +=
-            std::string(remark.empty() ? "" : "; ") + "does not say who it is: follows nobody";
+        remark += "does not say who it is: follows nobody";
     }
 }
 
@@ -152,6 +155,19 @@ void MoveAll(SpoolerChannel& channel, const std::vector<std::wstring>& names,
         Move(channel, *queue, from, to);
         result.moved.push_back(queue->name);
     }
+}
+
+// True when nobody has changed a port since it was made; one that has followed its printer has
+// another address.
+bool IsAsMade(const PortRecords& now, PortRecords made) {
+    if (made.extended.dwAlwaysPrint != 0) {
+        memcpy(made.standard.sztIPAddress, now.standard.sztIPAddress,
+               sizeof(now.standard.sztIPAddress));
+        memcpy(made.extended.sztIPv6HostName, now.extended.sztIPv6HostName,
+               sizeof(now.extended.sztIPv6HostName));
+        made.extended.dwUseIPV6 = now.extended.dwUseIPV6;
+    }
+    return SameSettings(now, made);
 }
 
 // Finds what keeps a planned port from being made, or that it is there already.
@@ -264,7 +280,7 @@ MigrationResult Undo(SpoolerChannel& channel, const Migration& migration) {
         if (const auto users = QueuesOn(channel.Queues(), migration.to); !users.empty()) {
             result.failure = "port " + ToUtf8(migration.to) + " stays: " + Joined(users) +
                              (users.size() == 1 ? " prints" : " print") + " to it";
-        } else if (!SameSettings(ReadPort(channel, there[0]), migration.records)) {
+        } else if (!IsAsMade(ReadPort(channel, there[0]), migration.records)) {
             result.failure = "port " + ToUtf8(migration.to) +
                              " stays: it has other settings than the migration gave it";
         } else {

@@ -119,6 +119,8 @@ TEST(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
     EXPECT_EQ(FieldText(port.extended.sztHWAddress), "0004004A1B2C");
     EXPECT_EQ(FieldText(port.standard.sztHostAddress), "prn-1");
     EXPECT_EQ(port.extended.dwAlwaysPrint, 1u);
+    // It has followed its printer since.
+    Kestctl(monitor, {"port", "set", "OFFICE 10.0.0.1", "--ipv6", "fd00::1"});
     Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
     EXPECT_TRUE(monitor.ports.empty());
 }
