@@ -12,7 +12,7 @@
 
 #include "admin/Hosts.h"
 #include "admin/PrinterSearch.h"
-#include "admin/SearchSettings.h"
+#include "tools/kestctl/SearchSettings.h"
 #include "admin/Text.h"
 #include "diag/SystemUtils.h"
 #include "tools/kestctl/Command.h"

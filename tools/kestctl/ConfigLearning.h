@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "address/IPAddress.h"
-#include "admin/SearchSettings.h"
+#include "tools/kestctl/SearchSettings.h"
 
 // A printer's answer to one question. Everything in it comes from the network.
 struct SearchAnswer {

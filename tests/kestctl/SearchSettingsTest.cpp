@@ -1,4 +1,4 @@
-#include "admin/SearchSettings.h"
+#include "tools/kestctl/SearchSettings.h"
 
 #include <gmock/gmock.h>
 
@@ -49,9 +49,9 @@ TEST(SearchSettings, SayWhatIsWrongAndWhere) {
         {"<host_name_key>host-name</host_name_key>", "", "11: <host_name_key> is missing"},
         {"<version>2</version>", "<version>2</version><version>1</version>",
          "6: <version> is there already, in line 6"},
-        {"mac_addr_key>", "mac_adr_key>", "17: </mac_addr_key> closes nothing: <mac_adr_key> of"},
-        {"</slp_config>", "", "4: <slp_config> is not closed"},
-        {"-->", "->", "2: what begins here has no '-->'"},
+        {"mac_addr_key>", "mac_adr_key>", "17: invalid closing tag name"},
+        {"</slp_config>", "", "28: unexpected end of data"},
+        {"-->", "->", "unexpected end of data"},
         {"<slp_config>", "<!DOCTYPE a><slp_config>", "4: a document type declaration"},
     };
     for (const auto& c : cases) {
@@ -64,6 +64,11 @@ TEST(SearchSettings, SayWhatIsWrongAndWhere) {
         }
         EXPECT_THAT(Told(CheckSearchText(text)), HasSubstr(c.told)) << c.from << " as " << c.to;
     }
+    std::string nested;
+    for (int i = 0; i < 100000; ++i) {
+        nested += "<a>";
+    }
+    EXPECT_THAT(Told(CheckSearchText(nested)), HasSubstr("too much"));
     SearchSettings odd = Good();
     odd[kMacAddrKey] = "a<b>&amp;c";
     EXPECT_EQ(CheckSearchText(ToXml(odd)).values, odd);

@@ -1,6 +1,8 @@
-#include "admin/SearchSettings.h"
+#include "tools/kestctl/SearchSettings.h"
 
 #include <windows.h>
+
+#include <rapidxml/rapidxml.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -14,10 +16,12 @@
 
 namespace {
 
-constexpr size_t kLargestFile = 1 << 20;  // bytes
+constexpr size_t kLargestFile = 1 << 16;  // bytes
+constexpr size_t kMostTags = 1000;        // each may cost the parser a call within a call
 constexpr size_t kKeyLength = 3;          // of the identifier's fields, "MDL"
 constexpr size_t kLongestTag = 100;       // of an attribute, in the file
 constexpr char kBlanks[] = " \t\r\n";
+constexpr size_t kDepth = 4;  // of elements within elements that are looked at
 constexpr int kKeptFiles = 1000;
 
 constexpr struct {
@@ -64,127 +68,74 @@ struct Element {
     size_t line;
 };
 
-// Walks through a document tag by tag. It knows as much of XML as it takes to say where an element
-// stands; whether all is as it should be is the system's parser's to decide.
-class Walk {
+// Takes a document apart into its elements, with the lines in which they stand. Whether Windows'
+// own parser agrees, it has to say itself.
+class Elements {
   public:
-    Walk(const std::string& xml, std::vector<SearchFinding>& findings)
-        : xml_(xml), findings_(findings) {}
+    explicit Elements(const std::string& xml) : xml_(xml), parsed_(xml.begin(), xml.end()) {
+        parsed_.push_back('\0');
+    }
 
-    // Returns the elements in their order; with a finding when the tags are not properly nested.
-    std::vector<Element> Elements() {
-        while (at_ < xml_.size() && Step()) {
+    // Returns them in their order; with a finding where it is no document.
+    std::vector<Element> Read(std::vector<SearchFinding>& findings) {
+        constexpr int kFlags = rapidxml::parse_validate_closing_tags | rapidxml::parse_doctype_node;
+        try {
+            document_.parse<kFlags>(parsed_.data());
+        } catch (const rapidxml::parse_error& error) {
+            findings.push_back({LineOf(error.where<char>()), true, error.what()});
+            return {};
         }
-        if (findings_.empty() && !open_.empty()) {
-            const Element& last = elements_[open_.back()];
-            findings_.push_back({last.line, true, Named(last.name) + " is not closed"});
-        } else if (findings_.empty() && elements_.empty()) {
-            findings_.push_back({1, true, "there is no element in the file"});
+        for (const Node* node = document_.first_node(); node != nullptr;
+             node = node->next_sibling()) {
+            if (node->type() == rapidxml::node_doctype) {
+                findings.push_back(
+                    {LineOf(node->value()), true, "a document type declaration: leave it out"});
+            }
+        }
+        Take(document_, "");
+        if (elements_.empty()) {
+            findings.push_back({1, true, "there is no element in the file"});
         }
         return std::move(elements_);
     }
 
   private:
-    bool Step() {
-        const std::string_view rest = std::string_view(xml_).substr(at_);
-        if (rest.starts_with("<!--")) {
-            return Pass("-->");
-        }
-        if (rest.starts_with("<![CDATA[")) {
-            const size_t begin = at_ + 9;
-            return Pass("]]>") && Text(xml_.substr(begin, at_ - 3 - begin));
-        }
-        if (rest.starts_with("<?")) {
-            return Pass("?>");
-        }
-        if (rest.starts_with("<!")) {
-            return Fail("a document type declaration: leave it out");
-        }
-        if (rest.starts_with("<")) {
-            return Tag();
-        }
-        const size_t begin = at_;
-        Forward(std::min(xml_.find('<', at_), xml_.size()));
-        return Text(Resolved(xml_.substr(begin, at_ - begin)));
+    using Node = rapidxml::xml_node<>;
+
+    // The parser writes into its copy, but moves no line end of it.
+    size_t LineOf(const char* place) const {
+        return 1 + static_cast<size_t>(
+                       std::count(xml_.begin(), xml_.begin() + (place - parsed_.data()), '\n'));
     }
 
-    bool Tag() {
-        const size_t line = line_;
-        const size_t begin = at_ + 1;
-        if (!Pass(">")) {
-            return false;
+    // Takes the elements below one; no deeper than the file's own ones stand.
+    void Take(const Node& parent, const std::string& path, size_t depth = 0) {
+        for (const Node* node = parent.first_node(); node != nullptr && depth < kDepth;
+             node = node->next_sibling()) {
+            if (node->type() != rapidxml::node_element) {
+                continue;
+            }
+            const std::string name(node->name(), node->name_size());
+            elements_.push_back({path + '/' + name, name, TextOf(*node), LineOf(node->name())});
+            Take(*node, path + '/' + name, depth + 1);
         }
-        std::string tag = xml_.substr(begin, at_ - 1 - begin);
-        if (tag.starts_with("/")) {
-            return Close(Trimmed(tag.substr(1)), line);
-        }
-        const bool empty = tag.ends_with("/");
-        const std::string name = tag.substr(0, tag.find_first_of(" \t\r\n/"));
-        const std::string above = open_.empty() ? "" : elements_[open_.back()].path;
-        open_.push_back(elements_.size());
-        elements_.push_back({above + '/' + name, name, "", line});
-        return !empty || Close(name, line);
     }
 
-    bool Close(const std::string& name, size_t line) {
-        if (open_.empty() || elements_[open_.back()].name != name) {
-            const std::string expected =
-                open_.empty() ? "no element is open there"
-                              : Named(elements_[open_.back()].name) + " of line " +
-                                    std::to_string(elements_[open_.back()].line) + " is open there";
-            findings_.push_back({line, true, Named('/' + name) + " closes nothing: " + expected});
-            return false;
-        }
-        open_.pop_back();
-        return true;
-    }
-
-    bool Text(const std::string& text) {
-        if (!open_.empty()) {
-            elements_[open_.back()].text += text;
-        } else if (!Trimmed(text).empty() && text != "\xEF\xBB\xBF") {
-            return Fail("text outside of all elements");
-        }
-        return true;
-    }
-
-    // The five names that every document has; others are for the parser to complain about.
-    static std::string Resolved(std::string text) {
-        constexpr std::pair<const char*, const char*> kNames[] = {
-            {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&apos;", "'"}, {"&amp;", "&"}};
-        for (const auto& [name, character] : kNames) {
-            for (size_t at = 0; (at = text.find(name, at)) != std::string::npos; ++at) {
-                text.replace(at, std::string_view(name).size(), character);
+    static std::string TextOf(const Node& element) {
+        std::string text;
+        for (const Node* node = element.first_node(); node != nullptr;
+             node = node->next_sibling()) {
+            if (node->type() == rapidxml::node_data || node->type() == rapidxml::node_cdata) {
+                text.append(node->value(), node->value_size());
             }
         }
         return text;
     }
 
-    bool Pass(const char* end) {
-        const size_t found = xml_.find(end, at_);
-        if (found == std::string::npos) {
-            return Fail(std::string("what begins here has no '") + end + "'");
-        }
-        Forward(found + std::string_view(end).size());
-        return true;
-    }
-
-    void Forward(size_t to) {
-        line_ += static_cast<size_t>(std::count(&xml_[at_], &xml_[at_] + (to - at_), '\n'));
-        at_ = to;
-    }
-
-    bool Fail(const std::string& text) {
-        findings_.push_back({line_, true, text});
-        return false;
-    }
-
     const std::string& xml_;
-    std::vector<SearchFinding>& findings_;
+    std::vector<char> parsed_;
+    rapidxml::xml_document<> document_;
     std::vector<Element> elements_;
-    std::vector<size_t> open_;  // places in elements_
-    size_t at_ = 0;
-    size_t line_ = 1;
 };
 
 // The checks of values, once it is known where they stand.
@@ -418,7 +369,11 @@ const char* NameOf(SearchElement element) {
 
 SearchFile CheckSearchText(const std::string& xml) {
     SearchFile file;
-    const std::vector<Element> elements = Walk(xml, file.findings).Elements();
+    if (std::count(xml.begin(), xml.end(), '<') > static_cast<std::ptrdiff_t>(kMostTags)) {
+        file.findings.push_back({1, true, "there is too much in the file to be an SLPConf.xml"});
+        return file;
+    }
+    const std::vector<Element> elements = Elements(xml).Read(file.findings);
     file.wellFormed = file.findings.empty();
     if (file.wellFormed) {
         const auto lines = TakeValues(elements, file);
