@@ -248,13 +248,11 @@ Sought SoughtFrom(const LearnedSettings& learned, const IPAddress& address) {
     return {address, MacAddress(says(kMacAddrKey)), says(kHostNameKey)};
 }
 
-void RunLearn(const ConfigArguments& arguments) {
-    const IPAddress address = AddressOf(StartedNetwork(), arguments.address);
-    const std::wstring path = PathOf(arguments);
-    const SearchFile present = PresentFile(path);
-
+// The types to ask for, each once: those that were given, the file's, and the usual ones.
+std::vector<std::string> ServicesToAsk(const ConfigArguments& arguments,
+                                       const SearchSettings& present) {
     std::vector<std::string> services = arguments.services;
-    services.push_back(present.values[kServiceName]);
+    services.push_back(present[kServiceName]);
     services.insert(services.end(), std::begin(kServices), std::end(kServices));
     std::vector<std::string> distinct;
     for (const std::string& service : services) {
@@ -263,60 +261,55 @@ void RunLearn(const ConfigArguments& arguments) {
             distinct.push_back(service);
         }
     }
-    Progress progress(!arguments.json);
-    progress.Show("asking in both versions");
-    const std::vector<SearchAnswer> answers = AskEverything(address, distinct);
+    return distinct;
+}
+
+std::vector<SearchAnswer> Asked(const IPAddress& address,
+                                const std::vector<std::string>& services) {
+    std::vector<SearchAnswer> answers = AskEverything(address, services);
     if (answers.empty()) {
         throw CommandFailed(address.GetText() + " did not answer under any of " +
-                            Count(distinct.size(), "service type") +
+                            Count(services.size(), "service type") +
                             " in either version of SLP: see that SLP is turned on there, and name "
                             "its own service type, from its manual or web page, with --service");
     }
-    const auto [learned, answer] = Best(answers, address, present.values);
-    const Sought sought = SoughtFrom(learned, address);
+    return answers;
+}
 
-    nlohmann::json document = ToJson(learned);
-    document["file"] = ToUtf8(path);
-    document["address"] = address.GetText();
-    document["answers"] = nlohmann::json::array();
-    progress.Clear();
-    for (const SearchAnswer& one : answers) {
-        document["answers"].push_back({{"version", one.version},
-                                       {"service", one.service},
-                                       {"attributes", one.attributes.size()}});
-        if (!arguments.json) {
-            std::cout << (&one == answer ? "taken:    " : "answered: ") << Printable(one.service)
-                      << " in version " << one.version << ", "
-                      << Count(one.attributes.size(), "attribute") << '\n';
-        }
+nlohmann::json ToJson(const std::vector<SearchAnswer>& answers) {
+    auto list = nlohmann::json::array();
+    for (const SearchAnswer& answer : answers) {
+        list.push_back({{"version", answer.version},
+                        {"service", answer.service},
+                        {"attributes", answer.attributes.size()}});
     }
-    if (!arguments.json) {
-        std::cout << '\n';
-        PrintLearned(learned);
-    }
-    const bool usable = learned.elements[kIpAddrKey].recognised &&
-                        (sought.mac.IsValid() || !sought.hostName.empty());
-    if (!arguments.write || !usable) {
-        if (arguments.json) {
-            PrintJson(document);
-        }
-        if (!usable) {
-            throw CommandFailed(
-                "that printer cannot be followed: it announces " +
-                std::string(learned.elements[kIpAddrKey].recognised
-                                ? "neither a MAC address nor a host name that can be used"
-                                : "its own address nowhere") +
-                (arguments.write ? "; nothing is written" : ""));
-        }
-        if (!arguments.json) {
-            std::cout << "nothing is written: --write puts this into " << ToUtf8(path) << '\n';
-        }
-        return;
-    }
+    return list;
+}
 
-    progress.Show("trying");
-    const Written written = WriteAndTry(path, present, learned.Settings(), sought);
-    progress.Clear();
+void PrintAnswers(const std::vector<SearchAnswer>& answers, const SearchAnswer* taken) {
+    for (const SearchAnswer& answer : answers) {
+        std::cout << (&answer == taken ? "taken:    " : "answered: ") << Printable(answer.service)
+                  << " in version " << answer.version << ", "
+                  << Count(answer.attributes.size(), "attribute") << '\n';
+    }
+    std::cout << '\n';
+}
+
+// Why a printer cannot be followed, whatever the file says; empty if it can.
+std::string Obstacle(const LearnedSettings& learned, const Sought& sought) {
+    if (!learned.elements[kIpAddrKey].recognised) {
+        return "that printer cannot be followed: it announces its own address nowhere";
+    }
+    return sought.mac.IsValid() || !sought.hostName.empty()
+               ? ""
+               : "that printer cannot be followed: it announces neither a MAC address nor a host "
+                 "name that can be used";
+}
+
+// Reports on the file that was written, as text or in the document. Throws CommandFailed unless the
+// printer is found by it.
+void ReportWritten(const ConfigArguments& arguments, const std::wstring& path,
+                   const Written& written, nlohmann::json document) {
     if (arguments.json) {
         document["written"] = written.changed && !written.putBack;
         document["putBack"] = written.putBack;
@@ -329,14 +322,51 @@ void RunLearn(const ConfigArguments& arguments) {
         PrintWritten(path, written);
     }
     if (written.putBack) {
-        throw CommandFailed(
-            "the new file found less of this printer than the old one, which is "
-            "back");
+        throw CommandFailed("the new file found less of this printer than the old one");
     }
     if (!written.tried.Any()) {
         throw CommandFailed(
             "the search by multicast does not find that printer, although it answers at its "
             "address: see that both are in one subnet, and that multicast passes between them");
+    }
+}
+
+void RunLearn(const ConfigArguments& arguments) {
+    const IPAddress address = AddressOf(StartedNetwork(), arguments.address);
+    const std::wstring path = PathOf(arguments);
+    const SearchFile present = PresentFile(path);
+    Progress progress(!arguments.json);
+    progress.Show("asking in both versions");
+    const std::vector<SearchAnswer> answers =
+        Asked(address, ServicesToAsk(arguments, present.values));
+    const auto [learned, taken] = Best(answers, address, present.values);
+    const Sought sought = SoughtFrom(learned, address);
+    const std::string obstacle = Obstacle(learned, sought);
+    progress.Clear();
+
+    nlohmann::json document = ToJson(learned);
+    document["file"] = ToUtf8(path);
+    document["address"] = address.GetText();
+    document["answers"] = ToJson(answers);
+    if (!arguments.json) {
+        PrintAnswers(answers, taken);
+        PrintLearned(learned);
+    }
+    if (arguments.write && obstacle.empty()) {
+        progress.Show("trying");
+        const Written written = WriteAndTry(path, present, learned.Settings(), sought);
+        progress.Clear();
+        ReportWritten(arguments, path, written, std::move(document));
+        return;
+    }
+    if (arguments.json) {
+        PrintJson(document);
+    }
+    if (!obstacle.empty()) {
+        throw CommandFailed(obstacle + (arguments.write ? "; nothing is written" : ""));
+    }
+    if (!arguments.json) {
+        std::cout << "nothing is written: --write puts this into " << ToUtf8(path) << '\n';
     }
 }
 
