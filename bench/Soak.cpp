@@ -24,6 +24,7 @@ using Clock = std::chrono::steady_clock;
 constexpr int kTenths = 10;
 constexpr uint32_t kAdministrators = 3;
 constexpr uint64_t kDefaultJobs = 100'000;
+constexpr std::chrono::minutes kStandstill{5};  // longer than any job, and its replays, may take
 
 struct Settings {
     uint64_t jobs = 0;  // 0: as many as the time allows
@@ -184,6 +185,11 @@ class Soak {
                 jobs += tally.jobs[i];
                 replays += tally.replays[i];
             }
+            if (IsStandstill(jobs)) {
+                Report();
+                PrintCallsUnderWay();
+                TerminateProcess(GetCurrentProcess(), 1);
+            }
             char line[160];
             snprintf(line, sizeof(line), "%5.1f min: %llu jobs, %llu replays, %llu violations",
                      Minutes(), static_cast<unsigned long long>(jobs),
@@ -203,6 +209,19 @@ class Soak {
         if (settings_.watch) {
             fprintf(stderr, "\n");
         }
+    }
+
+    // Whether no job has come to its end for so long that none will.
+    bool IsStandstill(uint64_t jobs) {
+        if (jobs != jobsBefore_) {
+            jobsBefore_ = jobs;
+            jobsChanged_ = Clock::now();
+        }
+        if (Clock::now() - jobsChanged_ < kStandstill) {
+            return false;
+        }
+        Violated("no job comes to its end any more");
+        return true;
     }
 
     void Judge() const {
@@ -275,6 +294,8 @@ class Soak {
     std::vector<Administrator> administrators_;
     std::vector<Measurement> measurements_;
     std::atomic<bool> done_ = false;
+    uint64_t jobsBefore_ = 0;
+    Clock::time_point jobsChanged_ = Clock::now();
 };
 
 Settings Parse(const std::vector<std::string>& arguments) {

@@ -117,6 +117,16 @@ bool HasHang() {
     return false;
 }
 
+void PrintCallsUnderWay() {
+    printf("\ncalls under way\n");
+    for (const Slot& slot : slots) {
+        if (const int64_t since = slot.since; since != 0) {
+            printf("  %-32s %8.1f s\n", calls[slot.call].name,
+                   static_cast<double>(Now() - since) / 1e6);
+        }
+    }
+}
+
 LatenessClock::LatenessClock()
     : thread_([this] {
           constexpr DWORD kWait = 10;

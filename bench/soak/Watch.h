@@ -76,3 +76,6 @@ class LatenessClock {
 
 // Whether a call takes so much longer than it may that it will not come back; says which.
 bool HasHang();
+
+// Prints which calls have begun and not come back, for a run that does not go on.
+void PrintCallsUnderWay();
