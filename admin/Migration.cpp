@@ -273,18 +273,18 @@ MigrationResult Undo(SpoolerChannel& channel, const Migration& migration) {
     MigrationResult result;
     try {
         MoveAll(channel, migration.queues, migration.to, migration.from, result);
-        const std::vector<std::wstring> there = Meant(channel.PortNames(), {migration.to}, true);
-        if (migration.isThere || there.empty()) {
+        const std::optional<std::wstring> there = PortCalled(channel, migration.to);
+        if (migration.isThere || !there) {
             return result;
         }
         if (const auto users = QueuesOn(channel.Queues(), migration.to); !users.empty()) {
             result.failure = "port " + ToUtf8(migration.to) + " stays: " + Joined(users) +
                              (users.size() == 1 ? " prints" : " print") + " to it";
-        } else if (!IsAsMade(ReadPort(channel, there[0]), migration.records)) {
+        } else if (!IsAsMade(ReadPort(channel, *there), migration.records)) {
             result.failure = "port " + ToUtf8(migration.to) +
                              " stays: it has other settings than the migration gave it";
         } else {
-            DeletePort(channel, there[0]);
+            DeletePort(channel, *there);
         }
     } catch (const CommandFailed& failed) {
         result.failure = failed.what();

@@ -113,7 +113,7 @@ std::string Lower(std::string text) {
 // What a port recognises its printer by.
 struct Keys {
     explicit Keys(const PortRecords& records)
-        : mac(FieldText(records.extended.sztHWAddress)),
+        : mac(MacText(MacAddress(FieldText(records.extended.sztHWAddress)))),
           hostName(Lower(FieldText(records.standard.sztHostAddress))) {}
 
     std::string mac;
@@ -178,8 +178,15 @@ class SharedSearch {
         std::call_once(begun_,
                        [this] { printers_ = std::async(std::launch::async, network_.search); });
     }
-    std::vector<PrinterIdentity> Printers() {
-        return printers_.valid() ? printers_.get() : std::vector<PrinterIdentity>();
+    //   tell: is called about ten times a second while they are waited for.
+    std::vector<PrinterIdentity> Printers(const std::function<void()>& tell) {
+        if (!printers_.valid()) {
+            return {};
+        }
+        while (printers_.wait_for(milliseconds(100)) != std::future_status::ready) {
+            tell();
+        }
+        return printers_.get();
     }
 
   private:
@@ -292,7 +299,7 @@ std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
     std::vector<PrinterIdentity> printers;
     std::string failure;
     try {
-        printers = search.Printers();
+        printers = search.Printers([&] { tell(ports.size(), ports.size()); });
     } catch (const CommandFailed& failed) {
         failure = std::string(", and there was no search: ") + failed.what();
     }
@@ -312,8 +319,12 @@ std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
 PortRecords RepairPort(SpoolerChannel& channel, const CheckedPort& port) {
     PortChange change;
     (IsIPv4AddressText(port.found) ? change.address : change.ipv6) = port.found;
-    PortRecords records = port.records;
+    const PortRecords before = ReadPort(channel, port.name);
+    if (AddressInUse(before) != AddressInUse(port.records)) {
+        throw CommandFailed("its address was changed meanwhile");
+    }
+    PortRecords records = before;
     Apply(change, records);
-    ChangePort(channel, port.name, port.records, records);
+    ChangePort(channel, port.name, before, records);
     return records;
 }

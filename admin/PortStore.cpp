@@ -1,7 +1,6 @@
 #include "admin/PortStore.h"
 
 #include <windows.h>
-#include <shlwapi.h>
 
 #include <algorithm>
 #include <iterator>
@@ -9,13 +8,38 @@
 #include "admin/CommandFailed.h"
 #include "admin/Text.h"
 
+namespace {
+wchar_t Upper(wchar_t character) {
+    CharUpperBuffW(&character, 1);
+    return character;
+}
+}  // namespace
+
 bool SameName(const std::wstring& one, const std::wstring& other) {
     return lstrcmpiW(one.c_str(), other.c_str()) == 0;
 }
 
 bool MatchesPattern(const std::wstring& name, const std::wstring& pattern) {
-    return pattern.find_first_of(L"*?") != std::wstring::npos &&
-           PathMatchSpecW(name.c_str(), pattern.c_str());
+    size_t at = 0;
+    size_t next = 0;
+    size_t star = std::wstring::npos;  // the last '*'
+    size_t taken = 0;                  // where the text begins that it does not stand for
+    while (at < name.size()) {
+        if (next < pattern.size() && pattern[next] == L'*') {
+            star = next++;
+            taken = at;
+        } else if (next < pattern.size() &&
+                   (pattern[next] == L'?' || Upper(pattern[next]) == Upper(name[at]))) {
+            ++next;
+            ++at;
+        } else if (star != std::wstring::npos) {
+            next = star + 1;
+            at = ++taken;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of(L'*', next) == std::wstring::npos;
 }
 
 namespace {
@@ -58,12 +82,34 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     }
 }
 
+// Takes the first `count` of the steps back. Returns the ports where that failed.
+std::string TakeBack(SpoolerChannel& channel, const std::vector<PortStep>& steps, size_t count) {
+    std::string stay;
+    while (count-- > 0) {
+        try {
+            if (steps[count].before) {
+                WritePort(channel, steps[count].name, *steps[count].before);
+            } else {
+                DeletePort(channel, steps[count].name);
+            }
+        } catch (const CommandFailed&) {
+            stay += (stay.empty() ? "" : ", ") + ToUtf8(steps[count].name);
+        }
+    }
+    return stay;
+}
+
 }  // namespace
 
-std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
+std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstring& name) {
     const std::vector<std::wstring> names = channel.PortNames();
     const auto found = WithName(names, name);
-    if (found == names.end()) {
+    return found != names.end() ? std::optional(*found) : std::nullopt;
+}
+
+std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
+    const auto found = PortCalled(channel, name);
+    if (!found) {
         throw CommandFailed("there is no port " + ToUtf8(name), Remedy::ListPorts);
     }
     return *found;
@@ -73,9 +119,15 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
                                 const std::vector<std::wstring>& wanted, bool mayMiss) {
     std::vector<bool> isMeant(names.size(), wanted.empty());
     for (const std::wstring& pattern : wanted) {
-        bool any = false;
+        // A port may be called like a pattern; then only it is meant.
+        const auto exact = WithName(names, pattern);
+        bool any = exact != names.end();
+        if (any) {
+            isMeant[static_cast<size_t>(exact - names.begin())] = true;
+            continue;
+        }
         for (size_t i = 0; i < names.size(); ++i) {
-            if (SameName(names[i], pattern) || MatchesPattern(names[i], pattern)) {
+            if (MatchesPattern(names[i], pattern)) {
                 isMeant[i] = any = true;
             }
         }
@@ -175,22 +227,16 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
             }
         }
     } catch (const CommandFailed& failed) {
-        std::string stay;
-        while (done-- > 0) {
-            try {
-                if (steps[done].before) {
-                    WritePort(channel, steps[done].name, *steps[done].before);
-                } else {
-                    DeletePort(channel, steps[done].name);
-                }
-            } catch (const CommandFailed&) {
-                stay += (stay.empty() ? "" : ", ") + ToUtf8(steps[done].name);
-            }
-        }
+        const std::string stay = TakeBack(channel, steps, done);
         throw CommandFailed(std::string(failed.what()) + "; " +
                                 (stay.empty() ? "the other ports are as they were"
                                               : "could not be taken back: " + stay),
                             failed.remedy, failed.subject);
+    } catch (...) {
+        if (const std::string stay = TakeBack(channel, steps, done); !stay.empty()) {
+            throw CommandFailed("stopped; could not be taken back: " + stay);
+        }
+        throw;
     }
 }
 

@@ -15,6 +15,9 @@ bool SameName(const std::wstring& one, const std::wstring& other);
 // Letter case does not count.
 bool MatchesPattern(const std::wstring& name, const std::wstring& pattern);
 
+// The port of a name in any letter case, as the monitor has it. Throws CommandFailed.
+std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstring& name);
+
 // The port's name as the monitor has it, for a name in any letter case.
 // Throws CommandFailed when there is no such port.
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name);
@@ -56,7 +59,7 @@ struct PortStep {
 };
 
 // Makes and changes ports, all or none of them: where one fails, those before it are taken back.
-//   tell: is told how many are done.
+//   tell: is told how many are done; what it throws ends it in the same way.
 // Throws CommandFailed; the message names ports that could not be taken back.
 void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
            const std::function<void(size_t done)>& tell);

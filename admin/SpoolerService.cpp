@@ -191,7 +191,8 @@ void SpoolerService::RequireMonitor() {
     if (std::none_of(info, info + count, [this](const MONITOR_INFO_1W& loaded) {
             return lstrcmpiW(loaded.pName, monitor_.c_str()) == 0;
         })) {
-        throw CommandFailed(Name() + " has not loaded " + ToUtf8(monitor_), Remedy::InstallMonitor);
+        throw CommandFailed(Name() + " has not loaded " + ToUtf8(monitor_),
+                            Here(Remedy::InstallMonitor));
     }
 }
 

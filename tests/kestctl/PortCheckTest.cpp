@@ -57,6 +57,7 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
         const char* found;
     } cases[] = {
         {L"A", "10.0.0.1", "000400000001", "prn-1", true, PortState::Ok, ""},
+        {L"A LOWER", "10.0.0.6", "0004000000ff", "", true, PortState::Ok, ""},
         {L"A SILENT ONE", "10.0.0.2", "000400000002", "", true, PortState::Ok, ""},
         {L"B", "10.0.0.3", "", "", false, PortState::Unreachable, ""},
         // By its MAC address, though somebody else has its name.
@@ -94,15 +95,17 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
         EXPECT_EQ(ports[i].found, cases[i].found) << ports[i].name;
     }
     EXPECT_EQ(printers.searches, 1);
-    EXPECT_EQ(ports[1].detail, "silent");
-    EXPECT_THAT(ports[10].detail, HasSubstr("from there"));
+    EXPECT_EQ(ports[2].detail, "silent");
+    EXPECT_THAT(ports[11].detail, HasSubstr("from there"));
 
+    // What was set since the check stays.
+    monitor.ports[L"C"].standard.dwPortNumber = 9101;
     for (const CheckedPort& port : ports) {
         if (!port.found.empty()) {
             RepairPort(*channel, port);
         }
     }
-    EXPECT_EQ(AddressInUse(monitor.ports[L"C"]), "10.0.1.4");
+    EXPECT_EQ(Destination(monitor.ports[L"C"]), "raw to 10.0.1.4:9101");
     EXPECT_EQ(AddressInUse(monitor.ports[L"D"]), "fd00::5");
     EXPECT_EQ(FieldText(monitor.ports[L"D"].standard.sztIPAddress), "10.0.0.5");
     EXPECT_EQ(AddressInUse(monitor.ports[L"E"]), "10.0.1.6");

@@ -92,6 +92,17 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"}))["queue"],
               "lp");
 
+    // A pattern is no list, and a port that is called like one is meant alone.
+    EXPECT_THAT(Failure(monitor, {"port", "delete", "X;*"}), HasSubstr("X;*"));
+    EXPECT_THAT(Failure(monitor, {"port", "show", "*.*"}), HasSubstr("*.*"));
+    for (const char* name : {"A*", "A1"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
+    }
+    Kestctl(monitor, {"port", "add", "A?", "--address", "10.0.0.7", "--or-set"});
+    Kestctl(monitor, {"port", "delete", "a*"});
+    EXPECT_EQ(shown({"a*"}), "A1:9100 A?:9100 ");
+    Kestctl(monitor, {"port", "delete", "A*"});
+
     EXPECT_THAT(Kestctl(monitor, {"port", "add", "lager", "--address", "10.0.0.2", "--or-set"}),
                 AllOf(HasSubstr("port LAGER set"), HasSubstr("address: 10.0.0.1 -> 10.0.0.2")));
     EXPECT_THAT(Kestctl(monitor, {"port", "add", "NEW", "--address", "10.0.0.2", "--or-set"}),

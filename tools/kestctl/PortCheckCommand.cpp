@@ -95,6 +95,10 @@ void Repair(SpoolerChannel& channel, std::vector<Result>& results) {
         if (result.port.found.empty()) {
             continue;
         }
+        if (result.port.records.extended.dwAlwaysPrint == 0) {
+            result.failure = "the port is not to follow its printer (--always-print)";
+            continue;
+        }
         try {
             RepairPort(channel, result.port);
             result.repaired = true;

@@ -192,10 +192,10 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
         const std::string following = ApplyArguments(*arguments, printer, records);
         const std::wstring name = ToWide(arguments->names[0]);
         const auto channel = openChannel();
-        const auto there = FindPorts(*channel, {name}, true);
+        const auto there = PortCalled(*channel, name);
         nlohmann::json document;
-        if (arguments->tolerant && !there.empty()) {
-            document = SetPort(*channel, there[0], *arguments, printer, resolved);
+        if (arguments->tolerant && there) {
+            document = SetPort(*channel, *there, *arguments, printer, resolved);
         } else {
             AddPort(*channel, name, records);
             document = ToJson(name, records);

@@ -160,7 +160,7 @@ void Apply(const PortRow& row, PortRecords& records, std::vector<std::string>& p
     change.queue = reader.Text("queue", CheckQueue);
     change.doubleSpool = reader.Truth("doubleSpool");
     change.hostName = reader.Text("hostName", CheckHostName);
-    change.mac = reader.IsEmpty("mac") ? "" : reader.Text("mac", CheckMacAddress);
+    change.mac = reader.Text("mac", CheckMacAddress);
     change.alwaysPrint = reader.Truth("alwaysPrint");
     ReadSnmp(reader, change);
     if (problems.size() != before) {
@@ -175,6 +175,14 @@ void Apply(const PortRow& row, PortRecords& records, std::vector<std::string>& p
         ChooseAddress(reader, change, useIPv6, records);
     } catch (const SettingsClash& clash) {
         reader.Problem(ColumnOf(clash.setting), clash.what());
+    }
+    if (reader.Truth("snmp/enabled").value_or(false) && records.standard.dwSNMPEnabled == 0) {
+        reader.Problem("snmp/enabled", "needs a community: fill in snmp/community");
+    }
+    if (const std::string mac = FieldText(records.extended.sztHWAddress);
+        reader.IsEmpty("mac") && !mac.empty()) {
+        reader.Problem("mac", "is empty, and the port has one, " + Printable(mac) +
+                                  ": write none to have it forgotten");
     }
     // A name that stays would lead to the printer that bears it.
     if (const std::string name = FieldText(records.standard.sztHostAddress);

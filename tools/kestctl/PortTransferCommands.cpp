@@ -10,6 +10,7 @@
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Files.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortFile.h"
 #include "tools/kestctl/PortJson.h"
 #include "tools/kestctl/Progress.h"
@@ -180,7 +181,11 @@ void RunImport(const ImportArguments& arguments, SpoolerChannel& channel) {
         Refuse(arguments.file, plan.problems);
     }
     if (!arguments.dryRun) {
+        const Interruption interruption;
         Carry(channel, plan.steps, [&](size_t done) {
+            if (interruption.Requested()) {
+                throw Interrupted();  // what was done is taken back
+            }
             progress.Show(Bar(done, plan.steps.size()) + "  " + std::to_string(done) + " of " +
                           std::to_string(plan.steps.size()) + " ports");
         });
