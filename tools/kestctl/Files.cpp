@@ -12,7 +12,7 @@
 void SaveFile(const std::string& file, const std::string& text, bool replace) {
     const std::filesystem::path path(ToWide(file));
     std::filesystem::path part = path;
-    part += L".part";
+    part += L"." + std::to_wstring(GetCurrentProcessId()) + L".part";
     std::ofstream stream(part, std::ios::binary);
     stream << text;
     stream.close();

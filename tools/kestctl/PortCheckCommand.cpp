@@ -204,7 +204,9 @@ void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
                               : "")
                       << '\n';
         } else if (connected) {
-            std::cout << "who answers: " << port.detail << '\n';
+            std::cout << "who answers: unknown, it "
+                      << (port.detail.empty() ? "gives neither MAC address nor name" : port.detail)
+                      << '\n';
         }
         if (port.state == PortState::CannotFollow) {
             std::cout << "the port " << port.detail << '\n';
