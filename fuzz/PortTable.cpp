@@ -8,15 +8,11 @@
 
 namespace {
 
-// True for values that CSV holds as they are: a cell has no line ends and no blanks round it.
+// True for values that CSV holds: a cell has no line ends.
 bool IsPlain(const PortRow& row) {
     return !row.values.empty() &&
            std::all_of(row.values.begin(), row.values.end(), [](const auto& value) {
-               const std::string& text = value.second;
-               return text.find_first_of("\r\n") == std::string::npos &&
-                      (text.empty() ||
-                       (std::string(" \t'\xEF").find(text.front()) == std::string::npos &&
-                        std::string(" \t").find(text.back()) == std::string::npos));
+               return value.second.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
            });
 }
 

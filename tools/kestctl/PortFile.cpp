@@ -11,6 +11,9 @@
 
 namespace {
 
+// Bytes: more than any setting has, and not too many for a message.
+constexpr size_t kLongestValue = 512;
+
 // Reads the cells of one row, each checked; what is wrong is noted.
 class RowReader {
   public:
@@ -28,13 +31,17 @@ class RowReader {
             return std::nullopt;
         }
         std::string text = cell->second;
+        if (text.size() > kLongestValue) {
+            Problem(column, "is too long");
+            return std::nullopt;
+        }
         if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
                                 static_cast<int>(text.size()), nullptr, 0) == 0) {
             Problem(column, "is not UTF-8: save the file as such");
             return std::nullopt;
         }
         if (const std::string problem = check(text); !problem.empty()) {
-            Problem(column, Printable(problem));
+            Problem(column, problem);
             return std::nullopt;
         }
         return text;
@@ -181,13 +188,13 @@ void Apply(const PortRow& row, PortRecords& records, std::vector<std::string>& p
     }
     if (const std::string mac = FieldText(records.extended.sztHWAddress);
         reader.IsEmpty("mac") && !mac.empty()) {
-        reader.Problem("mac", "is empty, and the port has one, " + Printable(mac) +
-                                  ": write none to have it forgotten");
+        reader.Problem(
+            "mac", "is empty, and the port has one, " + mac + ": write none to have it forgotten");
     }
     // A name that stays would lead to the printer that bears it.
     if (const std::string name = FieldText(records.standard.sztHostAddress);
         reader.IsEmpty("hostName") && !name.empty()) {
-        reader.Problem("hostName", "is empty, and the port has one that would stay, " +
-                                       Printable(name) + ": delete the port first");
+        reader.Problem("hostName", "is empty, and the port has one that would stay, " + name +
+                                       ": delete the port first");
     }
 }

@@ -6,8 +6,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <iterator>
+#include <string_view>
 
 const std::vector<std::string> kPortColumns = {
     "name",    "configured",  "protocol",     "address",        "ipv6Host",
@@ -18,9 +20,20 @@ namespace {
 
 constexpr char kFormulaStarts[] = "=+-@";
 
+constexpr size_t kLongestColumn = 100;  // that a message repeats, in bytes
+
 // What `port show` says of a port that is no setting of its own.
-bool IsRemark(const std::string& column) {
-    return column == "usedBy" || column == "changed";
+const std::vector<std::string> kRemarks = {"usedBy", "changed"};
+
+bool Has(const std::vector<std::string>& texts, const std::string& text) {
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
+
+// True for what a spreadsheet would take for a formula, behind any apostrophes that say it is none.
+bool IsFormula(const std::string& text) {
+    const size_t start = text.find_first_not_of('\'');
+    return start != std::string::npos &&
+           std::string_view(kFormulaStarts).find(text[start]) != std::string_view::npos;
 }
 
 std::string At(size_t line) {
@@ -30,11 +43,13 @@ std::string At(size_t line) {
 // Notes a value of a row, or what is wrong with its column.
 void Take(PortTable& table, PortRow& row, const std::string& column, const std::string& value,
           size_t line) {
-    if (IsRemark(column)) {
+    if (Has(kRemarks, column)) {
         return;
     }
-    if (std::find(kPortColumns.begin(), kPortColumns.end(), column) == kPortColumns.end()) {
-        table.problems.push_back(At(line) + "there is no setting '" + column + "'");
+    if (!Has(kPortColumns, column)) {
+        table.problems.push_back(At(line) + (column.size() > kLongestColumn
+                                                 ? "there is no setting of so long a name"
+                                                 : "there is no setting '" + column + "'"));
     } else if (!row.values.emplace(column, value).second) {
         table.problems.push_back(At(line) + "'" + column + "' is there twice");
     }
@@ -121,9 +136,10 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
     }
     bool parse_error(size_t, const std::string&,
                      const nlohmann::detail::exception& error) override {
-        const std::string text = error.what();
-        const size_t begin = text.find("] ");  // behind the library's own number
-        table_.problems.push_back(text.substr(begin == std::string::npos ? 0 : begin + 2));
+        std::string text = error.what();
+        text.erase(0, text.find("] ") + 2);                  // the library's own number
+        text = text.substr(0, text.find("; last read: '"));  // it may be as long as the file
+        table_.problems.push_back(text);
         return false;
     }
 
@@ -131,7 +147,7 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
     // Begins a list or an object that is no setting's value.
     void Ignore() {
         ignored_ = 1;
-        if (!inPort_ || !IsRemark(prefix_ + key_)) {
+        if (!inPort_ || !Has(kRemarks, prefix_ + key_)) {
             Misplaced();
         }
     }
@@ -173,11 +189,30 @@ std::vector<std::string> Cells(char* line) {
         io::detail::chop_next_column<Quotes>(line, begin, end);
         io::trim_chars<' ', '\t'>::trim(begin, end);
         Quotes::unescape(begin, end);
-        const bool isGuarded =
-            *begin == '\'' && std::string(kFormulaStarts).find(begin[1]) != std::string::npos;
-        cells.emplace_back(isGuarded && begin[1] != '\0' ? begin + 1 : begin);
+        cells.emplace_back(*begin == '\'' && IsFormula(begin) ? begin + 1 : begin);
+    }
+    // Spreadsheets fill up rows with empty cells.
+    while (!cells.empty() && cells.back().empty()) {
+        cells.pop_back();
     }
     return cells;
+}
+
+// A column as it is called here, for a heading in any letter case.
+std::string ColumnFor(const std::string& heading) {
+    const auto isSame = [&heading](const std::string& column) {
+        return std::equal(column.begin(), column.end(), heading.begin(), heading.end(),
+                          [](unsigned char one, unsigned char other) {
+                              return std::tolower(one) == std::tolower(other);
+                          });
+    };
+    for (const std::vector<std::string>* columns : {&kPortColumns, &kRemarks}) {
+        const auto found = std::find_if(columns->begin(), columns->end(), isSame);
+        if (found != columns->end()) {
+            return *found;
+        }
+    }
+    return heading;
 }
 
 template <char Separator>
@@ -193,16 +228,14 @@ void ReadCsv(const std::string& text, PortTable& table) {
             table.problems.push_back(At(number) + "a quoted cell does not end");
             continue;
         }
-        // Spreadsheets keep rows that were emptied.
-        if (std::all_of(cells.begin(), cells.end(),
-                        [](const std::string& cell) { return cell.empty(); })) {
-            continue;
+        if (cells.empty()) {
+            continue;  // spreadsheets keep rows that were emptied
         }
         if (heading.empty()) {
-            heading = cells;
             PortRow once;
-            for (const std::string& column : heading) {
-                Take(table, once, column, "", number);
+            for (const std::string& cell : cells) {
+                heading.push_back(ColumnFor(cell));
+                Take(table, once, heading.back(), "", number);
             }
             continue;
         }
@@ -210,6 +243,7 @@ void ReadCsv(const std::string& text, PortTable& table) {
             table.problems.push_back(At(number) + "has more cells than the heading");
             continue;
         }
+        cells.resize(heading.size());
         PortRow row = {number, {}};
         for (size_t i = 0; i < cells.size(); ++i) {
             row.values.emplace(heading[i], cells[i]);
@@ -226,11 +260,10 @@ void ReadJson(const std::string& text, PortTable& table) {
 }
 
 std::string Cell(const std::string& value) {
-    std::string cell = value;
-    if (!cell.empty() && std::string(kFormulaStarts).find(cell[0]) != std::string::npos) {
-        cell.insert(0, 1, '\'');
-    }
-    if (cell.find_first_of("\",;\r\n") == std::string::npos) {
+    const std::string cell = (IsFormula(value) ? "'" : "") + value;
+    const auto isBlank = [](char c) { return c == ' ' || c == '\t'; };
+    if (cell.empty() || (cell.find_first_of("\",;\r\n") == std::string::npos &&
+                         !isBlank(cell.front()) && !isBlank(cell.back()))) {
         return cell;
     }
     std::string quoted = "\"";

@@ -22,8 +22,9 @@ struct PortTable {
 };
 
 // Reads a file of at most kMaxPortFile bytes. JSON is an array of objects, or one object; CSV has
-// a heading, commas or semicolons between its cells, and quotes (RFC 4180) round those that need
-// them. A byte order mark may stand before either.
+// a heading in any letter case, commas or semicolons between its cells, and quotes (RFC 4180) round
+// those that need them; cells that a row does not have are empty. A byte order mark may stand
+// before either.
 PortTable ReadPortTable(const std::string& text);
 constexpr size_t kMaxPortFile = 16 << 20;
 
