@@ -10,12 +10,12 @@
 #include <string>
 #include <utility>
 
-// What can be done about a failure, beyond what its message says. Who shows the failure says how:
-// the tool names commands, a dialogue names buttons.
+// What can be done about a failure, beyond what its message says, on the print server that it is
+// about. Who shows the failure says how: the tool names commands, a dialogue names buttons.
 enum class Remedy {
     None,
     RunAsAdministrator,
-    StartSpooler,    // its service does not run
+    StartSpooler,    // its service does not run, or its machine is not reached
     InstallMonitor,  // the spooler has not loaded the monitor
     ListPorts,       // there is no port of this name
     ChangePort,      // the port `subject` is there already

@@ -171,8 +171,9 @@ bool IsAsMade(const PortRecords& now, PortRecords made) {
 }
 
 // Finds what keeps a planned port from being made, or that it is there already.
-void CompareWithPorts(SpoolerChannel& channel, const std::vector<std::wstring>& names,
-                      std::vector<Migration>& plan) {
+void CompareWithPorts(SpoolerChannel& channel, std::vector<Migration>& plan) {
+    const std::vector<std::wstring> names = channel.PortNames();
+    const std::vector<std::wstring> others = channel.OtherPortNames();
     for (Migration& migration : plan) {
         const auto sameName = [&migration](const std::wstring& name) {
             return SameName(name, migration.to);
@@ -192,6 +193,8 @@ void CompareWithPorts(SpoolerChannel& channel, const std::vector<std::wstring>& 
             if (!migration.isThere) {
                 migration.obstacle = "port " + ToUtf8(*there) + " is there with other settings";
             }
+        } else if (std::any_of(others.begin(), others.end(), sameName)) {
+            migration.obstacle = NameTaken(migration.to).what();
         }
     }
 }
@@ -225,7 +228,7 @@ std::vector<Migration> PlanMigration(SpoolerChannel& channel, const MigrationWis
         }
     };
     ForEach(ports.size(), kAtOnce, planOne, [&](size_t done) { tell(done, ports.size()); });
-    CompareWithPorts(channel, channel.PortNames(), plan);
+    CompareWithPorts(channel, plan);
     for (Migration& migration : plan) {
         std::vector<std::wstring> busy;
         for (const std::wstring& name : migration.queues) {

@@ -1,8 +1,6 @@
 #include "admin/MonitorKey.h"
 
-#include <algorithm>
-#include <sstream>
-
+#include "admin/PortStore.h"
 #include "admin/Registry.h"
 #include "monitor/PortConfig.h"
 
@@ -40,20 +38,12 @@ std::vector<StoredPort> StoredPorts(Machine& machine) {
     return ports;
 }
 
-std::vector<StoredQueue> QueuesOnPorts(Machine& machine) {
-    const std::vector<StoredPort> ports = StoredPorts(machine);
+std::vector<Queue> StoredQueues(Machine& machine) {
     const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, machine.PrintKey() + L"\\Printers");
-    std::vector<StoredQueue> queues;
+    std::vector<Queue> queues;
     for (const std::wstring& name : Subkeys(key)) {
-        const UniqueRegistryKey queue = OpenKey(key.Get(), name);
-        // A queue may print to several ports: "LPT1:,OFFICE".
-        std::wistringstream stream(queue ? ReadText(queue.Get(), L"Port") : std::wstring());
-        for (std::wstring used; std::getline(stream, used, L',');) {
-            if (std::any_of(ports.begin(), ports.end(), [&used](const StoredPort& port) {
-                    return lstrcmpiW(port.name.c_str(), used.c_str()) == 0;
-                })) {
-                queues.push_back({name, used});
-            }
+        if (const UniqueRegistryKey queue = OpenKey(key.Get(), name)) {
+            queues.push_back({name, PortsIn(ReadText(queue.Get(), L"Port"))});
         }
     }
     return queues;

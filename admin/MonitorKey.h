@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "admin/Machine.h"
+#include "admin/SpoolerChannel.h"
 
 // The monitor's key below HKEY_LOCAL_MACHINE.
 std::wstring MonitorKey(Machine& machine);
@@ -24,9 +25,5 @@ struct StoredPort {
 };
 std::vector<StoredPort> StoredPorts(Machine& machine);
 
-// A queue that prints to one of the monitor's ports.
-struct StoredQueue {
-    std::wstring name;
-    std::wstring port;
-};
-std::vector<StoredQueue> QueuesOnPorts(Machine& machine);
+// The machine's queues with their ports; how many jobs wait in them is the spooler's alone to know.
+std::vector<Queue> StoredQueues(Machine& machine);

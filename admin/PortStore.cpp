@@ -4,8 +4,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 
-#include "admin/CommandFailed.h"
 #include "admin/Text.h"
 
 namespace {
@@ -149,6 +149,15 @@ std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
     return Meant(channel.PortNames(), wanted, mayMiss);
 }
 
+std::vector<std::wstring> PortsIn(const std::wstring& text) {
+    std::vector<std::wstring> ports;
+    std::wistringstream stream(text);
+    for (std::wstring name; std::getline(stream, name, L',');) {
+        ports.push_back(name);
+    }
+    return ports;
+}
+
 std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port) {
     std::vector<std::wstring> names;
     for (const Queue& queue : queues) {
@@ -170,6 +179,12 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
     return records;
 }
 
+CommandFailed NameTaken(const std::wstring& name) {
+    return CommandFailed(
+        "another monitor of the spooler has a port " + ToUtf8(name) + ": choose another name",
+        Remedy::ChooseName);
+}
+
 void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
     const std::vector<std::wstring> names = channel.PortNames();
     if (const auto found = WithName(names, name); found != names.end()) {
@@ -178,9 +193,7 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
     }
     const DWORD code = SendName(channel, L"AddPort", name);
     if (code == ERROR_ALREADY_EXISTS) {
-        throw CommandFailed(
-            "another monitor of the spooler has a port " + ToUtf8(name) + ": choose another name",
-            Remedy::ChooseName);
+        throw NameTaken(name);
     }
     Require(code, "port " + ToUtf8(name) + " cannot be added");
     try {

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 
+#include "admin/CommandFailed.h"
 #include "admin/PortSettings.h"
 #include "admin/SpoolerChannel.h"
 
@@ -34,12 +35,18 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
 std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
                                     const std::vector<std::wstring>& wanted, bool mayMiss = false);
 
+// The ports in a queue's port text, "LPT1:" or "LPT1:,OFFICE".
+std::vector<std::wstring> PortsIn(const std::wstring& text);
+
 // The queues among these that print to a port, by name.
 std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port);
 
 // Reads both records of a port. A port that was added but never configured reads as all zero.
 // Throws CommandFailed.
 PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name);
+
+// How a port fails whose name one of another monitor has.
+CommandFailed NameTaken(const std::wstring& name);
 
 // Makes a port with its configuration, or, when any step fails, nothing.
 // Throws CommandFailed.

@@ -5,6 +5,7 @@
 #include "admin/Installation.h"
 #include "admin/MonitorKey.h"
 #include "admin/PackageFiles.h"
+#include "admin/PortStore.h"
 #include "admin/SetupSteps.h"
 #include "admin/Text.h"
 
@@ -78,11 +79,14 @@ bool HasOwnConfiguration(Machine& machine) {
 
 void CheckRemoval(Machine& machine, bool force) {
     RequireElevated(machine);
-    if (const std::vector<StoredQueue> queues = QueuesOnPorts(machine); !queues.empty() && !force) {
-        std::string users;
-        for (const auto& [queue, port] : queues) {
-            users += (users.empty() ? "" : ", ") + ToUtf8(queue) + " on " + ToUtf8(port);
+    const std::vector<Queue> queues = StoredQueues(machine);
+    std::string users;
+    for (const StoredPort& port : StoredPorts(machine)) {
+        for (const std::wstring& queue : QueuesOn(queues, port.name)) {
+            users += (users.empty() ? "" : ", ") + ToUtf8(queue) + " on " + ToUtf8(port.name);
         }
+    }
+    if (!users.empty() && !force) {
         throw CommandFailed("printers print to its ports: " + users, Remedy::MoveQueues);
     }
 }

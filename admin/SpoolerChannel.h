@@ -47,6 +47,9 @@ class SpoolerChannel {
     // The names of the monitor's ports, in its own order. Throws CommandFailed.
     virtual std::vector<std::wstring> PortNames() = 0;
 
+    // The names of the spooler's other ports, which no new port can have. Throws CommandFailed.
+    virtual std::vector<std::wstring> OtherPortNames() = 0;
+
     // Sends the monitor one named command of its transceive channel (platform: XcvDataW).
     //   input, output: buffers with their sizes in bytes; null with size 0 where there is none.
     // Returns the command's Win32 code. Throws CommandFailed when the monitor cannot be reached.

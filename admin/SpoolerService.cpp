@@ -1,7 +1,6 @@
 #include "admin/SpoolerService.h"
 
 #include <algorithm>
-#include <sstream>
 
 #include "admin/CommandFailed.h"
 #include "admin/PortStore.h"
@@ -11,12 +10,10 @@ namespace {
 
 // Calls one of the spooler's Enum functions until its buffer is large enough.
 //   failure: what to say when it fails, without the reason.
-//   remedy: what helps where the spooler cannot be reached.
 //   enumerate: takes buffer, its size in bytes, needed size, number of records; TRUE on success.
 // Returns the buffer and the number of `Info` records at its start.
 template <class Info, class Enumerate>
-std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Remedy remedy,
-                                                Enumerate enumerate) {
+std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Enumerate enumerate) {
     std::vector<BYTE> buffer;
     DWORD needed = 0;
     DWORD count = 0;
@@ -24,22 +21,13 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Reme
     while (!enumerate(buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count)) {
         const DWORD error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
-            throw CommandFailed(failure + ": " + ErrorText(error),
-                                error == RPC_S_SERVER_UNAVAILABLE ? remedy : Remedy::None);
+            throw CommandFailed(failure + ": " + ErrorText(error), error == RPC_S_SERVER_UNAVAILABLE
+                                                                       ? Remedy::StartSpooler
+                                                                       : Remedy::None);
         }
         buffer.resize(needed);
     }
     return {std::move(buffer), count};
-}
-
-// The ports in a queue's port text, "LPT1:" or "LPT1:,OFFICE".
-std::vector<std::wstring> Ports(const std::wstring& text) {
-    std::vector<std::wstring> ports;
-    std::wistringstream stream(text);
-    for (std::wstring name; std::getline(stream, name, L',');) {
-        ports.push_back(name);
-    }
-    return ports;
 }
 
 class QueuedJob : public PrintJob {
@@ -106,7 +94,7 @@ class QueuedJob : public PrintJob {
 
 std::vector<Queue> SpoolerService::Queues() {
     const auto [buffer, count] = Enumerated<PRINTER_INFO_2W>(
-        Name() + " does not list its printers", Here(Remedy::StartSpooler),
+        Name() + " does not list its printers",
         [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             const DWORD which = server_.empty() ? PRINTER_ENUM_LOCAL : PRINTER_ENUM_NAME;
             return EnumPrintersW(which, Server(), 2, to, size, needed, returned);
@@ -115,7 +103,7 @@ std::vector<Queue> SpoolerService::Queues() {
     const auto* info = reinterpret_cast<const PRINTER_INFO_2W*>(buffer.data());
     for (size_t i = 0; i < count; ++i) {
         const LPCWSTR ports = info[i].pPortName != nullptr ? info[i].pPortName : L"";
-        queues.push_back({info[i].pPrinterName, Ports(ports), info[i].cJobs});
+        queues.push_back({info[i].pPrinterName, PortsIn(ports), info[i].cJobs});
     }
     return queues;
 }
@@ -151,20 +139,26 @@ void SpoolerService::MoveQueue(const std::wstring& queue, const std::vector<std:
     }
 }
 
-std::vector<std::wstring> SpoolerService::PortNames() {
+// The ports of the monitor, or those of all others.
+std::vector<std::wstring> SpoolerService::Ports(bool own) {
     const auto [buffer, count] =
-        Enumerated<PORT_INFO_2W>(Name() + " does not list its ports", Here(Remedy::StartSpooler),
+        Enumerated<PORT_INFO_2W>(Name() + " does not list its ports",
                                  [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
                                      return EnumPortsW(Server(), 2, to, size, needed, returned);
                                  });
     std::vector<std::wstring> names;
     const auto* info = reinterpret_cast<const PORT_INFO_2W*>(buffer.data());
     for (size_t i = 0; i < count; ++i) {
-        if (info[i].pMonitorName != nullptr &&
-            lstrcmpiW(info[i].pMonitorName, monitor_.c_str()) == 0) {
+        const LPCWSTR monitor = info[i].pMonitorName != nullptr ? info[i].pMonitorName : L"";
+        if (SameName(monitor, monitor_) == own) {
             names.emplace_back(info[i].pPortName);
         }
     }
+    return names;
+}
+
+std::vector<std::wstring> SpoolerService::PortNames() {
+    std::vector<std::wstring> names = Ports(true);
     if (names.empty()) {
         RequireMonitor();
     }
@@ -175,15 +169,10 @@ std::string SpoolerService::Name() const {
     return server_.empty() ? "the spooler" : "the spooler of " + ToUtf8(server_);
 }
 
-// What can be done on this machine alone is no advice for another.
-Remedy SpoolerService::Here(Remedy remedy) const {
-    return server_.empty() ? remedy : Remedy::None;
-}
-
 // A monitor without ports and no monitor at all look the same in the list of ports.
 void SpoolerService::RequireMonitor() {
     const auto [buffer, count] = Enumerated<MONITOR_INFO_1W>(
-        Name() + " does not list its monitors", Here(Remedy::StartSpooler),
+        Name() + " does not list its monitors",
         [this](BYTE* to, DWORD size, DWORD* needed, DWORD* returned) {
             return EnumMonitorsW(Server(), 1, to, size, needed, returned);
         });
@@ -191,8 +180,7 @@ void SpoolerService::RequireMonitor() {
     if (std::none_of(info, info + count, [this](const MONITOR_INFO_1W& loaded) {
             return lstrcmpiW(loaded.pName, monitor_.c_str()) == 0;
         })) {
-        throw CommandFailed(Name() + " has not loaded " + ToUtf8(monitor_),
-                            Here(Remedy::InstallMonitor));
+        throw CommandFailed(Name() + " has not loaded " + ToUtf8(monitor_), Remedy::InstallMonitor);
     }
 }
 
@@ -203,11 +191,11 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
         PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();
-            Remedy remedy = Here(Remedy::InstallMonitor);
+            Remedy remedy = Remedy::InstallMonitor;
             if (error == ERROR_ACCESS_DENIED) {
                 remedy = Remedy::RunAsAdministrator;
             } else if (error == RPC_S_SERVER_UNAVAILABLE) {
-                remedy = Here(Remedy::StartSpooler);
+                remedy = Remedy::StartSpooler;
             }
             throw CommandFailed(Name() + " gives no access to the monitor " + ToUtf8(monitor_) +
                                     ": " + ErrorText(error),

@@ -3,7 +3,6 @@
 
 #include <string>
 
-#include "admin/CommandFailed.h"
 #include "admin/SpoolerChannel.h"
 #include "diag/Resource.h"
 
@@ -16,6 +15,7 @@ class SpoolerService : public SpoolerChannel {
         : monitor_(std::move(monitor)), server_(std::move(server)) {}
 
     std::vector<std::wstring> PortNames() override;
+    std::vector<std::wstring> OtherPortNames() override { return Ports(false); }
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
     std::vector<Queue> Queues() override;
@@ -29,7 +29,7 @@ class SpoolerService : public SpoolerChannel {
   private:
     LPWSTR Server() { return server_.empty() ? nullptr : server_.data(); }
     std::string Name() const;
-    Remedy Here(Remedy remedy) const;
+    std::vector<std::wstring> Ports(bool own);
     void RequireMonitor();
 
     std::wstring monitor_;

@@ -16,6 +16,7 @@ class CancellableChannel : public SpoolerChannel {
         : channel_(std::move(channel)), task_(task) {}
 
     std::vector<std::wstring> PortNames() override { return channel_->PortNames(); }
+    std::vector<std::wstring> OtherPortNames() override { return channel_->OtherPortNames(); }
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override {
         if (!task_.GoOn() && !std::exchange(told_, true)) {

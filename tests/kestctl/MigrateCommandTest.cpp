@@ -101,8 +101,9 @@ TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
     Kestctl(monitor, {"port", "set", "IP_10.0.0.4-kestmon", "--port", "9101"});
     Failure(monitor, {"port", "migrate", "--undo", file.Name()});
     EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr("10.0.0.4:9101"));
-    // Names: one for two ports, and one that is taken.
-    for (const char* format : {"same", "IP_10.0.0.4-kestmon"}) {
+    // Names: one for two ports, and two that are taken.
+    monitor.otherPorts = {L"LPT1:"};
+    for (const char* format : {"same", "IP_10.0.0.4-kestmon", "lpt1:"}) {
         EXPECT_THAT(
             Kestctl(monitor, {"port", "migrate", "IP_*", "--dry-run", "--name-format", format}),
             HasSubstr("LEFT ALONE: "));

@@ -165,7 +165,7 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     const auto keep = machine.root / "ports.json";
     std::vector<std::string> remove = {"monitor", "remove", "--keep-ports", keep.string()};
     const auto before = machine.State();
-    EXPECT_THAT(Tool(machine, remove), HasSubstr("Laser on my port"));
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("Laser on MY PORT"));
     machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:");
     EXPECT_THAT(Tool(machine, remove), HasSubstr("knows 0 of 1 ports, nothing was removed"));
     machine.monitor.ports[L"MY PORT"] = {};

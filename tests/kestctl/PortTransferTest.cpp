@@ -2,6 +2,7 @@
 
 #include "tests/support/FakeMonitor.h"
 #include "tests/support/TempFile.h"
+#include "tools/kestctl/Interruption.h"
 
 using testing::AllOf;
 using testing::HasSubstr;
@@ -48,10 +49,10 @@ TEST(PortTransfer, SpreadsheetsHaveTheirWays) {
     FakeMonitor monitor;
     Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac", "0004004A1B2C"});
     const TempFile file(".csv",
-                        "\xEF\xBB\xBFname;address;mac;alwaysPrint;queue;protocol\r\n"
-                        "office ;10.0.0.1;00:04:00:4a:1b:2c;;;\r\n"
-                        ";;;;;\r\n"
-                        "\"LAB \"\"A\"\"; 2\";10.0.0.2;00-04-00-4A-1B-2D;TRUE;lp2;lpr");
+                        "\xEF\xBB\xBFName;ADDRESS;mac;alwaysprint;queue;protocol;; \r\n"
+                        "office ;10.0.0.1;00:04:00:4a:1b:2c\r\n"
+                        ";;;;;;;;;\r\n"
+                        "\"LAB \"\"A\"\"; 2\";10.0.0.2;00-04-00-4A-1B-2D;TRUE;lp2;lpr;;;;");
     EXPECT_THAT(Kestctl(monitor, {"port", "import", file.Name()}),
                 AllOf(HasSubstr("port LAB \"A\"; 2 added: lpr to 10.0.0.2:515, queue lp2"),
                       HasSubstr("1 added, 0 changed, 1 as they were")));
@@ -83,21 +84,56 @@ TEST(PortTransfer, AllThatIsWrongIsToldAndNothingDone) {
          {"line 2: there is no setting 'port'", "line 4: a port's settings are expected",
           "line 3: hostName is empty"}},
         {"[{\"name\": \"A\",\n\"address\" \"10.0.0.1\"}]", {"line 2, column"}},
+        {"name,address,\x1b[2J\nlpt1:,10.0.0.1\n",
+         {"setting '?[2J'", "line 2: another monitor of the spooler has a port lpt1:"}},
         {"", {"is empty"}},
         {"\xFF\xFEn\0a", {"UTF-8"}},
     };
     for (const auto& c : cases) {
         FakeMonitor monitor;
+        monitor.otherPorts = {L"LPT1:"};
         Kestctl(monitor,
                 {"port", "add", "OFFICE", "--address", "10.0.0.1", "--host-name", "prn-1"});
         const std::string text = c.text[0] == '\xFF' ? std::string(c.text, 5) : c.text;
         const TempFile file("", text);
-        const std::string failure = Failure(monitor, {"port", "import", file.Name(), "--replace"});
+        const std::string failure =
+            Failure(monitor, {"port", "import", file.Name(), "--replace", "--dry-run"});
         for (const char* told : c.told) {
             EXPECT_THAT(failure, HasSubstr(told));
         }
         EXPECT_EQ(monitor.ports.size(), 1u);
     }
+}
+
+// Whatever JSON can carry.
+TEST(PortTransfer, ValuesSurviveASpreadsheetsFile) {
+    FakeMonitor monitor;
+    for (const char* name : {"=1+1", "'=1+1", "''-", "'quoted'", "-", "a;b", "\"", "\"a\" \"b\"",
+                             "a'=", "@B\u00fcro \u20ac", "none of it", "yes"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1", "--host-name",
+                          std::string(" ") + name + ",  "});
+    }
+    for (const char* extension : {".json", ".csv"}) {
+        const TempFile file(extension);
+        Kestctl(monitor, {"port", "export", file.Name()});
+        FakeMonitor other;
+        Kestctl(other, {"port", "import", file.Name()});
+        EXPECT_EQ(Kestctl(other, {"port", "export"}), Kestctl(monitor, {"port", "export"}));
+    }
+}
+
+TEST(PortTransfer, MessagesAreShortAndNameTheirSource) {
+    FakeMonitor monitor;
+    const std::string huge(100000, 'x');
+    std::istringstream input("name,address," + huge + "\nA," + huge + "\n");
+    std::streambuf* const before = std::cin.rdbuf(input.rdbuf());
+    const std::string failure = Failure(monitor, {"port", "import", "-"});
+    std::cin.rdbuf(before);
+    EXPECT_THAT(failure, AllOf(HasSubstr("standard input: nothing was changed"),
+                               HasSubstr("line 1: there is no setting of so long a name"),
+                               HasSubstr("line 2: address is too long")));
+    const TempFile file("", "[{\"name\": \"" + huge + "\xFF");
+    EXPECT_LT(Failure(monitor, {"port", "import", file.Name()}).size(), 500u);
 }
 
 TEST(PortTransfer, AFailureTakesTheOthersBack) {
@@ -113,6 +149,17 @@ TEST(PortTransfer, AFailureTakesTheOthersBack) {
     monitor.failing[L"DeletePort"] = ERROR_ACCESS_DENIED;
     EXPECT_THAT(Failure(monitor, import),
                 AllOf(HasSubstr("taken back: B"), Not(HasSubstr("taken back: B, A"))));
+}
+
+// The last one: the process keeps the Ctrl-C.
+TEST(PortTransfer, CtrlCTakesAllBack) {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "A", "--address", "10.0.0.1"});
+    const TempFile file("", "name,address\nA,10.0.0.9\nB,10.0.0.2\nC,10.0.0.3\n");
+    monitor.added = [] { Interruption::Note(CTRL_C_EVENT); };
+    EXPECT_THROW(Kestctl(monitor, {"port", "import", file.Name(), "--replace"}), Interrupted);
+    EXPECT_EQ(monitor.ports.size(), 1u);
+    EXPECT_EQ(AddressInUse(monitor.ports[L"A"]), "10.0.0.1");
 }
 
 }  // namespace

@@ -5,7 +5,9 @@
 
 #include "admin/CommandFailed.h"
 #include "admin/PortStore.h"
+#include "tests/support/ImportPatch.h"
 #include "tests/support/TcpPeer.h"
+#include "tools/kestctl/ControlJob.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -64,6 +66,22 @@ TEST_F(SpoolerHostTest, PortsLastInTheRegistry) {
     DeletePort(*host_, L"OFFICE");
     Start();
     EXPECT_THAT(host_->PortNames(), ElementsAre(L"B\u00fcro"));
+}
+
+DWORD enumPrintersError = 0;
+
+BOOL WINAPI RefuseToEnumPrinters(DWORD, LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
+    SetLastError(enumPrintersError);
+    return FALSE;
+}
+
+TEST_F(SpoolerHostTest, KnowsTheQueuesOfASpoolerThatDoesNotRunAndOfNoneThatHidesThem) {
+    const WineQueue laser(L"LPT1:,OFFICE");
+    const ImportPatch patch(GetModuleHandleW(nullptr), "EnumPrintersW", RefuseToEnumPrinters);
+    enumPrintersError = RPC_S_SERVER_UNAVAILABLE;
+    EXPECT_THAT(QueuesOn(host_->Queues(), L"office"), ElementsAre(laser.Name()));
+    enumPrintersError = ERROR_ACCESS_DENIED;
+    EXPECT_THROW(host_->Queues(), CommandFailed);
 }
 
 TEST_F(SpoolerHostTest, CarriesAJobAndLeavesNothingInAnyQueue) {

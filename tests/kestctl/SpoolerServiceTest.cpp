@@ -9,12 +9,17 @@
 
 #include "admin/CommandFailed.h"
 #include "admin/PortStore.h"
+#include "admin/Text.h"
+#include "tests/support/ImportPatch.h"
+#include "tools/kestctl/Command.h"
 #include "tools/kestctl/ControlJob.h"
 
+using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 
 namespace {
 
@@ -41,6 +46,62 @@ TEST(SpoolerService, SendsCommandsAndPassesTheirCodesOn) {
         ADD_FAILURE();
     } catch (const CommandFailed& failed) {
         EXPECT_EQ(failed.remedy, Remedy::InstallMonitor);
+    }
+}
+
+// What another machine's spooler is asked. It has no ports, and no monitor that it tells of.
+std::vector<std::string> asked;
+
+BOOL WINAPI AskPrinters(DWORD which, LPWSTR server, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
+    asked.push_back((which == PRINTER_ENUM_NAME ? "printers " : "wrong ") + ToUtf8(server));
+    return FALSE;
+}
+BOOL WINAPI AskPorts(LPWSTR server, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
+    asked.push_back("ports " + ToUtf8(server));
+    return TRUE;
+}
+BOOL WINAPI AskMonitors(LPWSTR server, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
+    asked.push_back("monitors " + ToUtf8(server));
+    SetLastError(RPC_S_SERVER_UNAVAILABLE);
+    return FALSE;
+}
+BOOL WINAPI AskForPrinter(LPWSTR name, LPHANDLE, LPPRINTER_DEFAULTSW) {
+    asked.push_back("open " + ToUtf8(name));
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+}
+
+std::string Refusal(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const CommandFailed& failed) {
+        return Explained(failed);
+    }
+    return {};
+}
+
+TEST(SpoolerService, AnotherServersNameReachesTheSpoolerAndTheAdvice) {
+    const HMODULE self = GetModuleHandleW(nullptr);
+    const ImportPatch patches[] = {{self, "EnumPrintersW", AskPrinters},
+                                   {self, "EnumPortsW", AskPorts},
+                                   {self, "EnumMonitorsW", AskMonitors},
+                                   {self, "OpenPrinterW", AskForPrinter}};
+    CLI::App app;
+    app.fallthrough();
+    AddDirectFlag(app);
+    AddServerOption(app);
+    AddPortCommands(
+        app, [&app] { return OpenChannel(app); }, {}, [&app] { return ServerName(app); });
+    EXPECT_THAT(Refusal([&app] { app.parse("--server PRINT1 port list"); }),
+                HasSubstr("see that PRINT1 is the right name"));
+    EXPECT_THAT(Refusal([&app] { ReadPort(*OpenChannel(app), L"OFFICE"); }),
+                HasSubstr("may manage the print server PRINT1"));
+    EXPECT_THAT(asked, ElementsAre(R"(printers \\PRINT1)", R"(ports \\PRINT1)",
+                                   R"(monitors \\PRINT1)", R"(open \\PRINT1\,XcvMonitor kestmon)"));
+    for (const Remedy remedy : {Remedy::InstallMonitor, Remedy::ListPorts, Remedy::ChangePort,
+                                Remedy::ShowPort, Remedy::DeletePort, Remedy::AddPrinter}) {
+        EXPECT_THAT(Explained(CommandFailed("", remedy, L"OFFICE")),
+                    AllOf(HasSubstr("PRINT1"), Not(HasSubstr("--direct"))));
     }
 }
 

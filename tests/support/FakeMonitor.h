@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstring>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <sstream>
@@ -15,10 +16,14 @@
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;
     std::map<std::wstring, DWORD> failing;  // command, the code it answers with
-    std::wstring refused;                   // port that AddPort does not make
+    std::wstring refused;                   // port that is not made and not deleted
+    std::vector<std::wstring> otherPorts;   // of other monitors
     std::wstring ignored;                   // command that answers 0 and does nothing
     std::vector<Queue> queues;
-    std::wstring unmovable;  // queue
+    bool hidesQueues = false;             // does not list them
+    std::function<void()> added = [] {};  // told of each port that was made
+    std::string printed;                  // by the last command line
+    std::wstring unmovable;               // queue
     std::vector<StandardPort> standardPorts;
     int opened = 0;
     PrinterIdentity printer;  // that is asked who it is
@@ -65,6 +70,8 @@ class FakeChannel : public SpoolerChannel {
         return names;
     }
 
+    std::vector<std::wstring> OtherPortNames() override { return monitor_.otherPorts; }
+
     DWORD Xcv(LPCWSTR command, const void* input, DWORD, void* output, DWORD) override {
         if (const auto failing = monitor_.failing.find(command);
             failing != monitor_.failing.end()) {
@@ -76,11 +83,12 @@ class FakeChannel : public SpoolerChannel {
         if (is == monitor_.ignored) {
             return ERROR_SUCCESS;
         }
-        if (is == L"AddPort" && name == monitor_.refused) {
+        if ((is == L"AddPort" || is == L"DeletePort") && name == monitor_.refused) {
             return ERROR_DISK_FULL;
         }
         if (is == L"AddPort") {
             monitor_.ports[name] = {};
+            monitor_.added();
         } else if (is == L"DeletePort") {
             monitor_.ports.erase(name);
         } else if (is == L"ConfigurePort") {
@@ -97,7 +105,12 @@ class FakeChannel : public SpoolerChannel {
         return ERROR_SUCCESS;
     }
 
-    std::vector<Queue> Queues() override { return monitor_.queues; }
+    std::vector<Queue> Queues() override {
+        if (monitor_.hidesQueues) {
+            throw CommandFailed("the printers are hidden", Remedy::RunAsAdministrator);
+        }
+        return monitor_.queues;
+    }
     void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) override {
         if (queue == monitor_.unmovable) {
             throw CommandFailed("printer cannot be moved");
@@ -137,9 +150,14 @@ inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> argume
     std::ostringstream output;
     std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
     struct Restore {
+        ~Restore() {
+            std::cout.rdbuf(buffer);
+            printed = output.str();
+        }
         std::streambuf* buffer;
-        ~Restore() { std::cout.rdbuf(buffer); }
-    } restore{before};
+        const std::ostringstream& output;
+        std::string& printed;
+    } restore{before, output, monitor.printed};
     std::reverse(arguments.begin(), arguments.end());
     app.parse(arguments);
     return output.str();

@@ -37,7 +37,8 @@ void AddServerOption(CLI::App& app) {
         ->transform(CLI::Validator(CheckServer, ""))
         ->excludes(app.get_option(kDirect));
     app.parse_complete_callback([&app] {
-        if (app.get_option(kServer)->empty()) {
+        const CLI::Option* server = app.get_option(kServer);
+        if (server->empty()) {
             return;
         }
         for (const CLI::App* command : app.get_subcommands()) {
@@ -47,6 +48,7 @@ void AddServerOption(CLI::App& app) {
                                                         "` works on this computer alone");
             }
         }
+        SpeakOfServer(server->as<std::string>());
     });
 }
 

@@ -17,6 +17,9 @@
 // What a failure's message and its remedy come to, as kestctl words them.
 std::string Explained(const CommandFailed& failed);
 
+// Has kestctl word remedies for the print server of this name, \\SERVER, instead of this computer.
+void SpeakOfServer(const std::string& server);
+
 // A port's name as it has to stand on a command line.
 std::string Quoted(const std::wstring& name);
 
@@ -50,6 +53,9 @@ std::string Examples(const CLI::App& app);
 
 // Refuses an empty text: it is most often a script's variable that has none, and never a wish.
 CLI::Validator NotEmpty();
+
+// Refuses what is no number of seconds from the least to the most.
+CLI::Validator Seconds(double least, double most);
 
 // Adds the global --direct.
 void AddDirectFlag(CLI::App& app);

@@ -9,6 +9,10 @@
 #include "admin/CommandFailed.h"
 #include "admin/Text.h"
 
+std::string SourceName(const std::string& file) {
+    return file == kStandardStream ? "standard input" : file;
+}
+
 void SaveFile(const std::string& file, const std::string& text, bool replace) {
     const std::filesystem::path path(ToWide(file));
     std::filesystem::path part = path;
@@ -35,7 +39,7 @@ std::string ReadFileOrInput(const std::string& file) {
     std::string text(kMaxFile + 1, '\0');
     input->read(text.data(), static_cast<std::streamsize>(text.size()));
     if (input->bad() || (file != kStandardStream && !stream.is_open())) {
-        throw CommandFailed(file + " cannot be read");
+        throw CommandFailed(SourceName(file) + " cannot be read");
     }
     text.resize(static_cast<size_t>(input->gcount()));
     return text;

@@ -10,6 +10,9 @@ constexpr char kStandardStream[] = "-";
 // More of a file than this is not read.
 constexpr size_t kMaxFile = 16 << 20;
 
+// What is read, as messages name it: a file, or standard input for "-".
+std::string SourceName(const std::string& file);
+
 // Writes a file, as a whole or not at all.
 //   replace: whether one that is there is replaced; otherwise it is a failure.
 // Throws CommandFailed.

@@ -74,7 +74,7 @@ Migration FromJson(const nlohmann::json& document) {
     }
     if (!problems.empty() || table.rows.size() != 1) {
         throw CommandFailed("the settings of port " + ToUtf8(migration.to) +
-                            " are wrong: " + (problems.empty() ? "none" : problems[0]));
+                            " are wrong: " + (problems.empty() ? "none" : Printable(problems[0])));
     }
     return migration;
 }
@@ -256,9 +256,9 @@ std::vector<Migration> ReadUndoFile(const std::string& file, const std::wstring&
         }
         return plan;
     } catch (const nlohmann::json::exception&) {
-        throw CommandFailed(file + " is no file of a migration");
+        throw CommandFailed(SourceName(file) + " is no file of a migration");
     } catch (const CommandFailed& failed) {
-        throw CommandFailed(file + ": " + failed.what());
+        throw CommandFailed(SourceName(file) + ": " + failed.what());
     }
 }
 

@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <iostream>
+#include <sstream>
 
 #include "admin/Text.h"
 
 namespace {
 
 bool printedJson = false;
+std::string server;  // without its backslashes; empty for this computer
 
 void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths,
               std::ostream& out) {
@@ -38,34 +40,49 @@ std::string Quoted(const std::wstring& name) {
     return text.find(' ') == std::string::npos ? text : '"' + text + '"';
 }
 
+void SpeakOfServer(const std::string& name) {
+    server = name.substr(name.find_first_not_of('\\'));
+}
+
 std::string Explained(const CommandFailed& failed) {
     const std::string message = failed.what();
     const std::string port = Quoted(failed.subject);
+    const bool here = server.empty();
+    const std::string kestctl = here ? "`kestctl " : "`kestctl --server " + server + " ";
     switch (failed.remedy) {
         case Remedy::None:
         case Remedy::ChooseName:
             break;
         case Remedy::RunAsAdministrator:
-            return message + "; run kestctl as administrator";
+            return message +
+                   (here ? "; run kestctl as administrator"
+                         : "; run kestctl as somebody who may manage the print server " + server);
         case Remedy::StartSpooler:
-            return message + "; start its service: net start spooler";
+            return message + (here ? "; start its service: net start spooler"
+                                   : "; see that " + server +
+                                         " is the right name, that its service Print Spooler "
+                                         "runs, and that no firewall is in between");
         case Remedy::InstallMonitor:
             return message +
-                   "; install the monitor with `kestctl monitor install`, or go without: --direct";
+                   (here ? "; install the monitor with `kestctl monitor install`, or go without: "
+                           "--direct"
+                         : "; install the monitor with `kestctl monitor install` on " + server);
         case Remedy::ListPorts:
-            return message + ": `kestctl port list` shows those there are";
+            return message + ": " + kestctl + "port list` shows those there are";
         case Remedy::ChangePort:
-            return message + ": `kestctl port set " + port + " ...` changes it";
+            return message + ": " + kestctl + "port set " + port + " ...` changes it";
         case Remedy::ShowPort:
-            return message + "; look at it with `kestctl port show " + port + "`";
+            return message + "; look at it with " + kestctl + "port show " + port + "`";
         case Remedy::DeletePort:
-            return message + ": try `kestctl port delete " + port + "`";
+            return message + ": try " + kestctl + "port delete " + port + "`";
         case Remedy::MovePrinter:
             return message + ": move the printer to another port first";
         case Remedy::AddPrinter:
             return message +
-                   ": add one that does (Windows: Add-Printer -PortName), or send without one: "
-                   "--direct";
+                   (here ? ": add one that does (Windows: Add-Printer -PortName), or send without "
+                           "one: --direct"
+                         : ": add one that does (Windows: Add-Printer -ComputerName " + server +
+                               " -PortName)");
         case Remedy::CheckSearch:
             return message +
                    ": check that it is on, that `kestctl slp find` shows it with the attributes "
@@ -120,6 +137,19 @@ void AddExample(CLI::App& command, const std::string& line) {
 CLI::Validator NotEmpty() {
     return CLI::Validator(
         [](std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "");
+}
+
+CLI::Validator Seconds(double least, double most) {
+    return CLI::Validator(
+        [least, most](std::string& text) {
+            double value = 0;
+            const bool fits = CLI::detail::lexical_cast(text, value) && value >= least &&
+                              value <= most;  // nan is neither
+            std::ostringstream problem;
+            problem << "'" << text << "' is no number of seconds from " << least << " to " << most;
+            return fits ? std::string() : problem.str();
+        },
+        "");
 }
 
 std::string Examples(const CLI::App& app) {

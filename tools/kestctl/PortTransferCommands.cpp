@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 
 #include "admin/PortStore.h"
 #include "admin/Text.h"
@@ -115,6 +116,8 @@ ImportPlan MakePlan(const PortTable& table, bool replace, SpoolerChannel& channe
     for (const std::wstring& name : channel.PortNames()) {
         there.emplace(name, name);
     }
+    const std::vector<std::wstring> others = channel.OtherPortNames();
+    const std::set<std::wstring, LessByName> taken(others.begin(), others.end());
     std::map<std::wstring, size_t, LessByName> lines;
     for (const PortRow& row : table.rows) {
         const std::wstring name = ToWide(NameOf(row, plan.problems));
@@ -130,6 +133,9 @@ ImportPlan MakePlan(const PortTable& table, bool replace, SpoolerChannel& channe
         if (const auto found = there.find(name); found != there.end()) {
             step.name = found->second;
             step.before = ReadPort(channel, step.name);
+        } else if (taken.contains(name)) {
+            plan.problems.push_back("line " + std::to_string(row.line) + ": " +
+                                    NameTaken(name).what());
         }
         PlanPort(row, std::move(step), replace, plan);
     }
@@ -137,9 +143,9 @@ ImportPlan MakePlan(const PortTable& table, bool replace, SpoolerChannel& channe
 }
 
 void Refuse(const std::string& file, const std::vector<std::string>& problems) {
-    std::string text = file + ": nothing was changed, because of";
+    std::string text = SourceName(file) + ": nothing was changed, because of";
     for (const std::string& problem : problems) {
-        text += "\n  " + problem;
+        text += "\n  " + Printable(problem);
     }
     throw CommandFailed(text);
 }

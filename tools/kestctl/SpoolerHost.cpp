@@ -4,9 +4,11 @@
 #include <utility>
 
 #include "admin/CommandFailed.h"
+#include "admin/MonitorKey.h"
 #include "admin/PortStore.h"
 #include "admin/SpoolerService.h"
 #include "admin/Text.h"
+#include "admin/WindowsMachine.h"
 #include "diag/Log.h"
 #include "monitor/PortList.h"
 #include "tools/kestctl/ControlJob.h"
@@ -323,12 +325,29 @@ DWORD SpoolerHost::Xcv(LPCWSTR command, const void* input, DWORD inputSize, void
                                   static_cast<BYTE*>(output), outputSize, &needed);
 }
 
-// The system's own spooler may not be running: that is one reason to go past it.
+// The system's own spooler may not be running: that is one reason to go past it. Then a name that
+// another monitor has is only refused when its port is added.
+std::vector<std::wstring> SpoolerHost::OtherPortNames() {
+    try {
+        return SpoolerService().OtherPortNames();
+    } catch (const CommandFailed& failed) {
+        if (failed.remedy != Remedy::StartSpooler) {
+            throw;
+        }
+        return {};
+    }
+}
+
+// Queues are there while their spooler does not run, and print to their ports when it runs again.
 std::vector<Queue> SpoolerHost::Queues() {
     try {
         return SpoolerService().Queues();
-    } catch (const CommandFailed&) {
-        return {};
+    } catch (const CommandFailed& failed) {
+        if (failed.remedy != Remedy::StartSpooler) {
+            throw;
+        }
+        WindowsMachine machine;
+        return StoredQueues(machine);
     }
 }
 

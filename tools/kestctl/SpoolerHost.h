@@ -35,6 +35,7 @@ class SpoolerHost : public SpoolerChannel {
     static std::filesystem::path LibraryBesideProgram();
 
     std::vector<std::wstring> PortNames() override;
+    std::vector<std::wstring> OtherPortNames() override;
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override;
     std::vector<Queue> Queues() override;
