@@ -53,7 +53,16 @@ TEST(PortCommands, AddShowSetAndDelete) {
         "B\u00fcro   raw to 10.0.0.9:9100           0004004A1B2C  no            Laser, Color\n"
         "LAGER  lpr to 10.0.0.2:515, queue lp  -             no            -\n");
 
-    // Whoever is in the way of a deletion is named, and nothing is deleted.
+    // Whoever is in the way of a deletion is named, and nothing is deleted; nor is it where nobody
+    // knows.
+    monitor.hidesQueues = true;
+    EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr(" no            ?\n"));
+    EXPECT_TRUE(
+        nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"}))["usedBy"]
+            .is_null());
+    EXPECT_THAT(Failure(monitor, {"port", "delete", "LAGER"}),
+                HasSubstr("not known: the printers are hidden; run kestctl as"));
+    monitor.hidesQueues = false;
     EXPECT_THAT(Failure(monitor, {"port", "delete", "*"}), HasSubstr("printers Laser, Color"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "delete", "lager", "--json"})),
               nlohmann::json::parse(R"({"deleted": "LAGER"})"));
@@ -107,8 +116,24 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
                 AllOf(HasSubstr("port LAGER set"), HasSubstr("address: 10.0.0.1 -> 10.0.0.2")));
     EXPECT_THAT(Kestctl(monitor, {"port", "add", "NEW", "--address", "10.0.0.2", "--or-set"}),
                 HasSubstr("port NEW added"));
+    // Only a port that is new needs an address, and what is there says which settings fit.
+    Kestctl(monitor, {"port", "add", "lager", "--queue", "lp2", "--or-set"});
+    EXPECT_EQ(FieldText(monitor.ports[L"LAGER"].standard.sztQueue), "lp2");
+    EXPECT_THAT(Failure(monitor, {"port", "add", "NEWER", "--port", "9101", "--or-set"}),
+                HasSubstr("--address"));
+    // What was done before a failure is told, and where it ended.
+    monitor.refused = L"Office-2";
+    EXPECT_THAT(Failure(monitor, {"port", "delete", "O*", "LAGER", "--json"}),
+                HasSubstr("Office-2 cannot be deleted"));
+    const auto told = nlohmann::json::parse(monitor.printed);
+    ASSERT_EQ(told.size(), 3u) << told;
+    EXPECT_EQ(told[0]["deleted"], "LAGER");
+    EXPECT_EQ(told[1]["deleted"], "OFFICE-1");
+    EXPECT_EQ(told[2]["name"], "Office-2");
+    EXPECT_THAT(told[2]["error"].get<std::string>(), HasSubstr("cannot be deleted"));
+    monitor.refused.clear();
     Kestctl(monitor, {"port", "delete", "--if-there", "office-*", "NONE", "HALL-*"});
-    EXPECT_EQ(shown({"*"}), "LAGER:515 NEW:9100 ");
+    EXPECT_EQ(shown({"*"}), "NEW:9100 ");
 }
 
 TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
@@ -210,6 +235,8 @@ TEST(PortCommands, WrongUsageReachesNoMonitor) {
         {"port", "set", "P", "--follow", ""},
         {"port", "show"},
         {"port", "delete", ""},
+        {"port", "check", "--timeout", "nan"},
+        {"port", "test", "P", "--timeout", "inf"},
         {"print", "file"},
     };
     for (const auto& line : lines) {

@@ -6,6 +6,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "admin/CommandFailed.h"
+#include "diag/Resource.h"
+
 namespace {
 
 using testing::HasSubstr;
@@ -90,7 +93,15 @@ TEST(SearchSettings, AKeptFileIsNeverWrittenOver) {
     EXPECT_EQ(content(first) + ' ' + content(second) + ' ' + content(path), "one two three");
     RestoreSearchFile(path, second);
     EXPECT_EQ(content(first) + ' ' + content(path), "one two");
-    EXPECT_FALSE(std::filesystem::exists(folder / "SLPConf.xml.new"));
+    // One that cannot be replaced stays, and nothing is left of the attempt: of the four files
+    // there were, two are kept ones.
+    {
+        const UniqueFile reader(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                            OPEN_EXISTING, 0, nullptr));
+        EXPECT_THROW(ReplaceSearchFile(path, "four"), CommandFailed);
+    }
+    EXPECT_EQ(content(path), "two");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2);
     // Nested properly, and yet no XML.
     std::ofstream(path, std::ios::binary) << "<slp_config><version>2 & 1</version></slp_config>";
     EXPECT_FALSE(ReadSearchFile(path).wellFormed);

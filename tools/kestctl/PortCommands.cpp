@@ -53,6 +53,29 @@ void PrintDocuments(const PortArguments& arguments, nlohmann::json documents) {
     PrintJson(one ? documents[0] : std::move(documents));
 }
 
+// Does something with one port after the other. One that fails ends it; with --json, what was done
+// before is told all the same.
+//   work: gives the document for its port.
+void ForEachPort(const PortArguments& arguments, const std::vector<std::wstring>& names,
+                 const std::function<nlohmann::json(const std::wstring&)>& work) {
+    nlohmann::json documents = nlohmann::json::array();
+    try {
+        for (const std::wstring& name : names) {
+            documents.push_back({{"name", ToUtf8(name)}});
+            documents.back() = work(name);
+        }
+    } catch (const CommandFailed& failed) {
+        if (arguments.json && !IsOneName(arguments.names)) {
+            documents.back()["error"] = Explained(failed);
+            PrintDocuments(arguments, std::move(documents));
+        }
+        throw;
+    }
+    if (arguments.json) {
+        PrintDocuments(arguments, std::move(documents));
+    }
+}
+
 CLI::App& AddPortCommand(CLI::App& port, const std::string& name, const std::string& description,
                          const std::string& example) {
     CLI::App& command = *port.add_subcommand(name, description);
@@ -183,20 +206,28 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
     AddSettings(command, *arguments);
     AddFollow(command, *arguments);
     command.add_flag("--or-set", arguments->tolerant,
-                     "Change a port of this name that is there already, as `port set` does");
+                     "Change a port of this name that is there already, as `port set` does; only "
+                     "a new one needs an address");
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, identify] {
         const std::string resolved = ResolveAddress(arguments->change);
         const auto printer = PrinterToFollow(*arguments, identify);
         PortRecords records;
-        const std::string following = ApplyArguments(*arguments, printer, records);
+        std::string following;
+        const auto apply = [&] { following = ApplyArguments(*arguments, printer, records); };
+        if (!arguments->tolerant) {
+            apply();  // what is wrong is refused before anything is opened
+        }
         const std::wstring name = ToWide(arguments->names[0]);
         const auto channel = openChannel();
-        const auto there = PortCalled(*channel, name);
+        const auto there = arguments->tolerant ? PortCalled(*channel, name) : std::nullopt;
         nlohmann::json document;
-        if (arguments->tolerant && there) {
+        if (there) {
             document = SetPort(*channel, *there, *arguments, printer, resolved);
         } else {
+            if (arguments->tolerant) {
+                apply();
+            }
             AddPort(*channel, name, records);
             document = ToJson(name, records);
             if (!arguments->json) {
@@ -234,19 +265,23 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
             PortRecords records = ReadPort(*channel, name);
             ApplyArguments(*arguments, printer, records);
         }
-        nlohmann::json documents = nlohmann::json::array();
-        for (const std::wstring& name : names) {
-            documents.push_back(SetPort(*channel, name, *arguments, printer, resolved));
-        }
-        if (arguments->json) {
-            PrintDocuments(*arguments, std::move(documents));
-        }
+        ForEachPort(*arguments, names, [&](const std::wstring& name) {
+            return SetPort(*channel, name, *arguments, printer, resolved);
+        });
     });
 }
 
-// Refuses ports that printers print to, and names all of these.
+// Refuses ports that printers print to, and names all of these; and all ports where the printers
+// are not known.
 void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& ports) {
-    const std::vector<Queue> queues = channel.Queues();
+    std::optional<std::vector<Queue>> queues;
+    try {
+        queues = channel.Queues();
+    } catch (const CommandFailed& failed) {
+        throw CommandFailed(
+            "nothing is deleted while its printers are not known: " + std::string(failed.what()),
+            failed.remedy);
+    }
     std::string used;
     for (const std::wstring& port : ports) {
         const nlohmann::json usedBy = UsedBy(queues, port);
@@ -272,17 +307,14 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
         const auto channel = openChannel();
         const auto names = FindPorts(*channel, WideNames(arguments->names), arguments->tolerant);
         RequireUnused(*channel, names);
-        nlohmann::json documents = nlohmann::json::array();
-        for (const std::wstring& name : names) {
+        ForEachPort(*arguments, names, [&](const std::wstring& name) -> nlohmann::json {
             DeletePort(*channel, name);
-            documents.push_back({{"deleted", ToUtf8(name)}});
             if (!arguments->json) {
                 std::cout << "port " << ToUtf8(name) << " deleted\n";
             }
-        }
-        if (arguments->json) {
-            PrintDocuments(*arguments, std::move(documents));
-        } else if (names.empty()) {
+            return {{"deleted", ToUtf8(name)}};
+        });
+        if (!arguments->json && names.empty()) {
             std::cout << "nothing to delete: there is no such port\n";
         }
     });
