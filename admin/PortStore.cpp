@@ -181,7 +181,7 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
 
 CommandFailed NameTaken(const std::wstring& name) {
     return CommandFailed(
-        "another monitor of the spooler has a port " + ToUtf8(name) + ": choose another name",
+        "the name " + ToUtf8(name) + " is that of another monitor's port: choose another",
         Remedy::ChooseName);
 }
 

@@ -8,6 +8,20 @@
 
 namespace {
 
+// What helps where the spooler is not reached, or refuses; anything else has a remedy of its own.
+Remedy RemedyFor(DWORD error, Remedy otherwise = Remedy::None) {
+    switch (error) {
+        case ERROR_ACCESS_DENIED:
+            return Remedy::RunAsAdministrator;
+        case RPC_S_SERVER_UNAVAILABLE:
+        case ERROR_BAD_NETPATH:
+        case ERROR_INVALID_NAME:
+            return Remedy::StartSpooler;
+        default:
+            return otherwise;
+    }
+}
+
 // Calls one of the spooler's Enum functions until its buffer is large enough.
 //   failure: what to say when it fails, without the reason.
 //   enumerate: takes buffer, its size in bytes, needed size, number of records; TRUE on success.
@@ -21,9 +35,7 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Enum
     while (!enumerate(buffer.data(), static_cast<DWORD>(buffer.size()), &needed, &count)) {
         const DWORD error = GetLastError();
         if (error != ERROR_INSUFFICIENT_BUFFER || needed <= buffer.size()) {
-            throw CommandFailed(failure + ": " + ErrorText(error), error == RPC_S_SERVER_UNAVAILABLE
-                                                                       ? Remedy::StartSpooler
-                                                                       : Remedy::None);
+            throw CommandFailed(failure + ": " + ErrorText(error), RemedyFor(error));
         }
         buffer.resize(needed);
     }
@@ -111,9 +123,8 @@ std::vector<Queue> SpoolerService::Queues() {
 void SpoolerService::MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) {
     const auto failed = [&queue](const char* what) {
         const DWORD error = GetLastError();
-        return CommandFailed(
-            "printer " + ToUtf8(queue) + what + ErrorText(error),
-            error == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
+        return CommandFailed("printer " + ToUtf8(queue) + what + ErrorText(error),
+                             RemedyFor(error));
     };
     UniquePrinter printer;
     std::wstring name = queue;
@@ -191,23 +202,19 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
         PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();
-            Remedy remedy = Remedy::InstallMonitor;
-            if (error == ERROR_ACCESS_DENIED) {
-                remedy = Remedy::RunAsAdministrator;
-            } else if (error == RPC_S_SERVER_UNAVAILABLE) {
-                remedy = Remedy::StartSpooler;
-            }
             throw CommandFailed(Name() + " gives no access to the monitor " + ToUtf8(monitor_) +
                                     ": " + ErrorText(error),
-                                remedy);
+                                RemedyFor(error, Remedy::InstallMonitor));
         }
     }
     DWORD needed = 0;
     DWORD status = ERROR_SUCCESS;
     if (!XcvDataW(xcv_.Get(), command, static_cast<BYTE*>(const_cast<void*>(input)), inputSize,
                   static_cast<BYTE*>(output), outputSize, &needed, &status)) {
-        throw CommandFailed(Name() + " does not pass on " + ToUtf8(command) + ": " +
-                            ErrorText(GetLastError()));
+        const DWORD error = GetLastError();
+        throw CommandFailed(
+            Name() + " does not pass on " + ToUtf8(command) + ": " + ErrorText(error),
+            RemedyFor(error));
     }
     return status;
 }

@@ -85,7 +85,7 @@ TEST(PortTransfer, AllThatIsWrongIsToldAndNothingDone) {
           "line 3: hostName is empty"}},
         {"[{\"name\": \"A\",\n\"address\" \"10.0.0.1\"}]", {"line 2, column"}},
         {"name,address,\x1b[2J\nlpt1:,10.0.0.1\n",
-         {"setting '?[2J'", "line 2: another monitor of the spooler has a port lpt1:"}},
+         {"setting '?[2J'", "line 2: the name lpt1: is that of another monitor's port"}},
         {"", {"is empty"}},
         {"\xFF\xFEn\0a", {"UTF-8"}},
     };

@@ -187,6 +187,9 @@ if said=$(kestctl config learn 10.77.1.60 2>&1); then
 fi
 [[ $said == *"did not answer under any of 6 service types"* ]] || fail "config learn: $said"
 kestctl config learn 10.77.1.60 --service service:x-acme >"$work/said"
+[[ $(kestctl config learn 10.77.1.60 --service service:x-acme --json | tr -s ' \n' ' ') == \
+    *'"mac_addr_key": { "recognised": true, "says": "000400000060", "value": "x-hw", '* ]] ||
+    fail "kestctl config learn --json does not say what it took for the MAC address"
 cmp "$work/shipped.xml" "$bin/SLPConf.xml" || fail "kestctl config learn writes unasked"
 grep -q '^note: .x-serial. fits <mac_addr_key>' "$work/said" || fail "$(cat "$work/said")"
 kestctl config learn 10.77.1.60 --service service:x-acme --write >"$work/said" ||
@@ -194,6 +197,7 @@ kestctl config learn 10.77.1.60 --service service:x-acme --write >"$work/said" |
 expect "searches" "$(grep -c '^a search by .*: *found$' "$work/said")" 2
 cmp "$work/shipped.xml" "$bin/SLPConf.xml.old" || fail "the old SLPConf.xml is not kept"
 [[ $(kestctl config check) == *"no problem" ]] || fail "what was learned has problems"
+[[ $(kestctl config show) == *SLPConf.xml*"mac_addr_key "*" x-hw"* ]] || fail "config show"
 kestctl find --mac 000400000060 | grep -q 10.77.1.60 || fail "the learned printer is not found"
 cp "$bin/SLPConf.xml" "$work/learned.xml"
 

@@ -122,11 +122,14 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
          CheckAddressOption);
     text("--ipv6", change.ipv6, "The printer's IPv6 address or host name: send to it over IPv6",
          CheckIPv6Option);
-    command.add_option("--protocol", change.protocol, "raw (a plain stream; the default) or lpr")
+    command
+        .add_option("--protocol", change.protocol, "raw (a plain stream) or lpr; a new port is raw")
         ->check(CLI::IsMember({"raw", "lpr"}));
-    command.add_option("--port", change.portNumber, "TCP port number (raw: 9100, lpr: 515)")
+    command
+        .add_option("--port", change.portNumber,
+                    "TCP port number; a new port has 9100 for raw, 515 for lpr")
         ->check(Checked(CheckPortNumber));
-    text("--queue", change.queue, "LPR: the printer's queue (lp)", CheckQueue);
+    text("--queue", change.queue, "LPR: the printer's queue; a new port has lp", CheckQueue);
     command.add_flag_function(
         "--double-spool,!--no-double-spool",
         [&change](int64_t count) { change.doubleSpool = count > 0; },
@@ -139,13 +142,14 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
     command.add_flag_function(
         "--always-print,!--no-always-print",
         [&change](int64_t count) { change.alwaysPrint = count > 0; },
-        "When the printer cannot be reached, search the network for it and follow it");
+        "When the printer cannot be reached, search the network for it and follow it; a new port "
+        "does so with --follow");
     CLI::Option* community = text("--snmp", change.snmpCommunity,
                                   "Store that SNMP status is wanted, with this community: kestmon "
                                   "itself asks no printer, only dialogues show it",
                                   CheckCommunity);
-    CLI::Option* index =
-        command.add_option("--snmp-index", change.snmpIndex, "SNMP device index (1)");
+    CLI::Option* index = command.add_option("--snmp-index", change.snmpIndex,
+                                            "SNMP device index; 1 where there was none");
     index->check(Checked(CheckSnmpIndex));
     command.add_flag("--no-snmp", change.noSnmp, "Store that SNMP status is not wanted")
         ->excludes(community)

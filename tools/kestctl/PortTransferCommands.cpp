@@ -220,8 +220,9 @@ void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel) {
     importing
         .add_option(
             "FILE", imported->file,
-            "What `port export` or a spreadsheet wrote, JSON or CSV (UTF-8, with a heading, "
-            "cells separated by commas or semicolons); - for standard input")
+            "What `port export` or a spreadsheet wrote, JSON or CSV (UTF-8, cells separated by "
+            "commas or semicolons, a heading as `port export` has it; of its columns a new port "
+            "needs name and address); - for standard input")
         ->required()
         ->check(NotEmpty());
     importing.add_flag("--dry-run", imported->dryRun, "Only show what would be done");
