@@ -11,10 +11,12 @@
 #include <functional>
 #include <thread>
 
+#include "diag/Resource.h"
 #include "slp/Slp.h"
 #include "tests/slp/Caller.h"
 #include "tests/slp/Replies.h"
 #include "tests/support/HandleCount.h"
+#include "tests/support/ScarceMemory.h"
 
 namespace {
 
@@ -380,6 +382,45 @@ TEST(UserAgent, RefusesWhatCannotBe) {
     EXPECT_EQ(SLPOpen("haw", SLP_FALSE, &handle), SLP_OK);  // no code of two letters
     EXPECT_EQ(find(kService, good, 1), SLP_LANGUAGE_NOT_SUPPORTED);
     SLPClose(handle);
+}
+
+// Each time on a thread of its own, because a thread has its first exception only once.
+TEST(UserAgent, MemoryMayRunOutAtAnyStep) {
+    const std::string list = "(" + std::string(1000, 'x') + ")";
+    Agent agent([&](const std::string& request) {
+        return std::vector{ListReply(2, XidOf(request), list)};
+    });
+    const UniqueLibrary library(LoadLibraryA(SLP64_DLL));
+    ASSERT_TRUE(library);
+    const auto entry = [&]<typename F>(F*, const char* name) {
+        return reinterpret_cast<F*>(reinterpret_cast<void*>(GetProcAddress(library.Get(), name)));
+    };
+    const auto open = entry(SLPOpen, "SLPOpen");
+    const auto find = entry(SLPFindAttrs, "SLPFindAttrs");
+    const auto close = entry(SLPClose, "SLPClose");
+    static size_t found;
+    found = 0;
+    const auto callback = [](SLPHandle, const char* text, SLPError, void*) -> SLPBoolean {
+        found = text != nullptr ? strlen(text) : found;
+        return SLP_TRUE;
+    };
+    const ScarceMemory memory(library.Get());
+    SLPError code = SLP_MEMORY_ALLOC_FAILED;
+    size_t tries = 0;
+    for (; code != SLP_OK && !HasFailure(); ++tries) {
+        std::thread([&] {
+            const ScarceMemory::Limit limit(34'000 + 100 * tries);
+            SLPHandle handle = nullptr;
+            code = open("en", SLP_FALSE, &handle);
+            if (code == SLP_OK) {
+                code =
+                    find(handle, kService, nullptr, nullptr, callback, nullptr, agent.address(), 2);
+                close(handle);
+            }
+        }).join();
+    }
+    EXPECT_GT(tries, 10u);
+    EXPECT_EQ(found, list.size());
 }
 
 // The program lets go of the DLL as soon as it has heard the last call, in which the handle was
