@@ -18,14 +18,21 @@ class ScarceMemory {
     // For the length of a scope the library may take so many bytes more than it gives back.
     class Limit {
       public:
-        explicit Limit(size_t bytes) {
+        explicit Limit(size_t bytes) : limit_(bytes) {
             left = bytes;
             limited = true;
         }
         ~Limit() { limited = false; }
         Limit(const Limit&) = delete;
         Limit& operator=(const Limit&) = delete;
+
+        // What the library has not given back.
+        size_t Held() const { return limit_ - left; }
+
+      private:
+        const size_t limit_;
     };
+    static constexpr size_t kOfThread = 1000;  // may be held for each that lives
 
   private:
     static void* Malloc(size_t size) {
