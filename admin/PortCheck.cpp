@@ -4,8 +4,8 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
-#include <condition_variable>
 #include <future>
 #include <mutex>
 
@@ -24,7 +24,10 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr size_t kAtOnce = 32;
+constexpr size_t kConnectedAtOnce = 32;
+constexpr size_t kAskedAtOnce = 64;
+constexpr milliseconds kMoment{300};  // in which a printer that is there takes a connection
+constexpr char kNoKeys[] = "has neither a MAC address nor a host name to follow";
 
 // Waits for a connection that was begun. Returns 0 or the socket's error.
 int Connected(SOCKET socket, milliseconds timeout) {
@@ -71,7 +74,8 @@ std::string ConnectionError(int error) {
     }
 }
 
-// Tries the host's addresses one after the other, as a job does.
+// Tries the host's addresses one after the other, as a job does; each gets its part of the time
+// that is left.
 Connection TryConnection(const std::string& host, DWORD port, milliseconds timeout) {
     const auto begin = steady_clock::now();
     const auto took = [begin] {
@@ -86,14 +90,19 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     if (error != 0) {
         return {ErrorText(static_cast<DWORD>(error)), took()};
     }
+    int left = 0;
     for (const addrinfo* address = addresses.Get(); address != nullptr;
          address = address->ai_next) {
-        error = Connect(*address, timeout - took());
+        ++left;
+    }
+    for (const addrinfo* address = addresses.Get(); address != nullptr;
+         address = address->ai_next) {
+        error = Connect(*address, (timeout - took()) / left--);
         if (error == 0) {
             return {{}, took()};
         }
     }
-    return {ConnectionError(error), took()};
+    return {ConnectionError(error), took(), error == WSAETIMEDOUT};
 }
 
 std::vector<PrinterIdentity> SearchForAll() {
@@ -183,7 +192,7 @@ class SharedSearch {
         if (!printers_.valid()) {
             return {};
         }
-        while (printers_.wait_for(milliseconds(100)) != std::future_status::ready) {
+        while (printers_.wait_for(kTellInterval) != std::future_status::ready) {
             tell();
         }
         return printers_.get();
@@ -195,106 +204,110 @@ class SharedSearch {
     std::future<std::vector<PrinterIdentity>> printers_;
 };
 
-// Bounds how many do something at the same time. The compiler's own semaphore can sleep for ever
-// (GCC 12, for systems without futexes).
-class Places {
-  public:
-    explicit Places(size_t count) : free_(count) {}
+bool CanBeFollowed(const CheckedPort& port) {
+    const Keys keys(port.records);
+    return port.records.extended.dwAlwaysPrint == 0 || !keys.mac.empty() || !keys.hostName.empty();
+}
 
-    class Taken {
-      public:
-        explicit Taken(Places& places) : places_(places) {
-            std::unique_lock lock(places_.mutex_);
-            places_.changed_.wait(lock, [this] { return places_.free_ > 0; });
-            --places_.free_;
+// Whether the port's address takes connections, if it has one.
+void Reach(CheckedPort& port, const CheckNetwork& network, milliseconds timeout) {
+    const std::string host = AddressInUse(port.records);
+    if (port.records.standard.dwProtocol == 0 || host.empty()) {
+        return;
+    }
+    const milliseconds before = port.connection.took;
+    port.connection = network.connect(host, port.records.standard.dwPortNumber, timeout);
+    port.connection.took += before;
+    port.state = port.connection.error.empty() ? PortState::Ok : PortState::Unreachable;
+    port.detail = port.connection.error;
+    if (port.state == PortState::Unreachable && !CanBeFollowed(port)) {
+        port.detail += std::string(", and the port ") + kNoKeys;
+    }
+}
+
+// Who is at the address of a port that takes connections.
+void Recognise(CheckedPort& port, const CheckNetwork& network) {
+    try {
+        port.printer = network.identify(AddressInUse(port.records));
+    } catch (const CommandFailed& silent) {
+        port.detail = silent.what();
+    }
+    if (IsAnother(Keys(port.records), port.printer)) {
+        port.state = PortState::AnotherPrinter;
+        port.detail = "is " + IdentityText(port.printer);
+    } else if (!CanBeFollowed(port)) {
+        port.state = PortState::CannotFollow;
+        port.detail = kNoKeys;
+    }
+}
+
+// Tests every port.
+void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, milliseconds timeout,
+             SharedSearch& search, const std::function<void(size_t)>& tell) {
+    const auto recognise = [&](CheckedPort& port) {
+        if (port.state == PortState::Ok) {
+            Recognise(port, network);
         }
-        ~Taken() {
-            const std::lock_guard lock(places_.mutex_);
-            ++places_.free_;
-            places_.changed_.notify_one();
-        }
-        Taken(const Taken&) = delete;
-        Taken& operator=(const Taken&) = delete;
-
-      private:
-        Places& places_;
-    };
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    size_t free_;
-};
-
-// Tests every port. Twice as many threads as connections: while as many wait for a printer to say
-// who it is, the others still connect.
-void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, SharedSearch& search,
-             const std::function<void(size_t)>& tell) {
-    Places places(kAtOnce);
-    CheckNetwork bounded = network;
-    bounded.connect = [&](const std::string& host, DWORD port) {
-        const Places::Taken place(places);
-        return network.connect(host, port);
-    };
-    const auto test = [&](size_t at) {
-        ports[at] = TestPort(ports[at].name, ports[at].records, bounded);
-        if (IsToBeSearched(ports[at])) {
+        if (IsToBeSearched(port)) {
             search.Begin();
         }
     };
-    ForEach(ports.size(), 2 * kAtOnce, test, tell);
+    ForEach(
+        ports.size(), kConnectedAtOnce,
+        [&](size_t at) { Reach(ports[at], network, std::min(kMoment, timeout)); },
+        [&](size_t) { tell(0); });
+
+    std::vector<CheckedPort*> silent;
+    std::vector<CheckedPort*> others;
+    for (CheckedPort& port : ports) {
+        (port.connection.silent ? silent : others).push_back(&port);
+    }
+    std::atomic<size_t> recognised = 0;
+    auto recognising = std::async(std::launch::async, [&] {
+        ForEach(
+            others.size(), kAskedAtOnce, [&](size_t at) { recognise(*others[at]); },
+            [&](size_t done) { recognised = done; });
+    });
+    ForEach(
+        silent.size(), kConnectedAtOnce,
+        [&](size_t at) {
+            Reach(*silent[at], network, timeout - kMoment);
+            recognise(*silent[at]);
+        },
+        [&](size_t done) { tell(recognised + done); });
+    while (recognising.wait_for(kTellInterval) != std::future_status::ready) {
+        tell(recognised + silent.size());
+    }
+    recognising.get();
 }
 
 }  // namespace
 
-CheckNetwork RealCheckNetwork(milliseconds timeout) {
+CheckNetwork RealCheckNetwork() {
     StartedNetwork();
-    return {[timeout](const std::string& host, DWORD port) {
-                return TryConnection(host, port, timeout);
-            },
-            [](const std::string& host) { return IdentityAt(host); }, SearchForAll};
+    return {TryConnection, IdentityAt, SearchForAll};
 }
 
 CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
-                     const CheckNetwork& network) {
+                     const CheckNetwork& network, milliseconds timeout) {
     CheckedPort port = {name, records};
-    const std::string host = AddressInUse(records);
-    const Keys keys(records);
-    if (records.standard.dwProtocol == 0 || host.empty()) {
-        return port;
-    }
-    port.connection = network.connect(host, records.standard.dwPortNumber);
-    if (!port.connection.error.empty()) {
-        port.state = PortState::Unreachable;
-        port.detail = port.connection.error;
-        return port;
-    }
-    port.state = PortState::Ok;
-    try {
-        port.printer = network.identify(host);
-    } catch (const CommandFailed& silent) {
-        port.detail = silent.what();
-    }
-    if (IsAnother(keys, port.printer)) {
-        port.state = PortState::AnotherPrinter;
-        port.detail = "is " + IdentityText(port.printer);
-    } else if (records.extended.dwAlwaysPrint != 0 && keys.mac.empty() && keys.hostName.empty()) {
-        port.state = PortState::CannotFollow;
-        port.detail = "has neither a MAC address nor a host name to follow";
+    Reach(port, network, timeout);
+    if (port.state == PortState::Ok) {
+        Recognise(port, network);
     }
     return port;
 }
 
 std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
                                     const std::vector<std::wstring>& wanted,
-                                    const CheckNetwork& network,
+                                    const CheckNetwork& network, milliseconds timeout,
                                     const std::function<void(size_t, size_t)>& tell) {
     std::vector<CheckedPort> ports;
     for (const std::wstring& name : FindPorts(channel, wanted)) {
         ports.push_back({name, ReadPort(channel, name)});
     }
     SharedSearch search(network);
-    TestAll(ports, network, search, [&](size_t done) { tell(done, ports.size()); });
+    TestAll(ports, network, timeout, search, [&](size_t done) { tell(done, ports.size()); });
 
     std::vector<PrinterIdentity> printers;
     std::string failure;

@@ -15,22 +15,25 @@
 struct Connection {
     std::string error;  // why there is none; empty: it was made
     std::chrono::milliseconds took{};
+    bool silent = false;  // nobody answered within the timeout
 };
 
 // What the check asks of the network. Each function is called on several threads at once.
 struct CheckNetwork {
     // Connects to a host's TCP port, as a job does, and closes the connection again.
-    std::function<Connection(const std::string& host, DWORD port)> connect;
+    //   timeout: for all addresses of the host; finding these takes what the system's resolver
+    //   takes.
+    std::function<Connection(const std::string& host, DWORD port,
+                             std::chrono::milliseconds timeout)>
+        connect;
     // Throws CommandFailed where nobody says who he is.
     PrinterIdentifier identify;
     // All printers that answer. Throws CommandFailed.
     std::function<std::vector<PrinterIdentity>()> search;
 };
 
-// The real one.
-//   timeout: how long a connection may take, over all addresses of a host.
-// Throws CommandFailed where there is no network.
-CheckNetwork RealCheckNetwork(std::chrono::milliseconds timeout);
+// The real one. Throws CommandFailed where there is no network.
+CheckNetwork RealCheckNetwork();
 
 enum class PortState {
     Ok,
@@ -52,17 +55,20 @@ struct CheckedPort {
 };
 
 // Connects to the port's address and asks who is there.
+//   timeout: how long the connection may take.
 CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
-                     const CheckNetwork& network);
+                     const CheckNetwork& network, std::chrono::milliseconds timeout);
 
-// Checks the ports that the names and patterns mean (all, if there are none): 32 at a time, with
-// one search for all whose printer is not where it should be. A silent host costs its connection's
-// timeout, a printer that does not say who it is 3.5 s beside that.
+// Checks the ports that the names and patterns mean (all, if there are none), with one search for
+// all whose printer is not where it should be. 32 connections are tried at a time, first for a
+// moment each, so that no printer waits for those that are dark; while these get the rest of their
+// time, the others are asked who they are, which takes 3.5 s where nobody says it.
+//   timeout: how long each connection may take.
 //   tell: is told on this thread, about ten times a second, how many of them are done.
 // Throws CommandFailed when the ports cannot be read.
 std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
                                     const std::vector<std::wstring>& wanted,
-                                    const CheckNetwork& network,
+                                    const CheckNetwork& network, std::chrono::milliseconds timeout,
                                     const std::function<void(size_t done, size_t all)>& tell);
 
 // Writes to a port where its printer was found, as a job would have done. Returns the records as

@@ -262,7 +262,7 @@ PrinterIdentity IdentityAt(const std::string& host) {
     PrinterDiscovery search;
     const UniqueLibrary monitor = SetUpSearch(search, "");
     Printer printer;
-    if (!search.FindPrinterByIPAddress(AddressOf(StartedNetwork(), host), printer)) {
+    if (!search.AskPrinterAt(AddressOf(StartedNetwork(), host), printer)) {
         throw CommandFailed("does not say who it is");
     }
     return IdentityOf(printer);

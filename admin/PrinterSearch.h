@@ -37,7 +37,8 @@ Printer FindPrinterAt(const std::string& host, const std::string& modelPattern);
 // neither.
 PrinterIdentity IdentifyPrinter(const std::string& host);
 
-// The same without the reasons, at half the wait where nobody answers; both may be empty.
+// The same of a printer that is known to be there, by unicast alone and without the reasons, at
+// half the wait where nobody answers; both may be empty.
 PrinterIdentity IdentityAt(const std::string& host);
 
 // What a printer's record says of itself; MAC address and name may both be empty.

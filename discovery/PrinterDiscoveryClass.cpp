@@ -231,6 +231,19 @@ bool PrinterDiscovery::DoSpecificSearch(Printer& result) {
         }
     }
 
+    return Discover(destination, unicast, result);
+}
+
+bool PrinterDiscovery::AskPrinterAt(const IPAddress& ip, Printer& result) {
+    searchType_ = FIND_IP;
+    targetIp_ = ip;
+    int length = 0;
+    return Discover(ip.GetSockAddr(length), true, result);
+}
+
+// Asks the destination, and gives out the first printer that is one that is sought.
+bool PrinterDiscovery::Discover(const sockaddr* destination, bool unicast, Printer& result) {
+    constexpr char kName[] = "PrinterDiscovery::DoSpecificSearch";
     LogInfo(kName, "Call foundPrinters");
     foundPrinters_.clear();
     LogInfo(kName, "Call PD_DiscoverPrintersSynch");

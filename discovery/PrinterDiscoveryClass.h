@@ -95,6 +95,12 @@ class PrinterDiscovery : public IPrinterDiscovery {
     // thread, and a destructor is no place for that. Who began it ends it.
     ~PrinterDiscovery() override = default;
 
+    // Asks the printer at an address who it is, by unicast alone: for one that is known to be
+    // there, whatever it makes of pings. Not for an object that is searching for all.
+    //   result: receives the printer; untouched when there is none.
+    // Returns true when it answered, and announces that address.
+    bool AskPrinterAt(const IPAddress& ip, Printer& result);
+
     // Whom to tell of each printer when it joins the list, on the thread that the answer arrives
     // on; for clients that show printers as they answer. Set before a search begins.
     void SetFoundCallback(std::function<void(const Printer&)> callback) {
@@ -123,6 +129,7 @@ class PrinterDiscovery : public IPrinterDiscovery {
 
   private:
     bool DoSpecificSearch(Printer& result);
+    bool Discover(const sockaddr* destination, bool unicast, Printer& result);
     bool Matches(const Printer& printer) const;
 
     Config config_;

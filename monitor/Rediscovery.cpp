@@ -2,10 +2,12 @@
 
 #include <cwchar>
 #include <iterator>
+#include <locale>
 #include <memory>
 #include <new>
 #include <string>
 
+#include "diag/MemoryReserve.h"
 #include "diag/SystemUtils.h"
 #include "discovery/PrinterDiscoveryClass.h"
 #include "monitor/Library.h"
@@ -15,12 +17,14 @@ namespace {
 constexpr int kNotFound = 1;
 constexpr size_t kRoomForSearch = 1 << 20;  // bytes, generously
 
-// A search takes memory all along, and where there is none it throws. That in turn takes memory, a
-// thread's first exception above all, without which the C++ library ends the process: nobody would
-// print any more.
+// Not for a search that would end the process because there is no memory. The first stream of all,
+// the log's, takes some as well, and the compiler's library does not look whether it gets it.
 bool HasRoomForSearch() {
-    return static_cast<bool>(
-        UniqueBlock<BYTE>(static_cast<LPBYTE>(GlobalAlloc(GMEM_FIXED, kRoomForSearch))));
+    if (!ReserveMemory(kRoomForSearch)) {
+        return false;
+    }
+    const std::locale ofAllStreams;
+    return true;
 }
 
 // Text in the ANSI code page, one character for one: the name that the printer announces has to

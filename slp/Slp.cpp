@@ -7,6 +7,7 @@
 #include <map>
 #include <new>
 
+#include "diag/MemoryReserve.h"
 #include "slp/AttributeList.h"
 
 namespace {
@@ -42,6 +43,8 @@ std::shared_ptr<UserAgent> Remove(SLPHandle handle) {
     return node ? node.mapped() : nullptr;
 }
 
+constexpr size_t kRoom = 64 << 10;  // bytes
+
 // Runs what a function does and turns what it throws into a code.
 template <typename Work>
 SLPError Guarded(Work work) noexcept {
@@ -57,7 +60,10 @@ SLPError Guarded(Work work) noexcept {
 // The same for a function of an open handle.
 template <typename Work>
 SLPError WithAgent(SLPHandle handle, Work work) noexcept {
-    return Guarded([&] {
+    return Guarded([&]() -> SLPError {
+        if (!ReserveMemory(kRoom)) {
+            return SLP_MEMORY_ALLOC_FAILED;
+        }
         const auto agent = Find(handle);
         return agent ? work(*agent) : SLP_PARAMETER_BAD;
     });
@@ -89,7 +95,10 @@ SLPError SLPOpen(const char* lang, SLPBoolean isAsync, SLPHandle* out) {
         return SLP_PARAMETER_BAD;
     }
     *out = nullptr;
-    return Guarded([&] {
+    return Guarded([&]() -> SLPError {
+        if (!ReserveMemory(kRoom)) {
+            return SLP_MEMORY_ALLOC_FAILED;
+        }
         const std::string language = lang != nullptr && *lang != '\0' ? lang : "en";
         if (!IsLanguageTag(language)) {
             return SLP_PARAMETER_BAD;

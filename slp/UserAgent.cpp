@@ -6,6 +6,8 @@
 #include <random>
 #include <string_view>
 
+#include "diag/MemoryReserve.h"
+
 namespace slp {
 namespace {
 
@@ -178,6 +180,7 @@ SLPError UserAgent::ExecuteOnThread(Reservation running) {
 }
 
 unsigned __stdcall UserAgent::ThreadMain(void* argument) {
+    (void)ReserveMemory(0);  // where there is none yet, there may be some when it is needed
     HMODULE library = nullptr;
     {
         const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));

@@ -6,6 +6,7 @@
 
 #include "tests/support/FakeMonitor.h"
 
+using namespace std::chrono_literals;
 using testing::HasSubstr;
 
 namespace {
@@ -15,10 +16,12 @@ struct FakePrinters {
     std::map<std::string, PrinterIdentity> at;
     std::vector<PrinterIdentity> found = {};
     std::atomic<int> searches = 0;
+    std::string slow = {};  // takes its time
 
     CheckNetwork Network() {
-        return {[this](const std::string& host, DWORD) {
-                    return Connection{at.count(host) != 0 ? "" : "dark", {}};
+        return {[this](const std::string& host, DWORD, std::chrono::milliseconds timeout) {
+                    const bool there = at.count(host) != 0 && (host != slow || timeout > 2s);
+                    return Connection{there ? "" : "dark", timeout, !there};
                 },
                 [this](const std::string& host) {
                     if (at.at(host).mac.empty() && at.at(host).hostName.empty()) {
@@ -42,7 +45,9 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
                               {"10.0.0.6", printer("0004000000FF", "other")},
                               {"10.0.0.7", printer("", "PRN-7")},
                               {"10.0.0.8", printer("", "other")},
-                              {"10.0.0.9", printer("0004000000FE", "prn-9")}}};
+                              {"10.0.0.9", printer("0004000000FE", "prn-9")},
+                              {"10.0.0.12", printer("000400000012", "")}}};
+    printers.slow = "10.0.0.12";
     printers.found = {
         printer("000400000044", "prn-4", "10.0.1.40"), printer("000400000004", "prn-x", "10.0.1.4"),
         printer("0004000000AA", "PRN-5", "fd00::5"), printer("000400000006", "prn-6", "10.0.1.6"),
@@ -70,6 +75,8 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
         {L"I", "10.0.0.1", "", "", true, PortState::CannotFollow, ""},
         {L"J", "10.0.0.11", "00040000000B", "", true, PortState::Unreachable, ""},
         {L"K", "", "", "", false, PortState::NotConfigured, ""},
+        {L"L SLOW", "10.0.0.12", "000400000012", "", true, PortState::Ok, ""},
+        {L"M", "10.0.0.13", "", "", true, PortState::Unreachable, ""},
     };
     FakeMonitor monitor;
     for (const auto& c : cases) {
@@ -85,7 +92,7 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
     }
     const auto channel = monitor.Factory()();
     const auto check = [&](const std::vector<std::wstring>& wanted) {
-        return CheckPorts(*channel, wanted, printers.Network(), [](size_t, size_t) {});
+        return CheckPorts(*channel, wanted, printers.Network(), 3s, [](size_t, size_t) {});
     };
     const std::vector<CheckedPort> ports = check({});
     ASSERT_EQ(ports.size(), std::size(cases));
@@ -97,6 +104,10 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
     EXPECT_EQ(printers.searches, 1);
     EXPECT_EQ(ports[2].detail, "silent");
     EXPECT_THAT(ports[11].detail, HasSubstr("from there"));
+    EXPECT_THAT(ports[14].detail, HasSubstr("neither"));
+    for (const CheckedPort& port : ports) {
+        EXPECT_LE(port.connection.took, 3s) << port.name;
+    }
 
     // What was set since the check stays.
     monitor.ports[L"C"].standard.dwPortNumber = 9101;

@@ -75,12 +75,13 @@ take_job "$work/jobs/10.77.3.28-1" "$work/document"
     fail "kestctl port test says: $(kestctl port test PRN-28)"
 expect "all that is well" "$(kestctl port check 'PRN-1?' PRN-2 2>&1 | tail -1)" "11 ports: 11 ok"
 
-say "three hundred, half of them dark"
+say "three hundred, half of them dark, and the others silent, to pings as well"
 in_peer ip route add blackhole 10.77.2.0/24
+in_peer sysctl -qw net.ipv4.icmp_echo_ignore_all=1 || say "(they answer pings here)"
 {
     echo name,address
     for n in {1..150}; do
-        echo "WIDE-$n,10.77.1.$((n % 18 + 1))"
+        echo "WIDE-$n,10.77.1.20"
         echo "DARK-$n,10.77.2.$n"
     done
 } >"$work/ports.csv"
@@ -90,4 +91,4 @@ kestctl port check 'WIDE-*' 'DARK-*' >"$work/checked" 2>/dev/null || true
 took=$(((${EPOCHREALTIME/./} - ${begin/./}) / 1000))
 say "checked in $took ms"
 expect "summary" "$(tail -1 "$work/checked")" "300 ports: 150 ok, 150 unreachable"
-[ "$took" -lt 40000 ] || fail "half of three hundred dark ports took $took ms"
+[ "$took" -lt 30000 ] || fail "half of three hundred dark ports took $took ms"

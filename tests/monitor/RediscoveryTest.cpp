@@ -5,10 +5,12 @@
 #include <gmock/gmock.h>
 
 #include <memory>
+#include <thread>
 
 #include "tests/support/FakeSlp.h"
 #include "tests/support/FakeSpooler.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/ScarceMemory.h"
 #include "tests/support/TcpPeer.h"
 
 using testing::Contains;
@@ -131,6 +133,26 @@ TEST_F(RediscoveryTest, PortsThatDoNotFollowAskNobody) {
     EXPECT_EQ(error, DWORD{WSAECONNREFUSED});
     EXPECT_EQ(Searches(), 0u);
     EXPECT_EQ(log.Text(), "");
+}
+
+// At whatever step of the search: the job fails or starts, the spooler lives on, and nothing stays
+// behind. Each time on a thread of its own, because a thread has its first exception only once.
+TEST_F(RediscoveryTest, MemoryMayRunOutInTheMiddle) {
+    slp.answers = {"(ip-address=127.0.0.1),(mac-address=0004004A1B2C),(host-name=p1)"};
+    const HANDLE port = OpenPort(L"P", printer.port, L"0004004a1b2c", L"p1");
+    const ScarceMemory memory(spooler.dll);
+    size_t held = 0;
+    int failed = 0;
+    for (bool started = false; !started; ++failed) {
+        std::thread([&] {
+            spooler.SetText(L"P", L"IPAddress", kGone);
+            const ScarceMemory::Limit limit(36'000 + 900 * failed);
+            started = PrintOnce(port);
+            held = started || failed == 0 ? 0 : limit.Held();
+        }).join();
+        EXPECT_LT(held, ScarceMemory::kOfThread);
+    }
+    EXPECT_GT(failed, 50);
 }
 
 // An IPv6 port goes back to IPv4. An address that cannot be stored fails the job.

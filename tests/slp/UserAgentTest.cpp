@@ -11,10 +11,12 @@
 #include <functional>
 #include <thread>
 
+#include "diag/Resource.h"
 #include "slp/Slp.h"
 #include "tests/slp/Caller.h"
 #include "tests/slp/Replies.h"
 #include "tests/support/HandleCount.h"
+#include "tests/support/ScarceMemory.h"
 
 namespace {
 
@@ -129,6 +131,12 @@ size_t ThreadCount() {
     }
     CloseHandle(snapshot);
     return count;
+}
+
+// A function of the DLL, which this program has by the same name of its own.
+template <typename F>
+F* Entry(HMODULE library, F*, const char* name) {
+    return reinterpret_cast<F*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
 }
 
 // By the handle's own address where it has one, whatever the call says.
@@ -382,6 +390,45 @@ TEST(UserAgent, RefusesWhatCannotBe) {
     SLPClose(handle);
 }
 
+// Each time on a thread of its own, because a thread has its first exception only once.
+TEST(UserAgent, MemoryMayRunOutAtAnyStep) {
+    const std::string list = "(" + std::string(1000, 'x') + ")";
+    Agent agent([&](const std::string& request) {
+        return std::vector{ListReply(2, XidOf(request), list)};
+    });
+    const UniqueLibrary library(LoadLibraryA(SLP64_DLL));
+    ASSERT_TRUE(library);
+    const auto open = Entry(library.Get(), SLPOpen, "SLPOpen");
+    const auto find = Entry(library.Get(), SLPFindAttrs, "SLPFindAttrs");
+    const auto close = Entry(library.Get(), SLPClose, "SLPClose");
+    static size_t found;
+    found = 0;
+    const auto callback = [](SLPHandle, const char* text, SLPError, void*) -> SLPBoolean {
+        found = text != nullptr ? strlen(text) : found;
+        return SLP_TRUE;
+    };
+    const ScarceMemory memory(library.Get());
+    SLPError code = SLP_MEMORY_ALLOC_FAILED;
+    size_t held = 0;
+    size_t tries = 0;
+    for (; code != SLP_OK && !HasFailure(); ++tries) {
+        std::thread([&] {
+            const ScarceMemory::Limit limit(34'000 + 300 * tries);
+            SLPHandle handle = nullptr;
+            code = open("en", SLP_FALSE, &handle);
+            if (code == SLP_OK) {
+                code =
+                    find(handle, kService, nullptr, nullptr, callback, nullptr, agent.address(), 2);
+                close(handle);
+            }
+            held = code == SLP_OK || tries == 0 ? 0 : limit.Held();
+        }).join();
+        EXPECT_LT(held, ScarceMemory::kOfThread);
+    }
+    EXPECT_GT(tries, 10u);
+    EXPECT_EQ(found, list.size());
+}
+
 // The program lets go of the DLL as soon as it has heard the last call, in which the handle was
 // closed: the thread that made it still has to come home.
 TEST(UserAgent, CanBeUnloadedAtOnce) {
@@ -389,13 +436,10 @@ TEST(UserAgent, CanBeUnloadedAtOnce) {
     for (int i = 0; i < 20; ++i) {
         const HMODULE library = LoadLibraryA(SLP64_DLL);
         ASSERT_NE(library, nullptr);
-        const auto entry = [&]<typename F>(F*, const char* name) {
-            return reinterpret_cast<F*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
-        };
         static decltype(SLPClose)* close;
-        close = entry(SLPClose, "SLPClose");
+        close = Entry(library, SLPClose, "SLPClose");
         SLPHandle handle = nullptr;
-        EXPECT_EQ(entry(SLPOpen, "SLPOpen")("en", SLP_TRUE, &handle), SLP_OK);
+        EXPECT_EQ(Entry(library, SLPOpen, "SLPOpen")("en", SLP_TRUE, &handle), SLP_OK);
         Answers answers;
         answers.then = [](SLPHandle h, SLPError code) {
             if (code == SLP_LAST_CALL) {
@@ -403,10 +447,10 @@ TEST(UserAgent, CanBeUnloadedAtOnce) {
             }
             return SLP_TRUE;
         };
-        EXPECT_EQ(
-            entry(SLPFindAttrs, "SLPFindAttrs")(handle, kService, nullptr, nullptr,
-                                                Answers::Callback, &answers, talker.address(), 2),
-            SLP_OK);
+        EXPECT_EQ(Entry(library, SLPFindAttrs, "SLPFindAttrs")(handle, kService, nullptr, nullptr,
+                                                               Answers::Callback, &answers,
+                                                               talker.address(), 2),
+                  SLP_OK);
         answers.AwaitEnd();
         FreeLibrary(library);
         for (int wait = 0; wait < 250 && GetModuleHandleA("slp64.dll") != nullptr; ++wait) {

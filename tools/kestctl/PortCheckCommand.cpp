@@ -22,6 +22,10 @@ struct CheckArguments {
     bool json = false;
 };
 
+std::chrono::milliseconds Timeout(const CheckArguments& arguments) {
+    return std::chrono::milliseconds(static_cast<int>(arguments.timeout * 1000));
+}
+
 // A port that was checked, and what was made of it.
 struct Result {
     CheckedPort port;
@@ -144,15 +148,16 @@ void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
     Progress progress(!arguments.json);
     std::vector<Result> results;
     for (CheckedPort& port :
-         CheckPorts(channel, WideNames(arguments.names), network, [&](size_t done, size_t all) {
-             if (interruption.Requested()) {
-                 progress.Clear();
-                 EndInterrupted();  // nothing was changed yet
-             }
-             progress.Show(done < all ? Bar(done, all) + "  " + std::to_string(done) + " of " +
-                                            std::to_string(all) + " ports"
-                                      : "searching for those that are not there");
-         })) {
+         CheckPorts(channel, WideNames(arguments.names), network, Timeout(arguments),
+                    [&](size_t done, size_t all) {
+                        if (interruption.Requested()) {
+                            progress.Clear();
+                            EndInterrupted();  // nothing was changed yet
+                        }
+                        progress.Show(done < all ? Bar(done, all) + "  " + std::to_string(done) +
+                                                       " of " + std::to_string(all) + " ports"
+                                                 : "searching for those that are not there");
+                    })) {
         results.push_back({std::move(port)});
     }
     progress.Clear();
@@ -186,7 +191,7 @@ void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
     const std::wstring name = FindPort(channel, ToWide(arguments.names[0]));
     const PortRecords records = ReadPort(channel, name);
     progress.Show("asking " + Printable(AddressInUse(records)));
-    const Result result = {TestPort(name, records, network)};
+    const Result result = {TestPort(name, records, network, Timeout(arguments))};
     progress.Clear();
     const CheckedPort& port = result.port;
     if (arguments.json) {
@@ -225,9 +230,6 @@ void AddTimeout(CLI::App& command, double& timeout) {
 }  // namespace
 
 void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
-    const auto seconds = [](double timeout) {
-        return std::chrono::milliseconds(static_cast<int>(timeout * 1000));
-    };
     CLI::App& check = *port.add_subcommand(
         "check",
         "Check that printers answer where their ports send to, and are still the same; search for "
@@ -239,9 +241,8 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     check.add_flag("--repair", checked->repair,
                    "Have ports whose printer was found elsewhere send there");
     AddJsonFlag(check, checked->json);
-    check.callback([checked, openChannel, seconds] {
-        RunCheck(*checked, *openChannel(), RealCheckNetwork(seconds(checked->timeout)));
-    });
+    check.callback(
+        [checked, openChannel] { RunCheck(*checked, *openChannel(), RealCheckNetwork()); });
 
     CLI::App& test = *port.add_subcommand(
         "test", "Connect to a port's printer, without a job, and ask who it is");
@@ -251,7 +252,5 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     test.add_option("NAME", tested->names[0], "The port")->required()->check(NotEmpty());
     AddTimeout(test, tested->timeout);
     AddJsonFlag(test, tested->json);
-    test.callback([tested, openChannel, seconds] {
-        RunTest(*tested, *openChannel(), RealCheckNetwork(seconds(tested->timeout)));
-    });
+    test.callback([tested, openChannel] { RunTest(*tested, *openChannel(), RealCheckNetwork()); });
 }
