@@ -20,6 +20,9 @@ std::string Explained(const CommandFailed& failed);
 // Has kestctl word remedies for the print server of this name, \\SERVER, instead of this computer.
 void SpeakOfServer(const std::string& server);
 
+// A command line of kestctl that is advised, in quotes: for the same server as this one.
+std::string Advised(const std::string& arguments);
+
 // A port's name as it has to stand on a command line.
 std::string Quoted(const std::wstring& name);
 

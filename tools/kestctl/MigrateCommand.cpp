@@ -154,7 +154,7 @@ class Outcome {
                 std::cout << '\n';
             }
             if (!undoFile.empty()) {
-                std::cout << "`kestctl port migrate --undo " << undoFile << "` takes it back\n";
+                std::cout << Advised("port migrate --undo " + undoFile) << " takes it back\n";
             }
         }
         if (incomplete_ != 0) {

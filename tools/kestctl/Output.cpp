@@ -23,6 +23,25 @@ void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& wi
     out << line << '\n';
 }
 
+// What helps on another server in another way than on this computer; empty where nothing does.
+std::string RemedyOnServer(Remedy remedy) {
+    switch (server.empty() ? Remedy::None : remedy) {
+        case Remedy::RunAsAdministrator:
+            return "; run kestctl as somebody who may manage the print server " + server;
+        case Remedy::StartSpooler:
+            return "; see that " + server +
+                   " is the right name, that its service Print Spooler runs, and that no firewall "
+                   "is in between";
+        case Remedy::InstallMonitor:
+            return "; install the monitor with `kestctl monitor install` on " + server;
+        case Remedy::AddPrinter:
+            return ": add one that does (Windows: Add-Printer -ComputerName " + server +
+                   " -PortName)";
+        default:
+            return {};
+    }
+}
+
 }  // namespace
 
 // Code points, which is what a column is wide for the names that ports and printers have.
@@ -44,45 +63,41 @@ void SpeakOfServer(const std::string& name) {
     server = name.substr(name.find_first_not_of('\\'));
 }
 
+std::string Advised(const std::string& arguments) {
+    return "`kestctl " + (server.empty() ? "" : "--server " + server + " ") + arguments + "`";
+}
+
 std::string Explained(const CommandFailed& failed) {
     const std::string message = failed.what();
     const std::string port = Quoted(failed.subject);
-    const bool here = server.empty();
-    const std::string kestctl = here ? "`kestctl " : "`kestctl --server " + server + " ";
+    if (const std::string there = RemedyOnServer(failed.remedy); !there.empty()) {
+        return message + there;
+    }
     switch (failed.remedy) {
         case Remedy::None:
         case Remedy::ChooseName:
             break;
         case Remedy::RunAsAdministrator:
-            return message +
-                   (here ? "; run kestctl as administrator"
-                         : "; run kestctl as somebody who may manage the print server " + server);
+            return message + "; run kestctl as administrator";
         case Remedy::StartSpooler:
-            return message + (here ? "; start its service: net start spooler"
-                                   : "; see that " + server +
-                                         " is the right name, that its service Print Spooler "
-                                         "runs, and that no firewall is in between");
+            return message + "; start its service: net start spooler";
         case Remedy::InstallMonitor:
             return message +
-                   (here ? "; install the monitor with `kestctl monitor install`, or go without: "
-                           "--direct"
-                         : "; install the monitor with `kestctl monitor install` on " + server);
+                   "; install the monitor with `kestctl monitor install`, or go without: --direct";
         case Remedy::ListPorts:
-            return message + ": " + kestctl + "port list` shows those there are";
+            return message + ": " + Advised("port list") + " shows those there are";
         case Remedy::ChangePort:
-            return message + ": " + kestctl + "port set " + port + " ...` changes it";
+            return message + ": " + Advised("port set " + port + " ...") + " changes it";
         case Remedy::ShowPort:
-            return message + "; look at it with " + kestctl + "port show " + port + "`";
+            return message + "; look at it with " + Advised("port show " + port);
         case Remedy::DeletePort:
-            return message + ": try " + kestctl + "port delete " + port + "`";
+            return message + ": try " + Advised("port delete " + port);
         case Remedy::MovePrinter:
             return message + ": move the printer to another port first";
         case Remedy::AddPrinter:
             return message +
-                   (here ? ": add one that does (Windows: Add-Printer -PortName), or send without "
-                           "one: --direct"
-                         : ": add one that does (Windows: Add-Printer -ComputerName " + server +
-                               " -PortName)");
+                   ": add one that does (Windows: Add-Printer -PortName), or send without one: "
+                   "--direct";
         case Remedy::CheckSearch:
             return message +
                    ": check that it is on, that `kestctl slp find` shows it with the attributes "

@@ -120,7 +120,7 @@ void AddList(CLI::App& port, const ChannelFactory& openChannel) {
         if (arguments->json) {
             PrintJson(documents);
         } else if (rows.empty()) {
-            std::cout << "there is no port yet: `kestctl port add` makes one\n";
+            std::cout << "there is no port yet: " << Advised("port add") << " makes one\n";
         } else {
             PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT", "USED BY"}, rows);
         }
