@@ -62,6 +62,7 @@ TEST(PortCommands, AddShowSetAndDelete) {
             .is_null());
     EXPECT_THAT(Failure(monitor, {"port", "delete", "LAGER"}),
                 HasSubstr("not known: the printers are hidden; run kestctl as"));
+    Kestctl(monitor, {"port", "delete", "NONE", "--if-there"});
     monitor.hidesQueues = false;
     EXPECT_THAT(Failure(monitor, {"port", "delete", "*"}), HasSubstr("printers Laser, Color"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "delete", "lager", "--json"})),

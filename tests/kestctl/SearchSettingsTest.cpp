@@ -93,8 +93,8 @@ TEST(SearchSettings, AKeptFileIsNeverWrittenOver) {
     EXPECT_EQ(content(first) + ' ' + content(second) + ' ' + content(path), "one two three");
     RestoreSearchFile(path, second);
     EXPECT_EQ(content(first) + ' ' + content(path), "one two");
-    // One that cannot be replaced stays, and nothing is left of the attempt: of the four files
-    // there were, two are kept ones.
+    // One that cannot be replaced stays, and nothing of the attempt is left beside it and what was
+    // kept.
     {
         const UniqueFile reader(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                             OPEN_EXISTING, 0, nullptr));

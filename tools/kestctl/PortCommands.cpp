@@ -306,7 +306,9 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
         const auto names = FindPorts(*channel, WideNames(arguments->names), arguments->tolerant);
-        RequireUnused(*channel, names);
+        if (!names.empty()) {
+            RequireUnused(*channel, names);
+        }
         ForEachPort(*arguments, names, [&](const std::wstring& name) -> nlohmann::json {
             DeletePort(*channel, name);
             if (!arguments->json) {
