@@ -57,8 +57,8 @@ std::string Examples(const CLI::App& app);
 // Refuses an empty text: it is most often a script's variable that has none, and never a wish.
 CLI::Validator NotEmpty();
 
-// Refuses what is no number of seconds from the least to the most.
-CLI::Validator Seconds(double least, double most);
+// Refuses what is no time to wait, in seconds: 0.1 to 60.
+CLI::Validator Seconds();
 
 // Adds the global --direct.
 void AddDirectFlag(CLI::App& app);

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <iostream>
-#include <sstream>
 
 #include "admin/Text.h"
 
@@ -154,15 +153,12 @@ CLI::Validator NotEmpty() {
         [](std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "");
 }
 
-CLI::Validator Seconds(double least, double most) {
+CLI::Validator Seconds() {
     return CLI::Validator(
-        [least, most](std::string& text) {
+        [](std::string& text) {
             double value = 0;
-            const bool fits = CLI::detail::lexical_cast(text, value) && value >= least &&
-                              value <= most;  // nan is neither
-            std::ostringstream problem;
-            problem << "'" << text << "' is no number of seconds from " << least << " to " << most;
-            return fits ? std::string() : problem.str();
+            const bool fits = CLI::detail::lexical_cast(text, value) && value >= 0.1 && value <= 60;
+            return fits ? "" : "'" + text + "' is no number of seconds from 0.1 to 60";
         },
         "");
 }

@@ -212,22 +212,19 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
     command.callback([arguments, openChannel, identify] {
         const std::string resolved = ResolveAddress(arguments->change);
         const auto printer = PrinterToFollow(*arguments, identify);
-        PortRecords records;
-        std::string following;
-        const auto apply = [&] { following = ApplyArguments(*arguments, printer, records); };
-        if (!arguments->tolerant) {
-            apply();  // what is wrong is refused before anything is opened
-        }
         const std::wstring name = ToWide(arguments->names[0]);
+        if (!arguments->tolerant) {
+            PortRecords unused;
+            ApplyArguments(*arguments, printer, unused);  // wrong usage opens nothing
+        }
         const auto channel = openChannel();
         const auto there = arguments->tolerant ? PortCalled(*channel, name) : std::nullopt;
         nlohmann::json document;
         if (there) {
             document = SetPort(*channel, *there, *arguments, printer, resolved);
         } else {
-            if (arguments->tolerant) {
-                apply();
-            }
+            PortRecords records;
+            const std::string following = ApplyArguments(*arguments, printer, records);
             AddPort(*channel, name, records);
             document = ToJson(name, records);
             if (!arguments->json) {

@@ -4,9 +4,9 @@
 #define CSV_IO_NO_THREAD
 #include <libfccp/csv.h>
 #include <nlohmann/json.hpp>
+#include <strings.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <iterator>
 #include <string_view>
@@ -23,10 +23,8 @@ constexpr char kFormulaStarts[] = "=+-@";
 constexpr size_t kLongestColumn = 100;  // that a message repeats, in bytes
 
 // What `port show` says of a port that is no setting of its own.
-const std::vector<std::string> kRemarks = {"usedBy", "changed"};
-
-bool Has(const std::vector<std::string>& texts, const std::string& text) {
-    return std::find(texts.begin(), texts.end(), text) != texts.end();
+bool IsRemark(const std::string& column) {
+    return column == "usedBy" || column == "changed";
 }
 
 // True for what a spreadsheet would take for a formula, behind any apostrophes that say it is none.
@@ -43,10 +41,10 @@ std::string At(size_t line) {
 // Notes a value of a row, or what is wrong with its column.
 void Take(PortTable& table, PortRow& row, const std::string& column, const std::string& value,
           size_t line) {
-    if (Has(kRemarks, column)) {
+    if (IsRemark(column)) {
         return;
     }
-    if (!Has(kPortColumns, column)) {
+    if (std::find(kPortColumns.begin(), kPortColumns.end(), column) == kPortColumns.end()) {
         table.problems.push_back(At(line) + (column.size() > kLongestColumn
                                                  ? "there is no setting of so long a name"
                                                  : "there is no setting '" + column + "'"));
@@ -147,7 +145,7 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
     // Begins a list or an object that is no setting's value.
     void Ignore() {
         ignored_ = 1;
-        if (!inPort_ || !Has(kRemarks, prefix_ + key_)) {
+        if (!inPort_ || !IsRemark(prefix_ + key_)) {
             Misplaced();
         }
     }
@@ -200,19 +198,11 @@ std::vector<std::string> Cells(char* line) {
 
 // A column as it is called here, for a heading in any letter case.
 std::string ColumnFor(const std::string& heading) {
-    const auto isSame = [&heading](const std::string& column) {
-        return std::equal(column.begin(), column.end(), heading.begin(), heading.end(),
-                          [](unsigned char one, unsigned char other) {
-                              return std::tolower(one) == std::tolower(other);
-                          });
-    };
-    for (const std::vector<std::string>* columns : {&kPortColumns, &kRemarks}) {
-        const auto found = std::find_if(columns->begin(), columns->end(), isSame);
-        if (found != columns->end()) {
-            return *found;
-        }
-    }
-    return heading;
+    const auto column =
+        std::find_if(kPortColumns.begin(), kPortColumns.end(), [&heading](const std::string& name) {
+            return strcasecmp(name.c_str(), heading.c_str()) == 0;
+        });
+    return column != kPortColumns.end() ? *column : heading;
 }
 
 template <char Separator>
