@@ -111,8 +111,9 @@ TEST(PortTransfer, ValuesSurviveASpreadsheetsFile) {
     for (const char* name : {"=1+1", "'=1+1", "''-", "'quoted'", "-", "a;b", "\"", "\"a\" \"b\"",
                              "a'=", "@B\u00fcro \u20ac", "none of it", "yes"}) {
         Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1", "--host-name",
-                          std::string(" ") + name + ",  "});
+                          std::string(" ") + name + "  "});
     }
+    Kestctl(monitor, {"port", "add", "list", "--address", "10.0.0.1", "--host-name", "a,b"});
     for (const char* extension : {".json", ".csv"}) {
         const TempFile file(extension);
         Kestctl(monitor, {"port", "export", file.Name()});
