@@ -108,10 +108,12 @@ TEST(PortTransfer, AllThatIsWrongIsToldAndNothingDone) {
 // Whatever JSON can carry.
 TEST(PortTransfer, ValuesSurviveASpreadsheetsFile) {
     FakeMonitor monitor;
-    for (const char* name : {"=1+1", "'=1+1", "''-", "'quoted'", "-", "a;b", "\"", "\"a\" \"b\"",
-                             "a'=", "@B\u00fcro \u20ac", "none of it", "yes"}) {
-        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1", "--host-name",
-                          std::string(" ") + name + "  "});
+    for (const std::string name :
+         {"=1+1", "'=1+1", "''-", "'quoted'", "-", "a;b", "\"", "\"a\" \"b\"",
+          "a'=", "@B\u00fcro \u20ac", "none of it", "yes"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1", "--host-name", " " + name});
+        Kestctl(monitor,
+                {"port", "add", name + "2", "--ipv6", "fd00::1", "--host-name", name + " "});
     }
     Kestctl(monitor, {"port", "add", "list", "--address", "10.0.0.1", "--host-name", "a,b"});
     for (const char* extension : {".json", ".csv"}) {
