@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "monitor/Lpr.h"
 #include "monitor/PortConfig.h"
 #include "monitor/PortList.h"
 #include "bench/soak/Watch.h"
@@ -228,6 +229,9 @@ void PrintQueue::PrintJob(uint64_t job) {
             return;
         }
         ++tally.replays[static_cast<int>(protocol_)];
+        while (epoch_ % 2 != 0) {
+            Sleep(1);  // there is nothing to send to before the port has its settings again
+        }
     }
     ++tally.jobs[static_cast<int>(protocol_)];
     tally.bytes[static_cast<int>(protocol_)] += document.size();
@@ -273,14 +277,17 @@ bool PrintQueue::Run(Attempt& attempt, const std::string& document) {
         Reopen();
     }
     {
+        const double lateBefore = Lateness();
         const Injection injection(attempt.plan.strike);
         if (Start(attempt)) {
             attempt.written = Write(attempt, document);
             Timed(protocol_ == Protocol::Raw ? Call::EndRaw : Call::EndLpr,
                   [&] { return spooler_->pfnEndDocPort(port_); });
         }
+        // On a machine that stood still an acknowledgement may have come too late.
+        const bool late = Lateness() - lateBefore > kAcknowledgeSeconds / 2.0;
         const bool faultless =
-            !attempt.visit->IsFault() && !injection.Struck() && !attempt.disturbed;
+            !attempt.visit->IsFault() && !injection.Struck() && !attempt.disturbed && !late;
         Look(attempt, document, faultless, injection.FilesLeft());
     }
     if (!attempt.started) {

@@ -106,6 +106,10 @@ CallScope::~CallScope() {
     SetLastError(lastError);
 }
 
+double Lateness() {
+    return static_cast<double>(lateness) / 1e6;
+}
+
 bool HasHang() {
     for (const Slot& slot : slots) {
         const int64_t since = slot.since;

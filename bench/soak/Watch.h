@@ -74,6 +74,9 @@ class LatenessClock {
     std::thread thread_;
 };
 
+// How late the machine has been so far, in seconds.
+double Lateness();
+
 // Whether a call takes so much longer than it may that it will not come back; says which.
 bool HasHang();
 
