@@ -169,7 +169,7 @@ void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
         std::transform(results.begin(), results.end(), std::back_inserter(documents), ToJson);
         PrintJson(documents);
     } else if (results.empty()) {
-        std::cout << "there is no port yet: `kestctl port add` makes one\n";
+        std::cout << "there is no port yet: " << Advised("port add") << " makes one\n";
     } else {
         Print(results);
     }
@@ -180,7 +180,8 @@ void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
         throw CommandFailed(
             std::string("not all ports are well") +
             (!arguments.repair && std::any_of(results.begin(), results.end(), isFound)
-                 ? ": `kestctl port check --repair` has those whose printer was found send there"
+                 ? ": " + Advised("port check --repair") +
+                       " has those whose printer was found send there"
                  : ""));
     }
 }
@@ -233,13 +234,14 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     CLI::App& check = *port.add_subcommand(
         "check",
         "Check that printers answer where their ports send to, and are still the same; search for "
-        "those that are not");
+        "those that are not; exit code 1 unless all are well");
     AddExample(check, "port check \"OFFICE-*\" --repair");
     const auto checked = std::make_shared<CheckArguments>();
     AddNames(check, checked->names, "The ports, or patterns with * and ?; all if there is none");
     AddTimeout(check, checked->timeout);
     check.add_flag("--repair", checked->repair,
-                   "Have ports whose printer was found elsewhere send there");
+                   "Have ports that are to follow (--always-print) send to where their printer was "
+                   "found");
     AddJsonFlag(check, checked->json);
     check.callback(
         [checked, openChannel] { RunCheck(*checked, *openChannel(), RealCheckNetwork()); });
