@@ -98,6 +98,15 @@ struct PrintQueue::Attempt {
     bool disturbed = false;  // by an administrator who replaced the port
     DWORD error = 0;         // of the call that failed
 
+    // Whether the daemon keeps an acknowledgement back without which no job may start.
+    bool NotAcknowledged() const {
+        const Protocol protocol = ProtocolOf(PortOfJob(job));
+        return protocol != Protocol::Raw &&
+               plan.step < (protocol == Protocol::Lpr ? kEndOfData : kDataFileCommand) &&
+               (plan.behaviour == Behaviour::AcksNegative ||
+                plan.behaviour == Behaviour::AcksWrong || plan.behaviour == Behaviour::AcksNever);
+    }
+
     std::string Name() const {
         return "job " + std::to_string(job) + " (" + NameOf(ProtocolOf(PortOfJob(job))) + ", " +
                NameOf(plan.behaviour) + ", " + NameOf(plan.strike.fault) + "): ";
@@ -366,6 +375,8 @@ void PrintQueue::Look(const Attempt& attempt, const std::string& document, bool 
         attempt.error != ERROR_INVALID_HANDLE) {
         expect(control.restarts == 1, "not restarted, though its connection was lost");
     }
+    expect(!attempt.started || !attempt.NotAcknowledged(),
+           "started, though the daemon did not acknowledge it");
     Visit& visit = *attempt.visit;
     if (!faultless) {
         tally.lost += sent && !(HasConnected() && visit.WaitForEnd(std::chrono::seconds(2)) &&

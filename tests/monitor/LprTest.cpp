@@ -229,45 +229,55 @@ TEST_F(LprTest, ADaemonThatClosesOrStaysSilentFailsTheStart) {
     EXPECT_EQ(GetLastError(), 0u);  // of the resolver, the last that had something to say
 }
 
-// A daemon that acknowledges everything and then reads nothing keeps its own job waiting, and
-// nobody else.
-TEST_F(LprTest, ADaemonThatStopsReadingHoldsUpItsOwnJobAlone) {
-    HANDLE hung = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    HANDLE over = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    TcpPeer daemon([&](PeerConnection& job) {
-        job.ReadLine();
-        job.Write(std::string(1, '\0'));
-        const std::string line = job.ReadLine();
-        job.Write(std::string(1, '\0'));
-        job.Read(std::stoul(line.substr(1)) + 1);
-        job.Write(std::string(1, '\0'));
-        job.ReadLine();
-        job.Write(std::string(1, '\0'));
-        SetEvent(hung);
-        WaitForSingleObject(over, INFINITE);
-        job.Reset();
-    });
-    HANDLE port = OpenPort(daemon.port, true);
-    auto job = std::async(std::launch::async, [&] { Print(port, std::string(32'000'000, 'x')); });
-    WaitForSingleObject(hung, INFINITE);
-    // What fits the buffers between here and there goes out before it hangs.
-    while (job.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready) {
-        FAIL() << "the job ended";
+// A printer that reads nothing, or a daemon that acknowledges everything and then reads nothing,
+// keeps its own job waiting, and nobody else.
+TEST_F(LprTest, APrinterThatStopsReadingHoldsUpItsOwnJobAlone) {
+    for (const bool lpr : {true, false}) {
+        SCOPED_TRACE(lpr);
+        HANDLE hung = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        HANDLE over = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        TcpPeer printer([&](PeerConnection& job) {
+            if (lpr) {
+                job.ReadLine();
+                job.Write(std::string(1, '\0'));
+                const std::string line = job.ReadLine();
+                job.Write(std::string(1, '\0'));
+                job.Read(std::stoul(line.substr(1)) + 1);
+                job.Write(std::string(1, '\0'));
+                job.ReadLine();
+                job.Write(std::string(1, '\0'));
+            }
+            SetEvent(hung);
+            WaitForSingleObject(over, INFINITE);
+            job.Reset();
+        });
+        HANDLE port = lpr ? OpenPort(printer.port, true) : spooler.OpenNew(L"R", 1, printer.port);
+        auto job = std::async(std::launch::async, [&] {
+            EXPECT_TRUE(spooler.Start(port));
+            // A spooled job is taken at once, and sent at its end.
+            EXPECT_EQ(spooler.WriteAll(port, std::string(32'000'000, 'x')), lpr);
+            spooler->pfnEndDocPort(port);
+        });
+        WaitForSingleObject(hung, INFINITE);
+        // What fits the buffers between here and there goes out before it hangs.
+        while (job.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready) {
+            FAIL() << "the job ended";
+        }
+        auto others = std::async(std::launch::async, [&] {
+            DWORD needed = 0;
+            DWORD returned = 0;
+            spooler->pfnEnumPorts(spooler.monitor, nullptr, 1, nullptr, 0, &needed, &returned);
+            spooler->pfnClosePort(spooler.Open(L"P"));
+            return needed;
+        });
+        EXPECT_EQ(others.wait_for(std::chrono::seconds(1)), std::future_status::ready);
+        EXPECT_NE(job.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+        SetEvent(over);
+        EXPECT_GT(others.get(), 0u);
+        job.get();
+        CloseHandle(hung);
+        CloseHandle(over);
     }
-    auto others = std::async(std::launch::async, [&] {
-        DWORD needed = 0;
-        DWORD returned = 0;
-        spooler->pfnEnumPorts(spooler.monitor, nullptr, 1, nullptr, 0, &needed, &returned);
-        spooler->pfnClosePort(spooler.Open(L"P"));
-        return needed;
-    });
-    EXPECT_EQ(others.wait_for(std::chrono::seconds(1)), std::future_status::ready);
-    EXPECT_NE(job.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-    SetEvent(over);
-    EXPECT_GT(others.get(), 0u);
-    job.get();
-    CloseHandle(hung);
-    CloseHandle(over);
 }
 
 // A job that cannot be read back must not look whole: the octet that ends it stays away.
