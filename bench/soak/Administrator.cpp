@@ -124,7 +124,12 @@ void Administrator::ManageOwnPort() {
         Violated("a port's configuration is not what was written");
     }
     const Channel channel(spooler_);
-    const DWORD deleted = Send(channel.handle, L"DeletePort", name.c_str(), SizeOf(name));
+    DWORD deleted = 0;
+    {
+        // A key that cannot be deleted keeps no port.
+        const Injection injection(PlanStrike(random.Next(), kPortFaults));
+        deleted = Send(channel.handle, L"DeletePort", name.c_str(), SizeOf(name));
+    }
     if ((deleted == 0) != (added == 0)) {
         Violated("a port that was added with " + std::to_string(added) + " is deleted with " +
                  std::to_string(deleted));
