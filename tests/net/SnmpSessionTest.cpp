@@ -132,7 +132,7 @@ TEST(SnmpSessionTest, WaitsForAnAnswerForFiveSeconds) {
         EXPECT_EQ(Read(session), "11");
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
         EXPECT_GT(took.count(), 4.9);
-        EXPECT_LT(took.count(), 8);
+        EXPECT_LT(took.count(), 30);
     };
     // Without addresses there is nothing to send from.
     expectNothing();

@@ -14,6 +14,7 @@
 
 #include "admin/SpoolerChannel.h"
 #include "diag/Resource.h"
+#include "tools/kestctl/MonitorRegistry.h"
 
 class SpoolerHost : public SpoolerChannel {
   public:
@@ -54,7 +55,7 @@ class SpoolerHost : public SpoolerChannel {
     std::wstring rootPath_;
     bool madeRoot_ = false;
     UniqueRegistryKey root_;
-    MONITORREG registry_;
+    MonitorRegistry registry_;
     MONITORINIT init_;
     UniqueLibrary library_;
     MONITOR2* table_ = nullptr;
