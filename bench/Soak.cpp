@@ -193,6 +193,7 @@ class Soak {
             Sleep(1000);
             if (HasHang()) {
                 Report();
+                PrintCallsUnderWay();
                 TerminateProcess(GetCurrentProcess(), 1);  // its threads cannot be ended otherwise
             }
             uint64_t jobs = 0;

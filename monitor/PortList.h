@@ -76,7 +76,7 @@ struct PortEntry {
     // These are closed when the calls have returned: the system gives the number of a closed socket
     // to the next one, which may be another printer's.
     std::atomic<LONG> callers = 0;
-    std::atomic<bool> isReading = false;  // one of them reads
+    std::atomic<bool> isReading = false;  // one of them reads, or the end of the job does
 
     uint64_t addition = 0;  // which of the monitor's additions the port was, from 1
 };

@@ -330,7 +330,8 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
     if (port->protocol == kProtocolLpr) {
         return FALSE;
     }
-    // Of two callers that find the same bytes, one would wait for the next ones.
+    // Of two callers that find the same bytes, one would wait for the next ones. The end of the job
+    // reads, too.
     if (port->isReading.exchange(true)) {
         return TRUE;
     }
@@ -350,9 +351,14 @@ BOOL WINAPI EndDocPort(HANDLE hPort) {
     }
     UniqueSocket socket = port->socket.Take();
     if (socket) {
+        // Takes the reader's place: bytes that ReadPort has found are ReadPort's to receive.
+        while (port->isReading.exchange(true)) {
+            Sleep(1);
+        }
         Drain(socket.Get());
     }
     WaitForCallers(port, 0);
+    port->isReading = false;
     socket.Reset();
     port->addresses.Reset();
     // Also for a job whose connection was lost: the restart that WritePort asked for is what the

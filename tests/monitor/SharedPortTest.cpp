@@ -268,6 +268,32 @@ TEST_F(SharedPortTest, AnEndWaitsForTheWriteThatRuns) {
     EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
+// ReadPort has found bytes and receives them next: the end of the job must not take them first.
+TEST_F(SharedPortTest, AnEndLeavesAReadItsBytes) {
+    Patch("recv", HeldReceive);
+    TcpPeer printer([](PeerConnection& job) {
+        job.Write("status");
+        job.ReadAll();
+    });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    BYTE buffer[8];
+    DWORD count = 0;
+    HoldNext();
+    auto read = std::async(std::launch::async, [&] {
+        while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count) && count == 0) {
+            Sleep(1);
+        }
+    });
+    call.Await();
+    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    EXPECT_EQ(end.wait_for(kMoment), std::future_status::timeout);
+    call.Release();
+    read.get();
+    EXPECT_EQ(std::string(buffer, buffer + count), "status");
+    EXPECT_TRUE(end.get());
+}
+
 TEST_F(SharedPortTest, AnLprJobIsClosedBehindAllOfItsData) {
     Patch("send", HeldSend);
     std::promise<std::string> received;
