@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "bench/soak/Administrator.h"
+#include "bench/soak/SharedPort.h"
 #include "bench/soak/Watch.h"
 #include "tests/support/HandleCount.h"
 
@@ -109,6 +110,9 @@ class Soak {
         for (uint32_t i = 0; i < kPorts; ++i) {
             queues_.push_back(std::make_unique<PrintQueue>(spooler_, settings.seed, i));
         }
+        for (uint32_t i = 0; i < kSharedPorts; ++i) {
+            sharedPorts_.push_back(std::make_unique<SharedPort>(spooler_, settings.seed, i));
+        }
         for (uint32_t i = 0; i < kAdministrators; ++i) {
             administrators_.emplace_back(spooler_, settings.seed, i, queues_);
         }
@@ -154,6 +158,15 @@ class Soak {
                 }
             });
         }
+        for (auto& port : sharedPorts_) {
+            for (uint32_t caller = 0; caller < SharedPort::kCallers; ++caller) {
+                managing.emplace_back([&printed, &port, caller] {
+                    while (!printed) {
+                        port->Use(caller);
+                    }
+                });
+            }
+        }
         std::vector<std::thread> printing;
         for (auto& queue : queues_) {
             printing.emplace_back([&] { queue->Print(mayPrint); });
@@ -169,6 +182,9 @@ class Soak {
             queue->PrintQuietly();
             queue->WaitForPrinter();
         }
+        for (auto& port : sharedPorts_) {
+            port->PrintQuietly();
+        }
     }
 
     void Watch() {
@@ -177,6 +193,7 @@ class Soak {
             Sleep(1000);
             if (HasHang()) {
                 Report();
+                PrintCallsUnderWay();
                 TerminateProcess(GetCurrentProcess(), 1);  // its threads cannot be ended otherwise
             }
             uint64_t jobs = 0;
@@ -247,6 +264,8 @@ class Soak {
         } lines[] = {{"had to arrive whole, and did", tally.whole},
                      {"damaged by a fault, sent for all that", tally.lost},
                      {"temporary files left, as they may be", tally.leftFiles},
+                     {"of callers that share a port", tally.shared},
+                     {"ended early, or by another caller", tally.endedEarly},
                      {"ports listed", tally.listed},
                      {"ports added", tally.added},
                      {"ports changed", tally.changed},
@@ -291,6 +310,7 @@ class Soak {
     FakeSpooler spooler_;
     InjectedImports imports_;
     std::vector<std::unique_ptr<PrintQueue>> queues_;
+    std::vector<std::unique_ptr<SharedPort>> sharedPorts_;
     std::vector<Administrator> administrators_;
     std::vector<Measurement> measurements_;
     std::atomic<bool> done_ = false;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <utility>
 
 #include "monitor/AnsiText.h"
 
@@ -105,7 +104,7 @@ bool Send(PortEntry* port, const char* bytes, size_t length) {
             if (error == 0 || error == WSAEWOULDBLOCK) {
                 continue;
             }
-            lost = std::move(port->socket);
+            lost = port->socket.Take();
         }
         // One that does not wait would not close at all while bytes are on their way.
         u_long off = 0;
@@ -265,7 +264,7 @@ BOOL SpoolLprData(PortEntry* port, const BYTE* data, DWORD size, LPDWORD written
         return FALSE;
     }
     const BOOL done = WriteFile(port->tempFile.Get(), data, size, written, nullptr);
-    port->byteCount = static_cast<LONG>(static_cast<DWORD>(port->byteCount) + *written);
+    port->byteCount += static_cast<LONG>(*written);  // wraps
     return done;
 }
 

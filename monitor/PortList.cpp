@@ -126,12 +126,19 @@ PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept {
     LockGuard lock(PortListLock);
     (monitor->lastPort != nullptr ? monitor->lastPort->next : monitor->ports) = port;
     monitor->lastPort = port;
+    port->addition = ++monitor->additions;
     return port;
 }
 
-PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name) noexcept {
+uint64_t CountAdditions(const MonitorHandle* monitor) noexcept {
+    LockGuard lock(PortListLock);
+    return monitor->additions;
+}
+
+PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name, uint64_t additions) noexcept {
     PortEntry* port = monitor->ports;
-    while (port != nullptr && !(IsListed(port) && HasName(port, name))) {
+    while (port != nullptr &&
+           !(port->addition > additions && IsListed(port) && HasName(port, name))) {
         port = port->next;
     }
     return port;

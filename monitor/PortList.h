@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 
 #include "monitor/Library.h"
 
@@ -13,9 +14,30 @@ constexpr DWORD kMonitorSignature = 0x004D4C49;  // "ILM"
 constexpr DWORD kPortSignature = 0x00005450;     // "PT"
 
 constexpr DWORD kPortDeleted = 4;     // skipped by enumeration and removal; nothing here sets it
-constexpr DWORD kJobInProgress = 8;   // from StartDocPort to EndDocPort
-constexpr DWORD kJobEnding = 16;      // somebody is at the end of the job, and nobody else need be
+constexpr DWORD kJobInProgress = 8;   // from the beginning of StartDocPort to the end of EndDocPort
+constexpr DWORD kJobEnding = 16;      // EndDocPort runs: one caller's alone
+constexpr DWORD kJobStarting = 32;    // StartDocPort runs: nobody else uses or ends the job
 constexpr size_t kMaxPortName = 247;  // characters, without the terminator
+
+// A port's connection. Several callers may use it at once; the one that takes it out closes it.
+class SharedSocket {
+  public:
+    SharedSocket() = default;
+    SharedSocket(const SharedSocket&) = delete;
+    SharedSocket& operator=(const SharedSocket&) = delete;
+    ~SharedSocket() { Take(); }
+
+    explicit operator bool() const noexcept { return Get() != INVALID_SOCKET; }
+    SOCKET Get() const noexcept { return socket_; }
+    // For the start of a job, when there is no connection yet.
+    void Put(UniqueSocket socket) noexcept { socket_ = socket.Release(); }
+    // Gives the connection to one of the callers that take it at once, and nothing to the others.
+    UniqueSocket Take() noexcept { return UniqueSocket(socket_.exchange(INVALID_SOCKET)); }
+
+  private:
+    std::atomic<SOCKET> socket_ = INVALID_SOCKET;
+};
+static_assert(sizeof(SharedSocket) == sizeof(SOCKET));
 
 // One port: a single zero-filled block of the global allocator, with the name right behind the
 // record. Its address is the port handle that the spooler gets.
@@ -24,10 +46,10 @@ struct PortEntry {
     DWORD blockSize = 0;  // bytes: the record and its name with terminator
     PortEntry* next = nullptr;
     LPWSTR name = nullptr;
-    UniqueSocket socket;
+    SharedSocket socket;
     // Job bytes written to temporary files: a running total over the entry's whole life, never
     // reset between jobs, and announced as it is. Kept on purpose.
-    LONG byteCount = 0;
+    std::atomic<LONG> byteCount = 0;
     std::atomic<DWORD> flags = 0;
     UniqueBlock<WCHAR> printerName;
     UniqueBlock<BYTE> scratch;
@@ -49,6 +71,14 @@ struct PortEntry {
     // at once; the block goes with the last of those who hold it: the list, each open, a job.
     std::atomic<LONG> holders = 1;
     std::atomic<LONG> opens = 0;
+
+    // Calls of WritePort and ReadPort that use the job's connection, temporary file or printer.
+    // These are closed when the calls have returned: the system gives the number of a closed socket
+    // to the next one, which may be another printer's.
+    std::atomic<LONG> callers = 0;
+    std::atomic<bool> isReading = false;  // one of them reads, or the end of the job does
+
+    uint64_t addition = 0;  // which of the monitor's additions the port was, from 1
 };
 static_assert(offsetof(PortEntry, next) == 8);
 static_assert(offsetof(PortEntry, name) == 16);
@@ -70,6 +100,7 @@ struct MonitorHandle {
     XcvHandle* xcvHandles = nullptr;  // open configuration channels, see Xcv.h
 
     PortEntry* lastPort = nullptr;  // so that adding a port does not walk the list
+    uint64_t additions = 0;         // ports added so far
     // Holds the list of channels while it is changed. Not PortListLock: opening a channel has never
     // waited for that, only closing one does. Kept on purpose.
     SRWLOCK xcvLock = SRWLOCK_INIT;
@@ -88,9 +119,14 @@ PortEntry* PortOf(HANDLE handle) noexcept;
 // longer than kMaxPortName, null as well when there is no memory for it.
 PortEntry* AddPortEntry(MonitorHandle* monitor, LPCWSTR name) noexcept;
 
+// The number of ports that were added so far, deleted ones included.
+uint64_t CountAdditions(const MonitorHandle* monitor) noexcept;
+
 // The first port with this name, in any letter case, that is not marked deleted; null without one.
 // Takes no lock.
-PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name) noexcept;
+//   additions: looks only at ports that were added after CountAdditions returned this number.
+PortEntry* FindPortEntry(const MonitorHandle* monitor, LPCWSTR name,
+                         uint64_t additions = 0) noexcept;
 
 // Takes a port out of the list and lets go of it; nothing when it is not in there (any more). A
 // port that is still open starts no more jobs. Takes no lock: callers hold PortListLock, or accept

@@ -1,7 +1,5 @@
 #include "monitor/Rediscovery.h"
 
-#include <cwchar>
-#include <iterator>
 #include <locale>
 #include <memory>
 #include <new>
@@ -52,20 +50,20 @@ bool FindPrinter(IPrinterDiscovery& search, const MacAddress& mac, const std::st
            (!hostName.empty() && search.FindPrinterByHostName(hostName, found));
 }
 
-// Stores the address in the records and in the registry. An IPv4 address is stored as its four
-// bytes say: its text may name a port as well, and would be cut to a wrong one where the field
-// ends. An answer without any valid address counts as an IPv6 one: it empties the field, and the
-// job fails where it connects. Returns 0 or the registry's error.
+// Stores the address in the records and in the registry, as the text that the printer announced.
+// An answer without any valid address counts as an IPv6 one: it empties the field, and the job
+// fails where it connects. Returns 0 or the registry's error.
+// Compatibility: padded octets and a port number are stored as well, and the text is cut where the
+// field ends; whoever reads the value finds what the printer announces.
 DWORD StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& portData,
                    PortDataEx& portDataEx) {
+    const std::wstring text = system_helper::ToWide(address.GetText());
     if (address.GetType() == IPV4) {
-        const unsigned char* bytes = address.GetBytes();
-        swprintf(portData.sztIPAddress, std::size(portData.sztIPAddress), L"%u.%u.%u.%u", bytes[0],
-                 bytes[1], bytes[2], bytes[3]);
+        CopyTruncated(portData.sztIPAddress, text);
         portDataEx.dwUseIPV6 = 0;
         return WritePortAddress(portName, portData.sztIPAddress, 0);
     }
-    CopyTruncated(portDataEx.sztIPv6HostName, system_helper::ToWide(address.GetText()));
+    CopyTruncated(portDataEx.sztIPv6HostName, text);
     portDataEx.dwUseIPV6 = 1;
     return WritePortAddress(portName, portDataEx.sztIPv6HostName, 1);
 }

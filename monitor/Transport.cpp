@@ -35,7 +35,8 @@ LPWSTR CopyName(LPCWSTR name) {
 
 enum class Beginning { Begun, Busy, Deleted };
 
-// Marks the port as busy, unless it already is or has been deleted.
+// Marks the port as busy, unless it already is or has been deleted. Until the start of the job
+// ends, the port's fields are the caller's alone.
 Beginning BeginJob(PortEntry* port) {
     LockGuard lock(PortListLock);
     if ((port->flags & kJobInProgress) != 0) {
@@ -45,15 +46,48 @@ Beginning BeginJob(PortEntry* port) {
         return Beginning::Deleted;
     }
     HoldPort(port);
-    port->flags |= kJobInProgress;
+    port->flags |= kJobInProgress | kJobStarting;
     return Beginning::Begun;
 }
 
-// True for the one caller who is to end the job that runs on the port, should two come at once.
-// Without the lock: the end of a job does not wait for another port's print daemon.
+// Whether a job runs that neither starts nor ends at the moment.
+bool IsJobRunning(DWORD flags) {
+    return (flags & (kJobInProgress | kJobStarting | kJobEnding)) == kJobInProgress;
+}
+
+// One call that uses the running job, for the length of a scope. False when there is none to use.
+class JobUse {
+  public:
+    explicit JobUse(PortEntry* port) noexcept : port_(port) {
+        // Counts first and looks then: the end of the job sets its flag first and counts then.
+        ++port->callers;
+        isRunning_ = IsJobRunning(port->flags);
+    }
+    ~JobUse() { --port_->callers; }
+    JobUse(const JobUse&) = delete;
+    JobUse& operator=(const JobUse&) = delete;
+
+    explicit operator bool() const noexcept { return isRunning_; }
+
+  private:
+    PortEntry* port_;
+    bool isRunning_;
+};
+
+// Waits until no more than `count` calls use the job. Only a spooler that uses one port from
+// several threads makes this wait.
+void WaitForCallers(const PortEntry* port, LONG count) {
+    while (port->callers > count) {
+        Sleep(1);
+    }
+}
+
+// Returns true to the one caller that ends the running job, and false while no job runs, while one
+// starts, and while another caller ends it. Takes no lock: the end of a job does not wait for
+// another port's print daemon.
 bool ClaimEnd(PortEntry* port) {
     DWORD flags = port->flags;
-    while ((flags & kJobInProgress) != 0 && (flags & kJobEnding) == 0) {
+    while (IsJobRunning(flags)) {
         if (port->flags.compare_exchange_weak(flags, flags | kJobEnding)) {
             return true;
         }
@@ -68,19 +102,24 @@ void ReleaseJob(PortEntry* port) {
     LetGoOfPort(port);
 }
 
-// Gives up a job that could not start; the last error stays that of the call that failed.
+// Gives up a job that could not start; the last error stays that of the call that failed. All that
+// the job holds is taken out of the port before the next job can start, and closed outside the
+// lock: closing a socket can take the whole linger time.
 void AbandonJob(PortEntry* port) {
     const DWORD error = GetLastError();
-    if (ClaimEnd(port)) {
-        UniqueSocket socket;  // closed behind the lock: that may take the whole linger time
+    {
+        UniqueBlock<WCHAR> printerName;
+        UniquePrinter printer;
         UniqueAddressList addresses;
-        {
-            LockGuard lock(PortListLock);
-            socket = std::move(port->socket);
-            addresses = std::move(port->addresses);
-        }
-        ReleaseJob(port);
+        UniqueSocket socket;
+        LockGuard lock(PortListLock);
+        socket = port->socket.Take();
+        addresses = std::move(port->addresses);
+        printer = std::move(port->printer);
+        printerName = std::move(port->printerName);
+        port->flags &= ~(kJobInProgress | kJobStarting);
     }
+    LetGoOfPort(port);
     SetLastError(error);
 }
 
@@ -110,7 +149,8 @@ int ConnectPort(PortEntry* port, const PORT_DATA_1& data, const PortDataEx& data
     }
 
     const addrinfo* first = port->addresses.Get();
-    port->socket.Reset(socket(first->ai_family, first->ai_socktype, first->ai_protocol));
+    port->socket.Put(
+        UniqueSocket(socket(first->ai_family, first->ai_socktype, first->ai_protocol)));
     if (!port->socket) {
         return -1;
     }
@@ -122,7 +162,7 @@ int ConnectPort(PortEntry* port, const PORT_DATA_1& data, const PortDataEx& data
         }
     }
     const int error = WSAGetLastError();
-    port->socket.Reset();
+    port->socket.Take();
     WSASetLastError(error);
     return error;
 }
@@ -171,6 +211,52 @@ void ControlJob(const PortEntry* port, DWORD control) {
     }
 }
 
+// Closes a connection that was lost, and has the spooler restart the job. Does nothing when another
+// call has lost it, too, or when the job ends.
+void LoseConnection(PortEntry* port) {
+    UniqueSocket lost = port->socket.Take();
+    if (!lost) {
+        return;
+    }
+    WaitForCallers(port, 1);
+    lost.Reset();
+    ControlJob(port, JOB_CONTROL_RESTART);
+}
+
+// Reads what has come from the printer.
+//   count: receives the number of bytes, 0 when there are none.
+// Returns false with the last error set.
+bool Receive(SOCKET socket, LPBYTE buffer, DWORD size, DWORD& count) {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(socket, &readable);
+    timeval poll = {0, 0};
+    const int ready = select(0, &readable, nullptr, nullptr, &poll);
+    if (ready <= 0) {
+        return ready == 0;
+    }
+    if (buffer == nullptr || size == 0) {
+        return Refuse(WSAEMSGSIZE);
+    }
+    const int received = recv(socket, reinterpret_cast<char*>(buffer), SocketLength(size), 0);
+    if (received == 0) {
+        SetLastError(WSAENOTCONN);
+    }
+    count = static_cast<DWORD>(std::max(received, 0));
+    return received > 0;
+}
+
+// Waits until the printer has taken all of the job and closes its side. Closing before that would
+// cut the job's end off.
+void Drain(SOCKET socket) {
+    if (shutdown(socket, SD_SEND) != 0) {
+        return;
+    }
+    char answer[kDrainSize];
+    while (recv(socket, answer, sizeof(answer), 0) > 0) {
+    }
+}
+
 }  // namespace
 
 BOOL WINAPI StartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD, LPBYTE) {
@@ -187,6 +273,7 @@ BOOL WINAPI StartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD, 
             break;
     }
     if (StartJob(port, pPrinterName, JobId)) {
+        port->flags &= ~kJobStarting;
         return TRUE;
     }
     AbandonJob(port);
@@ -204,18 +291,21 @@ BOOL WINAPI WritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWrit
     if (pcbWritten == nullptr || (pBuffer == nullptr && cbBuf > 0)) {
         return Refuse(ERROR_INVALID_PARAMETER);
     }
+    const JobUse use(port);
+    if (!use) {
+        return Refuse(ERROR_INVALID_HANDLE);
+    }
     if (port->protocol == kProtocolLpr && port->doubleSpool != 0) {
         return SpoolLprData(port, pBuffer, cbBuf, pcbWritten);
     }
-    if (!port->socket) {
+    const SOCKET socket = port->socket.Get();
+    if (socket == INVALID_SOCKET) {
         return Refuse(ERROR_INVALID_HANDLE);
     }
-    const int sent =
-        send(port->socket.Get(), reinterpret_cast<const char*>(pBuffer), SocketLength(cbBuf), 0);
+    const int sent = send(socket, reinterpret_cast<const char*>(pBuffer), SocketLength(cbBuf), 0);
     if (sent == SOCKET_ERROR) {
         const int error = WSAGetLastError();
-        port->socket.Reset();
-        ControlJob(port, JOB_CONTROL_RESTART);
+        LoseConnection(port);
         WSASetLastError(error);
         return FALSE;
     }
@@ -232,33 +322,22 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
         return Refuse(ERROR_INVALID_PARAMETER);
     }
     *pcbRead = 0;
-    if (!port->socket) {
+    const JobUse use(port);
+    const SOCKET socket = use ? port->socket.Get() : INVALID_SOCKET;
+    if (socket == INVALID_SOCKET) {
         return Refuse(ERROR_INVALID_HANDLE);
     }
     if (port->protocol == kProtocolLpr) {
         return FALSE;
     }
-    fd_set readable;
-    FD_ZERO(&readable);
-    FD_SET(port->socket.Get(), &readable);
-    timeval poll = {0, 0};
-    const int ready = select(0, &readable, nullptr, nullptr, &poll);
-    if (ready <= 0) {
-        return ready == 0;
+    // Of two callers that find the same bytes, one would wait for the next ones. The end of the job
+    // reads, too.
+    if (port->isReading.exchange(true)) {
+        return TRUE;
     }
-    if (pBuffer == nullptr || cbBuffer == 0) {
-        return Refuse(WSAEMSGSIZE);
-    }
-    const int received =
-        recv(port->socket.Get(), reinterpret_cast<char*>(pBuffer), SocketLength(cbBuffer), 0);
-    if (received == 0) {
-        SetLastError(WSAENOTCONN);
-    }
-    if (received <= 0) {
-        return FALSE;
-    }
-    *pcbRead = static_cast<DWORD>(received);
-    return TRUE;
+    const bool done = Receive(socket, pBuffer, cbBuffer, *pcbRead);
+    port->isReading = false;
+    return done;
 }
 
 BOOL WINAPI EndDocPort(HANDLE hPort) {
@@ -267,15 +346,20 @@ BOOL WINAPI EndDocPort(HANDLE hPort) {
         return TRUE;
     }
     if (port->protocol == kProtocolLpr) {
+        WaitForCallers(port, 0);  // the octet that closes the data goes behind all of it
         EndLprJob(port);
     }
-    if (port->socket && shutdown(port->socket.Get(), SD_SEND) == 0) {
-        // Closing before the printer has taken everything would cut the job's end off.
-        char answer[kDrainSize];
-        while (recv(port->socket.Get(), answer, sizeof(answer), 0) > 0) {
+    UniqueSocket socket = port->socket.Take();
+    if (socket) {
+        // Takes the reader's place: bytes that ReadPort has found are ReadPort's to receive.
+        while (port->isReading.exchange(true)) {
+            Sleep(1);
         }
+        Drain(socket.Get());
     }
-    port->socket.Reset();
+    WaitForCallers(port, 0);
+    port->isReading = false;
+    socket.Reset();
     port->addresses.Reset();
     // Also for a job whose connection was lost: the restart that WritePort asked for is what the
     // spooler goes by then. Kept on purpose.

@@ -79,13 +79,16 @@ void CopyText(const BYTE* text, WCHAR (&copy)[N]) {
     copy[length] = L'\0';
 }
 
-// Adds a port to the list and to the registry, or to neither. The last error says why not:
-// ERROR_ALREADY_EXISTS when another caller has added one of this name since the spooler was asked.
-bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name) {
+// Adds a port to the list and to the registry, or to neither. A name that the monitor alone knows,
+// and the spooler does not, is added once more: the spooler's list decides.
+//   additions: how many ports had been added when the spooler was asked.
+// Returns false with the last error set: ERROR_ALREADY_EXISTS when another caller has added a port
+// of this name since then.
+bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name, uint64_t additions) {
     PortEntry* port = nullptr;
     {
         LockGuard lock(PortListLock);
-        if (FindPortEntry(monitor, name) != nullptr) {
+        if (FindPortEntry(monitor, name, additions) != nullptr) {
             return Refuse(ERROR_ALREADY_EXISTS);
         }
         port = AddPortEntry(monitor, name);
@@ -123,6 +126,7 @@ DWORD AddPort(const XcvCall& call) {
     if (call.inputSize != (wcslen(name.Get()) + 1) * sizeof(WCHAR)) {
         return ERROR_INVALID_PARAMETER;
     }
+    const uint64_t additions = CountAdditions(call.channel->monitor);
     DWORD error = ERROR_SUCCESS;
     if (PortExistsInSpooler(nullptr, name.Get(), error)) {
         error = ERROR_ALREADY_EXISTS;
@@ -131,7 +135,8 @@ DWORD AddPort(const XcvCall& call) {
         SetLastError(error);
         return error;
     }
-    return AddPortWithKey(call.channel->monitor, name.Get()) ? ERROR_SUCCESS : GetLastError();
+    return AddPortWithKey(call.channel->monitor, name.Get(), additions) ? ERROR_SUCCESS
+                                                                        : GetLastError();
 }
 
 DWORD DeletePort(const XcvCall& call) {
@@ -362,11 +367,12 @@ BOOL WINAPI AddPortEx(HANDLE hMonitor, LPWSTR pName, DWORD Level, LPBYTE lpBuffe
     if (name == nullptr) {
         return Refuse(ERROR_INVALID_PARAMETER);
     }
+    const uint64_t additions = CountAdditions(monitor);
     DWORD error = ERROR_SUCCESS;
     if (PortExistsInSpooler(pName, name, error)) {
         error = ERROR_ALREADY_EXISTS;
     } else if (error == ERROR_SUCCESS) {
-        error = AddPortWithKey(monitor, name) ? ERROR_SUCCESS : GetLastError();
+        error = AddPortWithKey(monitor, name, additions) ? ERROR_SUCCESS : GetLastError();
     }
     if (error == ERROR_ALREADY_EXISTS) {
         // Not as the channel's AddPort says: this is what callers of the older interface have

@@ -42,7 +42,7 @@ bool IsPortName(const std::vector<BYTE>& buffer, LPCWSTR text) {
     }
     std::wstring name((buffer.data() + buffer.size() - begin) / sizeof(WCHAR), L'\0');
     memcpy(name.data(), begin, name.size() * sizeof(WCHAR));
-    return name.find(L'\0') != name.npos && (name[0] == L'P' || name[0] == L'X');
+    return name.find(L'\0') != name.npos && (name[0] == L'P' || name[0] == L'S' || name[0] == L'X');
 }
 
 }  // namespace

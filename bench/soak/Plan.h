@@ -9,6 +9,7 @@
 #include "tests/support/OddPrinter.h"
 
 constexpr uint32_t kPorts = 16;
+constexpr uint32_t kSharedPorts = 3;  // beside them, one of each protocol
 
 enum class Protocol { Raw, Lpr, DoubleSpooledLpr, Count };
 

@@ -17,9 +17,11 @@ struct Tally {
     std::atomic<uint64_t> bytes[static_cast<int>(Protocol::Count)] = {};  // of jobs, as sent
     std::atomic<uint64_t> replays[static_cast<int>(Protocol::Count)] = {};
     std::atomic<uint64_t> behaviours[static_cast<int>(Behaviour::Count)] = {};
-    std::atomic<uint64_t> whole = 0;      // jobs that had to arrive whole, and did
-    std::atomic<uint64_t> lost = 0;       // reported as sent, but damaged by a fault on their way
-    std::atomic<uint64_t> leftFiles = 0;  // temporary files of announcements that were not taken
+    std::atomic<uint64_t> whole = 0;       // jobs that had to arrive whole, and did
+    std::atomic<uint64_t> lost = 0;        // reported as sent, but damaged by a fault on their way
+    std::atomic<uint64_t> leftFiles = 0;   // temporary files of announcements that were not taken
+    std::atomic<uint64_t> shared = 0;      // jobs of callers that use one port at once
+    std::atomic<uint64_t> endedEarly = 0;  // ends of a job that another caller may have started
     std::atomic<uint64_t> listed = 0;
     std::atomic<uint64_t> added = 0;
     std::atomic<uint64_t> changed = 0;

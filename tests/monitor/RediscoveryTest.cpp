@@ -20,6 +20,12 @@ namespace {
 
 constexpr wchar_t kGone[] = L"127.0.0.2";  // nobody listens there
 
+INT WSAAPI ResolveNumbers(PCSTR node, PCSTR service, const addrinfo* hints, addrinfo** list) {
+    addrinfo numeric = *hints;
+    numeric.ai_flags |= AI_NUMERICHOST;
+    return getaddrinfo(node, service, &numeric, list);
+}
+
 class RediscoveryTest : public testing::Test {
   protected:
     void SetUp() override {
@@ -31,6 +37,8 @@ class RediscoveryTest : public testing::Test {
         patch("SLPFindAttrs", SLPFindAttrs);
         patch("SLPParseAttrs", SLPParseAttrs);
         patch("SLPFree", SLPFree);
+        // What is no address is not looked up: nothing leaves the machine.
+        patch("getaddrinfo", ResolveNumbers);
         ASSERT_TRUE(spooler.Start());
     }
 
@@ -74,8 +82,7 @@ TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
         int useIPv6;
         size_t searches;
     };
-    const std::string moved =
-        "(ip-address=127.0.0.1:9100),(mac-address=0004004A1B2C),(host-name=P1)";
+    const std::string moved = "(ip-address=127.0.0.1),(mac-address=0004004A1B2C),(host-name=P1)";
     const std::string other = "(ip-address=127.0.0.9),(mac-address=000400000009),(host-name=p1)";
     const std::string six = "(ip-address=::1),(mac-address=0004004A1B2C)";
     const std::string nowhere = "(ip-address=nowhere),(mac-address=0004004A1B2C)";
@@ -117,6 +124,29 @@ TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
             EXPECT_TRUE(PrintOnce(port));
             EXPECT_EQ(Searches(), 0u) << "the next job goes there straight";
         }
+        spooler->pfnClosePort(port);
+    }
+}
+
+// The text of the announced address is stored, as far as the field goes. One with padded octets, or
+// with a port, is no address that the resolver takes: such a printer is not followed, and the job
+// goes nowhere else.
+TEST_F(RediscoveryTest, TheAnnouncedTextIsStored) {
+    const struct {
+        const char* announced;
+        const wchar_t* stored;
+    } cases[] = {
+        {"127.000.000.019", L"127.000.000.019"}, {"192.168.001.009", L"192.168.001.009"},
+        {"10.1.2.3:9100", L"10.1.2.3:9100"},     {"192.168.001.009:9100", L"192.168.001.009"},
+        {"127.0.0.1:65535", L"127.0.0.1:65535"}, {"100.100.100.8:9100", L"100.100.100.8:9"}};
+    for (const auto& [announced, stored] : cases) {
+        SCOPED_TRACE(announced);
+        slp.answers = {std::string("(ip-address=") + announced + "),(mac-address=0004004A1B2C)"};
+        const HANDLE port = OpenPort(L"P", printer.port, L"0004004a1b2c", L"");
+        EXPECT_FALSE(PrintOnce(port));
+        EXPECT_EQ(error, DWORD{WSAHOST_NOT_FOUND});
+        EXPECT_EQ(spooler.Text(L"P", L"IPAddress"), stored);
+        EXPECT_EQ(spooler.Number(L"P", L"UseIPV6"), 0);
         spooler->pfnClosePort(port);
     }
 }

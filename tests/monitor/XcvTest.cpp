@@ -3,9 +3,13 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
+#include <future>
 
 #include "monitor/PortConfig.h"
 #include "tests/support/FakeSpooler.h"
+#include "tests/support/HeldCall.h"
 
 using testing::ElementsAre;
 
@@ -64,10 +68,59 @@ TEST_F(XcvTest, AddPortMakesAPortWithoutValues) {
                                    "impersonate"));
     HANDLE office = spooler.Open(L"Office");
     EXPECT_EQ(spooler.Text(L"Office", L"HWAddress"), L"-");
-    // A caller who asked the spooler before it knew this one.
-    EXPECT_EQ(Send(administrator, L"AddPort", L"OFFICE"), DWORD{ERROR_ALREADY_EXISTS});
-    EXPECT_EQ(spooler.AddPort(L"office"), DWORD{ERROR_INVALID_PARAMETER});
-    EXPECT_EQ(spooler.Open(L"Office"), office);
+    // The spooler's list decides: a name that the monitor alone knows is added once more.
+    EXPECT_EQ(Send(administrator, L"AddPort", L"OFFICE"), 0u);
+    EXPECT_EQ(spooler.AddPort(L"office"), 0u);
+    EXPECT_EQ(spooler.Open(L"Office"), office) << "the first one is found";
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(Send(administrator, L"DeletePort", L"Office"), 0u);
+    }
+    EXPECT_EQ(Send(administrator, L"DeletePort", L"Office"), DWORD{ERROR_FILE_NOT_FOUND});
+}
+
+// One caller asks the spooler, and another one adds the name before the first gets on.
+TEST_F(XcvTest, OfTwoThatAddOneNameAtOnceOneDoes) {
+    using Add = std::function<DWORD()>;
+    const Add byChannel = [this] { return spooler.Xcv(administrator, L"AddPort", L"Office"); };
+    const Add byCall = [this] { return spooler.AddPort(L"OFFICE"); };
+    const struct {
+        const char* what;
+        Add slow, quick;
+        bool isDeleted;  // before the slow one gets on
+        DWORD error;
+    } cases[] = {{"AddPort", byChannel, byCall, false, ERROR_ALREADY_EXISTS},
+                 {"AddPortEx", byCall, byChannel, false, ERROR_INVALID_PARAMETER},
+                 {"AddPort, and a port that is gone again", byChannel, byCall, true, 0},
+                 {"AddPortEx, and a port that is gone again", byCall, byChannel, true, 0}};
+    EXPECT_EQ(spooler.AddPort(L"Office"), 0u) << "an older one counts for nothing";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        HeldCall asked;
+        std::atomic<int> asking = 0;
+        spooler.listener = [&](const std::string& call) {
+            if (call == "EnumPorts (null)" && asking++ == 0) {
+                asked.Hold();
+            }
+            return LONG{0};
+        };
+        auto slow = std::async(std::launch::async, c.slow);
+        asked.Await();
+        EXPECT_EQ(c.quick(), 0u);
+        const auto remove = [this] {
+            return Send(administrator, L"DeletePort", L"Office") +
+                   Send(administrator, L"DeletePort", L"Office");
+        };
+        if (c.isDeleted) {
+            EXPECT_EQ(remove(), 0u);
+        }
+        asked.Release();
+        EXPECT_EQ(slow.get(), c.error);
+        spooler.listener = nullptr;
+        EXPECT_NE(spooler.Open(L"Office"), nullptr);
+        EXPECT_TRUE(c.isDeleted ? spooler.HasPortKey(L"Office")
+                                : remove() == 0 && !spooler.HasPortKey(L"Office"));
+        EXPECT_EQ(c.isDeleted ? DWORD{0} : spooler.AddPort(L"Office"), 0u);
+    }
 }
 
 TEST_F(XcvTest, AddPortRefusesWhatItCannotAdd) {

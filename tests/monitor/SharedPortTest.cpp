@@ -1,0 +1,452 @@
+// Several callers that use one port at once, which the spooler itself never does: whatever one of
+// them does to the port, nothing that another call uses is closed, and nothing stays open.
+#include "monitor/Transport.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "tests/support/FakeSpooler.h"
+#include "tests/support/HeldCall.h"
+#include "tests/support/TcpPeer.h"
+
+using testing::ElementsAre;
+
+namespace {
+
+constexpr std::chrono::milliseconds kMoment{200};  // enough for a call that does not wait to return
+
+std::atomic<int> openSockets;
+std::atomic<int> openLists;
+HeldCall* held = nullptr;      // where the replaced call is held
+std::atomic<int> callsToHold;  // so many of the next ones
+std::atomic<int> callsHeld;    // at this moment
+std::atomic<DWORD> injected;   // error that a held call fails with, or 0
+
+// Returns whether the call fails.
+bool HoldCall() {
+    if (callsToHold-- <= 0) {
+        return false;
+    }
+    ++callsHeld;
+    held->Hold();
+    --callsHeld;
+    return injected != 0;
+}
+
+int Fail() {
+    WSASetLastError(static_cast<int>(injected.load()));
+    return SOCKET_ERROR;
+}
+
+int WSAAPI HeldConnect(SOCKET socket, const sockaddr* to, int size) {
+    return HoldCall() ? Fail() : connect(socket, to, size);
+}
+int WSAAPI HeldSend(SOCKET socket, const char* bytes, int size, int flags) {
+    return HoldCall() ? Fail() : send(socket, bytes, size, flags);
+}
+int WSAAPI HeldReceive(SOCKET socket, char* bytes, int size, int flags) {
+    return HoldCall() ? Fail() : recv(socket, bytes, size, flags);
+}
+INT WSAAPI CountedResolve(PCSTR node, PCSTR service, const addrinfo* hints, addrinfo** list) {
+    const INT error = getaddrinfo(node, service, hints, list);
+    openLists += error == 0;
+    return error;
+}
+INT WSAAPI HeldResolve(PCSTR node, PCSTR service, const addrinfo* hints, addrinfo** list) {
+    return HoldCall() ? static_cast<INT>(injected) : CountedResolve(node, service, hints, list);
+}
+VOID WSAAPI CountedFreeList(addrinfo* list) {
+    --openLists;
+    freeaddrinfo(list);
+}
+SOCKET WSAAPI CountedSocket(int family, int type, int protocol) {
+    ++openSockets;
+    return socket(family, type, protocol);
+}
+int WSAAPI CountedClose(SOCKET socket) {
+    EXPECT_EQ(callsHeld, 0) << "a socket is closed under a call that uses it";
+    --openSockets;
+    return closesocket(socket);
+}
+
+class SharedPortTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        openSockets = openLists = 0;
+        callsToHold = 0;
+        injected = 0;
+        held = &call;
+        Patch("socket", CountedSocket);
+        Patch("closesocket", CountedClose);
+        Patch("getaddrinfo", CountedResolve);
+        Patch("freeaddrinfo", CountedFreeList);
+        ASSERT_TRUE(spooler.Start());
+    }
+    void TearDown() override {
+        EXPECT_EQ(openSockets, 0);
+        EXPECT_EQ(openLists, 0);
+    }
+
+    template <class Function>
+    void Patch(const char* name, Function* function) {
+        patches.push_back(std::make_unique<ImportPatch>(spooler.dll, name, function));
+    }
+    // Holds the next call, or the next calls, of a function that is replaced.
+    void HoldNext(int calls = 1, DWORD error = 0) {
+        injected = error;
+        callsToHold = calls;
+    }
+
+    std::vector<std::string> JobCalls() {
+        auto calls = spooler.TakeCalls();
+        calls.erase(std::remove_if(calls.begin(), calls.end(),
+                                   [](const std::string& text) {
+                                       return text.find("Printer") == text.npos &&
+                                              text.find("SetJob") == text.npos;
+                                   }),
+                    calls.end());
+        return calls;
+    }
+    bool ReadFails(HANDLE port) {
+        BYTE byte = 0;
+        DWORD count = 0;
+        return !spooler->pfnReadPort(port, &byte, 1, &count) &&
+               GetLastError() == ERROR_INVALID_HANDLE;
+    }
+    bool WriteFails(HANDLE port) {
+        DWORD count = 7;
+        return !spooler.Write(port, "x", count) && count == 0 &&
+               GetLastError() == ERROR_INVALID_HANDLE;
+    }
+    void Delete(const std::wstring& name) {
+        HANDLE xcv = spooler.OpenXcv();
+        EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", name), 0u);
+        spooler->pfnXcvClosePort(xcv);
+    }
+
+    HeldCall call;
+    FakeSpooler spooler;
+    std::vector<std::unique_ptr<ImportPatch>> patches;
+};
+
+// A start has the port for itself, in each of the calls in which it waits.
+TEST_F(SharedPortTest, NobodyEndsAJobThatStarts) {
+    for (const bool isConnecting : {false, true}) {
+        SCOPED_TRACE(isConnecting);
+        const auto patch =
+            isConnecting ? std::make_unique<ImportPatch>(spooler.dll, "connect", HeldConnect)
+                         : std::make_unique<ImportPatch>(spooler.dll, "getaddrinfo", HeldResolve);
+        HeldCall waiting;
+        held = &waiting;
+        std::promise<std::string> received;
+        TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
+        HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+        JobCalls();
+        HoldNext();
+        auto start = std::async(std::launch::async, [&] { return spooler.Start(port); });
+        waiting.Await();
+        EXPECT_TRUE(spooler->pfnEndDocPort(port));
+        EXPECT_TRUE(spooler.Start(port, L"Office", 43)) << "a second start does nothing";
+        EXPECT_TRUE(WriteFails(port));
+        EXPECT_TRUE(ReadFails(port));
+        Delete(L"P");
+        EXPECT_TRUE(spooler->pfnEndDocPort(port));
+        EXPECT_TRUE(spooler->pfnClosePort(port)) << "the job alone holds the port now";
+        waiting.Release();
+        ASSERT_TRUE(start.get());
+        EXPECT_TRUE(spooler.WriteAll(port, "the whole job"));
+        EXPECT_TRUE(spooler->pfnEndDocPort(port));
+        EXPECT_EQ(received.get_future().get(), "the whole job");
+        EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
+    }
+}
+
+TEST_F(SharedPortTest, AStartThatFailsUnderAnEndLeavesThePortIdle) {
+    Patch("connect", HeldConnect);
+    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    HoldNext(1, WSAECONNREFUSED);
+    auto start = std::async(std::launch::async, [&] {
+        const BOOL started = spooler.Start(port);
+        EXPECT_EQ(GetLastError(), DWORD{WSAECONNREFUSED});
+        return started;
+    });
+    call.Await();
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    call.Release();
+    EXPECT_FALSE(start.get());
+    EXPECT_EQ(openSockets, 0);
+    EXPECT_EQ(openLists, 0);
+    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
+    EXPECT_TRUE(spooler.Start(port));
+    EXPECT_TRUE(spooler.WriteAll(port, "page"));
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+}
+
+TEST_F(SharedPortTest, AnLprStartThatFailsUnderAnEndClosesItsConnection) {
+    HeldCall refusal;
+    std::promise<std::string> rest;
+    TcpPeer daemon([&](PeerConnection& job) {
+        job.ReadLine();
+        refusal.Hold();
+        job.Write("\x01");
+        rest.set_value(job.ReadAll());
+    });
+    HANDLE port = spooler.OpenNew(L"P", 2, daemon.port);
+    auto start = std::async(std::launch::async, [&] { return spooler.Start(port); });
+    refusal.Await();
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    refusal.Release();
+    EXPECT_FALSE(start.get());
+    EXPECT_EQ(rest.get_future().get(), "") << "the dialogue goes no further";
+    EXPECT_EQ(openSockets, 0);
+    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
+}
+
+// The port is deleted, added and used anew while the end of a job still waits for its printer.
+TEST_F(SharedPortTest, AnEndThatWaitsKeepsNobodyFromTheNextPort) {
+    HeldCall waiting;
+    std::atomic<int> visits = 0;
+    TcpPeer printer([&](PeerConnection& job) {
+        const bool isFirst = visits++ == 0;
+        job.ReadAll();
+        if (isFirst) {
+            waiting.Hold();
+        }
+    });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    waiting.Await();
+    EXPECT_TRUE(spooler->pfnEndDocPort(port)) << "one end is enough";
+    EXPECT_TRUE(spooler.Start(port)) << "the job goes on until it has ended";
+    EXPECT_TRUE(WriteFails(port));
+    EXPECT_TRUE(ReadFails(port));
+    Delete(L"P");
+    EXPECT_TRUE(spooler->pfnClosePort(port));
+    JobCalls();
+
+    HANDLE next = spooler.OpenNew(L"P", 1, printer.port);
+    EXPECT_NE(next, port);
+    ASSERT_TRUE(spooler.Start(next, L"Office", 43));
+    EXPECT_TRUE(spooler.WriteAll(next, "page"));
+    EXPECT_TRUE(spooler->pfnEndDocPort(next));
+    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 43 6", "ClosePrinter"));
+    EXPECT_EQ(openSockets, 1);
+    waiting.Release();
+    EXPECT_TRUE(end.get());
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+}
+
+// What a write uses stays open until it returns, though the printer has closed its side.
+TEST_F(SharedPortTest, AnEndWaitsForTheWriteThatRuns) {
+    Patch("send", HeldSend);
+    std::promise<void> closed;
+    TcpPeer printer([&](PeerConnection& job) {
+        job.ReadAll();
+        closed.set_value();
+    });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    HoldNext();
+    DWORD written = 0;
+    auto write =
+        std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    call.Await();
+    JobCalls();
+    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    closed.get_future().wait();
+    EXPECT_EQ(end.wait_for(kMoment), std::future_status::timeout);
+    EXPECT_THAT(JobCalls(), ElementsAre());
+    call.Release();
+    EXPECT_FALSE(write.get()) << "the end of the job came first";
+    EXPECT_TRUE(end.get());
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+}
+
+// ReadPort has found bytes and receives them next: the end of the job must not take them first.
+TEST_F(SharedPortTest, AnEndLeavesAReadItsBytes) {
+    Patch("recv", HeldReceive);
+    TcpPeer printer([](PeerConnection& job) {
+        job.Write("status");
+        job.ReadAll();
+    });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    BYTE buffer[8];
+    DWORD count = 0;
+    HoldNext();
+    auto read = std::async(std::launch::async, [&] {
+        while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count) && count == 0) {
+            Sleep(1);
+        }
+    });
+    call.Await();
+    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    EXPECT_EQ(end.wait_for(kMoment), std::future_status::timeout);
+    call.Release();
+    read.get();
+    EXPECT_EQ(std::string(buffer, buffer + count), "status");
+    EXPECT_TRUE(end.get());
+}
+
+TEST_F(SharedPortTest, AnLprJobIsClosedBehindAllOfItsData) {
+    Patch("send", HeldSend);
+    std::promise<std::string> received;
+    TcpPeer daemon([&](PeerConnection& job) {
+        std::string all;
+        for (std::string some = job.ReadSome(); !some.empty(); some = job.ReadSome()) {
+            all += some;
+            job.Write(std::string(1, '\0'));
+        }
+        received.set_value(all.substr(all.rfind('\n') + 1));
+    });
+    HANDLE port = spooler.OpenNew(L"P", 2, daemon.port);
+    ASSERT_TRUE(spooler.Start(port));
+    HoldNext();
+    DWORD written = 0;
+    auto write =
+        std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    call.Await();
+    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    while ((static_cast<PortEntry*>(port)->flags & kJobEnding) == 0) {
+        Sleep(1);
+    }
+    EXPECT_TRUE(WriteFails(port)) << "nothing more is taken once the end has begun";
+    call.Release();
+    EXPECT_TRUE(write.get());
+    EXPECT_TRUE(end.get());
+    EXPECT_EQ(received.get_future().get(), std::string("page") + '\0');
+}
+
+TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
+    Patch("send", HeldSend);
+    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    JobCalls();
+    const auto write = [&] {
+        DWORD written = 7;
+        const BOOL done = spooler.Write(port, "page", written);
+        EXPECT_EQ(GetLastError(), DWORD{WSAECONNRESET});
+        EXPECT_EQ(written, 0u);
+        return done;
+    };
+    HoldNext(2, WSAECONNRESET);
+    auto first = std::async(std::launch::async, write);
+    call.Await();
+    auto second = std::async(std::launch::async, write);
+    call.Await();
+    call.Release();
+    EXPECT_FALSE(first.get());
+    EXPECT_FALSE(second.get());
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
+    EXPECT_EQ(openSockets, 0);
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+}
+
+// A write that fails while another one still runs waits with closing what that uses.
+TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
+    Patch("send", HeldSend);
+    Patch("recv", HeldReceive);
+    TcpPeer printer([](PeerConnection& job) {
+        job.Write("status");
+        job.ReadAll();
+    });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    BYTE buffer[8];
+    DWORD count = 0;
+    HoldNext();
+    auto read = std::async(std::launch::async, [&] {
+        while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count) && count == 0) {
+            Sleep(1);
+        }
+    });
+    call.Await();
+    DWORD none = 7;
+    EXPECT_TRUE(spooler->pfnReadPort(port, buffer, sizeof(buffer), &none)) << "one reads already";
+    EXPECT_EQ(none, 0u);
+    JobCalls();
+
+    injected = WSAECONNRESET;
+    HeldCall writing;
+    writing.Release();
+    held = &writing;
+    callsToHold = 1;
+    DWORD written = 0;
+    auto write =
+        std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    EXPECT_EQ(write.wait_for(kMoment), std::future_status::timeout);
+    EXPECT_THAT(JobCalls(), ElementsAre());
+    EXPECT_EQ(openSockets, 1);
+    injected = 0;
+    call.Release();
+    read.get();
+    EXPECT_FALSE(write.get());
+    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+}
+
+// Callers that know nothing of each other. The port's printer, its connections and its memory are
+// given back to the last one, and the port prints on.
+TEST_F(SharedPortTest, SeveralCallersUseAPortThatComesAndGoes) {
+    constexpr int kCallers = 3;
+    constexpr int kRounds = 150;
+    for (const DWORD protocol : {kProtocolRaw, kProtocolLpr}) {
+        SCOPED_TRACE(protocol);
+        TcpPeer printer([&](PeerConnection& job) {
+            while (!job.ReadSome().empty()) {
+                job.Write(protocol == kProtocolLpr ? std::string(1, '\0') : "");
+            }
+        });
+        std::atomic<int> printers = 0;
+        std::atomic<int> jobs = 0;
+        spooler.listener = [&](const std::string& text) {
+            printers += (text == "OpenPrinter Office") - (text == "ClosePrinter");
+            return LONG{0};
+        };
+        const auto print = [&] {
+            HANDLE port = spooler.Open(L"P");
+            const bool started = port != nullptr && spooler.Start(port);
+            if (started) {
+                spooler.WriteAll(port, "page");
+                spooler->pfnEndDocPort(port);
+            }
+            if (port != nullptr) {
+                spooler->pfnClosePort(port);
+            }
+            jobs += started;
+            return started;
+        };
+        std::vector<std::thread> threads;
+        spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
+        for (int i = 0; i < kCallers; ++i) {
+            threads.emplace_back([&] {
+                for (int round = 0; round < kRounds; ++round) {
+                    print();
+                }
+            });
+        }
+        for (int round = 0; round < kRounds / 3; ++round) {
+            Delete(L"P");
+            spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_TRUE(print());
+        EXPECT_GT(jobs, 1);
+        EXPECT_EQ(printers, 0);
+        EXPECT_EQ(openSockets, 0);
+        Delete(L"P");
+    }
+    spooler.listener = nullptr;
+}
+
+}  // namespace
