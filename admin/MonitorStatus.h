@@ -11,7 +11,7 @@
 #include "admin/PackageFiles.h"
 #include "discovery/Config.h"
 
-// A log of this size is worth a word: nothing ever shortens it.
+// From this size on a log is reported: nothing ever shortens it.
 constexpr uintmax_t kLargeLog = 100'000'000;  // bytes
 
 struct InstalledLibrary {

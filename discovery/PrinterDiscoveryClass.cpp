@@ -23,21 +23,21 @@ struct SlpFree {
 };
 
 // Text from the network as one line of the log: control characters, which could end the line and
-// begin one that looks like ours, are shown as the escapes of an attribute list ("\0D").
+// begin a forged one, are shown as '?'. One character each: an answer that consists of them must
+// not take more room in the log than others.
 struct OneLine {
     std::string_view text;
 };
 std::ostream& operator<<(std::ostream& out, const OneLine& line) {
-    constexpr char kDigits[] = "0123456789ABCDEF";
-    for (const char character : line.text) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte < 0x20 || byte == 0x7F) {
-            out << '\\' << kDigits[byte >> 4] << kDigits[byte & 15];
-        } else {
-            out << character;
-        }
-    }
-    return out;
+    std::string shown(line.text);
+    std::ranges::replace_if(
+        shown,
+        [](unsigned char byte) {
+            constexpr unsigned char kDelete = 0x7F;
+            return byte < ' ' || byte == kDelete;
+        },
+        '?');
+    return out << shown;
 }
 
 std::string Dump(const Printer& printer) {

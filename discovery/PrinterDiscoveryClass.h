@@ -12,7 +12,8 @@
 #include "discovery/Printer.h"
 #include "discovery/PrinterDiscovery.h"
 
-// Told once, with PD_END_OF_RESULTS, when a search for all printers is over.
+// Called once, with PD_END_OF_RESULTS, when a search for all printers is over. It may call
+// EndAllPrinterDiscovery.
 using DiscoveryCallback = void (*)(int32_t code, void* userData);
 
 enum SearchType : int32_t { FIND_ALL = 0, FIND_IP = 1, FIND_MAC = 2, FIND_HOSTNAME = 3 };
@@ -61,7 +62,8 @@ class IPrinterDiscovery {
     virtual bool StopSearchingForAllPrinterWithModelName() = 0;
 
     // Closes what InitAllPrinterDiscovery opened and waits for a running search to end. The list
-    // stays.
+    // stays. Not allowed inside the callback of SetFoundCallback: the search that made the call
+    // still uses what this frees.
     virtual void EndAllPrinterDiscovery() = 0;
 
     // The printers found, in the order of their answers. Not to be read while a search for all
@@ -101,8 +103,10 @@ class PrinterDiscovery : public IPrinterDiscovery {
     // Returns true when it answered, and announces that address.
     bool AskPrinterAt(const IPAddress& ip, Printer& result);
 
-    // Whom to tell of each printer when it joins the list, on the thread that the answer arrives
-    // on; for clients that show printers as they answer. Set before a search begins.
+    // Sets a function that is called for each printer when it joins the list, on the thread that
+    // the answer arrives on; for clients that show printers as they answer. Set before a search
+    // begins. The function must not call EndAllPrinterDiscovery or begin a search; it may call
+    // StopSearchingForAllPrinterWithModelName.
     void SetFoundCallback(std::function<void(const Printer&)> callback) {
         foundCallback_ = std::move(callback);
     }

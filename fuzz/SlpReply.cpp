@@ -3,6 +3,8 @@
 // has to be fetched comes as one more datagram, in pieces that the sender chooses.
 #include <cstdint>
 #include <set>
+#include <string>
+#include <utility>
 
 #include "fuzz/Check.h"
 #include "slp/AttributeList.h"
@@ -27,8 +29,26 @@ void Read(std::string_view attributes, std::string_view message) {
     }
 }
 
+// The lists that were reported: each once for an agent, and within the limits.
+class Reports {
+  public:
+    void Add(const std::string& agent, std::string_view attributes) {
+        Check(lists_.emplace(agent, attributes).second);
+        bytes_ += attributes.size();
+        large_ += attributes.size() > slp::kLargeList ? attributes.size() : 0;
+        Check(lists_.size() <= slp::kMaxLists && bytes_ <= slp::kMaxReported &&
+              large_ <= slp::kMaxReportedLarge);
+    }
+
+  private:
+    std::set<std::pair<std::string, std::string>> lists_;
+    size_t bytes_ = 0;
+    size_t large_ = 0;
+};
+
 // The same bytes as an agent's TCP server would send them.
-void Fetch(slp::Collector& collector, std::string_view bytes, size_t piece) {
+void Fetch(slp::Collector& collector, const std::string& agent, std::string_view bytes,
+           size_t piece, Reports& reports) {
     slp::StreamMessage stream;
     for (size_t at = 0; stream.Wanted() > 0; at = stream.bytes().size()) {
         Check(stream.bytes() == bytes.substr(0, at) && stream.Wanted() <= slp::kMaxReply - at);
@@ -36,7 +56,8 @@ void Fetch(slp::Collector& collector, std::string_view bytes, size_t piece) {
             return;
         }
     }
-    if (const auto attributes = collector.TakeFetched(stream.bytes())) {
+    if (const auto attributes = collector.TakeFetched(agent, stream.bytes())) {
+        reports.Add(agent, *attributes);
         Read(*attributes, stream.bytes());
     }
 }
@@ -48,7 +69,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const unsigned version = in.Number(1) % 2 + 1;
     slp::Collector collector(version, kXid);
     slp::AttributeRequest request{version, kXid, "en", true, "", "service:printer", "", ""};
-    std::set<uint32_t> reported;
+    Reports reports;
+    std::set<uint32_t> fetched;
     while (in.left() > 0) {
         const uint32_t sender = in.Number(1);
         if (sender == 255) {
@@ -56,18 +78,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             }
             request.responders = collector.responders();
-            slp::Encode(request);
+            Check(slp::Encode(request).has_value());
             continue;
         }
         const std::string_view datagram = in.Text();
-        const auto answer = collector.TakeDatagram("10.0.0." + std::to_string(sender), datagram);
-        if (answer.verdict == slp::Collector::Verdict::Attributes ||
-            answer.verdict == slp::Collector::Verdict::Overflow) {
-            Check(reported.insert(sender).second);
+        const std::string agent = "10.0.0." + std::to_string(sender);
+        const auto answer = collector.TakeDatagram({agent, sender > 200}, datagram);
+        if (answer.verdict == slp::Collector::Verdict::Attributes) {
+            reports.Add(agent, answer.attributes);
         }
         Read(answer.attributes, datagram);
         if (answer.verdict == slp::Collector::Verdict::Overflow) {
-            Fetch(collector, in.Text(), sender % 16 + 1);
+            Check(fetched.insert(sender).second);
+            Fetch(collector, agent, in.Text(), sender % 16 + 1, reports);
         }
     }
     return 0;

@@ -1,14 +1,17 @@
-// What a request has heard so far: who has answered, what counts as an answer, and whether to ask
-// again. Portable; it sees every byte that the network sends, and is fuzzed as a whole.
+// The answers to a request so far: which agents have answered, what counts as an answer, and
+// whether to repeat the request. Portable; it sees every byte that the network sends, and is fuzzed
+// as a whole.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 
 #include "slp/Limits.h"
 
@@ -18,8 +21,13 @@ class Collector {
   public:
     Collector(unsigned version, uint16_t xid) : version_(version), xid_(xid) {}
 
+    // Agents are told apart by their addresses.
+    struct Agent {
+        std::string_view address;  // numeric
+        bool remote = false;       // outside the machine's own subnets
+    };
     enum class Verdict {
-        Ignored,     // no reply to this request, or nothing new from this agent
+        Ignored,     // no reply to this request, nothing new from this agent, or above a limit
         Attributes,  // an attribute list to report
         Overflow,    // the list is longer than a datagram and has to be fetched
         Refused,     // the agent answered with an error
@@ -29,32 +37,45 @@ class Collector {
         std::string_view attributes;  // part of the datagram
     };
 
-    // Judges a datagram.
-    //   agent  the sender's numeric address, by which agents are told apart.
-    Answer TakeDatagram(std::string_view agent, std::string_view datagram);
+    // Judges a datagram. An agent's list is reported once; a second list that differs from the
+    // first is reported as well, because one of the two may be forged.
+    Answer TakeDatagram(const Agent& agent, std::string_view datagram);
 
-    // Judges a whole message that was fetched. Returns the attribute list to report, or nothing.
-    std::optional<std::string_view> TakeFetched(std::string_view message);
+    // Judges a whole message that was fetched from an agent. Returns the attribute list to report,
+    // or nothing.
+    std::optional<std::string_view> TakeFetched(std::string_view agent, std::string_view message);
 
-    // The agents heard so far, for the next repetition: comma-separated. No longer complete once
-    // it exceeds kMaxRequest, and of no use then.
+    // The agents for the next repetition, comma-separated: those whose answers were accepted. Stops
+    // growing once it exceeds kMaxRequest.
     const std::string& responders() const { return responders_; }
 
     // How long to wait for answers now.
     std::chrono::milliseconds WaitingTime() const { return kWaitingTimes[round_]; }
 
     // Ends a waiting time. Returns whether another follows: not after the last one, and not when
-    // this one brought nobody new while something was found before or in it (RFC 2608, 6.3).
+    // this one brought no new answer and something was found before (RFC 2608, 6.3).
     bool NextRound();
 
   private:
-    bool Reportable(std::string_view attributes);
+    // What was accepted from one agent.
+    struct Heard {
+        std::set<std::string, std::less<>> lists;  // reported
+        bool fetched = false;
+    };
+
+    bool Report(std::string_view agent, std::string_view attributes);
+    bool Fetch(const Agent& agent);
+    Heard& Remember(std::string_view agent);
 
     const unsigned version_;
     const uint16_t xid_;
-    std::unordered_map<std::string, bool> heard_;  // agent -> has it given a list
+    std::map<std::string, Heard, std::less<>> heard_;  // by address
     std::string responders_;
-    size_t reported_ = 0;  // bytes
+    size_t lists_ = 0;
+    size_t reported_ = 0;       // bytes
+    size_t reportedLarge_ = 0;  // bytes, of lists longer than kLargeList
+    size_t fetches_ = 0;
+    size_t remoteFetches_ = 0;
     size_t round_ = 0;
     bool found_ = false;
     bool newcomers_ = false;

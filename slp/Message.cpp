@@ -17,8 +17,6 @@ constexpr unsigned kMulticast2 = 0x2000;
 
 constexpr unsigned kUtf8 = 106;  // IANA's number of the character set
 
-constexpr size_t kMaxText = 0xFFFF;
-
 class Writer {
   public:
     void Number(size_t value, int size) {
@@ -31,16 +29,15 @@ class Writer {
         Number(text.size(), 2);
         bytes_ += text;
     }
-    size_t size() const { return bytes_.size(); }
     std::string Take() { return std::move(bytes_); }
 
   private:
     std::string bytes_;
 };
 
-std::string Body(const AttributeRequest& request) {
+std::string Body(const AttributeRequest& request, std::string_view responders) {
     Writer body;
-    body.Text(request.responders);
+    body.Text(responders);
     body.Text(request.service);
     body.Text(request.scopes);
     body.Text(request.attributeIds);
@@ -71,6 +68,27 @@ void Header2(Writer& out, const AttributeRequest& request, size_t bodySize) {
     out.Number(0, 3);  // no extensions
     out.Number(request.xid, 2);
     out.Text(request.language);
+}
+
+std::string Whole(const AttributeRequest& request, std::string_view responders) {
+    const std::string body = Body(request, responders);
+    Writer out;
+    if (request.version == 1) {
+        Header1(out, request, body.size());
+    } else {
+        Header2(out, request, body.size());
+    }
+    out.Bytes(body);
+    return out.Take();
+}
+
+// The first of the comma-separated responders, as many as fit into so many bytes.
+std::string_view Shortened(std::string_view responders, size_t room) {
+    if (responders.size() <= room) {
+        return responders;
+    }
+    const size_t comma = responders.rfind(',', room);
+    return responders.substr(0, comma == responders.npos ? 0 : comma);
 }
 
 // The fixed part of a reply's header, behind version and function.
@@ -135,24 +153,11 @@ std::string_view Cursor::Until(std::string_view stops) {
 }
 
 std::optional<std::string> Encode(const AttributeRequest& request) {
-    for (const std::string* text :
-         {&request.responders, &request.service, &request.scopes, &request.attributeIds}) {
-        if (text->size() > kMaxText) {
-            return std::nullopt;
-        }
-    }
-    const std::string body = Body(request);
-    Writer out;
-    if (request.version == 1) {
-        Header1(out, request, body.size());
-    } else {
-        Header2(out, request, body.size());
-    }
-    out.Bytes(body);
-    if (out.size() > kMaxRequest) {
+    const size_t size = Whole(request, {}).size();
+    if (size > kMaxRequest) {
         return std::nullopt;
     }
-    return out.Take();
+    return Whole(request, Shortened(request.responders, kMaxRequest - size));
 }
 
 std::optional<AttributeReply> DecodeReply(std::string_view message, unsigned version, uint16_t xid,

@@ -51,7 +51,8 @@ struct AttributeRequest {
     std::string attributeIds;
 };
 
-// The bytes of a request, or nothing when they exceed kMaxRequest (Limits.h).
+// The bytes of a request. The last responders are left out until it fits into kMaxRequest
+// (Limits.h); nothing when it does not fit without any.
 std::optional<std::string> Encode(const AttributeRequest& request);
 
 struct AttributeReply {

@@ -17,6 +17,7 @@ Request::Request(Question question)
       datagram_(kMaxReply) {}
 
 SLPError Request::Start() {
+    deadline_ = Clock::now() + kMaxTime;
     if (!stop_ || !datagrams_ || !streams_) {
         return SLP_INTERNAL_SYSTEM_ERROR;
     }
@@ -48,8 +49,8 @@ bool Request::Prepare() const {
            socket_.Signal(datagrams_.get(), FD_READ);
 }
 
-// Sends the request with the agents heard so far. False when no interface took it. When the
-// agents no longer fit, nothing is sent: those that they leave out would answer again.
+// Sends the request with the agents heard so far, as many as fit. Returns false when no interface
+// would send it.
 bool Request::Send() {
     AttributeRequest message = question_.message;
     message.responders = collector_.responders();
@@ -112,7 +113,7 @@ void Request::Rounds() {
 
 void Request::FinishFetches() {
     const auto end = Now() + kFetchTime;
-    while (!stopped_ && (!fetches_.empty() || !waiting_.empty()) && Now() < end) {
+    while (!Ended() && (!fetches_.empty() || !waiting_.empty()) && Now() < end) {
         Turn(end);
     }
 }
@@ -131,13 +132,14 @@ void Request::Turn(Clock::time_point until) {
 
 // How long the oldest fetch may go on.
 milliseconds Request::FetchTime() const {
-    return !waiting_.empty() && fetches_.size() >= kMaxFetches ? kFetchTimeInQueue : kFetchTime;
+    return !waiting_.empty() && fetches_.size() >= kFetchesAtOnce ? kFetchTimeInQueue : kFetchTime;
 }
 
 void Request::Wait(Clock::time_point until) {
     const HANDLE events[] = {stop_.get(), datagrams_.get(), streams_.get()};
-    const bool busy = unread_ || (!waiting_.empty() && fetches_.size() < kMaxFetches);
-    const auto time = std::chrono::ceil<milliseconds>(until - Now()).count();
+    const bool busy = unread_ || (!waiting_.empty() && fetches_.size() < kFetchesAtOnce);
+    const auto left = std::min(until - Now(), deadline_ - Clock::now());
+    const auto time = std::chrono::ceil<milliseconds>(left).count();
     WaitForMultipleObjects(3, events, FALSE, busy || time <= 0 ? 0 : static_cast<DWORD>(time));
 }
 
@@ -165,7 +167,8 @@ void Request::TakeDatagram(const Address& from, std::string_view bytes) {
     if (!multicast() && !from.SameHost(question_.to)) {
         return;
     }
-    const Collector::Answer answer = collector_.TakeDatagram(from.Text(), bytes);
+    const std::string agent = from.Text();
+    const Collector::Answer answer = collector_.TakeDatagram({agent, IsRemote(from)}, bytes);
     switch (answer.verdict) {
         case Collector::Verdict::Ignored:
             return;
@@ -181,19 +184,28 @@ void Request::TakeDatagram(const Address& from, std::string_view bytes) {
     answered_ = !multicast();
 }
 
+bool Request::IsRemote(const Address& agent) const {
+    return std::ranges::none_of(outlets_, [&agent](const Interface& outlet) {
+        return std::ranges::any_of(outlet.subnets, [&agent](const Subnet& subnet) {
+            return agent.SameSubnet(subnet.address, subnet.prefixBits);
+        });
+    });
+}
+
 void Request::StartFetches() {
     while (!fetches_.empty() && Now() >= fetches_.front().begin + FetchTime()) {
         fetches_.pop_front();
     }
     for (int count = 0;
-         count < kConnectsPerTurn && !waiting_.empty() && fetches_.size() < kMaxFetches; ++count) {
+         count < kConnectsPerTurn && !waiting_.empty() && fetches_.size() < kFetchesAtOnce;
+         ++count) {
         Connect(waiting_.front());
         waiting_.pop_front();
     }
 }
 
 void Request::Connect(const Address& agent) {
-    Fetch fetch{Socket(agent.family(), SOCK_STREAM), Now(), {}};
+    Fetch fetch{Socket(agent.family(), SOCK_STREAM), agent.Text(), Now(), {}};
     if (!fetch.socket || !fetch.socket.Signal(streams_.get(), FD_CONNECT | FD_READ | FD_CLOSE)) {
         return;
     }
@@ -208,7 +220,7 @@ void Request::ServeFetches() {
         return;
     }
     ResetEvent(streams_.get());  // before the look at the sockets, so that nothing later is missed
-    for (auto fetch = fetches_.begin(); fetch != fetches_.end() && !stopped_;) {
+    for (auto fetch = fetches_.begin(); fetch != fetches_.end() && !Ended();) {
         fetch = Serve(*fetch) ? std::next(fetch) : fetches_.erase(fetch);
     }
 }
@@ -247,7 +259,7 @@ bool Request::Read(Fetch& fetch) {
             return false;
         }
     }
-    if (const auto attributes = collector_.TakeFetched(fetch.reply.bytes())) {
+    if (const auto attributes = collector_.TakeFetched(fetch.agent, fetch.reply.bytes())) {
         Report(*attributes);
     }
     return false;
@@ -263,8 +275,6 @@ void Request::LastCall() noexcept {
     Call(nullptr, SLP_LAST_CALL);
 }
 
-// The caller's own time is taken out of the request's: whoever looks at each answer for long
-// still gets all that have come.
 bool Request::Call(const char* attributes, SLPError code) noexcept {
     const auto begin = Clock::now();
     bool goOn = false;

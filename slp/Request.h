@@ -50,13 +50,19 @@ class Request {
     // A reply on its way by TCP.
     struct Fetch {
         Socket socket;
+        std::string agent;
         Clock::time_point begin;
         StreamMessage reply;
     };
 
     bool multicast() const { return question_.to.IsMulticast(); }
-    bool Over() const { return stopped_ || answered_; }
+    // Whether the request was stopped or has taken kMaxTime.
+    bool Ended() const { return stopped_ || Clock::now() >= deadline_; }
+    bool Over() const { return answered_ || Ended(); }
+    // The time without the callbacks: a caller that takes its time with each answer still gets all
+    // of them, as long as the request does not take kMaxTime.
     Clock::time_point Now() const { return Clock::now() - inCallback_; }
+    bool IsRemote(const Address& agent) const;
 
     bool Prepare() const;
     bool Send();
@@ -91,6 +97,7 @@ class Request {
     bool answered_ = false;  // by the one agent that was asked
     bool unread_ = false;    // datagrams were left behind by the last turn
     Clock::duration inCallback_{};
+    Clock::time_point deadline_;
 };
 
 }  // namespace slp

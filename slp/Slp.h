@@ -96,7 +96,8 @@ SLPError SLPAssociateIFList(SLPHandle handle, const char* list);
  *   scopes    comma-separated scopes; null or empty means "DEFAULT" in version 2 and no scope in
  *             version 1.
  *   attrIds   comma-separated attribute tags that are asked for; null or empty means all.
- *   callback  gets the answers, each agent's once, as they arrive, then the last call.
+ *   callback  gets the answers, each agent's once, as they arrive, then the last call. An agent is
+ *             reported again when a second list from its address differs from the first.
  *   cookie    handed to the callback.
  *   to        where to ask: a multicast group or one agent, IPv4 or IPv6; port 0 means 427. Null
  *             means 239.255.255.253 (version 2) or 224.0.1.22 (version 1). An IPv6 group with a
@@ -106,7 +107,9 @@ SLPError SLPAssociateIFList(SLPHandle handle, const char* list);
  * A multicast request goes out of every interface that is up and is repeated, with the agents
  * heard so far, until a repetition brings nobody new: about 1.0 s when agents answer at once,
  * 3.5 s when nobody does. A request to one agent ends with its answer. Lists that do not fit into
- * a datagram are fetched by TCP, for which a request takes at most 1.5 s longer.
+ * a datagram are fetched by TCP, for which a request takes at most 1.5 s longer. The time of the
+ * callback comes on top of that, up to 15 s in all: the request ends then, with the last call.
+ * A request reports at most 2048 lists and 4 MiB; slp/Limits.h has all limits.
  * Returns, on an asynchronous handle before the answers:
  *   SLP_OK                      the request was made; also when nobody answered.
  *   SLP_PARAMETER_BAD           no callback, no service type, an address or a version that cannot

@@ -35,6 +35,7 @@ std::unique_ptr<char[]> ReadAdapters() {
 std::optional<Interface> Usable(const IP_ADAPTER_ADDRESSES& adapter, int family,
                                 const std::vector<Address>& only) {
     std::optional<Interface> found;
+    std::vector<Subnet> subnets;
     bool allowed = only.empty();
     for (auto* unicast = adapter.FirstUnicastAddress; unicast != nullptr; unicast = unicast->Next) {
         const auto address = Address::From(unicast->Address.lpSockaddr);
@@ -45,7 +46,11 @@ std::optional<Interface> Usable(const IP_ADAPTER_ADDRESSES& adapter, int family,
             return wanted.SameHost(*address);
         });
         allowed = allowed || named;
-        if (address->family() != family || (found && !named)) {
+        if (address->family() != family) {
+            continue;
+        }
+        subnets.push_back({*address, unicast->OnLinkPrefixLength});
+        if (found && !named) {
             continue;
         }
         found.emplace();
@@ -55,7 +60,11 @@ std::optional<Interface> Usable(const IP_ADAPTER_ADDRESSES& adapter, int family,
             found->index = adapter.Ipv6IfIndex != 0 ? adapter.Ipv6IfIndex : adapter.IfIndex;
         }
     }
-    return allowed ? found : std::nullopt;
+    if (!found || !allowed) {
+        return std::nullopt;
+    }
+    found->subnets = std::move(subnets);
+    return found;
 }
 
 }  // namespace
@@ -181,13 +190,19 @@ bool Address::IsHost() const {
                        [](unsigned char byte) { return byte != 0; });
 }
 
-bool Address::SameHost(const Address& other) const {
+bool Address::SameSubnet(const Address& other, unsigned prefixBits) const {
     if (family() != other.family()) {
         return false;
     }
-    return family() == AF_INET
-               ? v4_.sin_addr.s_addr == other.v4_.sin_addr.s_addr
-               : std::memcmp(&v6_.sin6_addr, &other.v6_.sin6_addr, sizeof v6_.sin6_addr) == 0;
+    const bool four = family() == AF_INET;
+    const auto bytes = [four](const Address& address) {
+        return four ? reinterpret_cast<const unsigned char*>(&address.v4_.sin_addr)
+                    : address.v6_.sin6_addr.s6_addr;
+    };
+    const unsigned bits = std::min(prefixBits, four ? 32u : kAllBits);
+    const unsigned whole = bits / 8;
+    return std::memcmp(bytes(*this), bytes(other), whole) == 0 &&
+           (bits % 8 == 0 || (bytes(*this)[whole] ^ bytes(other)[whole]) >> (8 - bits % 8) == 0);
 }
 
 std::string Address::Text() const {

@@ -99,11 +99,15 @@ class Address {
     // broadcast.
     bool IsHost() const;
     // Whether both are the same host's, whatever their ports and zones.
-    bool SameHost(const Address& other) const;
+    bool SameHost(const Address& other) const { return SameSubnet(other, kAllBits); }
+    // Whether both begin with the same bits. A prefix longer than the address means all of it.
+    bool SameSubnet(const Address& other, unsigned prefixBits) const;
     // The numeric form, without port and zone.
     std::string Text() const;
 
   private:
+    static constexpr unsigned kAllBits = 128;
+
     union {
         sockaddr any_;
         sockaddr_in v4_;
@@ -111,10 +115,17 @@ class Address {
     };
 };
 
+// An address of this machine, and how many of its bits are those of its subnet.
+struct Subnet {
+    Address address;
+    unsigned prefixBits;
+};
+
 // An interface that is up, as multicast of one family leaves by it.
 struct Interface {
     in_addr host{};   // its address, for IPv4
     ULONG index = 0;  // its number, for IPv6
+    std::vector<Subnet> subnets;
 };
 
 // The interfaces that are up and have an address of this family.

@@ -234,7 +234,22 @@ TEST_F(SearchTest, HostileAnswersStayOnTheirLineOfTheLog) {
     for (const std::string& line : log.Lines()) {
         EXPECT_THAT(line, Not(StartsWith(kInfo + "Successfull!!!"))) << line;
     }
-    EXPECT_THAT(log.Text(), HasSubstr("(host=prn\\0D\\0A{240315"));
+    EXPECT_THAT(log.Text(), HasSubstr("(host=prn??{240315"));
+}
+
+// The limits of slp64.dll on what a request reports bound the log as long as no answer is written
+// more than seven times: whole, as a value, twice as the device identifier, and three times in the
+// dump of the record.
+TEST_F(SearchTest, TheLogTakesSevenTimesAnAnswerAtMost) {
+    for (const char filler : {'x', '\x01', '\x7F', '\xFF'}) {
+        const std::string list = "(ip=10.1.2.3),(id=MDL:DES:" + std::string(60000, filler) + ")";
+        const size_t before = log.Text().size();
+        slp.answers = {list};
+        EXPECT_FALSE(search.FindPrinterByHostName("prn", found));
+        const size_t growth = log.Text().size() - before;
+        EXPECT_GT(growth, 6 * list.size());
+        EXPECT_LT(growth, 7 * list.size() + 10000);
+    }
 }
 
 TEST_F(SearchTest, ModelsThatDoNotMatchAreLeftOut) {

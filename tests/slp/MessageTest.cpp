@@ -27,12 +27,29 @@ TEST(Message, EncodesRequestsThatFitADatagram) {
     const AttributeRequest one{1, kXid, "en", true, "10.0.0.1", "service:printer", "", ""};
     EXPECT_EQ(*Encode(one), "\x01\x06\0\x2b\0\0en\0\x6a\xBE\xEF"s + Text("10.0.0.1") +
                                 Text("service:printer") + "\0\0\0\0"s);
-    request.responders.append(kMaxRequest - Encode(request)->size(), '1');
-    EXPECT_EQ(Encode(request)->size(), kMaxRequest);
-    request.responders += '1';
-    EXPECT_FALSE(Encode(request));
-    request.responders.assign(0x10000, '1');  // whose length would wrap to nothing
-    EXPECT_FALSE(Encode(request));
+    for (const size_t size : {kMaxRequest + 1, size_t{0x10000}}) {  // whose length would wrap
+        request.service.assign(size, 's');
+        EXPECT_FALSE(Encode(request));
+    }
+}
+
+TEST(Message, LeavesOutTheRespondersThatDoNotFit) {
+    for (const unsigned version : {1u, 2u}) {
+        AttributeRequest request{version, kXid, "en", true, "", "service:printer", "DEFAULT", ""};
+        const size_t room = kMaxRequest - Encode(request)->size();
+        const std::string most(room - 9, '1');
+        const auto encoded = [&](const std::string& responders) {
+            request.responders = most + responders;
+            const auto bytes = Encode(request);
+            return std::string(bytes->substr(version == 1 ? 12 : 16));
+        };
+        const std::string rest =
+            Text("service:printer") + Text("DEFAULT") + Text("") + (version == 2 ? Text("") : "");
+        EXPECT_EQ(encoded(",10.0.0.1"), Text(most + ",10.0.0.1") + rest);
+        EXPECT_EQ(encoded(",10.0.0.1,10.0.0.2"), Text(most + ",10.0.0.1") + rest);
+        EXPECT_EQ(encoded(",10.0.0.10,10.0.0.2"), Text(most) + rest);
+        EXPECT_EQ(encoded("1234567890"), Text("") + rest);  // one that never ends
+    }
 }
 
 TEST(Message, DecodesReplies) {

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <set>
 
+#include "slp/Limits.h"
 #include "slp/Slp.h"
 #include "tests/slp/Caller.h"
 
@@ -101,14 +102,30 @@ TEST(Population, BadTcpServersHoldNobodyUp) {
     EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
-// One host speaks as thousands; the few that are what they say are among those heard.
+// One host answers as five thousand.
 TEST(Population, ACrowdOfImpostorsIsBounded) {
     const Outcome outcome = Ask("service:crowd");
     EXPECT_GT(outcome.addresses.size(), 1000u);
+    EXPECT_LE(outcome.lists.size(), slp::kMaxLists);
     EXPECT_LT(outcome.took, kMuchTooLong);
-    for (const std::string& address : Agents(3, 0x4000)) {
+}
+
+// Hosts that announce lists of 60 KB, refuse, or have their lists fetched from elsewhere are the
+// first to answer. The office is found whole all the same.
+TEST(Population, AnOfficeIsFoundBesideHostileHosts) {
+    const Outcome outcome = Ask("service:office");
+    for (const std::string& address : Agents(500, 0x100)) {
         EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
     }
+    EXPECT_LE(outcome.lists.size() - 500, slp::kMaxReportedLarge / 60000);
+    EXPECT_LT(outcome.took, kMuchTooLong);
+}
+
+TEST(Population, FewListsAreFetchedFromOtherSubnets) {
+    const size_t remote = Ask("service:far").lists.size();
+    EXPECT_GT(remote, 0u);
+    EXPECT_LE(remote, slp::kMaxRemoteFetches);
+    EXPECT_GT(Ask("service:near").lists.size(), slp::kMaxRemoteFetches);
 }
 
 TEST(Population, ErrorsAndSilenceAreNoAnswers) {

@@ -12,7 +12,9 @@
 #include <thread>
 
 #include "diag/Resource.h"
+#include "slp/Limits.h"
 #include "slp/Slp.h"
+#include "slp/Sockets.h"
 #include "tests/slp/Caller.h"
 #include "tests/slp/Replies.h"
 #include "tests/support/HandleCount.h"
@@ -139,6 +141,33 @@ F* Entry(HMODULE library, F*, const char* name) {
     return reinterpret_cast<F*>(reinterpret_cast<void*>(GetProcAddress(library, name)));
 }
 
+TEST(Sockets, SubnetsAreToldApartByTheirPrefix) {
+    const struct {
+        const char *a, *b;
+        unsigned prefixBits;
+        bool same;
+    } cases[] = {
+        {"10.77.1.1", "10.77.1.254", 24, true},
+        {"10.77.1.1", "10.77.2.1", 24, false},
+        {"10.77.1.1", "10.77.2.1", 22, true},
+        {"10.77.1.1", "10.77.4.1", 22, false},
+        {"10.77.1.1", "11.0.0.0", 7, true},
+        {"10.77.1.1", "12.0.0.0", 7, false},
+        {"10.77.1.1", "10.77.1.1", 255, true},
+        {"10.77.1.1", "10.77.1.0", 255, false},
+        {"10.77.1.1", "200.0.0.1", 0, true},
+        {"fd77::1", "fd77::ffff", 64, true},
+        {"fd77::1", "fd77:0:0:1::1", 64, false},
+        {"fd77::1", "fd77::2", 128, false},
+        {"::", "0.0.0.0", 0, false},
+    };
+    for (const auto& c : cases) {
+        const auto a = slp::Address::From(Endpoint(c.a, 1).get());
+        const auto b = slp::Address::From(Endpoint(c.b, 2).get());
+        EXPECT_EQ(a->SameSubnet(*b, c.prefixBits), c.same) << c.b << '/' << c.prefixBits;
+    }
+}
+
 // By the handle's own address where it has one, whatever the call says.
 TEST(UserAgent, AsksOneAgentInBothVersionsAndFamilies) {
     const Endpoint nobody("127.0.0.9", 9);
@@ -234,6 +263,36 @@ TEST(UserAgent, AsksAGroupOnceMoreWithWhoHasAnswered) {
     EXPECT_EQ(requests[1].substr(16), Text(kHere) + rest);
     EXPECT_EQ(requests[0][5], 0x20);
     EXPECT_EQ(XidOf(requests[0]), XidOf(requests[1]));
+}
+
+// Of several answers that wait to be read, none is reported once the callback has declined more or
+// the time of the request is over; the callback's own time counts.
+TEST(UserAgent, ReportsNothingAfterItsEnd) {
+    Agent agent(
+        [](const std::string& request) {
+            std::vector<std::string> replies;
+            for (const char* list : {"a", "b", "c"}) {
+                replies.push_back(ListReply(2, XidOf(request), list));
+            }
+            return replies;
+        },
+        kGroup);
+    for (const bool declines : {true, false}) {
+        SCOPED_TRACE(declines);
+        const SLPHandle handle = Open(SLP_FALSE);
+        EXPECT_EQ(SLPAssociateIFList(handle, kHere), SLP_OK);
+        Answers answers;
+        answers.then = [declines](SLPHandle, SLPError code) {
+            if (code == SLP_OK && !declines) {
+                std::this_thread::sleep_for(slp::kMaxTime);
+            }
+            return declines ? SLP_FALSE : SLP_TRUE;
+        };
+        EXPECT_EQ(Find(handle, answers, Endpoint(kGroup, agent.port).get()), SLP_OK);
+        SLPClose(handle);
+        EXPECT_THAT(answers.lists(), ElementsAre("a"));
+        EXPECT_EQ(answers.lastCalls(), 1);
+    }
 }
 
 // However a request is ended, it ends promptly, with one last call, and leaves no thread and no

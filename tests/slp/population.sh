@@ -11,6 +11,8 @@ netns_up
 printers_host=(ip netns exec "$peer_ns")
 
 long="(ip={ip}),(x=$(printf 'x%.0s' {1..20000})),(end=here)"
+giant="(ip={ip}),(x=$(printf '\001%.0s' {1..60000}))"
+ordinary="(ip={ip}),(mac={mac}),(x=$(printf 'x%.0s' {1..1500}))"
 population=(
     "service:many first=10.77.1.0 count=500 copies=2"
     "service:old first=10.77.1.0 count=100 version=1"
@@ -28,7 +30,12 @@ population=(
     "service:hostile first=10.77.64.0 count=10"
     "service:hostile first=10.77.64.10 count=10 tcp=whole list=$long"
     "service:crowd first=10.77.1.0 count=5000"
-    "service:crowd first=10.77.64.0 count=3 delay=0.2"
+    "service:office first=10.77.1.0 count=500 delay=0.2-0.38 list=$ordinary"
+    "service:office first=10.77.64.0 count=60 list=$giant"
+    "service:office first=10.77.65.0 count=3000 error=6"
+    "service:office first=10.79.1.0 count=100 tcp=stall"
+    "service:near first=10.77.1.0 count=100 tcp=whole"
+    "service:far first=10.79.1.0 count=100 tcp=whole"
     "service:none first=10.77.1.0 count=10 error=4"
     "service:none first=10.77.1.10 count=10 silent"
     "service:none first=10.77.1.20 count=10 version=1"

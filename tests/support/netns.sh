@@ -14,8 +14,9 @@
 #   netns_down                 ends what runs in them and takes them away (also done at exit)
 #
 # The client is 10.77.255.1 and fd77::1, the peer 10.77.255.2 and fd77::2. The peer is also every
-# host of 10.77.0.0/17 and fd77:0:0:1::/64, so that one process there can play hundreds. The cable
-# is called `cable` at both ends; multicast leaves by it.
+# host of 10.77.0.0/17, of fd77:0:0:1::/64 and, outside the client's subnet 10.77.0.0/16, of
+# 10.79.0.0/17, so that one process there can play hundreds. The cable is called `cable` at both
+# ends; multicast leaves by it.
 
 client_ns=kest-$$-client
 peer_ns=kest-$$-peer
@@ -44,9 +45,11 @@ netns_up() {
     netns_host "$client_ns" 1
     netns_host "$peer_ns" 2
     ip -n "$peer_ns" route add local 10.77.0.0/17 dev lo
+    ip -n "$peer_ns" route add local 10.79.0.0/17 dev lo
     ip -n "$peer_ns" -6 route add local fd77:0:0:1::/64 dev lo
     # By way of the peer's own address: hundreds of hosts, but one neighbour.
     ip -n "$client_ns" route add 10.77.0.0/17 via 10.77.255.2
+    ip -n "$client_ns" route add 10.79.0.0/17 via 10.77.255.2
     ip -n "$client_ns" -6 route add fd77:0:0:1::/64 via fd77::2
 
     client_prefix=$(machine_folder)
@@ -56,7 +59,7 @@ netns_up() {
 
 netns_host() {
     ip -n "$1" link set lo up
-    ip -n "$1" address add "10.77.255.$2/24" dev cable
+    ip -n "$1" address add "10.77.255.$2/16" dev cable
     ip -n "$1" -6 address add "fd77::$2/64" dev cable nodad
     ip -n "$1" link set cable up
     ip -n "$1" route add 224.0.0.0/4 dev cable

@@ -98,9 +98,9 @@ class Request:
     def attribute_reply(self, text):
         return self.reply(self.list_body(text.encode()))
 
-    def list_body(self, text):
+    def list_body(self, text, error=0):
         end = b"\0" if self.version == 2 else b""
-        return struct.pack(">HH", 0, len(text)) + text + end
+        return struct.pack(">HH", error, len(text)) + text + end
 
 
 class Agents:
@@ -147,7 +147,7 @@ class Agents:
 
     def datagram(self, request, address):
         if self.error:
-            return request.reply(struct.pack(">H", self.error))
+            return request.reply(request.list_body(b"", self.error))
         text = self.list_of(address).encode()
         if self.tcp:
             return request.reply(request.list_body(text[:MAX_DATAGRAM - 100]), overflow=True)

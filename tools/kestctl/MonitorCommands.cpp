@@ -338,14 +338,15 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
     }
     std::vector<Finding> findings = {addresses};
     for (const auto& [file, bytes] : status.logs) {
+        const bool spoolers = &file == &status.logs.front().file;
         Finding log = {
-            &file == &status.logs.front().file ? "log, spooler's" : "log, yours",
+            spoolers ? "log, spooler's" : "log, yours",
             ToUtf8(file.native()) + (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
                                            : ": none that this user may see")};
-        if (bytes.value_or(0) > kLargeLog) {
-            log.toDo =
-                "begin a new one: net stop spooler, delete the file or move it away, net start "
-                "spooler";
+        if (bytes.value_or(0) >= kLargeLog) {
+            const std::string remove = "del \"" + ToUtf8(file.native()) + '"';
+            log.toDo = "remove it: " +
+                       (spoolers ? "net stop spooler, " + remove + ", net start spooler" : remove);
         }
         findings.push_back(log);
     }
