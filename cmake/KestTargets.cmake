@@ -21,3 +21,10 @@ function(kest_test name)
         DISCOVERY_TIMEOUT 60
         PROPERTIES TIMEOUT 120 ${ARG_PROPERTIES})
 endfunction()
+
+# kest_shipped(NAME): NAME is part of a release. Its link map lists the libraries that are linked into
+# it; the target `shipped` builds all that is part of a release.
+function(kest_shipped name)
+    target_link_options(${name} PRIVATE -Wl,-Map=${PROJECT_BINARY_DIR}/${name}.map)
+    add_dependencies(shipped ${name})
+endfunction()
