@@ -49,3 +49,10 @@ function(kest_script_test name script)
         set_tests_properties(e2e.${name} PROPERTIES LABELS "e2e;slow" COST 100)
     endif()
 endfunction()
+
+# kest_shipped(NAME): NAME is part of a release. Its link map lists the libraries that are linked into
+# it; the target `shipped` builds all that is part of a release.
+function(kest_shipped name)
+    target_link_options(${name} PRIVATE -Wl,-Map=${PROJECT_BINARY_DIR}/${name}.map)
+    add_dependencies(shipped ${name})
+endfunction()

@@ -26,6 +26,16 @@ fail() {
     exit 1
 }
 
+# The release's number. CMakeLists.txt alone has it.
+project_version() { sed -n 's/^project(kestmon VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt"; }
+
+# The date that everything in a release has, in seconds since 1970: that of the last commit; outside
+# git the earliest that a zip archive can have.
+source_date() {
+    local earliest=315532800
+    echo "${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct 2>/dev/null || echo $earliest)}"
+}
+
 # Whether a command succeeds and prints a text. Piped to `grep -q`, it could end early and fail.
 prints() {
     local text=$1 output

@@ -52,9 +52,10 @@ TEST(SearchSettings, SayWhatIsWrongAndWhere) {
         {"<host_name_key>host-name</host_name_key>", "", "11: <host_name_key> is missing"},
         {"<version>2</version>", "<version>2</version><version>1</version>",
          "6: <version> is there already, in line 6"},
-        {"mac_addr_key>", "mac_adr_key>", "17: invalid closing tag name"},
-        {"</slp_config>", "", "28: unexpected end of data"},
-        {"-->", "->", "unexpected end of data"},
+        {"mac_addr_key>", "mac_adr_key>",
+         "17: an element is not closed, or its closing tag has another name"},
+        {"</slp_config>", "", "27: an element is not closed"},
+        {"-->", "->", "a comment is not closed"},
         {"<slp_config>", "<!DOCTYPE a><slp_config>", "4: a document type declaration"},
     };
     for (const auto& c : cases) {

@@ -64,7 +64,7 @@ installed() {
 
 old=$work/old.msi new=$work/new.msi
 "$root/package/make-msi" 0.9.0 "$old"
-"$root/package/make-msi" 1.0.0 "$new"
+"$root/package/make-msi" "$(project_version)" "$new"
 
 machine >"$work/before"
 installer 0 /i "Z:$old"
@@ -78,6 +78,7 @@ rm "$program/README.md" "$system/slp64.dll"
 installer 0 /i "Z:$new" REINSTALL=ALL REINSTALLMODE=amus
 installed "repaired"
 [ -e "$program/README.md" ] || fail "the repair left README.md away"
+diff -r "$root/docs" "$program/docs" || fail "the documents are not those of docs/"
 
 # A port that a printer prints to keeps the monitor, unless FORCE says otherwise. The ports cannot be
 # kept while no spooler knows them: nothing is removed then.

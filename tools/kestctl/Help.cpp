@@ -1,5 +1,6 @@
 // The help texts, in the 80 columns of a console.
 #include <sstream>
+#include <string_view>
 
 #include "tools/kestctl/Command.h"
 
@@ -40,9 +41,7 @@ class HelpFormatter : public CLI::Formatter {
     }
 
     std::string make_option(const CLI::Option* option, bool isPositional) const override {
-        // A flag that can be turned off has a name for that, with a value that nobody types.
-        const std::string name =
-            CLI::detail::find_and_replace(make_option_name(option, isPositional), "{false}", "");
+        const std::string name = WithoutFalse(make_option_name(option, isPositional));
         return Line(name + make_option_opts(option), option->get_description());
     }
 
@@ -62,10 +61,28 @@ class HelpFormatter : public CLI::Formatter {
     }
 
   private:
+    // Removes the value that the library shows behind the name of a flag that turns another off:
+    // users do not type it.
+    static std::string WithoutFalse(std::string name) {
+        constexpr std::string_view kValue = "{false}";
+        for (size_t at = 0; (at = name.find(kValue, at)) != std::string::npos;) {
+            name.erase(at, kValue.size());
+        }
+        return name;
+    }
+
+    // A name, and its description in the column for descriptions; below a name that is too long.
     static std::string Line(const std::string& name, const std::string& text) {
-        std::ostringstream out;
-        CLI::detail::format_help(out, name, Wrapped(text, kColumns - kIndent - kTexts), kTexts);
-        return out.str();
+        std::string line = "  " + name;
+        if (!text.empty()) {
+            line += line.size() < kTexts ? std::string(kTexts - line.size(), ' ')
+                                         : '\n' + std::string(kTexts, ' ');
+        }
+        for (const char c : Wrapped(text, kColumns - kIndent - kTexts)) {
+            line += c;
+            line += c == '\n' ? std::string(kTexts, ' ') : "";
+        }
+        return line + '\n';
     }
 };
 

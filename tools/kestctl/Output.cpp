@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 
 #include "admin/Text.h"
@@ -156,8 +157,9 @@ CLI::Validator NotEmpty() {
 CLI::Validator Seconds() {
     return CLI::Validator(
         [](std::string& text) {
-            double value = 0;
-            const bool fits = CLI::detail::lexical_cast(text, value) && value >= 0.1 && value <= 60;
+            char* end = nullptr;
+            const double value = strtod(text.c_str(), &end);
+            const bool fits = *end == '\0' && value >= 0.1 && value <= 60;
             return fits ? "" : "'" + text + "' is no number of seconds from 0.1 to 60";
         },
         "");

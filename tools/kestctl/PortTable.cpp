@@ -132,8 +132,7 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
         ignored_ -= ignored_ > 0 ? 1 : 0;
         return true;
     }
-    bool parse_error(size_t, const std::string&,
-                     const nlohmann::detail::exception& error) override {
+    bool parse_error(size_t, const std::string&, const nlohmann::json::exception& error) override {
         std::string text = error.what();
         text.erase(0, text.find("] ") + 2);                  // the library's own number
         text = text.substr(0, text.find("; last read: '"));  // it may be as long as the file
@@ -182,9 +181,10 @@ std::vector<std::string> Cells(char* line) {
     using Quotes = io::double_quote_escape<Separator, '"'>;
     std::vector<std::string> cells;
     while (line != nullptr) {
-        char* begin = nullptr;
-        char* end = nullptr;
-        io::detail::chop_next_column<Quotes>(line, begin, end);
+        char* begin = line;
+        char* end = line + (Quotes::find_next_column_end(line) - line);  // not const
+        line = *end == Separator ? end + 1 : nullptr;
+        *end = '\0';
         io::trim_chars<' ', '\t'>::trim(begin, end);
         Quotes::unescape(begin, end);
         cells.emplace_back(*begin == '\'' && IsFormula(begin) ? begin + 1 : begin);

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <rapidxml/rapidxml.hpp>
+#include <pugixml.hpp>
 
 #include <algorithm>
 #include <cctype>
@@ -17,7 +17,7 @@
 namespace {
 
 constexpr size_t kLargestFile = 1 << 16;  // bytes
-constexpr size_t kMostTags = 1000;        // each may cost the parser a call within a call
+constexpr size_t kMostTags = 1000;        // no real file has nearly as many
 constexpr size_t kKeyLength = 3;          // of the identifier's fields, "MDL"
 constexpr size_t kLongestTag = 100;       // of an attribute, in the file
 constexpr char kBlanks[] = " \t\r\n";
@@ -72,69 +72,70 @@ struct Element {
 // own parser agrees, it has to say itself.
 class Elements {
   public:
-    explicit Elements(const std::string& xml) : xml_(xml), parsed_(xml.begin(), xml.end()) {
-        parsed_.push_back('\0');
-    }
+    explicit Elements(const std::string& xml) : xml_(xml) {}
 
     // Returns them in their order; with a finding where it is no document.
     std::vector<Element> Read(std::vector<SearchFinding>& findings) {
-        constexpr int kFlags = rapidxml::parse_validate_closing_tags | rapidxml::parse_doctype_node;
-        try {
-            document_.parse<kFlags>(parsed_.data());
-        } catch (const rapidxml::parse_error& error) {
-            findings.push_back({LineOf(error.where<char>()), true, error.what()});
+        constexpr unsigned kFlags = pugi::parse_default | pugi::parse_doctype;
+        const pugi::xml_parse_result result =
+            document_.load_buffer(xml_.data(), xml_.size(), kFlags, pugi::encoding_utf8);
+        if (!result) {
+            findings.push_back({LineOf(result.offset), true, Reason(result)});
             return {};
         }
-        for (const Node* node = document_.first_node(); node != nullptr;
-             node = node->next_sibling()) {
-            if (node->type() == rapidxml::node_doctype) {
-                findings.push_back(
-                    {LineOf(node->value()), true, "a document type declaration: leave it out"});
+        for (const pugi::xml_node& node : document_) {
+            if (node.type() == pugi::node_doctype) {
+                findings.push_back({LineOf(node.offset_debug()), true,
+                                    "a document type declaration: leave it out"});
             }
         }
         Take(document_, "");
-        if (elements_.empty()) {
-            findings.push_back({1, true, "there is no element in the file"});
-        }
         return std::move(elements_);
     }
 
   private:
-    using Node = rapidxml::xml_node<>;
-
-    // The parser writes into its copy, but moves no line end of it.
-    size_t LineOf(const char* place) const {
-        return 1 + static_cast<size_t>(
-                       std::count(xml_.begin(), xml_.begin() + (place - parsed_.data()), '\n'));
+    size_t LineOf(std::ptrdiff_t offset) const {
+        return 1 + static_cast<size_t>(std::count(xml_.begin(), xml_.begin() + offset, '\n'));
     }
 
-    // Takes the elements below one; no deeper than the file's own ones stand.
-    void Take(const Node& parent, const std::string& path, size_t depth = 0) {
-        for (const Node* node = parent.first_node(); node != nullptr && depth < kDepth;
-             node = node->next_sibling()) {
-            if (node->type() != rapidxml::node_element) {
-                continue;
-            }
-            const std::string name(node->name(), node->name_size());
-            elements_.push_back({path + '/' + name, name, TextOf(*node), LineOf(node->name())});
-            Take(*node, path + '/' + name, depth + 1);
+    static std::string Reason(const pugi::xml_parse_result& result) {
+        switch (result.status) {
+            case pugi::status_end_element_mismatch:
+                return "an element is not closed, or its closing tag has another name";
+            case pugi::status_bad_comment:
+                return "a comment is not closed";
+            case pugi::status_no_document_element:
+                return "there is no element in the file";
+            default:
+                return std::string("not well-formed XML: ") + result.description();
         }
     }
 
-    static std::string TextOf(const Node& element) {
+    // Takes the elements below one; no deeper than the file's own ones stand.
+    void Take(const pugi::xml_node& parent, const std::string& path, size_t depth = 0) {
+        for (const pugi::xml_node& node : parent) {
+            if (node.type() != pugi::node_element || depth == kDepth) {
+                continue;
+            }
+            const std::string name = node.name();
+            elements_.push_back(
+                {path + '/' + name, name, TextOf(node), LineOf(node.offset_debug())});
+            Take(node, path + '/' + name, depth + 1);
+        }
+    }
+
+    static std::string TextOf(const pugi::xml_node& element) {
         std::string text;
-        for (const Node* node = element.first_node(); node != nullptr;
-             node = node->next_sibling()) {
-            if (node->type() == rapidxml::node_data || node->type() == rapidxml::node_cdata) {
-                text.append(node->value(), node->value_size());
+        for (const pugi::xml_node& node : element) {
+            if (node.type() == pugi::node_pcdata || node.type() == pugi::node_cdata) {
+                text += node.value();
             }
         }
         return text;
     }
 
     const std::string& xml_;
-    std::vector<char> parsed_;
-    rapidxml::xml_document<> document_;
+    pugi::xml_document document_;
     std::vector<Element> elements_;
 };
 
