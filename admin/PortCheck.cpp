@@ -297,9 +297,8 @@ void Await(const Future& future, const std::function<void()>& tell) {
 // Tests every port. Returns what the search found.
 SearchOutcome TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network,
                       milliseconds timeout, const std::function<void(size_t)>& tell) {
-    const bool wanted = std::any_of(ports.begin(), ports.end(), [](const CheckedPort& port) {
-        return HasKeys(port.records);
-    });
+    const bool wanted = std::any_of(ports.begin(), ports.end(),
+                                    [](const CheckedPort& port) { return HasKeys(port.records); });
     const std::shared_future<SearchOutcome> search = std::async(
         std::launch::async, [&] { return wanted ? Outcome(network.search) : SearchOutcome(); });
     ForEach(
@@ -312,15 +311,15 @@ SearchOutcome TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& netwo
     for (CheckedPort& port : ports) {
         (port.connection.silent ? silent : others).push_back(&port);
     }
-    const auto recognising = std::async(std::launch::async,
-                                        [&] { Recognise(others, search.get(), network); });
+    const auto recognising =
+        std::async(std::launch::async, [&] { Recognise(others, search.get(), network); });
     ForEach(
         silent.size(), kConnectedAtOnce,
         [&](size_t at) { Reach(*silent[at], network, timeout - kMoment); },
         [&](size_t done) { tell(others.size() + done); });
     Await(recognising, [&] { tell(ports.size()); });
-    const auto late = std::async(std::launch::async,
-                                 [&] { Recognise(silent, search.get(), network); });
+    const auto late =
+        std::async(std::launch::async, [&] { Recognise(silent, search.get(), network); });
     Await(late, [&] { tell(ports.size()); });
     return search.get();
 }

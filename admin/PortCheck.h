@@ -37,13 +37,13 @@ CheckNetwork RealCheckNetwork();
 
 enum class PortState {
     Ok,
-    Unreachable,     // takes no connection, and was found nowhere else
-    Moved,           // takes no connection, and was found elsewhere
-    AnotherPrinter,  // somebody else is at its address
-    NotRecognised,   // is to be followed, but the search does not recognise the printer there
-    CannotFollow,    // is to be followed, but the port does not know how to recognise it
+    Unreachable,      // takes no connection, and was found nowhere else
+    Moved,            // takes no connection, and was found elsewhere
+    AnotherPrinter,   // somebody else is at its address
+    NotRecognised,    // is to be followed, but the search does not recognise the printer there
+    CannotFollow,     // is to be followed, but the port does not know how to recognise it
     NoConfiguration,  // is to be followed, but SLPConf.xml is missing or broken
-    NotConfigured,   // the port has no settings
+    NotConfigured,    // the port has no settings
 };
 
 struct CheckedPort {

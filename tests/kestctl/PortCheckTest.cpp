@@ -32,7 +32,9 @@ struct FakePrinters {
                     if (at.at(host).mac.empty() && at.at(host).hostName.empty()) {
                         throw CommandFailed("silent");
                     }
-                    return at.at(host);
+                    PrinterIdentity printer = at.at(host);
+                    printer.address = host;
+                    return printer;
                 },
                 [this] {
                     ++searches;
@@ -56,12 +58,15 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
                               {"10.0.0.9", printer("0004000000FE", "prn-9")},
                               {"10.0.0.12", printer("000400000012", "")}}};
     printers.slow = "10.0.0.12";
-    printers.found = {
-        printer("000400000044", "prn-4", "10.0.1.40"), printer("000400000004", "prn-x", "10.0.1.4"),
-        printer("0004000000AA", "PRN-5", "fd00::5"), printer("000400000006", "prn-6", "10.0.1.6"),
-        printer("00040000000B", "prn-11", "10.0.0.11"),
-        printer("000400000001", "prn-1", "10.0.0.1"), printer("0004000000FF", "other", "10.0.0.6"),
-        printer("", "PRN-7", "10.0.0.7"), printer("000400000012", "", "10.0.0.12")};
+    printers.found = {printer("000400000044", "prn-4", "10.0.1.40"),
+                      printer("000400000004", "prn-x", "10.0.1.4"),
+                      printer("0004000000AA", "PRN-5", "fd00::5"),
+                      printer("000400000006", "prn-6", "10.0.1.6"),
+                      printer("00040000000B", "prn-11", "10.0.0.11"),
+                      printer("000400000001", "prn-1", "10.0.0.1"),
+                      printer("0004000000FF", "other", "10.0.0.6"),
+                      printer("", "PRN-7", "10.0.0.7"),
+                      printer("000400000012", "", "10.0.0.12")};
     const struct {
         const wchar_t* name;
         const char* address;
@@ -154,8 +159,7 @@ TEST(PortCheck, TellsTheStateOfEachPortAndRepairsIt) {
                 ElementsAre(PortState::NoConfiguration, PortState::Ok, PortState::CannotFollow,
                             PortState::Unreachable));
     EXPECT_EQ(printers.asked, 3);
-    const CheckedPort tested =
-        TestPort(L"N", monitor.ports[L"N"], printers.Network(), 3s);
+    const CheckedPort tested = TestPort(L"N", monitor.ports[L"N"], printers.Network(), 3s);
     EXPECT_EQ(tested.state, PortState::NotRecognised);
     EXPECT_EQ(TestPort(L"A", monitor.ports[L"A"], printers.Network(), 3s).state, PortState::Ok);
 }
