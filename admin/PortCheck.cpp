@@ -4,10 +4,9 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cctype>
 #include <future>
-#include <mutex>
+#include <map>
 
 #include "address/AddressText.h"
 #include "admin/CommandFailed.h"
@@ -105,14 +104,6 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     return {ConnectionError(error), took(), error == WSAETIMEDOUT};
 }
 
-std::vector<PrinterIdentity> SearchForAll() {
-    std::vector<PrinterIdentity> printers;
-    FindPrinters(
-        "", [&printers](const Printer& printer) { printers.push_back(IdentityOf(printer)); },
-        [] { return true; });
-    return printers;
-}
-
 std::string Lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char c) { return std::tolower(c); });
@@ -124,6 +115,8 @@ struct Keys {
     explicit Keys(const PortRecords& records)
         : mac(MacText(MacAddress(FieldText(records.extended.sztHWAddress)))),
           hostName(Lower(FieldText(records.standard.sztHostAddress))) {}
+
+    bool Any() const { return !mac.empty() || !hostName.empty(); }
 
     std::string mac;
     std::string hostName;
@@ -138,36 +131,27 @@ bool IsAnother(const Keys& port, const PrinterIdentity& printer) {
            port.hostName != Lower(printer.hostName);
 }
 
-// Where the port's printer is, as a job looks for it: by MAC address, then by host name.
-std::string Find(const Keys& port, const std::vector<PrinterIdentity>& printers) {
-    const auto by = [&printers](const auto& is) {
-        const auto found = std::find_if(printers.begin(), printers.end(), is);
-        return found != printers.end() ? found->address : std::string();
-    };
-    std::string address;
-    if (!port.mac.empty()) {
-        address = by([&](const PrinterIdentity& printer) { return printer.mac == port.mac; });
-    }
-    if (address.empty() && !port.hostName.empty()) {
-        address = by([&](const PrinterIdentity& printer) {
-            return Lower(printer.hostName) == port.hostName;
-        });
-    }
-    return address;
+// The same text for two spellings of one address; a host name in lower case.
+std::string AddressKey(const std::string& host) {
+    const IPAddress address(host);
+    return address.IsValid() ? std::string(reinterpret_cast<const char*>(address.GetBytes()),
+                                           address.GetType() == IPV4 ? 4 : 16)
+                             : Lower(host);
 }
 
-bool IsToBeSearched(const CheckedPort& port) {
-    const Keys keys(port.records);
+bool IsToBeLocated(const CheckedPort& port) {
     return (port.state == PortState::Unreachable || port.state == PortState::AnotherPrinter) &&
-           (!keys.mac.empty() || !keys.hostName.empty());
+           HasKeys(port.records);
 }
 
 // Completes what is known of a port by what the search has found.
-void Locate(CheckedPort& port, const std::vector<PrinterIdentity>& printers) {
-    const std::string found = Find(Keys(port.records), printers);
-    if (found.empty()) {
+void Locate(CheckedPort& port, const SearchOutcome& search) {
+    const std::string found = FindOwnPrinter(port.records, search.printers);
+    if (!search.failure.empty()) {
+        port.detail += ", and there was no search: " + search.failure;
+    } else if (found.empty()) {
         port.detail += ", and no search finds the port's printer";
-    } else if (IPAddress(found) == IPAddress(AddressInUse(port.records))) {
+    } else if (AddressKey(found) == AddressKey(AddressInUse(port.records))) {
         port.detail += ", but answers the search from there";
     } else {
         port.found = found;
@@ -178,35 +162,21 @@ void Locate(CheckedPort& port, const std::vector<PrinterIdentity>& printers) {
     }
 }
 
-// Begins a search when the first asks for it.
-class SharedSearch {
-  public:
-    explicit SharedSearch(const CheckNetwork& network) : network_(network) {}
-
-    void Begin() {
-        std::call_once(begun_,
-                       [this] { printers_ = std::async(std::launch::async, network_.search); });
+SearchOutcome Outcome(const std::function<std::vector<PrinterIdentity>()>& search) {
+    SearchOutcome outcome;
+    try {
+        outcome.printers = search();
+    } catch (const NoSearchFile& failed) {
+        outcome.failure = failed.what();
+        outcome.noFile = true;
+    } catch (const CommandFailed& failed) {
+        outcome.failure = failed.what();
     }
-    //   tell: is called about ten times a second while they are waited for.
-    std::vector<PrinterIdentity> Printers(const std::function<void()>& tell) {
-        if (!printers_.valid()) {
-            return {};
-        }
-        while (printers_.wait_for(kTellInterval) != std::future_status::ready) {
-            tell();
-        }
-        return printers_.get();
-    }
-
-  private:
-    const CheckNetwork& network_;
-    std::once_flag begun_;
-    std::future<std::vector<PrinterIdentity>> printers_;
-};
+    return outcome;
+}
 
 bool CanBeFollowed(const CheckedPort& port) {
-    const Keys keys(port.records);
-    return port.records.extended.dwAlwaysPrint == 0 || !keys.mac.empty() || !keys.hostName.empty();
+    return port.records.extended.dwAlwaysPrint == 0 || HasKeys(port.records);
 }
 
 // Whether the port's address takes connections, if it has one.
@@ -225,33 +195,112 @@ void Reach(CheckedPort& port, const CheckNetwork& network, milliseconds timeout)
     }
 }
 
-// Who is at the address of a port that takes connections.
-void Recognise(CheckedPort& port, const CheckNetwork& network) {
+// Asks the address of these ports who is there.
+void Identify(const std::vector<CheckedPort*>& ports, const CheckNetwork& network) {
+    PrinterIdentity printer;
+    std::string failure;
     try {
-        port.printer = network.identify(AddressInUse(port.records));
+        printer = network.identify(AddressInUse(ports.front()->records));
     } catch (const CommandFailed& silent) {
-        port.detail = silent.what();
+        failure = silent.what();
     }
+    for (CheckedPort* port : ports) {
+        port->printer = printer;
+        port->detail = failure;
+    }
+}
+
+// Why the search does not recognise the printer of a port that takes connections.
+//   found: where the search finds it instead; empty if nowhere.
+std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
+                             const SearchOutcome& search) {
+    const std::string who = IdentityText(port.printer);
+    if (!search.failure.empty()) {
+        return "there was no search: " + search.failure;
+    }
+    if (!found.empty()) {
+        return port.detail + "; the search finds the port's printer at " + found;
+    }
+    if (who.empty()) {
+        return port.detail.empty() ? "announces neither MAC address nor host name" : port.detail;
+    }
+    return FindOwnPrinter(port.records, {port.printer}).empty()
+               ? "announces only " + who
+               : "announces " + who + " at its address, but does not answer the search";
+}
+
+// Tells the state of a port that takes connections, when it is known who is there.
+void Judge(CheckedPort& port, const SearchOutcome& search) {
     if (IsAnother(Keys(port.records), port.printer)) {
         port.state = PortState::AnotherPrinter;
         port.detail = "is " + IdentityText(port.printer);
     } else if (!CanBeFollowed(port)) {
         port.state = PortState::CannotFollow;
         port.detail = kNoKeys;
+    } else if (port.records.extended.dwAlwaysPrint != 0) {
+        const std::string found = FindOwnPrinter(port.records, search.printers);
+        const bool unknown = IdentityText(port.printer).empty();
+        if (search.noFile) {
+            port.state = PortState::NoConfiguration;
+            port.detail = search.failure;
+        } else if (found.empty() ||
+                   (unknown && AddressKey(found) != AddressKey(AddressInUse(port.records)))) {
+            port.state = PortState::NotRecognised;
+            port.detail = WhyNotRecognised(port, found, search);
+        }
     }
 }
 
-// Tests every port.
-void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, milliseconds timeout,
-             SharedSearch& search, const std::function<void(size_t)>& tell) {
-    const auto recognise = [&](CheckedPort& port) {
-        if (port.state == PortState::Ok) {
-            Recognise(port, network);
+// Identifies the printers of those ports that take connections: by the search, or else by asking
+// each address once.
+void Recognise(const std::vector<CheckedPort*>& ports, const SearchOutcome& search,
+               const CheckNetwork& network) {
+    using Ports = std::vector<CheckedPort*>;
+    std::map<std::string, Ports> reached;  // by address
+    for (CheckedPort* port : ports) {
+        if (port->state == PortState::Ok) {
+            reached[AddressKey(AddressInUse(port->records))].push_back(port);
         }
-        if (IsToBeSearched(port)) {
-            search.Begin();
+    }
+    for (const PrinterIdentity& printer : search.printers) {
+        if (const auto there = reached.find(AddressKey(printer.address)); there != reached.end()) {
+            for (CheckedPort* port : there->second) {
+                port->printer = port->printer.address.empty() ? printer : port->printer;
+            }
         }
-    };
+    }
+    std::vector<Ports*> asked;
+    for (auto& [address, there] : reached) {
+        if (there.front()->printer.address.empty() && !search.noFile &&
+            std::any_of(there.begin(), there.end(),
+                        [](const CheckedPort* port) { return HasKeys(port->records); })) {
+            asked.push_back(&there);
+        }
+    }
+    ForEach(
+        asked.size(), kAskedAtOnce, [&](size_t at) { Identify(*asked[at], network); },
+        [](size_t) {});
+    for (auto& [address, there] : reached) {
+        std::for_each(there.begin(), there.end(),
+                      [&search](CheckedPort* port) { Judge(*port, search); });
+    }
+}
+
+// Waits for something, and tells meanwhile.
+template <class Future>
+void Await(const Future& future, const std::function<void()>& tell) {
+    while (future.wait_for(kTellInterval) != std::future_status::ready) {
+        tell();
+    }
+}
+
+// Tests every port. Returns what the search found.
+SearchOutcome TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network,
+                      milliseconds timeout, const std::function<void(size_t)>& tell) {
+    const bool wanted = std::any_of(ports.begin(), ports.end(),
+                                    [](const CheckedPort& port) { return HasKeys(port.records); });
+    const std::shared_future<SearchOutcome> search = std::async(
+        std::launch::async, [&] { return wanted ? Outcome(network.search) : SearchOutcome(); });
     ForEach(
         ports.size(), kConnectedAtOnce,
         [&](size_t at) { Reach(ports[at], network, std::min(kMoment, timeout)); },
@@ -262,30 +311,47 @@ void TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& network, milli
     for (CheckedPort& port : ports) {
         (port.connection.silent ? silent : others).push_back(&port);
     }
-    std::atomic<size_t> recognised = 0;
-    auto recognising = std::async(std::launch::async, [&] {
-        ForEach(
-            others.size(), kAskedAtOnce, [&](size_t at) { recognise(*others[at]); },
-            [&](size_t done) { recognised = done; });
-    });
+    const auto recognising =
+        std::async(std::launch::async, [&] { Recognise(others, search.get(), network); });
     ForEach(
         silent.size(), kConnectedAtOnce,
-        [&](size_t at) {
-            Reach(*silent[at], network, timeout - kMoment);
-            recognise(*silent[at]);
-        },
-        [&](size_t done) { tell(recognised + done); });
-    while (recognising.wait_for(kTellInterval) != std::future_status::ready) {
-        tell(recognised + silent.size());
-    }
-    recognising.get();
+        [&](size_t at) { Reach(*silent[at], network, timeout - kMoment); },
+        [&](size_t done) { tell(others.size() + done); });
+    Await(recognising, [&] { tell(ports.size()); });
+    const auto late =
+        std::async(std::launch::async, [&] { Recognise(silent, search.get(), network); });
+    Await(late, [&] { tell(ports.size()); });
+    return search.get();
 }
 
 }  // namespace
 
 CheckNetwork RealCheckNetwork() {
     StartedNetwork();
-    return {TryConnection, IdentityAt, SearchForAll};
+    return {TryConnection, IdentityAt, [] { return FindIdentities([] { return true; }); }};
+}
+
+std::string FindOwnPrinter(const PortRecords& records,
+                           const std::vector<PrinterIdentity>& printers) {
+    const Keys port(records);
+    const auto by = [&printers](const auto& is) {
+        const auto found = std::find_if(printers.begin(), printers.end(), is);
+        return found != printers.end() ? found->address : std::string();
+    };
+    std::string address;
+    if (!port.mac.empty()) {
+        address = by([&](const PrinterIdentity& printer) { return printer.mac == port.mac; });
+    }
+    if (address.empty() && !port.hostName.empty()) {
+        address = by([&](const PrinterIdentity& printer) {
+            return Lower(printer.hostName) == port.hostName;
+        });
+    }
+    return address;
+}
+
+bool HasKeys(const PortRecords& records) {
+    return Keys(records).Any();
 }
 
 CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
@@ -293,7 +359,16 @@ CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
     CheckedPort port = {name, records};
     Reach(port, network, timeout);
     if (port.state == PortState::Ok) {
-        Recognise(port, network);
+        // The printer's own answer takes the place of a search by multicast.
+        SearchOutcome answer = Outcome([&] {
+            port.printer = network.identify(AddressInUse(records));
+            return std::vector{port.printer};
+        });
+        port.detail = answer.failure;
+        if (!answer.noFile) {
+            answer.failure.clear();
+        }
+        Judge(port, answer);
     }
     return port;
 }
@@ -306,24 +381,11 @@ std::vector<CheckedPort> CheckPorts(SpoolerChannel& channel,
     for (const std::wstring& name : FindPorts(channel, wanted)) {
         ports.push_back({name, ReadPort(channel, name)});
     }
-    SharedSearch search(network);
-    TestAll(ports, network, timeout, search, [&](size_t done) { tell(done, ports.size()); });
-
-    std::vector<PrinterIdentity> printers;
-    std::string failure;
-    try {
-        printers = search.Printers([&] { tell(ports.size(), ports.size()); });
-    } catch (const CommandFailed& failed) {
-        failure = std::string(", and there was no search: ") + failed.what();
-    }
+    const SearchOutcome search =
+        TestAll(ports, network, timeout, [&](size_t done) { tell(done, ports.size()); });
     for (CheckedPort& port : ports) {
-        if (!IsToBeSearched(port)) {
-            continue;
-        }
-        if (failure.empty()) {
-            Locate(port, printers);
-        } else {
-            port.detail += failure;
+        if (IsToBeLocated(port)) {
+            Locate(port, search);
         }
     }
     return ports;

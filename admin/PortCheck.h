@@ -28,7 +28,7 @@ struct CheckNetwork {
         connect;
     // Throws CommandFailed where nobody says who he is.
     PrinterIdentifier identify;
-    // All printers that answer. Throws CommandFailed.
+    // All printers that answer. Throws NoSearchFile and CommandFailed.
     std::function<std::vector<PrinterIdentity>()> search;
 };
 
@@ -37,11 +37,13 @@ CheckNetwork RealCheckNetwork();
 
 enum class PortState {
     Ok,
-    Unreachable,     // takes no connection, and was found nowhere else
-    Moved,           // takes no connection, and was found elsewhere
-    AnotherPrinter,  // somebody else is at its address
-    CannotFollow,    // is to be followed, but the port does not know how to recognise it
-    NotConfigured,   // the port has no settings
+    Unreachable,      // takes no connection, and was found nowhere else
+    Moved,            // takes no connection, and was found elsewhere
+    AnotherPrinter,   // somebody else is at its address
+    NotRecognised,    // is to be followed, but the search does not recognise the printer there
+    CannotFollow,     // is to be followed, but the port does not know how to recognise it
+    NoConfiguration,  // is to be followed, but SLPConf.xml is missing or broken
+    NotConfigured,    // the port has no settings
 };
 
 struct CheckedPort {
@@ -54,15 +56,32 @@ struct CheckedPort {
     std::string detail = {};       // what else there is to say
 };
 
-// Connects to the port's address and asks who is there.
+// The printers that a search found, or why there was none.
+struct SearchOutcome {
+    std::vector<PrinterIdentity> printers = {};
+    std::string failure = {};
+    bool noFile = false;  // SLPConf.xml is missing or broken
+};
+
+// Returns the address at which a job would look for the port's printer among these: by its MAC
+// address, then by its host name. Empty if neither is among them.
+std::string FindOwnPrinter(const PortRecords& records,
+                           const std::vector<PrinterIdentity>& printers);
+
+// Returns whether the port has a MAC address or a host name to find its printer by.
+bool HasKeys(const PortRecords& records);
+
+// Connects to the port's address and asks who is there. A port that follows its printer has to be
+// recognised by that answer.
 //   timeout: how long the connection may take.
 CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
                      const CheckNetwork& network, std::chrono::milliseconds timeout);
 
-// Checks the ports that the names and patterns mean (all, if there are none), with one search for
-// all whose printer is not where it should be. 32 connections are tried at a time, first for a
-// moment each, so that no printer waits for those that are dark; while these get the rest of their
-// time, the others are asked who they are, which takes 3.5 s where nobody says it.
+// Checks the ports that the names and patterns mean (all, if there are none). 32 connections are
+// tried at a time, first for a moment each, so that no printer waits for those that are dark. If a
+// port has keys, one search for all printers runs meanwhile. An address that takes connections, and
+// that no answer names, is asked once, for all of its ports that have keys; this takes 3.5 s
+// without an answer.
 //   timeout: how long each connection may take.
 //   tell: is told on this thread, about ten times a second, how many of them are done.
 // Throws CommandFailed when the ports cannot be read.

@@ -31,12 +31,18 @@ UniqueLibrary InstalledMonitor() {
 
 // Returns the library beside which SLPConf.xml lies, to be held for as long as the search may read
 // it: a program that searches once is not to keep the library from being updated.
-[[nodiscard]] UniqueLibrary SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern) {
+//   file: read in place of that file, unless it is empty.
+[[nodiscard]] UniqueLibrary SetUpSearch(PrinterDiscovery& search, const std::string& modelPattern,
+                                        const std::wstring& file = {}) {
     StartedNetwork();
     UniqueLibrary monitor = InstalledMonitor();
     Config::SetModule(monitor.Get());
-    if (!search.Configure(modelPattern)) {
-        throw CommandFailed(
+    if (!file.empty()) {
+        if (!search.ConfigureFrom(file, modelPattern)) {
+            throw NoSearchFile(ToUtf8(file) + " is missing or is not well-formed XML");
+        }
+    } else if (!search.Configure(modelPattern)) {
+        throw NoSearchFile(
             std::string(
                 "SLPConf.xml, which says how printers are searched for, is missing beside ") +
             (monitor ? "the installed kestmon.dll" : "this program") +
@@ -185,9 +191,9 @@ std::wstring SearchFilePath() {
 
 size_t FindPrinters(const std::string& modelPattern,
                     const std::function<void(const Printer&)>& found,
-                    const std::function<bool()>& goOn) {
+                    const std::function<bool()>& goOn, const std::wstring& file) {
     PrinterDiscovery search;
-    const UniqueLibrary monitor = SetUpSearch(search, modelPattern);
+    const UniqueLibrary monitor = SetUpSearch(search, modelPattern, file);
     Arrivals arrivals;
     search.SetFoundCallback([&arrivals](const Printer& printer) { arrivals.Add(printer); });
     if (!search.InitAllPrinterDiscovery()) {
@@ -217,6 +223,21 @@ size_t FindPrinters(const std::string& modelPattern,
         }
     }
     return withoutAddress;
+}
+
+std::vector<PrinterIdentity> FindIdentities(const std::function<bool()>& goOn,
+                                            const std::wstring& file) {
+    std::vector<PrinterIdentity> printers;
+    const auto add = [&printers](const Printer& printer) {
+        printers.push_back(IdentityOf(printer));
+        if (const IPAddress& other = printer.GetOtherIPAddress();
+            other.IsValid() && !(other == printer.GetIPAddress())) {
+            printers.push_back(printers.back());
+            printers.back().address = other.GetText();
+        }
+    };
+    FindPrinters("", add, goOn, file);
+    return printers;
 }
 
 Printer FindPrinterByMacAddress(const MacAddress& mac, const std::string& modelPattern) {

@@ -4,12 +4,19 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
+#include "admin/CommandFailed.h"
 #include "admin/PrinterIdentity.h"
 #include "discovery/PrinterDiscoveryClass.h"
 
-// All functions here throw CommandFailed: when SLPConf.xml is missing or broken, when a request
-// cannot be made, and when a search for one printer does not find it.
+// SLPConf.xml is missing or is not well-formed XML.
+struct NoSearchFile : CommandFailed {
+    using CommandFailed::CommandFailed;
+};
+
+// All functions here throw NoSearchFile, and CommandFailed when a request cannot be made and when a
+// search for one printer does not find it.
 //   modelPattern: as PrinterDiscovery::Configure takes it; empty for all models.
 
 // The path of the SLPConf.xml that these searches read, whether there is one or not.
@@ -19,11 +26,17 @@ std::wstring SearchFilePath();
 // 1 s, or 3.5 s without an answer, 5 s at most.
 //   found: called on this thread for each printer with an address, as it answers.
 //   goOn: asked on this thread, about five times a second; false ends the search at once.
-// Returns how many answered without an address in the attributes that SLPConf.xml names. What
+//   file: the path of a file that the search reads in place of SLPConf.xml.
+// Returns how many answered without an address in the attributes that the file names. What
 // `found` or `goOn` throws ends the search and goes on to the caller.
 size_t FindPrinters(const std::string& modelPattern,
                     const std::function<void(const Printer&)>& found,
-                    const std::function<bool()>& goOn);
+                    const std::function<bool()>& goOn, const std::wstring& file = {});
+
+// Returns all printers that such a search finds. A printer with two addresses is listed under both,
+// the one that a job would take first.
+std::vector<PrinterIdentity> FindIdentities(const std::function<bool()>& goOn,
+                                            const std::wstring& file = {});
 
 // Search for one printer, as long as that; the record has an address.
 //   hostName: the whole name that it announces, in any letter case.

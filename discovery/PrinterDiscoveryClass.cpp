@@ -71,6 +71,11 @@ bool PrinterDiscovery::Configure(const std::string& modelPattern) {
     return config_.Initialize(kConfigFile);
 }
 
+bool PrinterDiscovery::ConfigureFrom(const std::wstring& path, const std::string& modelPattern) {
+    modelPattern_ = modelPattern;
+    return config_.InitializeFrom(path);
+}
+
 bool PrinterDiscovery::FindPrinterByHostName(const std::string& hostName, Printer& result) {
     searchType_ = FIND_HOSTNAME;
     targetHostName_ = hostName;

@@ -97,6 +97,9 @@ class PrinterDiscovery : public IPrinterDiscovery {
     // thread, and a destructor is no place for that. Who began it ends it.
     ~PrinterDiscovery() override = default;
 
+    // As Configure, with a file of another name or in another folder.
+    bool ConfigureFrom(const std::wstring& path, const std::string& modelPattern);
+
     // Asks the printer at an address who it is, by unicast alone: for one that is known to be
     // there, whatever it makes of pings. Not for an object that is searching for all.
     //   result: receives the printer; untouched when there is none.

@@ -3,8 +3,14 @@
 #include "tools/kestctl/ConfigLearning.h"
 
 #include <gmock/gmock.h>
+#include <windows.h>
+
+#include <iostream>
 
 #include "admin/Hosts.h"
+#include "tests/support/FakeMonitor.h"
+#include "tools/kestctl/FindWatch.h"
+#include "tools/kestctl/PortPrinters.h"
 
 namespace {
 
@@ -41,6 +47,13 @@ TEST(ConfigLearning, RecognisesByValues) {
         {{{"x-id", "MFG:Acme;MDL:One;"}}, kDeviceIdKey, "x-id", ""},
         {{{"x-id", "MFG:Acme;MODEL:One;"}}, kModelKey, "MDL", "three letters"},
         {{{"x-id", "MFG:DESK;MDL:One;DES:Two;"}}, kDescriptionKey, "DES", "wrong value"},
+        {{{"ip", "10.77.1.20:9100"}, {"x-a", "10.77.1.20"}}, kIpAddrKey, "x-a", "a port number"},
+        {{{"ip", "010.077.001.020"}}, kIpAddrKey, "ip", "leading zeros"},
+        {{{"mac", "0004004a1b2c"}, {"hw", "0004004a1b2d"}}, kMacAddrKey, "mac", "the first of"},
+        {{{"hw", "0004004a1b2c"}, {"OLD-mac", "0004004a1b2d"}},
+         kMacAddrKey,
+         "OLD-mac",
+         "as the file has it"},
         {{{"m<c", "0004004a1b2c"}}, kMacAddrKey, "old-mac", "has a character"},
     };
     for (const auto& c : cases) {
@@ -55,6 +68,69 @@ TEST(ConfigLearning, RecognisesByValues) {
         EXPECT_EQ(remarks.empty(), std::string(c.remark).empty()) << remarks;
         EXPECT_EQ(learned.Settings()[kGroup], "224.0.1.22");
     }
+}
+
+TEST(ConfigLearning, KeepsWhatPrintersOfAnotherMakeAnnounce) {
+    StartedNetwork();
+    const IPAddress address(std::string("10.77.1.20"));
+    const auto kept = [&](std::vector<std::pair<std::string, std::string>> attributes) {
+        const SearchAnswer answer = {2, "service:printer", std::move(attributes)};
+        const LearnedSettings learned =
+            Learn(answer, address, kPresent, [](const std::string&) { return IPAddress(); });
+        const SearchSettings settings = KeepPresent(learned, answer, kPresent);
+        return settings[kIpAddrKey] + ' ' + settings[kIpAddr2Key] + ' ' + settings[kMacAddrKey] +
+               ' ' + settings[kHostNameKey];
+    };
+    const std::pair<std::string, std::string> ip = {"x-ip", "10.77.1.20"};
+    const std::pair<std::string, std::string> mac = {"x-mac", "0004004a1b2c"};
+    EXPECT_EQ(kept({ip, mac, {"x-host", "prn-1"}}), "old-ip x-ip old-mac x-host");
+    EXPECT_EQ(kept({ip, mac}), "old-ip x-ip x-mac old-name");
+    EXPECT_EQ(kept({ip, {"old-mac", "0004004a1b2c"}, {"x-host", "prn-1"}}),
+              "old-ip x-ip old-mac old-name");
+    // An attribute of this printer's own under that tag would be taken for its address.
+    EXPECT_EQ(kept({ip, mac, {"old-ip", "0.0.0.0"}}), "x-ip old-2 x-mac old-name");
+}
+
+TEST(ConfigLearning, CountsPrintersThatAreLost) {
+    StartedNetwork();
+    FakeMonitor monitor;
+    const auto add = [&monitor](const wchar_t* name, const char* mac, const char* host) {
+        PortChange change;
+        change.address = "10.0.0.1";
+        change.mac = mac;
+        change.hostName = host;
+        Apply(change, monitor.ports[name]);
+    };
+    add(L"A", "000400000001", "prn-1");
+    add(L"SAME AS A", "000400000001", "prn-1");
+    add(L"B", "", "prn-2");
+    add(L"NO KEYS", "", "");
+    const auto channel = monitor.Factory()();
+    const std::vector<PortRecords> ports = PrintersOfPorts(*channel, false);
+    EXPECT_EQ(ports.size(), 2u);
+    EXPECT_EQ(PrintersOfPorts(*channel, true).size(), 0u);
+    const std::vector<PrinterIdentity> both = {{"10.0.0.1", "000400000001", ""},
+                                               {"10.0.0.2", "", "PRN-2"}};
+    EXPECT_EQ(CountFound(ports, both), 2u);
+    EXPECT_EQ(CountLost(ports, both, {}), 2u);
+    EXPECT_EQ(CountLost(ports, both, {{"10.0.0.1", "", "prn-1"}}), 1u) << "by its name";
+    EXPECT_EQ(CountLost(ports, both, {{"0.0.0.0", "000400000001", ""}, both[1]}), 1u);
+    EXPECT_EQ(CountLost(ports, {}, both), 0u);
+}
+
+TEST(FindWatch, NoticesThatItsOutputIsClosed) {
+    const HANDLE before = GetStdHandle(STD_OUTPUT_HANDLE);
+    HANDLE reader = nullptr;
+    HANDLE writer = nullptr;
+    ASSERT_TRUE(CreatePipe(&reader, &writer, nullptr, 0));
+    SetStdHandle(STD_OUTPUT_HANDLE, writer);
+    const bool open = OutputIsClosed();
+    CloseHandle(reader);
+    const bool closed = OutputIsClosed();
+    SetStdHandle(STD_OUTPUT_HANDLE, before);
+    CloseHandle(writer);
+    EXPECT_FALSE(open);
+    EXPECT_TRUE(closed);
 }
 
 }  // namespace

@@ -88,21 +88,32 @@ TEST(SearchSettings, AKeptFileIsNeverWrittenOver) {
         text << std::ifstream(file, std::ios::binary).rdbuf();
         return text.str();
     };
-    EXPECT_EQ(ReplaceSearchFile(path, "one"), L"");
-    const std::filesystem::path first = ReplaceSearchFile(path, "two");
-    const std::filesystem::path second = ReplaceSearchFile(path, "three");
+    const auto replace = [&path](const char* xml) { return NewSearchFile(path, xml).Install(); };
+    EXPECT_THROW(RestorePreviousFile(path), CommandFailed);
+    EXPECT_EQ(replace("one"), L"");
+    const std::filesystem::path first = replace("two");
+    const std::filesystem::path second = replace("three");
     EXPECT_EQ(content(first) + ' ' + content(second) + ' ' + content(path), "one two three");
-    RestoreSearchFile(path, second);
-    EXPECT_EQ(content(first) + ' ' + content(path), "one two");
-    // One that cannot be replaced stays, and nothing of the attempt is left beside it and what was
-    // kept.
+    // The latest version is the previous one, whatever became of those before it.
+    std::filesystem::remove(first);
+    EXPECT_EQ(std::filesystem::path(replace("four")).filename(), "SLPConf.xml.old3");
+    EXPECT_EQ(std::filesystem::path(RestorePreviousFile(path)).filename(), "SLPConf.xml.old3");
+    EXPECT_EQ(content(path), "three");
+    RestorePreviousFile(path);
+    EXPECT_EQ(content(path), "four");
+    // A new version that is only tried, or that cannot be installed, leaves nothing behind.
+    {
+        const NewSearchFile tried(path, "five");
+        EXPECT_EQ(content(tried.Path()) + ' ' + content(path), "five four");
+    }
     {
         const UniqueFile reader(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                             OPEN_EXISTING, 0, nullptr));
-        EXPECT_THROW(ReplaceSearchFile(path, "four"), CommandFailed);
+        EXPECT_THROW(replace("five"), CommandFailed);
+        EXPECT_THROW(RestorePreviousFile(path), CommandFailed);
     }
-    EXPECT_EQ(content(path), "two");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 2);
+    EXPECT_EQ(content(path), "four");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 3);
     // Nested properly, and yet no XML.
     std::ofstream(path, std::ios::binary) << "<slp_config><version>2 & 1</version></slp_config>";
     EXPECT_FALSE(ReadSearchFile(path).wellFormed);

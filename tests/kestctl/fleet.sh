@@ -50,9 +50,10 @@ code=0
 kestctl port check >"$work/checked" 2>"$work/errors" || code=$?
 expect "exit code" "$code" 1
 expect "summary" "$(tail -1 "$work/checked")" \
-    "30 ports: 20 ok, 2 unreachable, 7 moved, 1 another printer"
+    "30 ports: 19 ok, 2 unreachable, 7 moved, 1 another printer, 1 not recognised"
 row() { grep -F "PRN-$1 " "$work/checked" | tr -s ' '; }
-expect "one that says nothing" "$(row 20)" "PRN-20 10.77.1.20:9100 ok does not say who it is"
+expect "one that says nothing" "$(row 20)" \
+    "PRN-20 10.77.1.20:9100 not recognised does not say who it is"
 expect "one that moved" "$(row 21)" "PRN-21 10.77.1.21:9100 moved found at 10.77.3.21"
 expect "one that took an address" "$(row 27)" "PRN-27 10.77.1.27:9100 moved found at 10.77.1.28"
 expect "whose it was" "$(row 28)" \
@@ -63,7 +64,7 @@ say "repair"
 kestctl port check --repair --json >"$work/repaired" 2>/dev/null || true
 expect "repaired" "$(grep -c '"repaired": true' "$work/repaired")" 8
 expect "and checked again" "$(kestctl port check 2>/dev/null | tail -1)" \
-    "30 ports: 28 ok, 2 unreachable"
+    "30 ports: 27 ok, 2 unreachable, 1 not recognised"
 echo document >"$work/document"
 rm -f "$work"/jobs/*  # the connections of the checks are jobs of no bytes
 kestctl print - --port PRN-28 <"$work/document" >/dev/null
@@ -71,6 +72,21 @@ take_job "$work/jobs/10.77.3.28-1" "$work/document"
 [[ $(kestctl port test PRN-28) == *"takes connections"*"who answers: 00040000001C, prn-28" ]] ||
     fail "kestctl port test says: $(kestctl port test PRN-28)"
 expect "all that is well" "$(kestctl port check 'PRN-1?' PRN-2 2>&1 | tail -1)" "11 ports: 11 ok"
+
+say "no SLPConf.xml, and one that reads no printer's MAC address"
+mv "$work/bin/SLPConf.xml" "$work/SLPConf.xml"
+for change in '' 's/mac-address/x-mac/; s/host-name/x-name/'; do
+    state="no configuration"
+    if [ -n "$change" ]; then
+        state="not recognised"
+        sed "$change" "$work/SLPConf.xml" >"$work/bin/SLPConf.xml"
+    fi
+    code=0
+    kestctl port check 'PRN-1?' >"$work/checked" 2>/dev/null || code=$?
+    expect "exit code" "$code" 1
+    expect "summary" "$(tail -1 "$work/checked")" "10 ports: 10 $state"
+done
+mv "$work/SLPConf.xml" "$work/bin/SLPConf.xml"
 
 say "three hundred, half of them dark, and the others silent, to pings as well"
 in_peer ip route add blackhole 10.77.2.0/24

@@ -181,6 +181,11 @@ if said=$(kestctl config learn 10.77.1.60 2>&1); then
     fail "kestctl config learn knows what nobody told it: $said"
 fi
 [[ $said == *"did not answer under any of 6 service types"* ]] || fail "config learn: $said"
+kestctl port add ACME --address 10.77.1.60 --mac 000400000060 --always-print >/dev/null
+if said=$(kestctl config check 2>&1); then
+    fail "kestctl config check is content with a file that no printer fits: $said"
+fi
+[[ $said == *"recognises no port's printer"* ]] || fail "kestctl config check: $said"
 kestctl config learn 10.77.1.60 --service service:x-acme >"$work/said"
 [[ $(kestctl config learn 10.77.1.60 --service service:x-acme --json | tr -s ' \n' ' ') == \
     *'"mac_addr_key": { "recognised": true, "says": "000400000060", "value": "x-hw", '* ]] ||
@@ -210,6 +215,48 @@ fi
 [[ $said == "line 10: <multicast_address> is the group of the other version"* ]] || fail "$said"
 cp "$work/shipped.xml" "$bin/SLPConf.xml"
 
+say "a second make: the first one's printers are still found, or nothing is written"
+first=()
+for n in 1 2 3; do
+    kestctl port add "FIRST$n" --address "10.77.1.7$n" --mac "00040000007$n" >/dev/null
+    first+=("service:printer first=10.77.1.7$n \
+list=$(announcement "10.77.1.7$n" "00040000007$n" "prn-7$n" Model)")
+done
+agents "${first[@]}" \
+    "service:printer first=10.77.1.70 list=(x-net=10.77.1.70),(x-hw=000400000070),(x-host=prn-70)" \
+    "service:x-acme version=1 first=10.77.1.60 list=(x-net=10.77.1.60),(x-hw=000400000060)"
+set -m # a group of its own, which hears Ctrl-C
+kestctl config learn 10.77.1.70 --write >/dev/null 2>&1 &
+learner=$!
+set +m
+tries=0
+until [ -e "$bin/SLPConf.xml.new" ]; do
+    [ $((tries += 1)) -le 300 ] || fail "kestctl config learn --write tries nothing"
+    sleep 0.05
+done
+kill -INT -- "-$learner"
+code=0
+wait "$learner" || code=$?
+expect "exit code after Ctrl-C" "$code" 130
+cmp "$work/shipped.xml" "$bin/SLPConf.xml" || fail "Ctrl-C leaves another SLPConf.xml"
+[ ! -e "$bin/SLPConf.xml.new" ] || fail "Ctrl-C leaves the file that was tried"
+kestctl config learn 10.77.1.70 --write >"$work/said" 2>&1 || fail "$(cat "$work/said")"
+grep -qF "for other printers of your ports: <ip_addr_key> ip-address, <ip_addr2_key> x-net, \
+<mac_addr_key> mac-address" "$work/said" || fail "what was kept: $(cat "$work/said")"
+expect "printers of both makes" "$(kestctl find --json | grep -c '"address"')" 4
+cp "$bin/SLPConf.xml" "$work/both.xml"
+if kestctl config learn 10.77.1.60 --service service:x-acme --write >"$work/said" 2>&1; then
+    fail "kestctl config learn --write loses printers: $(cat "$work/said")"
+fi
+grep -qx "3 printers of your ports would no longer be found" "$work/said" ||
+    fail "what would be lost: $(cat "$work/said")"
+cmp "$work/both.xml" "$bin/SLPConf.xml" || fail "kestctl config learn --write loses printers"
+kestctl config learn 10.77.1.60 --service service:x-acme --write --force >/dev/null
+expect "printers of the forced make" "$(kestctl find --json | grep -c '"address"')" 1
+kestctl config restore >/dev/null
+cmp "$work/both.xml" "$bin/SLPConf.xml" || fail "kestctl config restore brings back another file"
+cp "$work/shipped.xml" "$bin/SLPConf.xml"
+
 say "kestctl find --watch: printers come, one moves, one goes"
 home() {
     agents "service:printer first=10.77.1.61 list=$(announcement "$1" 000400000061 prn-61 Model)" "${@:2}"
@@ -235,6 +282,15 @@ expect "events" "$(wc -l <"$work/watched")" 4
 kill -INT -- "-$watcher"
 watched '"came":2,"event":"end","here":1,"moved":1,.*"went":1}'
 wait "$watcher" || fail "kestctl find --watch ends with $?"
+announce "$(announcement 10.77.9.1 000400000061 prn-61 Model)" \
+    "$(announcement 10.77.9.2 000400000062 prn-62 Model)"
+{
+    code=0
+    kestctl find --watch --json || code=$?
+    echo "$code" >"$work/code"
+} 2>"$work/errors" | head -1 >"$work/watched"
+expect "exit code with a closed output" "$(cat "$work/code" "$work/errors")" 0
+grep -q '"came"' "$work/watched" || fail "what head keeps: $(cat "$work/watched")"
 
 say "it is where it was, and takes no job"
 printers_off

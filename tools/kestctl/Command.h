@@ -47,6 +47,12 @@ bool HasPrintedJson();
 void PrintTable(const std::vector<std::string>& heading,
                 const std::vector<std::vector<std::string>>& rows, std::ostream& out = std::cout);
 
+// A table's cell for a text that may come from the network; "-" if it is empty.
+std::string Cell(const std::string& text);
+
+// "1 printer", "2 printers".
+std::string Count(size_t number, const std::string& what);
+
 // Gives a command its example, shown by its own help and by that of the whole program.
 //   line: the arguments behind "kestctl ".
 void AddExample(CLI::App& command, const std::string& line);
@@ -100,7 +106,8 @@ void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);
 void AddFindCommand(CLI::App& app);
-void AddConfigCommands(CLI::App& app);
+void AddConfigCommands(CLI::App& app, const ChannelFactory& openChannel);
+void AddConfigLearn(CLI::App& config, const ChannelFactory& openChannel);
 void AddSettingsCommands(CLI::App& app);
 void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine);

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <future>
 
+#include "address/AddressText.h"
 #include "address/MacAddress.h"
 #include "admin/CommandFailed.h"
 #include "admin/PortSettings.h"
@@ -21,6 +22,10 @@ std::string Lower(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(),
                    [](unsigned char letter) { return std::tolower(letter); });
     return text;
+}
+
+bool SameTag(const std::string& one, const std::string& other) {
+    return Lower(one) == Lower(other);
 }
 
 bool HasOneOf(const std::string& tag, std::initializer_list<const char*> words) {
@@ -55,7 +60,7 @@ SLPBoolean TakeAnswer(SLPHandle, const char* list, SLPError code, void* cookie) 
             const std::string tag(attribute->tag);
             if (attribute->whole &&
                 std::none_of(attributes.begin(), attributes.end(),
-                             [&](const auto& other) { return Lower(other.first) == Lower(tag); })) {
+                             [&](const auto& other) { return SameTag(other.first, tag); })) {
                 attributes.emplace_back(tag, slp::Unescape(attribute->value));
             }
         }
@@ -89,7 +94,7 @@ struct Candidate {
     std::string tag;
     std::string value;
     std::string why;
-    int rank;  // the highest is taken, the first among equals
+    int rank;  // the highest is taken; among equals the present file's tag, or the first
 };
 
 struct Field {
@@ -122,11 +127,20 @@ bool IsDeviceIdentifier(const std::string& value) {
     return make && model;
 }
 
+// An IPv4 address without leading zeros and without a port number.
+std::string Plain(const std::string& text) {
+    std::string plain;
+    if (IsIPv4AddressText(text)) {
+        NormalizeAddressText(text.substr(0, text.find(':')), plain, false);
+    }
+    return plain;
+}
+
 class Learner {
   public:
     Learner(const SearchAnswer& answer, const IPAddress& address, const SearchSettings& present,
             const NameResolver& resolve)
-        : answer_(answer), address_(address), resolve_(resolve) {
+        : answer_(answer), address_(address), present_(present), resolve_(resolve) {
         for (const std::string& value : present) {
             learned_.elements.push_back({value, "", "nothing fits; as the file has it", false});
         }
@@ -183,8 +197,13 @@ class Learner {
         }
         const bool named = HasOneOf(tag, {"ip", "addr"}) &&
                            !HasOneOf(tag, {"gate", "mask", "dns", "route", "server", "wins"});
-        if (address == address_) {
-            Add(kIpAddrKey, tag, value, "its own address", named ? 2 : 1);
+        const std::string problem = AddressProblem(value);
+        if (!problem.empty()) {
+            learned_.remarks.push_back(Quoted(tag) + " is " + Shown(value) + ", " + problem +
+                                       ": no port can follow a printer by it");
+        }
+        if (address == address_ || IPAddress(Plain(value)) == address_) {
+            Add(kIpAddrKey, tag, value, "its own address", !problem.empty() ? 0 : named ? 2 : 1);
         } else if (named) {
             Add(kIpAddr2Key, tag, value, "another address, by its value and tag", 1);
         }
@@ -253,9 +272,11 @@ class Learner {
         if (all.empty()) {
             return;
         }
-        const auto best = std::max_element(
-            all.begin(), all.end(),
-            [](const Candidate& a, const Candidate& b) { return a.rank < b.rank; });
+        const auto best =
+            std::max_element(all.begin(), all.end(), [&](const Candidate& a, const Candidate& b) {
+                return a.rank < b.rank || (a.rank == b.rank && !SameTag(a.tag, present_[element]) &&
+                                           SameTag(b.tag, present_[element]));
+            });
         learned_.elements[element] = {best->tag, Shown(best->value), best->why, true};
         if (element == kDeviceIdKey) {
             whole_ = best->value;
@@ -263,7 +284,9 @@ class Learner {
         for (auto other = all.begin(); other != all.end(); ++other) {
             if (other != best) {
                 const char* reason = other->rank < best->rank ? "by tag and value the better one"
-                                                              : "the first of the two";
+                                     : SameTag(best->tag, present_[element])
+                                         ? "as the file has it"
+                                         : "the first of the two";
                 learned_.remarks.push_back(Quoted(other->tag) + " fits <" + NameOf(element) +
                                            ">, too (" + Shown(other->value) + "); taken is " +
                                            Quoted(best->tag) + ", " + reason);
@@ -299,6 +322,7 @@ class Learner {
 
     const SearchAnswer& answer_;
     const IPAddress& address_;
+    const SearchSettings& present_;
     const NameResolver& resolve_;
     size_t namesAsked_ = 0;
     std::string whole_;  // the identifier
@@ -341,4 +365,48 @@ std::vector<SearchAnswer> AskEverything(const IPAddress& address,
 LearnedSettings Learn(const SearchAnswer& answer, const IPAddress& address,
                       const SearchSettings& present, const NameResolver& resolve) {
     return Learner(answer, address, present, resolve).All();
+}
+
+std::string AddressProblem(const std::string& text) {
+    if (!IsIPv4AddressText(text)) {
+        return {};
+    }
+    if (text.find(':') != std::string::npos) {
+        return "an address with a port number";
+    }
+    return Plain(text) != text ? "an address with leading zeros" : "";
+}
+
+SearchSettings KeepPresent(const LearnedSettings& learned, const SearchAnswer& answer,
+                           const SearchSettings& present) {
+    const auto& elements = learned.elements;
+    SearchSettings settings = learned.Settings();
+    const auto isFree = [&](SearchElement element) {
+        return !present[element].empty() &&
+               std::none_of(answer.attributes.begin(), answer.attributes.end(),
+                            [&](const auto& attribute) {
+                                return SameTag(attribute.first, present[element]);
+                            });
+    };
+    const auto keep = [&](SearchElement element) { settings[element] = present[element]; };
+    const auto isNew = [&](SearchElement element) {
+        return elements[element].recognised && !SameTag(elements[element].value, present[element]);
+    };
+    if (isNew(kIpAddrKey) && isFree(kIpAddrKey)) {
+        settings[kIpAddr2Key] = settings[kIpAddrKey];
+        keep(kIpAddrKey);
+    }
+    // The printer is found by one of the two.
+    if (isNew(kHostNameKey) && isFree(kHostNameKey) && elements[kMacAddrKey].recognised &&
+        !isNew(kMacAddrKey)) {
+        keep(kHostNameKey);
+    } else if (isNew(kMacAddrKey) && isFree(kMacAddrKey) && elements[kHostNameKey].recognised) {
+        keep(kMacAddrKey);
+    }
+    if (isNew(kDeviceIdKey) && isFree(kDeviceIdKey)) {
+        keep(kDeviceIdKey);
+        keep(kModelKey);
+        keep(kDescriptionKey);
+    }
+    return settings;
 }

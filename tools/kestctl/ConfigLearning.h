@@ -32,6 +32,10 @@ struct LearnedSettings {
     size_t Recognised() const;
 };
 
+// Returns why jobs do not reach a printer that announces this text as its address, although a
+// search finds it: the monitor stores the announced text. Empty if they do.
+std::string AddressProblem(const std::string& text);
+
 // The address of a host name; invalid when it has none.
 using NameResolver = std::function<IPAddress(const std::string& name)>;
 
@@ -45,3 +49,9 @@ std::vector<SearchAnswer> AskEverything(const IPAddress& address,
 //   present: the values to keep where nothing is recognised.
 LearnedSettings Learn(const SearchAnswer& answer, const IPAddress& address,
                       const SearchSettings& present, const NameResolver& resolve);
+
+// Returns the present settings, changed as little as finding this printer takes, so that printers
+// of another make are still found: its address can stand in the second address's element, and a MAC
+// address or a host name is enough. What the file can name only once is the learned value.
+SearchSettings KeepPresent(const LearnedSettings& learned, const SearchAnswer& answer,
+                           const SearchSettings& present);

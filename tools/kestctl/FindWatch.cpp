@@ -2,6 +2,7 @@
 
 #include <winsock2.h>
 #include <windows.h>
+#include <winternl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -145,13 +146,37 @@ class Watch {
     size_t moved_ = 0;
 };
 
+// What ntdll reports of a pipe; the SDK's headers do not declare it.
+struct PipeInformation {
+    ULONG type, configuration, maximumInstances, currentInstances, inboundQuota, readAvailable,
+        outboundQuota, writeQuota, state, end;
+};
+static_assert(sizeof(PipeInformation) == 40);
+constexpr auto kPipeInformation = static_cast<FILE_INFORMATION_CLASS>(24);
+constexpr ULONG kConnected = 3;
+
 }  // namespace
+
+bool OutputIsClosed() {
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    if (GetFileType(output) != FILE_TYPE_PIPE) {
+        return false;
+    }
+    IO_STATUS_BLOCK status = {};
+    PipeInformation pipe = {};
+    return !std::cout ||
+           (NtQueryInformationFile(output, &status, &pipe, sizeof(pipe), kPipeInformation) == 0 &&
+            pipe.state != kConnected);
+}
 
 void WatchPrinters(const std::string& modelPattern, bool json) {
     const Interruption interruption;
     Progress progress(!json);
     Watch watch(json);
-    for (bool first = true; !interruption.Requested(); first = false) {
+    const auto isOver = [&interruption] {
+        return interruption.Requested() || !std::cout || OutputIsClosed();
+    };
+    for (bool first = true; !isOver(); first = false) {
         const auto next = Clock::now() + kBetween;
         try {
             FindPrinters(
@@ -162,11 +187,11 @@ void WatchPrinters(const std::string& modelPattern, bool json) {
                 },
                 [&] {
                     progress.Show("watching, " + watch.Here());
-                    return !interruption.Requested();
+                    return !isOver();
                 });
             progress.Clear();
             // A round that was cut short says nothing of who does not answer.
-            if (!interruption.Requested()) {
+            if (!isOver()) {
                 watch.RoundIsOver();
             }
         } catch (const CommandFailed& failed) {
@@ -177,11 +202,17 @@ void WatchPrinters(const std::string& modelPattern, bool json) {
             }
             std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
         }
-        while (!interruption.Requested() && Clock::now() < next) {
+        while (!isOver() && Clock::now() < next) {
             progress.Show("watching, " + watch.Here());
             Sleep(kPause);
         }
     }
     progress.Clear();
+    if (OutputIsClosed()) {
+        // Not a failure to write: the reader has read all that it wants.
+        static std::ostringstream discarded;
+        std::cout.rdbuf(discarded.rdbuf());
+        return;
+    }
     watch.Summary();
 }

@@ -145,6 +145,14 @@ void PrintTable(const std::vector<std::string>& heading,
     }
 }
 
+std::string Cell(const std::string& text) {
+    return text.empty() ? "-" : Printable(text);
+}
+
+std::string Count(size_t number, const std::string& what) {
+    return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");
+}
+
 void AddExample(CLI::App& command, const std::string& line) {
     command.footer("Example:\n  kestctl " + line);
 }

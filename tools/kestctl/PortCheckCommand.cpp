@@ -43,6 +43,10 @@ std::string StateText(PortState state) {
             return "moved";
         case PortState::AnotherPrinter:
             return "another printer";
+        case PortState::NotRecognised:
+            return "not recognised";
+        case PortState::NoConfiguration:
+            return "no configuration";
         case PortState::CannotFollow:
             return "cannot follow";
         case PortState::NotConfigured:
@@ -210,7 +214,8 @@ void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
                               : "")
                       << '\n';
         } else if (connected) {
-            std::cout << "who answers: unknown, it "
+            std::cout << "who answers: unknown"
+                      << (port.state == PortState::NoConfiguration ? ": " : ", it ")
                       << (port.detail.empty() ? "gives neither MAC address nor name" : port.detail)
                       << '\n';
         }

@@ -8,6 +8,7 @@
 #include <cctype>
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 #include "admin/CommandFailed.h"
 #include "admin/Text.h"
@@ -22,7 +23,7 @@ constexpr size_t kKeyLength = 3;          // of the identifier's fields, "MDL"
 constexpr size_t kLongestTag = 100;       // of an attribute, in the file
 constexpr char kBlanks[] = " \t\r\n";
 constexpr size_t kDepth = 4;  // of elements within elements that are looked at
-constexpr int kKeptFiles = 1000;
+constexpr int kKeptFiles = 100;
 
 constexpr struct {
     const char* name;
@@ -321,22 +322,46 @@ std::string ReadWhole(const std::wstring& path) {
                         code == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
 }
 
-// Copies a file beside itself, under the first name that is free.
-std::wstring Keep(const std::wstring& path) {
-    for (int number = 1; number <= kKeptFiles; ++number) {
-        const std::wstring kept = path + L".old" + (number == 1 ? L"" : std::to_wstring(number));
-        if (CopyFileW(path.c_str(), kept.c_str(), TRUE)) {
-            return kept;
-        }
-        if (GetLastError() == ERROR_FILE_NOT_FOUND) {
-            return {};
-        }
-        if (GetLastError() != ERROR_FILE_EXISTS) {
-            FailToWrite(kept);
-        }
+bool Exists(const std::wstring& path) {
+    return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+}
+
+std::wstring KeptPath(const std::wstring& path, int number) {
+    return path + L".old" + (number == 1 ? L"" : std::to_wstring(number));
+}
+
+// The highest number of a kept version; 0 if there is none.
+int LatestKept(const std::wstring& path) {
+    int number = kKeptFiles;
+    while (number > 0 && !Exists(KeptPath(path, number))) {
+        --number;
     }
-    throw CommandFailed("there are " + std::to_string(kKeptFiles) + " kept files beside " +
-                        ToUtf8(path) + " already: take some away");
+    return number;
+}
+
+// Copies a file beside itself, under the next number. Returns the copy's path; empty if there is no
+// file.
+std::wstring Keep(const std::wstring& path) {
+    const int number = LatestKept(path) + 1;
+    if (number > kKeptFiles) {
+        throw CommandFailed("There are " + std::to_string(kKeptFiles) + " kept files beside " +
+                            ToUtf8(path) + ". Delete those that you do not need");
+    }
+    const std::wstring kept = KeptPath(path, number);
+    if (CopyFileW(path.c_str(), kept.c_str(), TRUE)) {
+        return kept;
+    }
+    if (GetLastError() != ERROR_FILE_NOT_FOUND) {
+        FailToWrite(kept);
+    }
+    return {};
+}
+
+void Move(const std::wstring& from, const std::wstring& to) {
+    if (!MoveFileExW(from.c_str(), to.c_str(),
+                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
+        FailToWrite(to);
+    }
 }
 
 void WriteWhole(const std::wstring& path, const std::string& content) {
@@ -440,18 +465,25 @@ std::string ToXml(const SearchSettings& settings) {
     return xml + "  </attr_parsing_info>\n</slp_config>\n";
 }
 
-std::wstring ReplaceSearchFile(const std::wstring& path, const std::string& xml) {
-    const std::wstring fresh = path + L".new";
-    WriteWhole(fresh, xml);
-    std::wstring kept;
+NewSearchFile::NewSearchFile(std::wstring path, const std::string& xml)
+    : path_(std::move(path)), fresh_(path_ + L".new") {
     try {
-        kept = Keep(path);
-        if (!MoveFileExW(fresh.c_str(), path.c_str(),
-                         MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH)) {
-            FailToWrite(path);
-        }
+        WriteWhole(fresh_, xml);
     } catch (...) {
-        DeleteFileW(fresh.c_str());
+        DeleteFileW(fresh_.c_str());
+        throw;
+    }
+}
+
+NewSearchFile::~NewSearchFile() {
+    DeleteFileW(fresh_.c_str());
+}
+
+std::wstring NewSearchFile::Install() {
+    std::wstring kept = Keep(path_);
+    try {
+        Move(fresh_, path_);
+    } catch (...) {
         if (!kept.empty()) {
             DeleteFileW(kept.c_str());
         }
@@ -460,12 +492,27 @@ std::wstring ReplaceSearchFile(const std::wstring& path, const std::string& xml)
     return kept;
 }
 
-void RestoreSearchFile(const std::wstring& path, const std::wstring& kept) {
-    const bool done = kept.empty()
-                          ? DeleteFileW(path.c_str())
-                          : MoveFileExW(kept.c_str(), path.c_str(),
-                                        MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
-    if (!done) {
-        FailToWrite(path);
+std::wstring RestorePreviousFile(const std::wstring& path) {
+    const int number = LatestKept(path);
+    if (number == 0) {
+        throw CommandFailed("There is no previous version of " + ToUtf8(path) + ": no file " +
+                            ToUtf8(KeptPath(path, 1)));
     }
+    const std::wstring kept = KeptPath(path, number);
+    if (!Exists(path)) {
+        Move(kept, path);
+        return kept;
+    }
+    const std::wstring aside = path + L".new";
+    if (!CopyFileW(path.c_str(), aside.c_str(), FALSE)) {
+        FailToWrite(aside);
+    }
+    try {
+        Move(kept, path);
+    } catch (...) {
+        DeleteFileW(aside.c_str());
+        throw;
+    }
+    Move(aside, kept);
+    return kept;
 }

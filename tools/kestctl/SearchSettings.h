@@ -55,11 +55,29 @@ const char* GroupOf(const std::string& version);
 // The file that says just this.
 std::string ToXml(const SearchSettings& settings);
 
-// Puts a file into the place of the one that is there, as a whole or not at all. Returns the path
-// under which the old one is kept, beside it and in nobody's place; empty when there was none.
-// Throws CommandFailed, with nothing changed.
-std::wstring ReplaceSearchFile(const std::wstring& path, const std::string& xml);
+// A new version of a file, written beside it as PATH.new. The search can read it from there before
+// it replaces the file. The destructor deletes it unless it was installed.
+class NewSearchFile {
+  public:
+    // Throws CommandFailed.
+    NewSearchFile(std::wstring path, const std::string& xml);
+    ~NewSearchFile();
+    NewSearchFile(const NewSearchFile&) = delete;
+    NewSearchFile& operator=(const NewSearchFile&) = delete;
 
-// Takes that back. Throws CommandFailed, with the new file still there.
-//   kept: what ReplaceSearchFile returned.
-void RestoreSearchFile(const std::wstring& path, const std::wstring& kept);
+    const std::wstring& Path() const { return fresh_; }
+
+    // Replaces the file, as a whole or not at all. Returns the path under which the old version is
+    // kept: PATH.old, PATH.old2 and so on, one more than the highest number there is; empty if
+    // there was no file. Throws CommandFailed, with nothing changed.
+    std::wstring Install();
+
+  private:
+    const std::wstring path_;
+    const std::wstring fresh_;
+};
+
+// Exchanges a file with its previous version, the kept one with the highest number, so that a
+// second call undoes the first. Returns the path of the kept file. Throws CommandFailed, also if
+// there is no previous version.
+std::wstring RestorePreviousFile(const std::wstring& path);

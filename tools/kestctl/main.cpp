@@ -145,7 +145,7 @@ int Run() {
     AddSlpCommands(app);
     AddSettingsCommands(app);
     AddFindCommand(app);
-    AddConfigCommands(app);
+    AddConfigCommands(app, openChannel);
     WindowsMachine machine;
     AddMonitorCommands(app, openChannel, machine);
     AddSelfTestCommand(app, openChannel);

@@ -1,0 +1,23 @@
+// The printers of the monitor's ports, as a search by an SLPConf.xml finds them.
+#pragma once
+
+#include <vector>
+
+#include "admin/PortSettings.h"
+#include "admin/PrinterIdentity.h"
+#include "admin/SpoolerChannel.h"
+
+// One port for each printer that the ports know by MAC address or host name. Ports with the same of
+// both have the same printer.
+//   following: only ports with AlwaysPrint.
+// Throws CommandFailed.
+std::vector<PortRecords> PrintersOfPorts(SpoolerChannel& channel, bool following);
+
+// Returns how many of these printers a search has found.
+size_t CountFound(const std::vector<PortRecords>& ports,
+                  const std::vector<PrinterIdentity>& printers);
+
+// Returns how many of these printers the second search no longer finds, or finds at an address
+// other than the port's, where the first found it.
+size_t CountLost(const std::vector<PortRecords>& ports, const std::vector<PrinterIdentity>& before,
+                 const std::vector<PrinterIdentity>& after);
