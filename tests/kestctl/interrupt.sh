@@ -42,6 +42,6 @@ interrupt asking port add NEW --follow 10.77.1.2
 interrupt asking port set "DARK-*" --follow --yes
 interrupt planning port migrate --follow --dry-run
 interrupt "[y/N]" port migrate
-interrupt "[y/N]" port delete "DARK-*"
+interrupt "Continue to" port delete "DARK-*"
 interrupt connecting print "Z:$work/ports.csv" --port DARK-1
 [ "$(in_client "${kestctl[@]}" port list | grep -c DARK-)" = 3 ] || fail "the ports were changed"
