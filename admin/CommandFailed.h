@@ -18,6 +18,7 @@ enum class Remedy {
     StartSpooler,    // its service does not run, or its machine is not reached
     InstallMonitor,  // the spooler has not loaded the monitor
     ListPorts,       // there is no port of this name
+    ListStandardPorts,  // there is no standard TCP/IP port of this name
     ChangePort,      // the port `subject` is there already
     ChooseName,      // another monitor has a port of this name
     ShowPort,        // the port `subject` may be half changed

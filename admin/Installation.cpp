@@ -247,26 +247,34 @@ const char* SpoolerWord(ServiceState state) {
     return state == ServiceState::Disabled ? "is disabled" : "does not run";
 }
 
-}  // namespace
-
-void InstallMonitor(Machine& machine, const fs::path& package, bool force, const Report& report) {
+Plan MakePlan(Machine& machine, const fs::path& package, bool force,
+              std::vector<std::string>& lines) {
     CheckMachine(machine);
     const fs::path folder = machine.SystemFolder();
     const FileVersion release = CheckPackage(package, folder);
     Plan plan = {release.Text(), {}, false};
-    std::vector<std::string> lines;
     const Report later = [&lines](const std::string& line) { lines.push_back(line); };
     PlanLibraries(plan, machine, package, release, force, later);
     PlanConfiguration(plan, package, folder, later);
-    if (IsComplete(plan, machine)) {
-        report("kestmon " + plan.version + " is installed already; nothing to do");
-        return;
-    }
-    CheckSpace(plan, folder);
-    report("installing kestmon " + plan.version + " in " + ToUtf8(folder.native()));
-    std::ranges::for_each(lines, report);
-
     plan.stopSpooler = plan.stopSpooler && machine.SpoolerState() == ServiceState::Running;
+    return plan;
+}
+
+// Starts the spooler with the new files.
+void ResumeSpooler(SpoolerPause& pause, Undo& undo) {
+    undo.Add("stop the print spooler", [&pause] {
+        try {
+            pause.Stop();
+        } catch (const CommandFailed&) {
+            return static_cast<DWORD>(ERROR_SERVICE_REQUEST_TIMEOUT);
+        }
+        return static_cast<DWORD>(ERROR_SUCCESS);
+    });
+    Require(pause.Resume(), "the print spooler does not start with the new files");
+}
+
+// Returns true if the spooler has loaded the monitor. Throws CommandFailed when everything is undone.
+bool CarryOut(const Plan& plan, Machine& machine, const Report& report) {
     SpoolerPause pause(machine, report);
     Undo undo;
     bool loaded = false;
@@ -278,25 +286,21 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
         }
         SwapFiles(plan, machine, undo);
         if (plan.stopSpooler) {
-            undo.Add("stop the print spooler", [&pause] {
-                try {
-                    pause.Stop();
-                } catch (const CommandFailed&) {
-                    return static_cast<DWORD>(ERROR_SERVICE_REQUEST_TIMEOUT);
-                }
-                return static_cast<DWORD>(ERROR_SUCCESS);
-            });
-            Require(pause.Resume(), "the print spooler does not start with the new files");
+            ResumeSpooler(pause, undo);
         }
         loaded = Register(machine, undo);
     } catch (const CommandFailed& failed) {
         const std::string left = undo.TakeBack();
-        throw CommandFailed(
-            failed.what() + (left.empty() ? "; everything is as it was before"
-                                          : "; and not all could be taken back" + left),
-            failed.remedy);
+        throw CommandFailed(failed.what() + (left.empty()
+                                                 ? "; everything is as it was before"
+                                                 : "; not all changes could be undone" + left),
+                            failed.remedy);
     }
     undo.Commit();
+    return loaded;
+}
+
+void DiscardOldFiles(const Plan& plan, Machine& machine, const Report& report) {
     for (const NewFile& file : plan.files) {
         for (const fs::path& old : Remains(file.target)) {
             if (const DWORD code = Discard(machine, old, report); code != ERROR_SUCCESS) {
@@ -304,6 +308,32 @@ void InstallMonitor(Machine& machine, const fs::path& package, bool force, const
             }
         }
     }
+}
+
+}  // namespace
+
+void InstallMonitor(Machine& machine, const fs::path& package, const SetupOptions& options,
+                    const Report& report) {
+    std::vector<std::string> lines;
+    const Plan plan = MakePlan(machine, package, options.force, lines);
+    if (IsComplete(plan, machine)) {
+        report("kestmon " + plan.version + " is already installed; nothing to do");
+        return;
+    }
+    const fs::path folder = machine.SystemFolder();
+    CheckSpace(plan, folder);
+    report((options.dryRun ? "would install kestmon " : "installing kestmon ") + plan.version +
+           " in " + ToUtf8(folder.native()));
+    std::ranges::for_each(lines, report);
+    if (options.dryRun) {
+        if (plan.stopSpooler) {
+            report("  the print spooler would be restarted");
+        }
+        report("dry run: nothing was changed");
+        return;
+    }
+    const bool loaded = CarryOut(plan, machine, report);
+    DiscardOldFiles(plan, machine, report);
     report("kestmon " + plan.version + " is installed, " +
            (loaded ? "and the print spooler has loaded it"
                    : std::string("and the print spooler, which ") +

@@ -6,6 +6,7 @@
 
 #include "address/AddressText.h"
 #include "admin/CommandFailed.h"
+#include "admin/Following.h"
 #include "admin/Parallel.h"
 #include "admin/PortStore.h"
 #include "admin/PrinterSearch.h"
@@ -14,6 +15,8 @@
 namespace {
 
 constexpr size_t kAtOnce = 32;
+constexpr char kNamePlaceholder[] = "{name}";
+constexpr char kAddressPlaceholder[] = "{address}";
 
 // Checks a value; throws CommandFailed.
 std::string Checked(const char* what, std::string text, std::string (*check)(std::string&)) {
@@ -30,13 +33,13 @@ void TakeAddress(const StandardPort& port, const MigrationWishes& wishes, PortCh
     if (!IsIPv4AddressText(host) && !IsIPv6AddressText(host)) {
         try {
             host = wishes.resolve(host);
-            remark = port.hostName + " is " + host + " now";
+            remark = port.hostName + " has the address " + host;
         } catch (const CommandFailed&) {
             if (port.address.empty()) {
                 throw;
             }
             host = port.address;
-            remark = port.hostName + " has no address, was " + host;
+            remark = port.hostName + " cannot be resolved, its last address was " + host;
         }
     }
     if (IsIPv4AddressText(host)) {
@@ -53,22 +56,29 @@ void TakeSnmp(const StandardPort& port, PortChange& change) {
     }
 }
 
+void AddRemark(std::string& remark, const std::string& more) {
+    remark += (remark.empty() ? "" : "; ") + more;
+}
+
+// How the LPR protocol of this monitor differs from what the port's users know.
+void WarnOfLpr(bool doubleSpool, std::string& remark) {
+    AddRemark(remark, doubleSpool
+                          ? "WARNING: double spooled, nothing is sent after 2 GiB in total until "
+                            "the spooler restarts"
+                          : "WARNING: not double spooled, each job takes 4 s longer");
+}
+
 void TakeIdentity(const std::string& address, const MigrationWishes& wishes, PortChange& change,
                   std::string& remark) {
     if (!wishes.identify) {
         return;
     }
-    remark += remark.empty() ? "" : "; ";
     try {
         const PrinterIdentity printer = wishes.identify(address);
-        change.mac = printer.mac;
-        if (!printer.hostName.empty()) {
-            change.hostName = printer.hostName;
-        }
-        change.alwaysPrint = true;
-        remark += "follows " + IdentityText(printer);
+        FollowInPlace(printer, {}, change);
+        AddRemark(remark, "follows " + IdentityText(printer));
     } catch (const CommandFailed&) {
-        remark += "does not say who it is: follows nobody";
+        AddRemark(remark, "reports no identity, cannot be followed");
     }
 }
 
@@ -92,6 +102,7 @@ PortRecords Translated(const StandardPort& port, const MigrationWishes& wishes,
             change.queue = Checked("queue", port.queue, CheckQueue);
         }
         change.doubleSpool = port.doubleSpool;
+        WarnOfLpr(port.doubleSpool, remark);
     }
     TakeSnmp(port, change);
     TakeIdentity(change.address.value_or(change.ipv6.value_or("")), wishes, change, remark);
@@ -101,7 +112,7 @@ PortRecords Translated(const StandardPort& port, const MigrationWishes& wishes,
 }
 
 std::string Replaced(std::string text, const std::string& what, const std::string& by) {
-    if (const size_t at = text.find(what); at != std::string::npos) {
+    for (size_t at = 0; (at = text.find(what, at)) != std::string::npos; at += by.size()) {
         text.replace(at, what.size(), by);
     }
     return text;
@@ -109,17 +120,9 @@ std::string Replaced(std::string text, const std::string& what, const std::strin
 
 std::wstring NewName(const StandardPort& port, const std::string& format,
                      const PortRecords& records) {
-    const std::string name =
-        Replaced(Replaced(format, "{address}", AddressInUse(records)), "{name}", ToUtf8(port.name));
+    const std::string name = Replaced(Replaced(format, kAddressPlaceholder, AddressInUse(records)),
+                                      kNamePlaceholder, ToUtf8(port.name));
     return ToWide(Checked(("the name '" + name + "'").c_str(), name, CheckPortName));
-}
-
-std::string Joined(const std::vector<std::wstring>& names) {
-    std::string text;
-    for (const std::wstring& name : names) {
-        text += (text.empty() ? "" : ", ") + ToUtf8(name);
-    }
-    return text;
 }
 
 const Queue* FindQueue(const std::vector<Queue>& queues, const std::wstring& name) {
@@ -191,7 +194,7 @@ void CompareWithPorts(SpoolerChannel& channel, std::vector<Migration>& plan) {
             migration.to = *there;
             migration.isThere = SameSettings(ReadPort(channel, *there), migration.records);
             if (!migration.isThere) {
-                migration.obstacle = "port " + ToUtf8(*there) + " is there with other settings";
+                migration.obstacle = "port " + ToUtf8(*there) + " already exists with other settings";
             }
         } else if (std::any_of(others.begin(), others.end(), sameName)) {
             migration.obstacle = NameTaken(migration.to).what();
@@ -199,21 +202,44 @@ void CompareWithPorts(SpoolerChannel& channel, std::vector<Migration>& plan) {
     }
 }
 
+// The standard ports that names and patterns mean, in their order. Throws CommandFailed.
+std::vector<StandardPort> WantedPorts(SpoolerChannel& channel,
+                                      const std::vector<std::wstring>& wanted) {
+    std::vector<StandardPort> ports = channel.StandardPorts();
+    std::vector<std::wstring> names;
+    for (const StandardPort& port : ports) {
+        names.push_back(port.name);
+    }
+    for (const std::wstring& pattern : wanted) {
+        if (Meant(names, {pattern}, true).empty()) {
+            throw CommandFailed("there is no standard TCP/IP port " + ToUtf8(pattern),
+                                Remedy::ListStandardPorts);
+        }
+    }
+    const std::vector<std::wstring> meant = Meant(names, wanted, true);
+    std::erase_if(ports, [&meant](const StandardPort& port) {
+        return std::find(meant.begin(), meant.end(), port.name) == meant.end();
+    });
+    return ports;
+}
+
 }  // namespace
+
+std::string CheckNameFormat(std::string& format) {
+    const std::string rest =
+        Replaced(Replaced(format, kNamePlaceholder, ""), kAddressPlaceholder, "");
+    if (const size_t at = rest.find_first_of("{}"); at != std::string::npos) {
+        const size_t end = rest.find('}', at);
+        return "has the unknown placeholder " +
+               rest.substr(at, end == std::string::npos ? end : end - at + 1) +
+               "; the placeholders are {name} and {address}";
+    }
+    return format.empty() ? "must not be empty" : "";
+}
 
 std::vector<Migration> PlanMigration(SpoolerChannel& channel, const MigrationWishes& wishes,
                                      const std::function<void(size_t, size_t)>& tell) {
-    const std::vector<StandardPort> all = channel.StandardPorts();
-    std::vector<std::wstring> names;
-    for (const StandardPort& port : all) {
-        names.push_back(port.name);
-    }
-    const std::vector<std::wstring> wanted = Meant(names, wishes.wanted);
-    std::vector<StandardPort> ports;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(ports), [&](const StandardPort& port) {
-        return std::find(wanted.begin(), wanted.end(), port.name) != wanted.end();
-    });
-
+    const std::vector<StandardPort> ports = WantedPorts(channel, wishes.wanted);
     const std::vector<Queue> queues = channel.Queues();
     std::vector<Migration> plan(ports.size());
     const auto planOne = [&](size_t at) {
@@ -230,15 +256,10 @@ std::vector<Migration> PlanMigration(SpoolerChannel& channel, const MigrationWis
     ForEach(ports.size(), kAtOnce, planOne, [&](size_t done) { tell(done, ports.size()); });
     CompareWithPorts(channel, plan);
     for (Migration& migration : plan) {
-        std::vector<std::wstring> busy;
-        for (const std::wstring& name : migration.queues) {
-            if (FindQueue(queues, name)->jobs != 0) {
-                busy.push_back(name);
-            }
-        }
-        if (migration.obstacle.empty() && !busy.empty()) {
-            migration.remark += (migration.remark.empty() ? "" : "; ") +
-                                std::string("jobs wait in ") + Joined(busy) + ", left alone";
+        migration.busy = BusyQueues(queues, migration.queues);
+        if (migration.obstacle.empty() && !migration.busy.empty()) {
+            AddRemark(migration.remark,
+                      "print jobs wait in " + JoinedNames(migration.busy) + ", which stays");
         }
     }
     return plan;
@@ -261,11 +282,12 @@ MigrationResult Migrate(SpoolerChannel& channel, const Migration& migration) {
             if (made && back.waiting.empty()) {
                 DeletePort(channel, migration.to);
             }
-            result.failure += back.waiting.empty() ? "; it is as it was"
-                                                   : "; " + Joined(back.waiting) +
-                                                         " has jobs by now, and stays moved";
+            result.failure += back.waiting.empty() ? "; all changes were undone"
+                                                   : "; print jobs arrived in " +
+                                                         JoinedNames(back.waiting) +
+                                                         ", which stays moved";
         } catch (const CommandFailed& stays) {
-            result.failure += "; not all could be taken back: " + std::string(stays.what());
+            result.failure += "; not all changes could be undone: " + std::string(stays.what());
         }
         result.moved = back.waiting;
     }
@@ -276,18 +298,20 @@ MigrationResult Undo(SpoolerChannel& channel, const Migration& migration) {
     MigrationResult result;
     try {
         MoveAll(channel, migration.queues, migration.to, migration.from, result);
+        result.changed = !result.moved.empty();
         const std::optional<std::wstring> there = PortCalled(channel, migration.to);
         if (migration.isThere || !there) {
             return result;
         }
         if (const auto users = QueuesOn(channel.Queues(), migration.to); !users.empty()) {
-            result.failure = "port " + ToUtf8(migration.to) + " stays: " + Joined(users) +
+            result.failure = "port " + ToUtf8(migration.to) + " stays: " + JoinedNames(users) +
                              (users.size() == 1 ? " prints" : " print") + " to it";
         } else if (!IsAsMade(ReadPort(channel, *there), migration.records)) {
             result.failure = "port " + ToUtf8(migration.to) +
-                             " stays: it has other settings than the migration gave it";
+                             " stays: its settings were changed since the migration";
         } else {
             DeletePort(channel, *there);
+            result.changed = true;
         }
     } catch (const CommandFailed& failed) {
         result.failure = failed.what();

@@ -19,6 +19,10 @@ struct Migration {
     bool isThere = false;              // the port was made before, and stays as it is
     std::string obstacle = {};         // why nothing is done; empty: it is done
     std::string remark = {};           // what else is to be said
+    std::vector<std::wstring> busy = {};  // those of the queues that have jobs, and stay
+
+    // True if Migrate would change anything.
+    bool HasWork() const { return obstacle.empty() && (!isThere || queues.size() > busy.size()); }
 };
 
 // What a plan is made by.
@@ -29,6 +33,9 @@ struct MigrationWishes {
     // The IPv4 or IPv6 address of a host name; throws CommandFailed where it has none.
     std::function<std::string(const std::string& name)> resolve;
 };
+
+// Checks a format of names: returns what is wrong with it, or nothing.
+std::string CheckNameFormat(std::string& format);
 
 // Plans what Migrate will do, in the order of the standard ports. Printers are asked, and names
 // resolved, 32 at a time.
@@ -42,6 +49,7 @@ struct MigrationResult {
     std::vector<std::wstring> moved;    // queues
     std::vector<std::wstring> waiting;  // queues that have jobs, and were left alone
     std::string failure;                // why all was taken back; empty: it is done
+    bool changed = false;               // whether there was anything to do; set by Undo
 };
 
 // Makes the port and moves its queues. Where that fails, the queues are moved back and the port is

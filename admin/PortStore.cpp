@@ -68,6 +68,9 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     if (name.size() >= std::size(records.standard.sztPortName)) {
         throw CommandFailed(failure + ": its name is too long for the configuration record");
     }
+    // The records may bear the name of the port that they were read from.
+    std::ranges::fill(records.standard.sztPortName, L'\0');
+    std::ranges::fill(records.extended.sztPortName, L'\0');
     name.copy(records.standard.sztPortName, name.size());
     name.copy(records.extended.sztPortName, name.size());
     Require(channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
@@ -77,8 +80,8 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
         failure);
     if (!SameSettings(ReadPort(channel, name), records)) {
         throw CommandFailed(failure +
-                            ": the registry did not take all values; may the account "
-                            "write the monitor's registry key?");
+                            ": the registry did not store all values. Check that the account may "
+                            "write to the monitor's registry key");
     }
 }
 
@@ -149,6 +152,23 @@ std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
     return Meant(channel.PortNames(), wanted, mayMiss);
 }
 
+std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& ports,
+                                           const std::vector<std::wstring>& wanted) {
+    std::vector<std::wstring> matched;
+    std::copy_if(
+        ports.begin(), ports.end(), std::back_inserter(matched),
+        [&wanted](const std::wstring& port) { return WithName(wanted, port) == wanted.end(); });
+    return matched;
+}
+
+std::string JoinedNames(const std::vector<std::wstring>& names) {
+    std::string text;
+    for (const std::wstring& name : names) {
+        text += (text.empty() ? "" : ", ") + ToUtf8(name);
+    }
+    return text;
+}
+
 std::vector<std::wstring> PortsIn(const std::wstring& text) {
     std::vector<std::wstring> ports;
     std::wistringstream stream(text);
@@ -168,6 +188,17 @@ std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::
     return names;
 }
 
+std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
+                                     const std::vector<std::wstring>& names) {
+    std::vector<std::wstring> busy;
+    for (const Queue& queue : queues) {
+        if (queue.jobs != 0 && WithName(names, queue.name) != names.end()) {
+            busy.push_back(queue.name);
+        }
+    }
+    return busy;
+}
+
 PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
     const std::string failure = "port " + ToUtf8(name) + " cannot be read";
     PortRecords records;
@@ -181,16 +212,28 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
 
 CommandFailed NameTaken(const std::wstring& name) {
     return CommandFailed(
-        "the name " + ToUtf8(name) + " is that of another monitor's port: choose another",
+        "the name " + ToUtf8(name) + " belongs to a port of another monitor. Choose another name",
         Remedy::ChooseName);
 }
 
-void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
-    const std::vector<std::wstring> names = channel.PortNames();
-    if (const auto found = WithName(names, name); found != names.end()) {
-        throw CommandFailed("port " + ToUtf8(*found) + " is already there", Remedy::ChangePort,
-                            *found);
+namespace {
+void RequireNoOwnPort(SpoolerChannel& channel, const std::wstring& name, Remedy remedy) {
+    if (const auto there = PortCalled(channel, name)) {
+        throw CommandFailed("port " + ToUtf8(*there) + " already exists", remedy, *there);
     }
+}
+}  // namespace
+
+void RequireFreeName(SpoolerChannel& channel, const std::wstring& name, Remedy remedy) {
+    RequireNoOwnPort(channel, name, remedy);
+    const std::vector<std::wstring> others = channel.OtherPortNames();
+    if (WithName(others, name) != others.end()) {
+        throw NameTaken(name);
+    }
+}
+
+void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
+    RequireNoOwnPort(channel, name, Remedy::ChangePort);
     const DWORD code = SendName(channel, L"AddPort", name);
     if (code == ERROR_ALREADY_EXISTS) {
         throw NameTaken(name);
@@ -203,10 +246,10 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
             DeletePort(channel, name);
         } catch (const CommandFailed& stays) {
             throw CommandFailed(
-                std::string(failed.what()) + "; what was made of it stays, because " + stays.what(),
+                std::string(failed.what()) + "; the incomplete port remains: " + stays.what(),
                 Remedy::DeletePort, name);
         }
-        throw CommandFailed(std::string(failed.what()) + "; the port was taken away again",
+        throw CommandFailed(std::string(failed.what()) + "; the port was deleted again",
                             failed.remedy);
     }
 }
@@ -221,7 +264,7 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
         } catch (const CommandFailed&) {
             throw CommandFailed(failed.what(), Remedy::ShowPort, name);
         }
-        throw CommandFailed(std::string(failed.what()) + "; what was there before stands again",
+        throw CommandFailed(std::string(failed.what()) + "; the previous settings were restored",
                             failed.remedy);
     }
 }
@@ -242,12 +285,12 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
     } catch (const CommandFailed& failed) {
         const std::string stay = TakeBack(channel, steps, done);
         throw CommandFailed(std::string(failed.what()) + "; " +
-                                (stay.empty() ? "the other ports are as they were"
-                                              : "could not be taken back: " + stay),
+                                (stay.empty() ? "all changes were undone"
+                                              : "these changes could not be undone: " + stay),
                             failed.remedy, failed.subject);
     } catch (...) {
         if (const std::string stay = TakeBack(channel, steps, done); !stay.empty()) {
-            throw CommandFailed("stopped; could not be taken back: " + stay);
+            throw CommandFailed("stopped; these changes could not be undone: " + stay);
         }
         throw;
     }

@@ -35,11 +35,22 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
 std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
                                     const std::vector<std::wstring>& wanted, bool mayMiss = false);
 
+// Those of the ports that only a pattern matched, without those that were named.
+std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& ports,
+                                           const std::vector<std::wstring>& wanted);
+
+// Names for a message: "A, B".
+std::string JoinedNames(const std::vector<std::wstring>& names);
+
 // The ports in a queue's port text, "LPT1:" or "LPT1:,OFFICE".
 std::vector<std::wstring> PortsIn(const std::wstring& text);
 
 // The queues among these that print to a port, by name.
 std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port);
+
+// Those of the named queues that have print jobs.
+std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
+                                     const std::vector<std::wstring>& names);
 
 // Reads both records of a port. A port that was added but never configured reads as all zero.
 // Throws CommandFailed.
@@ -47,6 +58,10 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name);
 
 // How a port fails whose name one of another monitor has.
 CommandFailed NameTaken(const std::wstring& name);
+
+// Throws CommandFailed if a port of this name exists, of this monitor (with this remedy) or another.
+void RequireFreeName(SpoolerChannel& channel, const std::wstring& name,
+                     Remedy remedy = Remedy::ChangePort);
 
 // Makes a port with its configuration, or, when any step fails, nothing.
 // Throws CommandFailed.

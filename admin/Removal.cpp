@@ -70,6 +70,28 @@ std::vector<fs::path> InstalledFiles(Machine& machine, const Report& report) {
     return files;
 }
 
+void ReportRemoval(const std::vector<fs::path>& files, size_t ports, const Report& report) {
+    report("would unregister the monitor and delete its ports: " + std::to_string(ports));
+    for (const fs::path& file : files) {
+        report("would delete " + ToUtf8(file.native()));
+    }
+    report("dry run: nothing was changed");
+}
+
+// Returns what could not be deleted, each with a leading "; ".
+std::string DiscardAll(Machine& machine, std::vector<fs::path> files, const Report& report) {
+    for (const fs::path& folder : machine.TemporaryFolders()) {
+        files.push_back(folder / kLogFile);
+    }
+    std::string failures;
+    for (const fs::path& file : files) {
+        if (const DWORD code = Discard(machine, file, report); code != ERROR_SUCCESS) {
+            failures += "; " + ToUtf8(file.native()) + ": " + ErrorText(code);
+        }
+    }
+    return failures;
+}
+
 }  // namespace
 
 bool HasOwnConfiguration(Machine& machine) {
@@ -87,30 +109,25 @@ void CheckRemoval(Machine& machine, bool force) {
         }
     }
     if (!users.empty() && !force) {
-        throw CommandFailed("printers print to its ports: " + users, Remedy::MoveQueues);
+        throw CommandFailed("printers use its ports: " + users, Remedy::MoveQueues);
     }
 }
 
-void RemoveMonitor(Machine& machine, bool force, const Report& report) {
-    CheckRemoval(machine, force);
+void RemoveMonitor(Machine& machine, const SetupOptions& options, const Report& report) {
+    CheckRemoval(machine, options.force);
     const std::vector<fs::path> files = InstalledFiles(machine, report);
     if (files.empty() && !MonitorKeyExists(machine)) {
         report("kestmon is not installed; nothing to do");
         return;
     }
     const size_t ports = StoredPorts(machine).size();
-    Unregister(machine, force, report);
-    report("the monitor is no longer registered; its ports are gone: " + std::to_string(ports));
-    std::string failures;
-    const auto discard = [&](const fs::path& file) {
-        if (const DWORD code = Discard(machine, file, report); code != ERROR_SUCCESS) {
-            failures += "; " + ToUtf8(file.native()) + ": " + ErrorText(code);
-        }
-    };
-    std::ranges::for_each(files, discard);
-    for (const fs::path& folder : machine.TemporaryFolders()) {
-        discard(folder / kLogFile);
+    if (options.dryRun) {
+        ReportRemoval(files, ports, report);
+        return;
     }
+    Unregister(machine, options.force, report);
+    report("the monitor is no longer registered; deleted ports: " + std::to_string(ports));
+    const std::string failures = DiscardAll(machine, files, report);
     for (const auto& [folder, count] : LeftoverJobs(machine)) {
         report("  " + ToUtf8(folder.native()) + " holds " + std::to_string(count) +
                " files NPM*.tmp: data of jobs that a daemon never took, unless another program "

@@ -57,13 +57,13 @@ TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "--dry-run"}),
                 AllOf(HasSubstr("LABELS         LABELS-kestmon       lpr to 127.0.0.1:515, queue "
                                 "zebra, double spooled  Pool "),
-                      HasSubstr("localhost is 127.0.0.1 now"), HasSubstr("LEFT ALONE: protocol 7"),
+                      HasSubstr("localhost has the address 127.0.0.1"), HasSubstr("NOT MIGRATED: protocol 7"),
                       HasSubstr("jobs wait in Busy")));
     EXPECT_THAT(Failure(monitor, {"port", "migrate"}), HasSubstr("--yes"));
     EXPECT_EQ(State(monitor), before);
 
     EXPECT_THAT(Failure(monitor, {"port", "migrate", "--yes", "--undo-file", file.Name()}),
-                HasSubstr("not all ports are migrated"));
+                HasSubstr("2 ports could not be migrated"));
     EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1-kestmon"));
     EXPECT_THAT(monitor.queues[2].ports, ElementsAre(L"IP_10.0.0.4"));
     EXPECT_EQ(Destination(monitor.ports[L"LABELS-kestmon"]),
@@ -77,10 +77,131 @@ TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     Failure(monitor, {"port", "migrate", "--yes", "--undo-file", second.Name()});
     EXPECT_THAT(monitor.queues[2].ports, ElementsAre(L"IP_10.0.0.4-kestmon"));
     // The first file gives that printer back, too.
-    Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
+    const std::string after = State(monitor);
+    const std::vector<std::string> undo = {"port", "migrate", "--undo", file.Name()};
+    EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "--undo", file.Name(), "--dry-run"}),
+                AllOf(HasSubstr("IP_10.0.0.4-kestmon  IP_10.0.0.4"), HasSubstr("Dry run")));
+    EXPECT_EQ(State(monitor), after);
+    EXPECT_EQ(Kestctl(monitor, undo), "3 ports undone\n");
     EXPECT_EQ(State(monitor), before);
-    Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
+    EXPECT_EQ(Kestctl(monitor, undo), "0 ports undone, 3 ports unchanged since\n");
     EXPECT_EQ(State(monitor), before);
+}
+
+TEST(MigrateCommand, APrinterWithOneWaitingJobStays) {
+    FakeMonitor monitor = Server();
+    monitor.queues[0].jobs = 1;
+    EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "IP_10.0.0.1", "--dry-run"}),
+                HasSubstr("print jobs wait in Laser, which stays"));
+    // The job comes between the plan and the move.
+    monitor.queues[0].jobs = 0;
+    monitor.added = [&monitor] { monitor.queues[0].jobs = 1; };
+    const TempFile file("undo.json");
+    Failure(monitor,
+            {"port", "migrate", "IP_10.0.0.1", "--yes", "--undo-file", file.Name(), "--json"});
+    EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1"));
+    const auto port = nlohmann::json::parse(monitor.printed)["ports"][0];
+    EXPECT_EQ(port["waiting"], nlohmann::json({"Laser"}));
+    EXPECT_EQ(port["moved"], nlohmann::json({"Pool"}));
+}
+
+TEST(MigrateCommand, ThePlanShowsWhatTheNewPortsCannotDo) {
+    FakeMonitor monitor;
+    StandardPort lpr = {L"LPR", "10.0.0.1", "", 515, 2, "q", true, false, "", 1};
+    monitor.standardPorts = {lpr};
+    lpr.name = L"LPR PLAIN";
+    lpr.doubleSpool = false;
+    monitor.standardPorts.push_back(lpr);
+    // SNMP status without a community is not configured.
+    monitor.standardPorts.push_back({L"RAW", "10.0.0.2", "", 9100, 1, "", false, true, "", 1});
+    const auto plan = nlohmann::json::parse(
+        Kestctl(monitor, {"port", "migrate", "--dry-run", "--json"}))["ports"];
+    ASSERT_EQ(plan.size(), 3u);
+    EXPECT_THAT(plan[0]["remark"].get<std::string>(), HasSubstr("after 2 GiB in total"));
+    EXPECT_THAT(plan[1]["remark"].get<std::string>(), HasSubstr("each job takes 4 s longer"));
+    EXPECT_EQ(plan[2]["remark"], "");
+    EXPECT_EQ(plan[2]["settings"]["snmp"]["enabled"], false) << plan[2];
+}
+
+TEST(MigrateCommand, WrongArgumentsAndNothingToDo) {
+    FakeMonitor monitor = Server();
+    EXPECT_THAT(Failure(monitor, {"port", "migrate", "LABELS", "nosuch*", "--dry-run"}),
+                AllOf(HasSubstr("no standard TCP/IP port nosuch*"),
+                      HasSubstr("`kestctl port migrate --dry-run` shows")));
+    for (const char* format : {"{name}-{nmae}", "x{", "}", ""}) {
+        EXPECT_THROW(Kestctl(monitor, {"port", "migrate", "--dry-run", "--name-format", format}),
+                     CLI::ValidationError);
+    }
+    EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "LABELS", "--dry-run", "--name-format",
+                                  "{name}/{name}"}),
+                HasSubstr(" LABELS/LABELS "));
+    EXPECT_THAT(Failure(monitor, {"port", "migrate", "--undo", "no-such-file"}), HasSubstr("(2)"));
+
+    const TempFile file("undo.json");
+    Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()});
+    // No file is written for a way back that nobody needs: the name of this one is taken.
+    EXPECT_THAT(
+        Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()}),
+        HasSubstr("0 ports migrated, 1 port already migrated\n"));
+}
+
+TEST(RenameCommand, MovesThePrintersOrChangesNothing) {
+    const std::vector<std::string> rename = {"port", "rename", "office", "HALL", "--json"};
+    const auto office = [] {
+        FakeMonitor monitor;
+        Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac",
+                          "0004004A1B2C", "--always-print", "--snmp", "pub"});
+        Kestctl(monitor, {"port", "add", "OTHER", "--address", "10.0.0.2"});
+        monitor.otherPorts = {L"LPT1:"};
+        monitor.queues = {{L"Laser", {L"LPT1:", L"Office"}}, {L"Color", {L"OFFICE"}}};
+        return monitor;
+    };
+    FakeMonitor monitor = office();
+    const std::string before = State(monitor);
+    EXPECT_THAT(Kestctl(monitor, {"port", "rename", "OFFICE", "HALL", "--dry-run"}),
+                HasSubstr("would be renamed to HALL, with the printers Laser, Color"));
+    EXPECT_EQ(State(monitor), before);
+    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, rename)),
+              nlohmann::json::parse(R"({"name": "HALL", "before": "OFFICE", "dryRun": false,
+                                        "moved": ["Laser", "Color"]})"));
+    std::string expected = before;
+    for (const char* name : {"OFFICE", "Office"}) {
+        for (size_t at = 0; (at = expected.find(name)) != expected.npos;) {
+            expected.replace(at, 6, "HALL");
+        }
+    }
+    EXPECT_EQ(State(monitor), expected);
+    // The new name is the shorter one: nothing of the old one may be left in the records.
+    EXPECT_STREQ(monitor.ports[L"HALL"].standard.sztPortName, L"HALL");
+    EXPECT_STREQ(monitor.ports[L"HALL"].extended.sztPortName, L"HALL");
+
+    const struct {
+        std::function<void(FakeMonitor&)> prepare;
+        const char* newName;
+        const char* failure;
+    } cases[] = {
+        {[](FakeMonitor& m) { m.refused = L"HALL"; }, "HALL", "cannot be added"},
+        {[](FakeMonitor& m) { m.refused = L"OFFICE"; }, "HALL", "all changes were undone"},
+        {[](FakeMonitor& m) { m.unmovable = L"Color"; }, "HALL", "all changes were undone"},
+        {[](FakeMonitor& m) { m.queues[1].jobs = 1; }, "HALL", "print jobs wait in Color"},
+        {[](FakeMonitor& m) { m.added = [&m] { m.queues[1].jobs = 1; }; }, "HALL",
+         "print jobs arrived in Color; all changes were undone"},
+        {[](FakeMonitor& m) {
+             m.added = [&m] { m.queues.push_back({L"New", {L"OFFICE"}}); };
+         },
+         "HALL", "a printer was added to the port: New; all changes were undone"},
+        {[](FakeMonitor&) {}, "other", "port OTHER already exists"},
+        {[](FakeMonitor&) {}, "lpt1:", "belongs to a port of another monitor"},
+        {[](FakeMonitor& m) { m.hidesQueues = true; }, "HALL", "the printers are hidden"},
+    };
+    for (const auto& c : cases) {
+        FakeMonitor failing = office();
+        c.prepare(failing);
+        EXPECT_THAT(Failure(failing, {"port", "rename", "OFFICE", c.newName}),
+                    HasSubstr(c.failure));
+        std::erase_if(failing.queues, [](const Queue& queue) { return queue.name == L"New"; });
+        EXPECT_EQ(State(failing), before) << c.failure;
+    }
 }
 
 TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
@@ -106,7 +227,7 @@ TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
     for (const char* format : {"same", "IP_10.0.0.4-kestmon", "lpt1:"}) {
         EXPECT_THAT(
             Kestctl(monitor, {"port", "migrate", "IP_*", "--dry-run", "--name-format", format}),
-            HasSubstr("LEFT ALONE: "));
+            HasSubstr("NOT MIGRATED: "));
     }
 }
 

@@ -171,12 +171,12 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     machine.monitor.ports[L"MY PORT"] = {};
     machine.failing = machine.steps + 3;  // the spooler does not let go of it
     EXPECT_THAT(Tool(machine, remove), AllOf(HasSubstr("(3008)"), HasSubstr("--force")));
-    EXPECT_THAT(Tool(machine, remove), HasSubstr("is there already"));
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("already exists"));
     EXPECT_EQ(machine.State(), before);
 
     // The spooler is stopped for it, and starts without the monitor.
     remove.emplace_back("--force");
-    EXPECT_THAT(Tool(machine, remove), HasSubstr("is there already")) << "what was kept stays";
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("already exists")) << "what was kept stays";
     fs::remove(keep);
     fs::remove(machine.root / "ports.SLPConf.xml");
     machine.failing = machine.steps + 3;
@@ -198,6 +198,55 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     EXPECT_THAT(Install(machine), HasSubstr("is installed"));
 }
 
+TEST(MonitorCommands, OnePrinterOnOnePortKeepsTheMonitor) {
+    for (const wchar_t* const ports : {L"MY PORT", L"my port,LPT1:"}) {
+        FakeMachine machine;
+        Install(machine);
+        machine.Set(kPort, L"Protocol", DWORD{1});
+        RegSetKeyValueW(HKEY_LOCAL_MACHINE, (machine.PrintKey() + L"\\Printers\\Laser").c_str(),
+                        L"Port", REG_SZ, ports,
+                        static_cast<DWORD>((wcslen(ports) + 1) * sizeof(wchar_t)));
+        const auto before = machine.State();
+        EXPECT_EQ(Tool(machine, {"monitor", "remove"}),
+                  "FAILED: printers use its ports: Laser on MY PORT. Move them to other ports, or "
+                  "remove the monitor anyway with --force");
+        // Nor does the function remove it, whoever calls it.
+        EXPECT_THROW(RemoveMonitor(machine, {}, [](const std::string&) {}), CommandFailed);
+        EXPECT_EQ(machine.State(), before);
+    }
+}
+
+TEST(MonitorCommands, DryRunsAndJson) {
+    FakeMachine machine;
+    const auto run = [&machine](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), "monitor");
+        arguments.emplace_back("--json");
+        const std::string output = Tool(machine, arguments);
+        return nlohmann::json::parse(output.substr(0, output.find("FAILED")));
+    };
+    const std::string package = machine.package.string();
+    const auto clean = machine.State();
+    auto document = run({"install", "--from", package, "--dry-run"});
+    EXPECT_EQ(document["dryRun"], true);
+    EXPECT_EQ(document["report"].back(), "dry run: nothing was changed");
+    EXPECT_EQ(machine.State(), clean);
+    EXPECT_EQ(machine.steps, 0);
+    document = run({"install", "--from", package});
+    EXPECT_EQ(document["report"].back(),
+              "kestmon 1.0.0 is installed, and the print spooler has loaded it");
+    const auto installed = machine.State();
+    machine.MakePackage(2);
+    EXPECT_THAT(run({"install", "--from", package, "--dry-run"})["report"],
+                Contains("  the print spooler would be restarted"));
+    EXPECT_THAT(run({"remove", "--dry-run"})["report"],
+                Contains("would unregister the monitor and delete its ports: 0"));
+    EXPECT_EQ(machine.State(), installed);
+    machine.elevated = false;
+    EXPECT_THAT(run({"remove"})["error"].get<std::string>(), HasSubstr("as administrator"));
+    machine.elevated = true;
+    EXPECT_EQ(run({"remove"})["report"].back(), "kestmon is removed");
+}
+
 TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     const LogCapture log;
     FakeMachine machine;
@@ -215,11 +264,11 @@ TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     machine.Set(kPort, L"Double Spool", DWORD{0});
     machine.Set(kPort, L"IPAddress", L"10.0.0.1");
     WriteAll(machine.system / "SLPConf.xml", "<broken");
-    expect("no well-formed XML", "docs/SLPConf.md", false);  // nobody needs it yet
+    expect("not well-formed XML", "docs/SLPConf.md", false);  // nobody needs it yet
     machine.Set(kPort, L"AlwaysPrint", DWORD{1});
     expect("cannot follow", "kestctl port set \"MY PORT\" --follow", true);
     machine.Set(kPort, L"HostName", L"prn-1");
-    expect("no well-formed XML", "docs/SLPConf.md", true);
+    expect("not well-formed XML", "docs/SLPConf.md", true);
     fs::remove(machine.system / "SLPConf.xml");
     expect("no port follows", "-> kestctl monitor install", true);
     WriteAll(machine.system / "SLPConf.xml", machine.shipped);
@@ -232,7 +281,7 @@ TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     expect("100000 kB", "-> remove it: net stop spooler, del \"", false);
     machine.MakePackage(2);
     WriteAll(machine.system / "slp64.dll", ReadAll(machine.package / "slp64.dll"));
-    expect("2.0.0", "of different releases", false);
+    expect("2.0.0", "from different releases", false);
     machine.loaded.clear();
     expect("loaded          no", "restart the spooler", true);
     machine.running.clear();
@@ -249,6 +298,11 @@ TEST(SelfTest, TakesEverythingAwayWhenItFailsAndWhenItIsInterrupted) {
                 AllOf(HasSubstr("FAILED  RAW"), HasSubstr("FAILED  LPR"),
                       HasSubstr("ok      clean-up"), HasSubstr("the self-test failed")));
     EXPECT_TRUE(monitor.ports.empty());
+    const std::string json = Tool(machine, {"selftest", "--direct", "--json"});
+    const auto document = nlohmann::json::parse(json.substr(0, json.find("FAILED: ")));
+    EXPECT_EQ(document["succeeded"], false);
+    EXPECT_EQ(document["steps"][2]["name"], "RAW");
+    EXPECT_EQ(document["steps"][2]["result"], "FAILED");
 
     // This monitor sends nothing: the job would be waited for, for a minute.
     monitor.accepts = SIZE_MAX;

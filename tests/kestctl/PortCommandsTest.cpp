@@ -31,7 +31,7 @@ TEST(PortCommands, AddShowSetAndDelete) {
               "port B\u00fcro set: raw to 10.0.0.9:9100\n"
               "  address: 10.0.0.1 -> 10.0.0.9\n  alwaysPrint: true -> false\n");
     EXPECT_THAT(Kestctl(monitor, {"port", "set", "b\u00dcro", "--address", "10.0.0.9"}),
-                HasSubstr("nothing changed"));
+                HasSubstr("no change"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(
                   monitor, {"port", "set", "LAGER", "--snmp", "public", "--json"}))["changed"],
               nlohmann::json::parse(R"({"snmp/community": {"from": "", "to": "public"},
@@ -61,12 +61,12 @@ TEST(PortCommands, AddShowSetAndDelete) {
         nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"}))["usedBy"]
             .is_null());
     EXPECT_THAT(Failure(monitor, {"port", "delete", "LAGER"}),
-                HasSubstr("not known: the printers are hidden; run kestctl as"));
+                HasSubstr("nothing was deleted: the printers are hidden. Run kestctl as"));
     Kestctl(monitor, {"port", "delete", "NONE", "--if-there"});
     monitor.hidesQueues = false;
     EXPECT_THAT(Failure(monitor, {"port", "delete", "*"}), HasSubstr("printers Laser, Color"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "delete", "lager", "--json"})),
-              nlohmann::json::parse(R"({"deleted": "LAGER"})"));
+              nlohmann::json::parse(R"({"name": "LAGER", "deleted": true})"));
     EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "add", "KELLER", "--address",
                                                       "localhost", "--json"}))["address"],
               "127.0.0.1");
@@ -93,7 +93,7 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
     // In the monitor's order, and each once.
     EXPECT_EQ(shown({"office-?", "LAGER", "*"}), "LAGER:9100 OFFICE-1:9100 Office-2:9100 ");
     EXPECT_THAT(Failure(monitor, {"port", "show", "LAGER", "HALL-*"}), HasSubstr("HALL-*"));
-    Kestctl(monitor, {"port", "set", "office-*", "--port", "9101"});
+    Kestctl(monitor, {"port", "set", "office-*", "--port", "9101", "--yes"});
     EXPECT_EQ(shown({"*"}), "LAGER:9100 OFFICE-1:9101 Office-2:9101 ");
     // One that refuses keeps all as they were.
     Kestctl(monitor, {"port", "set", "LAGER", "--protocol", "lpr"});
@@ -111,7 +111,7 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
     Kestctl(monitor, {"port", "add", "A?", "--address", "10.0.0.7", "--or-set"});
     Kestctl(monitor, {"port", "delete", "a*"});
     EXPECT_EQ(shown({"a*"}), "A1:9100 A?:9100 ");
-    Kestctl(monitor, {"port", "delete", "A*"});
+    Kestctl(monitor, {"port", "delete", "A*", "--yes"});
 
     EXPECT_THAT(Kestctl(monitor, {"port", "add", "lager", "--address", "10.0.0.2", "--or-set"}),
                 AllOf(HasSubstr("port LAGER set"), HasSubstr("address: 10.0.0.1 -> 10.0.0.2")));
@@ -124,12 +124,12 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
                 HasSubstr("--address"));
     // What was done before a failure is told, and where it ended.
     monitor.refused = L"Office-2";
-    EXPECT_THAT(Failure(monitor, {"port", "delete", "O*", "LAGER", "--json"}),
+    EXPECT_THAT(Failure(monitor, {"port", "delete", "O*", "LAGER", "--yes", "--json"}),
                 HasSubstr("Office-2 cannot be deleted"));
     const auto told = nlohmann::json::parse(monitor.printed);
     ASSERT_EQ(told.size(), 3u) << told;
-    EXPECT_EQ(told[0]["deleted"], "LAGER");
-    EXPECT_EQ(told[1]["deleted"], "OFFICE-1");
+    EXPECT_EQ(told[0]["name"], "LAGER");
+    EXPECT_EQ(told[1]["deleted"], true);
     EXPECT_EQ(told[2]["name"], "Office-2");
     EXPECT_THAT(told[2]["error"].get<std::string>(), HasSubstr("cannot be deleted"));
     monitor.refused.clear();
@@ -159,12 +159,83 @@ TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
     // One without a name of its own: the old one's would stay, and lead to the old printer.
     monitor.printer = {"10.0.0.8", "000400000008", ""};
     EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--follow", "p3"}),
-                AllOf(HasSubstr("prn-2"), HasSubstr("delete the port")));
+                AllOf(HasSubstr("prn-2"), HasSubstr("Delete the port")));
     EXPECT_EQ(show()["address"], "10.0.0.7");
     EXPECT_EQ(Kestctl(monitor, {"port", "add", "3", "--follow", "p3", "--address", "10.0.0.9"}),
               "port 3 added: raw to 10.0.0.9:9100, following 000400000008\n");
     EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--follow", "p", "--mac", "none"}),
                 HasSubstr("excludes"));
+}
+
+TEST(PortCommands, FollowWithoutAddressAsksEachPortsPrinter) {
+    FakeMonitor monitor;
+    for (const char* name : {"A1", "A2", "A3"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", std::string("10.0.0.") + name[1]});
+    }
+    Kestctl(monitor, {"port", "set", "A2", "--ipv6", "printer.example"});
+    monitor.printers = {{"10.0.0.1", {"10.0.0.1", "000400000001", "prn-1"}},
+                        {"printer.example", {"fd00::2", "000400000002", ""}}};
+    const std::string failure =
+        Failure(monitor, {"port", "set", "A*", "--follow", "--yes", "--json"});
+    EXPECT_THAT(failure, HasSubstr("1 of 3 printers could not be identified"));
+    const auto ports = nlohmann::json::parse(monitor.printed);
+    ASSERT_EQ(ports.size(), 3u) << ports;
+    EXPECT_EQ(ports[2], nlohmann::json({{"name", "A3"}, {"error", "no answer"}}));
+    EXPECT_EQ(FieldText(monitor.ports[L"A1"].extended.sztHWAddress), "000400000001");
+    EXPECT_EQ(FieldText(monitor.ports[L"A1"].standard.sztHostAddress), "prn-1");
+    EXPECT_EQ(FieldText(monitor.ports[L"A2"].extended.sztHWAddress), "000400000002");
+    EXPECT_EQ(AddressInUse(monitor.ports[L"A2"]), "printer.example");
+    EXPECT_EQ(monitor.ports[L"A2"].extended.dwAlwaysPrint, 1u);
+    EXPECT_EQ(monitor.ports[L"A3"].extended.dwAlwaysPrint, 0u);
+    // The name comes first.
+    EXPECT_THAT(Kestctl(monitor, {"port", "set", "A1", "--follow", "--json"}),
+                testing::StartsWith("{\n  \"name\": \"A1\",\n"));
+}
+
+TEST(PortCommands, PatternsAskAndDryRunsChangeNothing) {
+    FakeMonitor monitor;
+    for (const char* name : {"A1", "A2", "B1"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
+    }
+    const std::string before = Kestctl(monitor, {"port", "export"});
+    const struct {
+        std::vector<std::string> arguments;
+        const char* refusal;
+    } refused[] = {
+        {{"delete", "A*"}, "2 ports (A1, A2). There is no terminal to ask on: add --yes to delete"},
+        {{"set", "A?", "B1", "--port", "9101"}, "2 ports (A1, A2)"},
+        {{"set", "A*", "--address", "10.0.0.2", "--yes"}, "--address"},
+        {{"set", "A1", "B1", "--ipv6", "fd00::1"}, "--ipv6"},
+        {{"set", "A1", "B1", "--follow", "10.0.0.2"}, "--follow ADDRESS"},
+    };
+    for (auto [arguments, refusal] : refused) {
+        arguments.insert(arguments.begin(), "port");
+        EXPECT_THAT(Failure(monitor, arguments), HasSubstr(refusal));
+        EXPECT_THROW(Kestctl(monitor, arguments), CLI::ParseError);
+    }
+    const struct {
+        std::vector<std::string> arguments;
+        const char* text;
+    } dry[] = {
+        {{"delete", "*"}, "port B1 would be deleted"},
+        {{"set", "*", "--port", "9101"}, "port A2 would be set: raw to 10.0.0.1:9101\n  portNum"},
+        {{"add", "NEW", "--address", "10.0.0.1"}, "port NEW would be added: raw to 10.0.0.1:9100"},
+        {{"add", "NEW", "--address", "10.0.0.1", "--json"}, "\"dryRun\": true"},
+        {{"rename", "A1", "NEW"}, "port A1 would be renamed to NEW\n"},
+    };
+    for (auto [arguments, text] : dry) {
+        arguments.insert(arguments.begin(), "port");
+        arguments.emplace_back("--dry-run");
+        EXPECT_THAT(Kestctl(monitor, arguments), HasSubstr(text));
+    }
+    EXPECT_THAT(Failure(monitor, {"port", "add", "a1", "--address", "10.0.0.1", "--dry-run"}),
+                HasSubstr("already exists"));
+    EXPECT_EQ(Kestctl(monitor, {"port", "export"}), before);
+    // Nothing to ask: no change, one port, and ports by name.
+    Kestctl(monitor, {"port", "set", "A*", "--port", "9100"});
+    Kestctl(monitor, {"port", "set", "B*", "--port", "9101"});
+    Kestctl(monitor, {"port", "delete", "A1", "A2"});
+    EXPECT_EQ(monitor.ports.size(), 1u);
 }
 
 TEST(PortCommands, AddIsAllOrNothing) {
@@ -180,7 +251,7 @@ TEST(PortCommands, AddIsAllOrNothing) {
     // The monitor answers 0 although the registry took nothing.
     FakeMonitor monitor;
     monitor.ignored = L"ConfigurePort";
-    EXPECT_THAT(Failure(monitor, add), HasSubstr("taken away again"));
+    EXPECT_THAT(Failure(monitor, add), HasSubstr("deleted again"));
     EXPECT_THAT(monitor.ports, IsEmpty());
     // And when not even that is possible, it says so.
     monitor.failing[L"DeletePort"] = ERROR_ACCESS_DENIED;

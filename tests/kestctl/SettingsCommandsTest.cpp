@@ -8,7 +8,7 @@
 namespace {
 
 using std::string;
-using testing::ElementsAre;
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -51,9 +51,9 @@ TEST_F(SettingsCommands, ShowPrintsThemOrSaysWhyNot) {
                               {"method", 3}}));
     SnmpMachine::answering = {"10.1.0.13"};
     EXPECT_EQ(Run({"show", "10.1.0.13"}), "");
-    EXPECT_THAT(failure_, HasSubstr("10.1.0.13 is there but does not tell its settings"));
+    EXPECT_THAT(failure_, HasSubstr("10.1.0.13 answers, but does not report its settings"));
     Run({"show", "10.1.0.11"});
-    EXPECT_THAT(failure_, HasSubstr("10.1.0.11 does not answer"));
+    EXPECT_THAT(failure_, HasSubstr("10.1.0.11 is unreachable"));
     Run({"show", "fe80::1"});
     EXPECT_THAT(usageError_, HasSubstr("'fe80::1' is not an IPv4 address"));
 }
@@ -61,7 +61,7 @@ TEST_F(SettingsCommands, ShowPrintsThemOrSaysWhyNot) {
 TEST_F(SettingsCommands, SetWritesWhatIsGivenAndTellsWhetherThePrinterAnswers) {
     EXPECT_THAT(Run({"set", "10.1.0.1", "--gateway", "10.1.0.254", "--yes"}),
                 HasSubstr("written to 10.1.0.1: address 10.1.0.1, mask 255.0.0.0, gateway "
-                          "10.1.0.254\nthe printer does not answer at 10.1.0.1 (yet)"));
+                          "10.1.0.254\nthe printer does not answer at 10.1.0.1 yet"));
     SnmpMachine::answering = {"10.1.0.1"};
     EXPECT_EQ(nlohmann::json::parse(Run({"set", "10.1.0.1", "--mask", "255.255.0.0", "--gateway",
                                          "0.0.0.0", "--yes", "--json"})),
@@ -102,17 +102,22 @@ TEST_F(SettingsCommands, SetWritesNothingThatMakesNoSense) {
     EXPECT_THAT(usageError_, HasSubstr("a setting to change is required"));
     // The tests have no terminal.
     Run({"set", "10.1.0.1", "--mask", "255.255.0.0"});
-    EXPECT_THAT(usageError_, HasSubstr("--yes (there is no terminal to ask on) is required"));
+    EXPECT_THAT(usageError_, HasSubstr("--yes (there is no terminal to ask on), or --dry-run is required"));
     EXPECT_THAT(SnmpMachine::Requests(), IsEmpty());
+
+    // What is the same already, and a dry run, write nothing either.
+    EXPECT_THAT(Run({"set", "10.1.0.1", "--mask", "255.0.0.0", "--yes"}), HasSubstr("no change"));
+    EXPECT_THAT(Run({"set", "10.1.0.1", "--gateway", "10.1.0.254", "--dry-run"}),
+                HasSubstr("gateway  10.1.255.254 -> 10.1.0.254\nDry run"));
 
     // What the printer has is read first, and is judged with what is given.
     Run({"set", "10.1.0.1", "--address", "10.2.0.9", "--mask", "255.255.0.0", "--yes"});
     EXPECT_THAT(failure_, HasSubstr("10.1.255.254 is outside the printer's network, 10.2.0.0"));
     SnmpMachine::answering = {"10.2.0.9"};
     Run({"set", "10.1.0.1", "--address", "10.2.0.9", "--yes"});
-    EXPECT_THAT(failure_, HasSubstr("10.2.0.9 answers already"));
+    EXPECT_THAT(failure_, HasSubstr("another device already uses 10.2.0.9"));
     EXPECT_THAT(SnmpMachine::Requests(),
-                ElementsAre(testing::StartsWith("GET"), testing::StartsWith("GET")));
+                AllOf(SizeIs(4), testing::Each(testing::StartsWith("GET"))));
     EXPECT_EQ(NotGivenBack(), 0);
 }
 

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include "admin/CommandFailed.h"
+#include "admin/PortRename.h"
 #include "admin/PortStore.h"
 #include "tests/support/ImportPatch.h"
 #include "tests/support/TcpPeer.h"
@@ -66,6 +67,18 @@ TEST_F(SpoolerHostTest, PortsLastInTheRegistry) {
     DeletePort(*host_, L"OFFICE");
     Start();
     EXPECT_THAT(host_->PortNames(), ElementsAre(L"B\u00fcro"));
+}
+
+TEST_F(SpoolerHostTest, RenamesPortsAndMovesTheSystemsQueues) {
+    Add(L"RECEPTION", 9100);
+    const WineQueue laser(L"LPT1:,RECEPTION");
+    RenamePort(*host_, PlanRename(*host_, L"reception", L"HALL"));
+    EXPECT_EQ(Destination(ReadPort(*host_, L"HALL")), "raw to 127.0.0.1:9100");
+    EXPECT_THAT(QueuesOn(host_->Queues(), L"HALL"), ElementsAre(laser.Name()));
+    // One that was never configured, too.
+    host_->Xcv(L"AddPort", L"NEW", 8, nullptr, 0);
+    RenamePort(*host_, PlanRename(*host_, L"NEW", L"NEWER"));
+    EXPECT_THAT(host_->PortNames(), testing::UnorderedElementsAre(L"HALL", L"NEWER"));
 }
 
 DWORD enumPrintersError = 0;

@@ -93,7 +93,7 @@ TEST(SpoolerService, AnotherServersNameReachesTheSpoolerAndTheAdvice) {
     AddPortCommands(
         app, [&app] { return OpenChannel(app); }, {}, [&app] { return ServerName(app); });
     EXPECT_THAT(Refusal([&app] { app.parse("--server PRINT1 port list"); }),
-                HasSubstr("see that PRINT1 is the right name"));
+                HasSubstr("Check that PRINT1 is the right name"));
     EXPECT_THAT(Refusal([&app] { ReadPort(*OpenChannel(app), L"OFFICE"); }),
                 HasSubstr("may manage the print server PRINT1"));
     EXPECT_THAT(asked, ElementsAre(R"(printers \\PRINT1)", R"(ports \\PRINT1)",

@@ -43,7 +43,7 @@ agents "${groups[@]}"
 say "thirty ports from a spreadsheet"
 printf '\xef\xbb\xbf%s' "$csv" >"$work/ports.csv"
 expect "import" "$(kestctl port import "$work/ports.csv" | tail -1)" \
-    "30 added, 0 changed, 0 as they were"
+    "30 added, 0 changed, 0 unchanged"
 
 say "which are well?"
 code=0
@@ -69,7 +69,7 @@ echo document >"$work/document"
 rm -f "$work"/jobs/*  # the connections of the checks are jobs of no bytes
 kestctl print - --port PRN-28 <"$work/document" >/dev/null
 take_job "$work/jobs/10.77.3.28-1" "$work/document"
-[[ $(kestctl port test PRN-28) == *"takes connections"*"who answers: 00040000001C, prn-28" ]] ||
+[[ $(kestctl port test PRN-28) == *"accepts connections"*"printer there: 00040000001C, prn-28" ]] ||
     fail "kestctl port test says: $(kestctl port test PRN-28)"
 expect "all that is well" "$(kestctl port check 'PRN-1?' PRN-2 2>&1 | tail -1)" "11 ports: 11 ok"
 

@@ -28,12 +28,14 @@ expect 0 "kestctl port delete OFFICE" --help
 expect 0 "Example:" port set --help
 expect 0 "kestctl " --version
 expect 2 "subcommand is required"
-expect 2 "no command 'remove' here, there are: list, show" port remove "$office"
+expect 2 "no command 'remove'. The commands are: list, show" port remove "$office"
 expect 2 "--port 9100" port add "$office" --address 10.0.0.1:9100
+expect 2 "most similar one is --follow" port add "$office" --folow 10.0.0.1
+expect 2 "no option --xyzzy" port set "$office" --xyzzy=1
 expect 1 "there is no port $office" port show "$office"
 
 expect 0 "added" port add "$office" --address "$peer_address"
-expect 1 "already there" port add "$office" --address "$peer_address"
+expect 1 "already exists" port add "$office" --address "$peer_address"
 expect 0 "\"name\": \"$office\"" port list --json
 expect 0 "3000000 bytes sent" print document.bin --port "$office" --as "Übersicht"
 peer_received raw arrived && cmp arrived document.bin

@@ -28,6 +28,7 @@ struct FakeMonitor {
     int opened = 0;
     PrinterIdentity printer;  // that is asked who it is
     std::string identified;   // where
+    std::map<std::string, PrinterIdentity> printers;  // by host, instead of the one above
 
     std::wstring document;      // name of the last job
     std::string received;       // its bytes
@@ -142,6 +143,11 @@ inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> argume
     AddPortCommands(
         app, monitor.Factory(),
         [&monitor](const std::string& host) {
+            if (!monitor.printers.empty()) {
+                const auto found = monitor.printers.find(host);
+                return found != monitor.printers.end() ? found->second
+                                                       : throw CommandFailed("no answer");
+            }
             monitor.identified = host;
             return monitor.printer;
         },

@@ -14,7 +14,7 @@ constexpr char kServer[] = "--server";
 std::string CheckServer(std::string& text) {
     const std::string name = text.substr(std::min(text.find_first_not_of('\\'), text.size()));
     if (name.empty() || name.find_first_of("\\/, ") != std::string::npos) {
-        return "'" + text + "' is no computer's name: give it like PRINT1";
+        return "'" + text + "' is not a computer name. Use, for example, PRINT1";
     }
     text = R"(\\)" + name;
     return {};
@@ -23,17 +23,16 @@ std::string CheckServer(std::string& text) {
 
 void AddDirectFlag(CLI::App& app) {
     const std::string description =
-        "Load kestmon.dll from beside this program and go past the system's spooler (which sees a "
-        "port that was added this way after its next start). The ports are those in the monitor's "
-        "registry key, which is made if it is missing";
-    app.add_flag(kDirect, description);
+        "Bypass the print spooler: load kestmon.dll from this program's folder and use the ports "
+        "in the monitor's registry key. The spooler sees new ports after its next start";
+    app.add_flag_callback(kDirect, SpeakOfDirect, description);
 }
 
 void AddServerOption(CLI::App& app) {
     app.add_option(
            kServer,
-           "Administer the print server of this name: its spooler, its ports, its printers. "
-           "For `port` and `print`. What is asked on the network is asked from here")
+           "Print server to administer, for `port` and `print`. Network requests are sent from "
+           "this computer")
         ->transform(CLI::Validator(CheckServer, ""))
         ->excludes(app.get_option(kDirect));
     app.parse_complete_callback([&app] {
@@ -43,9 +42,8 @@ void AddServerOption(CLI::App& app) {
         }
         for (const CLI::App* command : app.get_subcommands()) {
             if (command->get_name() != "port" && command->get_name() != "print") {
-                throw CLI::ValidationError(kServer, "is for `port` and `print`: `" +
-                                                        command->get_name() +
-                                                        "` works on this computer alone");
+                throw CLI::ValidationError(kServer, "only works with `port` and `print`, not with `" +
+                                                        command->get_name() + "`");
             }
         }
         SpeakOfServer(server->as<std::string>());

@@ -20,7 +20,11 @@ std::string Explained(const CommandFailed& failed);
 // Has kestctl word remedies for the print server of this name, \\SERVER, instead of this computer.
 void SpeakOfServer(const std::string& server);
 
-// A command line of kestctl that is advised, in quotes: for the same server as this one.
+// Has kestctl advise commands with --direct.
+void SpeakOfDirect();
+
+// A command line of kestctl to advise, with --server or --direct as in this one; Advised quotes it.
+std::string CommandLine(const std::string& arguments);
 std::string Advised(const std::string& arguments);
 
 // A port's name as it has to stand on a command line.
@@ -37,7 +41,11 @@ std::string Padded(std::string text, size_t width);
 // Adds --json to a command that lists or shows; `wanted` is set while arguments are parsed.
 void AddJsonFlag(CLI::App& command, bool& wanted);
 
-// Prints one JSON document, indented, with a line end. Bytes that are not UTF-8 are replaced.
+// Returns a JSON document as indented text with a line end. Objects begin with their member "name".
+// Bytes that are not UTF-8 are replaced.
+std::string JsonText(const nlohmann::json& document);
+
+// Prints one JSON document.
 void PrintJson(const nlohmann::json& document);
 
 // True once there was one: a failure behind it is no second.
@@ -83,11 +91,16 @@ std::wstring ServerName(const CLI::App& app);
 // Throws CommandFailed.
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
 
-// True when standard input is a terminal: somebody can be asked.
+// True when standard input is a terminal.
 bool InputIsTerminal();
 
-// Asks on the terminal; everything but yes is no.
-bool IsConfirmed(const std::string& question);
+// Asks on the terminal unless `yes`, and returns if the answer is yes. Throws CommandFailed with the
+// text `refusal` for any other answer, and CLI::RequiredError if there is no terminal.
+void Confirm(const std::string& question, bool yes, const std::string& refusal);
+
+// Add --dry-run, and --yes for Confirm.
+void AddDryRunFlag(CLI::App& command, bool& wanted);
+void AddYesFlag(CLI::App& command, bool& wanted);
 
 // True when standard output is a terminal (then progress may be shown on it).
 bool OutputIsTerminal();
@@ -101,7 +114,9 @@ void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
 void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel);
 void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
                     const PrinterIdentifier& identify, const std::function<std::wstring()>& server);
-void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel);
+void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel,
+                     const PrinterIdentifier& identify);
+void AddPortRename(CLI::App& port, const ChannelFactory& openChannel);
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel);
 void AddNetworkCommands(CLI::App& app);
 void AddSlpCommands(CLI::App& app);

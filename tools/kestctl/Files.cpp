@@ -4,10 +4,10 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 
 #include "admin/CommandFailed.h"
 #include "admin/Text.h"
+#include "diag/Resource.h"
 
 std::string SourceName(const std::string& file) {
     return file == kStandardStream ? "standard input" : file;
@@ -29,18 +29,32 @@ void SaveFile(const std::string& file, const std::string& text, bool replace) {
 }
 
 std::string ReadFileOrInput(const std::string& file) {
-    std::ifstream stream;
-    std::istream* input = &std::cin;
+    const auto fail = [&file] {
+        throw CommandFailed(SourceName(file) + " cannot be read: " + ErrorText(GetLastError()));
+    };
+    UniqueFile opened;
+    HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
     if (file != kStandardStream) {
-        stream.open(std::filesystem::path(ToWide(file)), std::ios::binary);
-        input = &stream;
+        opened.Reset(CreateFileW(ToWide(file).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                 OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+        input = opened.Get();
+        if (!opened) {
+            fail();
+        }
     }
-    // One byte more than is allowed tells that there is too much.
-    std::string text(kMaxFile + 1, '\0');
-    input->read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (input->bad() || (file != kStandardStream && !stream.is_open())) {
-        throw CommandFailed(SourceName(file) + " cannot be read");
+    std::string text;
+    std::string part(64 << 10, '\0');
+    while (text.size() <= kMaxFile) {
+        DWORD count = 0;
+        // A pipe whose writer has gone has come to its end.
+        if (!ReadFile(input, part.data(), static_cast<DWORD>(part.size()), &count, nullptr) &&
+            GetLastError() != ERROR_BROKEN_PIPE) {
+            fail();
+        }
+        if (count == 0) {
+            break;
+        }
+        text.append(part, 0, count);
     }
-    text.resize(static_cast<size_t>(input->gcount()));
     return text;
 }

@@ -18,6 +18,6 @@ std::string SourceName(const std::string& file);
 // Throws CommandFailed.
 void SaveFile(const std::string& file, const std::string& text, bool replace);
 
-// Reads a file, or standard input for "-". Of one that is larger than kMaxFile, a byte more than
-// that is read, so that it is noticed. Throws CommandFailed.
+// Reads a file, or standard input for "-". Of a larger file, more than kMaxFile bytes are read, so
+// that the caller can refuse it. Throws CommandFailed with the reason.
 std::string ReadFileOrInput(const std::string& file);

@@ -45,14 +45,17 @@ class HelpFormatter : public CLI::Formatter {
         return Line(name + make_option_opts(option), option->get_description());
     }
 
-    // What kind of value, in one word; which values go and which options go together is told by
-    // the description, or by the error.
+    // The kind of value in one word. The description or the error has the permitted values and the
+    // options that exclude each other.
     std::string make_option_opts(const CLI::Option* option) const override {
         if (option->get_type_size() == 0) {
             return {};
         }
         std::string type = option->get_type_name();
         type = type.substr(0, type.find(':'));
+        if (option->get_expected_min() == 0) {
+            return " [" + type + "]";  // its default stands for the missing value
+        }
         const std::string usual = option->get_default_str();
         return (type.empty()                      ? ""
                 : type == "UINT" || type == "INT" ? " NUMBER"

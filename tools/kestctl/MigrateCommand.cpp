@@ -28,14 +28,6 @@ struct MigrateArguments {
     bool json = false;
 };
 
-std::string Joined(const std::vector<std::wstring>& names) {
-    std::string text;
-    for (const std::wstring& name : names) {
-        text += (text.empty() ? "" : ", ") + ToUtf8(name);
-    }
-    return text;
-}
-
 nlohmann::json ToJson(const std::vector<std::wstring>& names) {
     nlohmann::json list = nlohmann::json::array();
     for (const std::wstring& name : names) {
@@ -58,7 +50,7 @@ nlohmann::json ToJson(const Migration& migration) {
     return document;
 }
 
-// Where a port's settings in the file of a migration are wrong, the file is.
+// Throws CommandFailed if the port's settings in the file are wrong.
 Migration FromJson(const nlohmann::json& document) {
     Migration migration;
     migration.from = ToWide(document.at("from").get<std::string>());
@@ -83,19 +75,19 @@ void PrintPlan(const std::vector<Migration>& plan, std::ostream& out) {
     std::vector<std::vector<std::string>> rows;
     for (const Migration& migration : plan) {
         const bool done = migration.obstacle.empty();
-        std::string remark = done ? migration.remark : "LEFT ALONE: " + migration.obstacle;
+        std::string remark = done ? migration.remark : "NOT MIGRATED: " + migration.obstacle;
         if (done && migration.isThere) {
-            remark = "there already" + (remark.empty() ? "" : "; " + remark);
+            remark = "port exists" + (remark.empty() ? "" : "; " + remark);
         }
         rows.push_back({ToUtf8(migration.from), done ? ToUtf8(migration.to) : "-",
                         done ? Destination(migration.records) : "-",
-                        migration.queues.empty() ? "-" : Joined(migration.queues),
+                        migration.queues.empty() ? "-" : JoinedNames(migration.queues),
                         remark.empty() ? "-" : Printable(remark)});
     }
     PrintTable({"STANDARD PORT", "BECOMES", "SENDS", "PRINTERS", "REMARK"}, rows, out);
 }
 
-// Writes down what --undo needs, before anything is changed. Returns the file's name.
+// Writes the file for --undo, before anything is changed. Returns its name.
 std::string WriteUndoFile(const MigrateArguments& arguments, const std::vector<Migration>& plan,
                           const std::wstring& server) {
     std::string file = arguments.undoFile;
@@ -111,66 +103,81 @@ std::string WriteUndoFile(const MigrateArguments& arguments, const std::vector<M
             ports.push_back(ToJson(migration));
         }
     }
-    SaveFile(file,
-             nlohmann::json({{"server", ToUtf8(server)}, {"ports", ports}})
-                     .dump(2, ' ', false, nlohmann::json::error_handler_t::replace) +
-                 "\n",
-             false);
+    SaveFile(file, JsonText({{"server", ToUtf8(server)}, {"ports", ports}}), false);
     return file;
 }
 
-// What became of the ports, as text and as JSON, and whether all is done.
+// What is printed about a run, with the verb of the run: "migrated".
+struct OutcomeWords {
+    const char* done;     // "migrated"
+    const char* already;  // of ports where there was nothing to do
+};
+
+// The results of all ports, as text and as JSON.
 class Outcome {
   public:
-    explicit Outcome(const char* done) : done_(done) {}
+    explicit Outcome(const OutcomeWords& words) : words_(words) {}
 
-    void Add(const Migration& migration, const MigrationResult& result) {
+    //   changed: whether there was anything to do.
+    void Add(const Migration& migration, const MigrationResult& result, bool changed) {
         const std::string failure =
             migration.obstacle.empty() ? result.failure : migration.obstacle;
         const bool complete = failure.empty() && result.waiting.empty();
-        ++(complete ? complete_ : incomplete_);
+        ++(!complete ? incomplete_ : changed ? complete_ : already_);
         documents_.push_back({{"from", ToUtf8(migration.from)},
                               {"to", ToUtf8(migration.to)},
                               {"moved", ToJson(result.moved)},
                               {"waiting", ToJson(result.waiting)},
+                              {"changed", changed},
                               {"error", failure}});
         if (!complete) {
             text_ += "  " + ToUtf8(migration.from) + ": " +
-                     (failure.empty() ? "jobs wait in " + Joined(result.waiting) + ", left alone"
-                                      : Printable(failure)) +
+                     (failure.empty()
+                          ? "print jobs wait in " + JoinedNames(result.waiting) + ", which stays"
+                          : Printable(failure)) +
                      '\n';
         }
     }
 
-    // Shows all, and throws CommandFailed unless all is done.
+    // Prints everything. Throws CommandFailed unless all ports are complete.
     void Report(bool json, const std::string& undoFile) const {
         if (json) {
             PrintJson({{"ports", documents_}, {"undoFile", undoFile}});
         } else {
-            std::cout << complete_ << (complete_ == 1 ? " port " : " ports ") << done_;
-            if (incomplete_ != 0) {
-                std::cout << ", " << incomplete_ << " not or in part:\n" << text_;
-            } else {
-                std::cout << '\n';
-            }
+            std::cout << Counted(complete_) << words_.done
+                      << (already_ == 0 ? "" : ", " + Counted(already_) + words_.already)
+                      << (incomplete_ == 0 ? "" : ", " + Counted(incomplete_) + "incomplete:")
+                      << '\n'
+                      << text_;
             if (!undoFile.empty()) {
-                std::cout << Advised("port migrate --undo " + undoFile) << " takes it back\n";
+                std::cout << "To undo the migration: " << CommandLine("port migrate --undo ")
+                          << Quoted(ToWide(undoFile)) << '\n';
             }
         }
         if (incomplete_ != 0) {
-            throw CommandFailed("not all ports are " + std::string(done_));
+            throw CommandFailed(Counted(incomplete_) + "could not be " + words_.done +
+                                " completely");
         }
     }
 
   private:
-    const char* done_;
+    static std::string Counted(size_t count) {
+        return std::to_string(count) + (count == 1 ? " port " : " ports ");
+    }
+
+    const OutcomeWords words_;
     nlohmann::json documents_ = nlohmann::json::array();
     std::string text_;
     size_t complete_ = 0;
+    size_t already_ = 0;
     size_t incomplete_ = 0;
 };
 
-// Does something with one port after the other, with progress; Ctrl-C ends it between two ports.
+constexpr OutcomeWords kMigrated = {"migrated", "already migrated"};
+constexpr OutcomeWords kUndone = {"undone", "unchanged since"};
+
+// Processes one port after the other with progress; Ctrl-C ends it between two ports.
+//   work: also says whether there was anything to do, in `changed`.
 void ForEachPort(const std::vector<Migration>& plan, bool json, Outcome& outcome,
                  const std::function<MigrationResult(const Migration&)>& work) {
     const Interruption interruption;
@@ -180,17 +187,16 @@ void ForEachPort(const std::vector<Migration>& plan, bool json, Outcome& outcome
                       std::to_string(plan.size()) + " ports");
         MigrationResult result;
         if (interruption.Requested()) {
-            result.failure = "not begun, because of Ctrl-C";
+            result.failure = "not started because of Ctrl-C";
         } else if (plan[i].obstacle.empty()) {
             result = work(plan[i]);
         }
-        outcome.Add(plan[i], result);
+        outcome.Add(plan[i], result, result.changed);
     }
 }
 
 std::vector<Migration> Planned(const MigrateArguments& arguments, SpoolerChannel& channel,
                                const PrinterIdentifier& identify) {
-    const Interruption interruption;
     Progress progress(!arguments.json);
     MigrationWishes wishes = {
         WideNames(arguments.names), arguments.nameFormat, {}, [](const std::string& name) {
@@ -200,12 +206,21 @@ std::vector<Migration> Planned(const MigrateArguments& arguments, SpoolerChannel
         wishes.identify = identify;
     }
     return PlanMigration(channel, wishes, [&](size_t done, size_t all) {
-        if (interruption.Requested()) {
-            progress.Clear();
-            EndInterrupted();  // nothing was changed yet
-        }
         progress.Show(Bar(done, all) + "  planning " + std::to_string(all) + " ports");
     });
+}
+
+void PrintDryRun(const MigrateArguments& arguments, const std::vector<Migration>& plan) {
+    if (!arguments.json) {
+        PrintPlan(plan, std::cout);
+        std::cout << "Dry run: nothing was changed\n";
+        return;
+    }
+    nlohmann::json documents = nlohmann::json::array();
+    for (const Migration& migration : plan) {
+        documents.push_back(ToJson(migration));
+    }
+    PrintJson({{"dryRun", true}, {"ports", documents}});
 }
 
 void RunMigrate(const MigrateArguments& arguments, SpoolerChannel& channel,
@@ -217,26 +232,28 @@ void RunMigrate(const MigrateArguments& arguments, SpoolerChannel& channel,
     if (plan.empty()) {
         throw CommandFailed("there is no standard TCP/IP port");
     }
-    if (arguments.json && arguments.dryRun) {
-        nlohmann::json documents = nlohmann::json::array();
-        for (const Migration& migration : plan) {
-            documents.push_back(ToJson(migration));
-        }
-        PrintJson({{"dryRun", true}, {"ports", documents}});
+    if (arguments.dryRun) {
+        PrintDryRun(arguments, plan);
         return;
     }
     PrintPlan(plan, arguments.json ? std::cerr : std::cout);
-    if (arguments.dryRun) {
-        std::cout << "a dry run: nothing was done\n";
-        return;
+    const bool hasWork = std::ranges::any_of(plan, &Migration::HasWork);
+    std::string undoFile;
+    if (hasWork) {
+        Confirm("Create these ports and move the printers?", arguments.yes, "Nothing was changed");
+        undoFile = WriteUndoFile(arguments, plan, server);
     }
-    if (!arguments.yes && !IsConfirmed("Make these ports and move the printers?")) {
-        throw CommandFailed("nothing was changed");
-    }
-    const std::string undoFile = WriteUndoFile(arguments, plan, server);
-    Outcome outcome("migrated");
-    ForEachPort(plan, arguments.json, outcome,
-                [&channel](const Migration& migration) { return Migrate(channel, migration); });
+    Outcome outcome(kMigrated);
+    ForEachPort(plan, arguments.json, outcome, [&channel](const Migration& migration) {
+        MigrationResult result;
+        if (!migration.HasWork()) {
+            result.waiting = migration.busy;
+            return result;
+        }
+        result = Migrate(channel, migration);
+        result.changed = !migration.isThere || !result.moved.empty();
+        return result;
+    });
     outcome.Report(arguments.json, undoFile);
 }
 
@@ -247,8 +264,9 @@ std::vector<Migration> ReadUndoFile(const std::string& file, const std::wstring&
         const nlohmann::json document = nlohmann::json::parse(text);
         if (const auto other = document.at("server").get<std::string>();
             !SameName(ToWide(other), server)) {
-            throw CommandFailed("is about " + (other.empty() ? "the computer itself" : other) +
-                                ": run it there, or name it with --server");
+            throw CommandFailed("the migration was run " +
+                                (other.empty() ? "without --server" : "with --server " + other) +
+                                ". Undo it in the same way");
         }
         std::vector<Migration> plan;
         for (const auto& port : document.at("ports")) {
@@ -256,16 +274,41 @@ std::vector<Migration> ReadUndoFile(const std::string& file, const std::wstring&
         }
         return plan;
     } catch (const nlohmann::json::exception&) {
-        throw CommandFailed(SourceName(file) + " is no file of a migration");
+        throw CommandFailed(SourceName(file) + " is not a file that `port migrate` wrote");
     } catch (const CommandFailed& failed) {
         throw CommandFailed(SourceName(file) + ": " + failed.what());
     }
 }
 
+// Shows which printers would move back and which ports would be deleted.
+void PrintUndoPlan(const std::vector<Migration>& plan, bool json) {
+    if (json) {
+        nlohmann::json documents = nlohmann::json::array();
+        for (const Migration& migration : plan) {
+            documents.push_back(ToJson(migration));
+        }
+        PrintJson({{"dryRun", true}, {"ports", documents}});
+        return;
+    }
+    std::vector<std::vector<std::string>> rows;
+    for (const Migration& migration : plan) {
+        rows.push_back({ToUtf8(migration.to), ToUtf8(migration.from),
+                        migration.queues.empty() ? "-" : JoinedNames(migration.queues),
+                        migration.isThere ? "stays" : "is deleted"});
+    }
+    PrintTable({"PORT", "BECOMES", "PRINTERS", "PORT THEN"}, rows);
+    std::cout << "Dry run: nothing was changed\n";
+}
+
 void RunUndo(const MigrateArguments& arguments, SpoolerChannel& channel,
              const std::wstring& server) {
-    Outcome outcome("taken back");
-    ForEachPort(ReadUndoFile(arguments.undo, server), arguments.json, outcome,
+    const std::vector<Migration> plan = ReadUndoFile(arguments.undo, server);
+    if (arguments.dryRun) {
+        PrintUndoPlan(plan, arguments.json);
+        return;
+    }
+    Outcome outcome(kUndone);
+    ForEachPort(plan, arguments.json, outcome,
                 [&channel](const Migration& migration) { return Undo(channel, migration); });
     outcome.Report(arguments.json, {});
 }
@@ -277,32 +320,32 @@ void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
                     const std::function<std::wstring()>& server) {
     CLI::App& command = *port.add_subcommand(
         "migrate",
-        "Make ports of the same settings for Windows' own TCP/IP ports, and move the printers to "
-        "them, but those with waiting jobs; shows a plan first");
+        "Replace Windows' standard TCP/IP ports by ports with the same settings, and move the "
+        "printers that have no waiting print jobs; shows the plan first");
     AddExample(command, "port migrate \"IP_10.*\" --follow --dry-run");
     const auto arguments = std::make_shared<MigrateArguments>();
-    CLI::Option& names =
-        AddNames(command, arguments->names,
-                 "The standard ports, or patterns with * and ?; all if there is none");
-    CLI::Option* undo = command.add_option("--undo", arguments->undo,
-                                           "Take a migration back: the file that it wrote");
+    CLI::Option& names = AddNames(command, arguments->names,
+                                  "Standard ports, or patterns with * and ?; all by default");
+    CLI::Option* undo =
+        command.add_option("--undo", arguments->undo, "Undo the migration that wrote this file");
     undo->check(NotEmpty())->excludes(&names);
     command
         .add_option("--name-format", arguments->nameFormat,
-                    "The new ports' names, of {name} and {address} ({name}-kestmon)")
-        ->check(NotEmpty())
+                    "Names of the new ports, with {name} and {address} ({name}-kestmon)")
+        ->check(Checked(CheckNameFormat))
         ->excludes(undo);
     command
         .add_flag("--follow", arguments->follow,
-                  "Ask each printer who it is, and have its port follow it")
+                  "Read MAC address and host name from each printer, and follow it")
         ->excludes(undo);
     command
         .add_option("--undo-file", arguments->undoFile,
-                    "Where to write what --undo needs (migration-DATE-TIME.json)")
+                    "File to write for --undo (migration-DATE-TIME.json)")
         ->check(NotEmpty())
         ->excludes(undo);
-    command.add_flag("--dry-run", arguments->dryRun, "Only show the plan")->excludes(undo);
-    command.add_flag("--yes", arguments->yes, "Do it without asking")->excludes(undo);
+    AddDryRunFlag(command, arguments->dryRun);
+    AddYesFlag(command, arguments->yes);
+    command.get_option("--yes")->excludes(undo);
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, identify, server] {
         const auto channel = openChannel();

@@ -24,40 +24,63 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Where set-up tells what it does: on the terminal and, where one is named, in a log file, for
-// those who run it without a terminal.
+struct SetupArguments {
+    std::string from;
+    std::string keepPorts;
+    std::string log;
+    SetupOptions options;
+    bool json = false;
+};
+
+// Reports what set-up does: as text at once or as JSON at the end, and in a log file if one is
+// named, for an installation without a terminal.
 class SetupReport {
   public:
     // Throws CommandFailed when the log cannot be written.
-    explicit SetupReport(const std::string& logFile) {
-        if (!logFile.empty()) {
-            log_.open(fs::path(ToWide(logFile)), std::ios::app);
+    explicit SetupReport(const SetupArguments& arguments) : arguments_(arguments) {
+        if (!arguments.log.empty()) {
+            log_.open(fs::path(ToWide(arguments.log)), std::ios::app);
             if (!log_) {
-                throw CommandFailed("the log " + logFile + " cannot be written");
+                throw CommandFailed("the log " + arguments.log + " cannot be written");
             }
         }
     }
 
-    void Line(const std::string& line) {
-        std::cout << line << std::endl;  // at once: some steps take their time
-        Log(line);
-    }
-
-    // Does the work, and has its failure in the log, too.
+    // Does the work, and reports its failure in the log and in JSON, too.
     void Run(const std::function<void(const Report& report)>& work) {
         const Interruption untilDone;  // Ctrl-C must not leave the spooler stopped
         try {
             work([this](const std::string& line) { Line(line); });
         } catch (const CommandFailed& failed) {
-            Log("failed: " + Explained(failed));
+            Fail(Explained(failed));
             throw;
         } catch (const std::exception& failed) {
-            Log(std::string("failed: ") + failed.what());
+            Fail(failed.what());
             throw;
+        }
+        if (arguments_.json) {
+            PrintJson({{"dryRun", arguments_.options.dryRun}, {"report", lines_}});
         }
     }
 
   private:
+    void Line(const std::string& line) {
+        if (!arguments_.json) {
+            std::cout << line << std::endl;  // at once: some steps take their time
+        }
+        lines_.push_back(line);
+        Log(line);
+    }
+
+    void Fail(const std::string& message) {
+        Log("failed: " + message);
+        if (arguments_.json) {
+            PrintJson({{"dryRun", arguments_.options.dryRun},
+                       {"report", lines_},
+                       {"error", message}});
+        }
+    }
+
     void Log(const std::string& line) {
         if (log_.is_open()) {
             SYSTEMTIME now;
@@ -69,15 +92,19 @@ class SetupReport {
         }
     }
 
+    const SetupArguments& arguments_;
+    std::vector<std::string> lines_;
     std::ofstream log_;
 };
 
-void AddLogOption(CLI::App& command, std::string& file) {
+void AddSetupOptions(CLI::App& command, SetupArguments& arguments, const std::string& force) {
+    command.add_flag("--force", arguments.options.force, force);
     command
-        .add_option("--log", file,
-                    "Append what is said to this file as well, for an installation without a "
-                    "terminal")
+        .add_option("--log", arguments.log,
+                    "Also append the report to this file, for an installation without a terminal")
         ->check(NotEmpty());
+    AddDryRunFlag(command, arguments.options.dryRun);
+    AddJsonFlag(command, arguments.json);
 }
 
 CLI::App& AddMonitorCommand(CLI::App& monitor, const std::string& name,
@@ -88,35 +115,63 @@ CLI::App& AddMonitorCommand(CLI::App& monitor, const std::string& name,
 }
 
 void AddInstall(CLI::App& monitor, Machine& machine) {
-    struct Arguments {
-        std::string from;
-        std::string log;
-        bool force = false;
-    };
-    CLI::App& command = AddMonitorCommand(monitor, "install",
-                                          "Install the monitor, or update it: all or\n"
-                                          "nothing. Ports, and an SLPConf.xml that was\n"
-                                          "changed, stay as they are",
-                                          "monitor install");
-    const auto arguments = std::make_shared<Arguments>();
-    command.add_option("--from", arguments->from, "The release's files (those beside kestctl)")
+    CLI::App& command = AddMonitorCommand(
+        monitor, "install",
+        "Install or update the monitor, completely or not at all. Ports and a modified SLPConf.xml "
+        "are kept",
+        "monitor install");
+    const auto arguments = std::make_shared<SetupArguments>();
+    command
+        .add_option("--from", arguments->from,
+                    "Folder with the files of the release (that of this program)")
         ->check(NotEmpty());
-    command.add_flag("--force", arguments->force,
-                     "Also an older release over a newer one, and over\n"
-                     "libraries that are damaged or another product's");
-    AddLogOption(command, arguments->log);
+    AddSetupOptions(command, *arguments,
+                    "Also replace a newer release, and libraries that are damaged or belong to "
+                    "another product");
     command.callback([arguments, &machine] {
-        SetupReport(arguments->log).Run([&](const Report& report) {
+        SetupReport(*arguments).Run([&](const Report& report) {
             const fs::path package = arguments->from.empty()
                                          ? SpoolerHost::LibraryBesideProgram().parent_path()
                                          : fs::absolute(ToWide(arguments->from));
-            InstallMonitor(machine, package, arguments->force, report);
+            InstallMonitor(machine, package, arguments->options, report);
         });
     });
 }
 
-// Keeps what remove would take away: the ports as `kestctl port show --json` shows them and, if
-// it was changed, SLPConf.xml. What was kept before is never written over.
+// All ports as `port show --json` shows them. Throws CommandFailed unless all stored ports are read.
+nlohmann::json StoredPortsAsJson(Machine& machine, const ChannelFactory& openChannel) {
+    nlohmann::json ports = nlohmann::json::array();
+    const size_t stored = StoredPorts(machine).size();
+    if (stored == 0) {
+        return ports;
+    }
+    const auto channel = openChannel();
+    for (const std::wstring& port : channel->PortNames()) {
+        ports.push_back(ToJson(port, ReadPort(*channel, port)));
+    }
+    // A spooler that has not loaded the monitor knows none of them.
+    if (ports.size() < stored) {
+        throw CommandFailed("the print spooler knows " + std::to_string(ports.size()) + " of " +
+                            std::to_string(stored) +
+                            " ports, nothing was removed. Bypass it with `kestctl --direct "
+                            "monitor remove --keep-ports FILE`");
+    }
+    return ports;
+}
+
+void WriteNewFile(const fs::path& file, const std::string& text) {
+    const UniqueFile kept(CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                      FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    if (!kept ||
+        !WriteFile(kept.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
+        throw CommandFailed(ToUtf8(file.native()) +
+                            " cannot be written, nothing was removed: " + ErrorText(GetLastError()));
+    }
+}
+
+// Saves the ports and, if it was modified, SLPConf.xml before they are removed. Never overwrites a
+// file.
 void KeepPorts(const std::string& name, Machine& machine, const ChannelFactory& openChannel,
                const Report& report) {
     const fs::path file(ToWide(name));
@@ -126,33 +181,11 @@ void KeepPorts(const std::string& name, Machine& machine, const ChannelFactory& 
         std::error_code ignored;
         if (fs::exists(path, ignored) && (path == file || keepConfiguration)) {
             throw CommandFailed(ToUtf8(path.native()) +
-                                " is there already, nothing was removed: choose another name");
+                                " already exists, nothing was removed. Choose another name");
         }
     }
-    nlohmann::json ports = nlohmann::json::array();
-    if (const size_t stored = StoredPorts(machine).size(); stored != 0) {
-        const auto channel = openChannel();
-        for (const std::wstring& port : channel->PortNames()) {
-            ports.push_back(ToJson(port, ReadPort(*channel, port)));
-        }
-        // A spooler that has not loaded the monitor knows none of them.
-        if (ports.size() < stored) {
-            throw CommandFailed("the print spooler knows " + std::to_string(ports.size()) + " of " +
-                                std::to_string(stored) +
-                                " ports, nothing was removed: read them past it, with `kestctl "
-                                "--direct monitor remove --keep-ports FILE`");
-        }
-    }
-    const std::string text =
-        ports.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
-    const UniqueFile kept(CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                      FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD written = 0;
-    if (!kept ||
-        !WriteFile(kept.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
-        throw CommandFailed(
-            name + " cannot be written, nothing was removed: " + ErrorText(GetLastError()));
-    }
+    const nlohmann::json ports = StoredPortsAsJson(machine, openChannel);
+    WriteNewFile(file, JsonText(ports));
     report(std::to_string(ports.size()) + " ports are kept in " + name);
     if (keepConfiguration) {
         const DWORD code = machine.Copy(machine.SystemFolder() / kConfigurationFile, configuration);
@@ -160,39 +193,31 @@ void KeepPorts(const std::string& name, Machine& machine, const ChannelFactory& 
             throw CommandFailed(ToUtf8(configuration.native()) +
                                 " cannot be written, nothing was removed: " + ErrorText(code));
         }
-        report("SLPConf.xml, which was changed, is kept in " + ToUtf8(configuration.native()));
+        report("the modified SLPConf.xml is kept in " + ToUtf8(configuration.native()));
     }
 }
 
 void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& machine) {
-    struct Arguments {
-        std::string keepPorts;
-        std::string log;
-        bool force = false;
-    };
-    CLI::App& command = AddMonitorCommand(monitor, "remove",
-                                          "Remove the monitor with its ports, SLPConf.xml\n"
-                                          "and log. Refuses while printers print to its\n"
-                                          "ports. Where nothing is installed, it says so and\n"
-                                          "succeeds",
-                                          "monitor remove --keep-ports ports.json");
-    const auto arguments = std::make_shared<Arguments>();
+    CLI::App& command = AddMonitorCommand(
+        monitor, "remove",
+        "Remove the monitor with its ports, SLPConf.xml and log. Fails while printers use its "
+        "ports, and succeeds if nothing is installed",
+        "monitor remove --keep-ports ports.json");
+    const auto arguments = std::make_shared<SetupArguments>();
     command
         .add_option("--keep-ports", arguments->keepPorts,
-                    "First write the ports to this file, as JSON; an\n"
-                    "SLPConf.xml that was changed is kept beside it\n"
-                    "(ports.SLPConf.xml for ports.json)")
+                    "First write the ports to this file as JSON, and a modified SLPConf.xml to a "
+                    "file beside it (ports.SLPConf.xml for ports.json)")
         ->check(NotEmpty());
-    command.add_flag("--force", arguments->force,
-                     "Also when printers print to its ports, stopping the spooler if it has to be");
-    AddLogOption(command, arguments->log);
+    AddSetupOptions(command, *arguments,
+                    "Also remove ports that printers use, and stop the spooler if necessary");
     command.callback([arguments, openChannel, &machine] {
-        SetupReport(arguments->log).Run([&](const Report& report) {
-            CheckRemoval(machine, arguments->force);
-            if (!arguments->keepPorts.empty()) {
+        SetupReport(*arguments).Run([&](const Report& report) {
+            CheckRemoval(machine, arguments->options.force);
+            if (!arguments->keepPorts.empty() && !arguments->options.dryRun) {
                 KeepPorts(arguments->keepPorts, machine, openChannel, report);
             }
-            RemoveMonitor(machine, arguments->force, report);
+            RemoveMonitor(machine, arguments->options, report);
         });
     });
 }
@@ -212,11 +237,11 @@ Finding LibraryFinding(const InstalledLibrary& library, bool oneRelease) {
     if (library.version && library.version->ours) {
         finding.state = library.version->Text();
         if (!oneRelease) {
-            finding.toDo = std::string("the files are of different releases: ") + kInstall;
+            finding.toDo = std::string("the files are from different releases: ") + kInstall;
         }
     } else if (library.present) {
-        finding.state = "damaged, or another product's";
-        finding.toDo = std::string("see what it is, then ") + kInstall + " --force";
+        finding.state = "damaged, or of another product";
+        finding.toDo = std::string("check which product it belongs to, then ") + kInstall + " --force";
         finding.broken = true;
     } else if (!library.optional) {
         finding.state = "missing";
@@ -252,7 +277,7 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
             break;
     }
     if (!status.listed && status.spooler == ServiceState::Running) {
-        findings.push_back({"loaded", "unknown: the spooler does not answer",
+        findings.push_back({"loaded", "unknown: the spooler does not respond",
                             "net stop spooler, then net start spooler", true});
     } else if (!status.listed) {
         findings.push_back({"loaded", "unknown"});
@@ -260,8 +285,8 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
         findings.push_back({"loaded", *status.listed ? "yes" : "no"});
     } else {
         findings.push_back({"loaded", "no",
-                            "restart the spooler; if that does not help, its events say why (Event "
-                            "Viewer, PrintService/Admin)",
+                            "restart the spooler; if that does not help, see the reason in its events "
+                            "(Event Viewer, PrintService/Admin)",
                             true});
     }
     return findings;
@@ -271,12 +296,12 @@ std::vector<Finding> PortFindings(const MonitorStatus& status) {
     std::vector<Finding> findings = {{"ports", std::to_string(status.ports.size())}};
     for (const StoredPort& port : status.ports) {
         const std::string what = "port " + ToUtf8(port.name);
-        const std::string set = "kestctl port set " + Quoted(port.name);
+        const std::string set = CommandLine("port set " + Quoted(port.name));
         if (!port.configured) {
             findings.push_back(
-                {what, "not configured: no job starts on it", set + " --address ADDRESS", true});
+                {what, "not configured: print jobs cannot start", set + " --address ADDRESS", true});
         } else if (port.alwaysPrint && !port.hasKey) {
-            findings.push_back({what, "cannot follow: it knows no MAC address and no host name",
+            findings.push_back({what, "cannot follow its printer: no MAC address and no host name is stored",
                                 set + " --follow ADDRESS", true});
         }
     }
@@ -294,11 +319,11 @@ std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
             break;
         case ConfigurationState::Unreadable:
             file = {file.what, "cannot be read",
-                    "see who may: icacls " + ToUtf8(status.configurationFile.native()), needed};
+                    "check its permissions: icacls " + ToUtf8(status.configurationFile.native()), needed};
             break;
         case ConfigurationState::NotWellFormed:
-            file = {file.what, "no well-formed XML: no port follows its printer",
-                    "mend it (docs/SLPConf.md), or delete it and " + std::string(kInstall), needed};
+            file = {file.what, "not well-formed XML: no port follows its printer",
+                    "correct it (docs/SLPConf.md), or delete it and " + std::string(kInstall), needed};
             break;
         case ConfigurationState::NotChecked:
             file.state += ", not checked without kestmon.dll";
@@ -334,7 +359,7 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
         addresses.state += (addresses.state.empty() ? "" : ", ") + address;
     }
     if (addresses.state.empty()) {
-        addresses = {addresses.what, "no address", "kestctl interfaces says why"};
+        addresses = {addresses.what, "no address", "kestctl interfaces shows the reason"};
     }
     std::vector<Finding> findings = {addresses};
     for (const auto& [file, bytes] : status.logs) {
@@ -342,7 +367,7 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
         Finding log = {
             spoolers ? "log, spooler's" : "log, yours",
             ToUtf8(file.native()) + (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
-                                           : ": none that this user may see")};
+                                           : ": no file that this user may read")};
         if (bytes.value_or(0) >= kLargeLog) {
             const std::string remove = "del \"" + ToUtf8(file.native()) + '"';
             log.toDo = "remove it: " +
@@ -352,8 +377,8 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
     }
     for (const auto& [folder, count] : LeftoverJobs(machine)) {
         findings.push_back({"NPM*.tmp", std::to_string(count) + " in " + ToUtf8(folder.native()),
-                            "data of jobs that no daemon took, unless another program made them: "
-                            "look at them and delete them"});
+                            "data of jobs that no daemon accepted, unless another program created "
+                            "them: check and delete them"});
     }
     return findings;
 }
@@ -365,7 +390,7 @@ std::vector<Finding> Findings(const MonitorStatus& status, Machine& machine) {
         all.push_back(LibraryFinding(library, status.OneRelease()));
         if (library.version && library.version->Text() != KESTMON_VERSION_STRING) {
             self.toDo =
-                "the libraries are of another release: use its kestctl, or install this one";
+                "the libraries are from another release: use its kestctl, or install this one";
         }
     }
     all.insert(all.begin(), self);
@@ -376,7 +401,7 @@ std::vector<Finding> Findings(const MonitorStatus& status, Machine& machine) {
     return all;
 }
 
-// What has to be done about a line stands below it.
+// The advice for a line is printed below it.
 void PrintFindings(const std::vector<Finding>& findings) {
     size_t width = 0;
     for (const Finding& finding : findings) {
@@ -429,12 +454,11 @@ nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& f
 }
 
 void AddStatus(CLI::App& monitor, Machine& machine) {
-    CLI::App& command = AddMonitorCommand(monitor, "status",
-                                          "Show what is on the machine of the monitor, and\n"
-                                          "what to do about each line that is not as it\n"
-                                          "should be (!). Exit code 1 when a port would not\n"
-                                          "print, or not follow its printer",
-                                          "monitor status");
+    CLI::App& command = AddMonitorCommand(
+        monitor, "status",
+        "Check the monitor's installation and show what to do about each line marked with !. Exit "
+        "code 1 if a port would not print or not follow its printer",
+        "monitor status");
     const auto json = std::make_shared<bool>(false);
     AddJsonFlag(command, *json);
     command.callback([json, &machine] {
@@ -446,7 +470,7 @@ void AddStatus(CLI::App& monitor, Machine& machine) {
             PrintFindings(findings);
         }
         if (std::ranges::any_of(findings, &Finding::broken)) {
-            throw CommandFailed("not all is as it should be: do what stands at the lines with !");
+            throw CommandFailed("The monitor does not work completely. Follow the advice at the lines marked with !");
         }
     });
 }
@@ -455,7 +479,7 @@ void AddStatus(CLI::App& monitor, Machine& machine) {
 
 void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine) {
     CLI::App& monitor =
-        *app.add_subcommand("monitor", "Install, remove and check the monitor itself");
+        *app.add_subcommand("monitor", "Install, remove and check the monitor");
     monitor.require_subcommand(1);
     AddInstall(monitor, machine);
     AddRemove(monitor, openChannel, machine);

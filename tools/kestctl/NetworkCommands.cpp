@@ -8,10 +8,10 @@
 
 #include "admin/Hosts.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Progress.h"
 
 namespace {
 
-// What the three commands are told.
 struct NetworkArguments {
     std::string target;
     bool json = false;
@@ -35,7 +35,10 @@ void RunResolve(const NetworkArguments& arguments) {
 void RunPing(const NetworkArguments& arguments) {
     const Network& network = StartedNetwork();
     const IPAddress address = AddressOf(network, arguments.target);
+    Progress progress(!arguments.json);
+    progress.Show("asking " + address.GetText());
     const bool answered = network.Ping(address) == 0;
+    progress.Clear();
     if (arguments.json) {
         PrintJson({{"address", address.GetText()}, {"answered", answered}});
     } else if (answered) {
@@ -43,8 +46,8 @@ void RunPing(const NetworkArguments& arguments) {
     }
     if (!answered) {
         throw CommandFailed(address.GetText() +
-                            " does not answer: check that the printer is on and connected, and "
-                            "that no firewall keeps ICMP echo from it");
+                            " does not answer. Check that the printer is on and connected, and "
+                            "that no firewall blocks ICMP echo requests");
     }
 }
 
@@ -57,17 +60,17 @@ const char* Reason(AddressVerdict verdict) {
         case AddressVerdict::NoMask:
             return "it has no subnet mask";
         case AddressVerdict::ZeroNetwork:
-            return "it lies in 0.0.0.0/8";
+            return "it is in 0.0.0.0/8";
         case AddressVerdict::Loopback:
-            return "it is the machine's loopback";
+            return "it is the loopback address";
         case AddressVerdict::SelfAssigned:
-            return "it is self-assigned: the interface got none";
+            return "it is self-assigned: the interface received no address";
         case AddressVerdict::GatewayUnusable:
             return "the default gateway's address is unusable";
         case AddressVerdict::IsGateway:
-            return "it is the default gateway's";
+            return "it is the address of the default gateway";
         case AddressVerdict::BeyondLimit:
-            return "ten were taken before it";
+            return "ten other addresses are already used";
     }
     return "";
 }
@@ -82,8 +85,8 @@ void RunInterfaces(const NetworkArguments& arguments) {
     const Network& network = StartedNetwork();
     if (network.GetAddressTable() == nullptr) {
         throw CommandFailed(
-            "the system does not tell its addresses and routes: check with "
-            "'ipconfig' and 'route print' that it has any");
+            "the system does not report its addresses and routes. Check with `ipconfig` and "
+            "`route print` that it has any");
     }
     auto addresses = nlohmann::json::array();
     std::vector<std::vector<std::string>> rows;
@@ -104,7 +107,7 @@ void RunInterfaces(const NetworkArguments& arguments) {
     }
 }
 
-// A command and, unless `target` is null, what it is asked about.
+// Adds a command and, unless `target` is null, its argument.
 void AddCommand(CLI::App& app, const char* name, const char* text, const char* target,
                 const char* targetText, const char* example, void (*run)(const NetworkArguments&)) {
     const auto arguments = std::make_shared<NetworkArguments>();
@@ -120,12 +123,13 @@ void AddCommand(CLI::App& app, const char* name, const char* text, const char* t
 }  // namespace
 
 void AddNetworkCommands(CLI::App& app) {
-    AddCommand(app, "resolve", "Show the address that the monitor finds for a host name", "NAME",
-               "The host name", "resolve printer-2.example.com", RunResolve);
-    AddCommand(app, "ping", "Ask a printer for an ICMP echo, as the search for printers does",
-               "ADDRESS", "The printer's IPv4 or IPv6 address, or its host name",
+    AddCommand(app, "resolve", "Show the address to which the monitor resolves a host name", "NAME",
+               "Host name", "resolve printer-2.example.com", RunResolve);
+    AddCommand(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
+               "ADDRESS", "IPv4 address, IPv6 address or host name of the printer",
                "ping 192.168.1.20", RunPing);
     AddCommand(app, "interfaces",
-               "Show this machine's IPv4 addresses, which are used, and why the others are not",
+               "Show which IPv4 addresses of this computer the printer search uses, and why it does not "
+               "use the others",
                nullptr, nullptr, "interfaces", RunInterfaces);
 }

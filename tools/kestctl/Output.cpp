@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <iostream>
+#include <iterator>
 
 #include "admin/Text.h"
 
@@ -12,6 +13,7 @@ namespace {
 
 bool printedJson = false;
 std::string server;  // without its backslashes; empty for this computer
+bool direct = false;
 
 void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths,
               std::ostream& out) {
@@ -23,23 +25,86 @@ void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& wi
     out << line << '\n';
 }
 
-// What helps on another server in another way than on this computer; empty where nothing does.
+// The remedy on another server where it differs from that on this computer; else empty.
 std::string RemedyOnServer(Remedy remedy) {
     switch (server.empty() ? Remedy::None : remedy) {
         case Remedy::RunAsAdministrator:
-            return "; run kestctl as somebody who may manage the print server " + server;
+            return ". Run kestctl with an account that may manage the print server " + server;
         case Remedy::StartSpooler:
-            return "; see that " + server +
-                   " is the right name, that its service Print Spooler runs, and that no firewall "
-                   "is in between";
+            return ". Check that " + server +
+                   " is the right name, that its service Print Spooler is running, and that no "
+                   "firewall blocks the connection";
         case Remedy::InstallMonitor:
-            return "; install the monitor with `kestctl monitor install` on " + server;
+            return ". Install the monitor with `kestctl monitor install` on " + server;
         case Remedy::AddPrinter:
-            return ": add one that does (Windows: Add-Printer -ComputerName " + server +
+            return ". Add a printer for the port (Windows: Add-Printer -ComputerName " + server +
                    " -PortName)";
         default:
             return {};
     }
+}
+
+// The remedy for a failure that is about the port `port`, as a sentence.
+std::string RemedyText(Remedy remedy, const std::string& port) {
+    switch (remedy) {
+        case Remedy::None:
+        case Remedy::ChooseName:
+            break;
+        case Remedy::RunAsAdministrator:
+            return ". Run kestctl as administrator";
+        case Remedy::StartSpooler:
+            return ". Start the print spooler: net start spooler";
+        case Remedy::InstallMonitor:
+            return ". Install the monitor with `kestctl monitor install`, or bypass the spooler "
+                   "with --direct";
+        case Remedy::ListPorts:
+            return ". " + Advised("port list") + " shows the existing ports";
+        case Remedy::ListStandardPorts:
+            return ". " + Advised("port migrate --dry-run") + " shows the existing ports";
+        case Remedy::ChangePort:
+            return ". " + Advised("port set " + port + " ...") + " changes it";
+        case Remedy::ShowPort:
+            return ". Check its settings with " + Advised("port show " + port);
+        case Remedy::DeletePort:
+            return ". Delete it with " + Advised("port delete " + port);
+        case Remedy::MovePrinter:
+            return ". Move the printer to another port first";
+        case Remedy::AddPrinter:
+            return ". Add a printer for the port (Windows: Add-Printer -PortName), or send "
+                   "without a printer with --direct";
+        case Remedy::CheckSearch:
+            return ". Check that the printer is on, that `kestctl slp find` shows it with the "
+                   "attributes that SLPConf.xml names (docs/SLPConf.md), and that no firewall "
+                   "blocks UDP port 427";
+        case Remedy::UnpackRelease:
+            return ". Unpack the whole archive into a folder of its own, and run kestctl from "
+                   "there or name the folder with --from";
+        case Remedy::Force:
+            return ". To do it anyway, add --force";
+        case Remedy::MoveQueues:
+            return ". Move them to other ports, or remove the monitor anyway with --force";
+    }
+    return {};
+}
+
+// The same document with the member "name" before the others, which are sorted.
+nlohmann::ordered_json NameFirst(const nlohmann::json& document) {
+    if (document.is_array()) {
+        auto list = nlohmann::ordered_json::array();
+        std::transform(document.begin(), document.end(), std::back_inserter(list), NameFirst);
+        return list;
+    }
+    if (!document.is_object()) {
+        return document;
+    }
+    auto object = nlohmann::ordered_json::object();
+    if (const auto name = document.find("name"); name != document.end()) {
+        object["name"] = NameFirst(*name);
+    }
+    for (const auto& [key, value] : document.items()) {
+        object.emplace(key, NameFirst(value));
+    }
+    return object;
 }
 
 }  // namespace
@@ -63,57 +128,23 @@ void SpeakOfServer(const std::string& name) {
     server = name.substr(name.find_first_not_of('\\'));
 }
 
+void SpeakOfDirect() {
+    direct = true;
+}
+
+std::string CommandLine(const std::string& arguments) {
+    return "kestctl " + (server.empty() ? "" : "--server " + server + " ") +
+           (direct ? "--direct " : "") + arguments;
+}
+
 std::string Advised(const std::string& arguments) {
-    return "`kestctl " + (server.empty() ? "" : "--server " + server + " ") + arguments + "`";
+    return "`" + CommandLine(arguments) + "`";
 }
 
 std::string Explained(const CommandFailed& failed) {
-    const std::string message = failed.what();
-    const std::string port = Quoted(failed.subject);
-    if (const std::string there = RemedyOnServer(failed.remedy); !there.empty()) {
-        return message + there;
-    }
-    switch (failed.remedy) {
-        case Remedy::None:
-        case Remedy::ChooseName:
-            break;
-        case Remedy::RunAsAdministrator:
-            return message + "; run kestctl as administrator";
-        case Remedy::StartSpooler:
-            return message + "; start its service: net start spooler";
-        case Remedy::InstallMonitor:
-            return message +
-                   "; install the monitor with `kestctl monitor install`, or go without: --direct";
-        case Remedy::ListPorts:
-            return message + ": " + Advised("port list") + " shows those there are";
-        case Remedy::ChangePort:
-            return message + ": " + Advised("port set " + port + " ...") + " changes it";
-        case Remedy::ShowPort:
-            return message + "; look at it with " + Advised("port show " + port);
-        case Remedy::DeletePort:
-            return message + ": try " + Advised("port delete " + port);
-        case Remedy::MovePrinter:
-            return message + ": move the printer to another port first";
-        case Remedy::AddPrinter:
-            return message +
-                   ": add one that does (Windows: Add-Printer -PortName), or send without one: "
-                   "--direct";
-        case Remedy::CheckSearch:
-            return message +
-                   ": check that it is on, that `kestctl slp find` shows it with the attributes "
-                   "that SLPConf.xml names (docs/SLPConf.md explains how), and that no firewall "
-                   "keeps UDP port 427 from it";
-        case Remedy::UnpackRelease:
-            return message +
-                   ": unpack the whole archive into a folder of its own, and run kestctl from "
-                   "there "
-                   "or name the folder with --from";
-        case Remedy::Force:
-            return message + "; --force does it all the same";
-        case Remedy::MoveQueues:
-            return message + ": move them to other ports, or remove it all the same with --force";
-    }
-    return message;
+    const std::string onServer = RemedyOnServer(failed.remedy);
+    return failed.what() +
+           (onServer.empty() ? RemedyText(failed.remedy, Quoted(failed.subject)) : onServer);
 }
 
 void AddJsonFlag(CLI::App& command, bool& wanted) {
@@ -122,7 +153,11 @@ void AddJsonFlag(CLI::App& command, bool& wanted) {
 
 void PrintJson(const nlohmann::json& document) {
     printedJson = true;
-    std::cout << document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
+    std::cout << JsonText(document);
+}
+
+std::string JsonText(const nlohmann::json& document) {
+    return NameFirst(document).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
 }
 
 bool HasPrintedJson() {
@@ -168,7 +203,7 @@ CLI::Validator Seconds() {
             char* end = nullptr;
             const double value = strtod(text.c_str(), &end);
             const bool fits = *end == '\0' && value >= 0.1 && value <= 60;
-            return fits ? "" : "'" + text + "' is no number of seconds from 0.1 to 60";
+            return fits ? "" : "'" + text + "' is not a number of seconds from 0.1 to 60";
         },
         "");
 }
@@ -190,11 +225,28 @@ bool InputIsTerminal() {
     return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != FALSE;
 }
 
-bool IsConfirmed(const std::string& question) {
+void Confirm(const std::string& question, bool yes, const std::string& refusal) {
+    if (yes) {
+        return;
+    }
+    if (!InputIsTerminal()) {
+        throw CLI::RequiredError("--yes (there is no terminal to ask on), or --dry-run");
+    }
+    std::cout.flush();
     std::cerr << question << " [y/N] " << std::flush;
     std::string answer;
     std::getline(std::cin, answer);
-    return !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
+    if (answer.empty() || (answer[0] != 'y' && answer[0] != 'Y')) {
+        throw CommandFailed(refusal);
+    }
+}
+
+void AddDryRunFlag(CLI::App& command, bool& wanted) {
+    command.add_flag("--dry-run", wanted, "Show what would be done, and change nothing");
+}
+
+void AddYesFlag(CLI::App& command, bool& wanted) {
+    command.add_flag("--yes", wanted, "Do not ask for confirmation");
 }
 
 bool OutputIsTerminal() {

@@ -190,41 +190,56 @@ void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
     }
 }
 
+void PrintTest(const CheckedPort& port) {
+    if (port.state == PortState::NotConfigured) {
+        std::cout << "port " << ToUtf8(port.name) << ": not configured\n";
+        return;
+    }
+    const bool connected = port.connection.error.empty();
+    std::cout << "port " << ToUtf8(port.name) << ": " << Target(port)
+              << (connected ? " accepts connections, after " : " accepts no connection, after ")
+              << port.connection.took.count() << " ms"
+              << (connected ? "" : ": " + port.connection.error) << '\n';
+    if (!IdentityText(port.printer).empty()) {
+        std::cout << "printer there: " << IdentityText(port.printer)
+                  << (port.state == PortState::AnotherPrinter ? ", not the port's printer" : "")
+                  << '\n';
+    } else if (connected) {
+        std::cout << "printer there: unknown"
+                  << (port.state == PortState::NoConfiguration ? ": " : ", it ")
+                  << (port.detail.empty() ? "reports neither MAC address nor host name"
+                                          : port.detail)
+                  << '\n';
+    }
+    if (port.state == PortState::CannotFollow) {
+        std::cout << "the port " << port.detail << '\n';
+    }
+}
+
 void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
              const CheckNetwork& network) {
     Progress progress(!arguments.json);
-    const std::wstring name = FindPort(channel, ToWide(arguments.names[0]));
-    const PortRecords records = ReadPort(channel, name);
-    progress.Show("asking " + Printable(AddressInUse(records)));
-    const Result result = {TestPort(name, records, network, Timeout(arguments))};
-    progress.Clear();
-    const CheckedPort& port = result.port;
-    if (arguments.json) {
-        PrintJson(ToJson(result));
-    } else if (port.state != PortState::NotConfigured) {
-        const bool connected = port.connection.error.empty();
-        std::cout << "port " << ToUtf8(name) << ": " << Target(port)
-                  << (connected ? " takes connections, after " : " takes no connection, after ")
-                  << port.connection.took.count() << " ms"
-                  << (connected ? "" : ": " + port.connection.error) << '\n';
-        if (!IdentityText(port.printer).empty()) {
-            std::cout << "who answers: " << IdentityText(port.printer)
-                      << (port.state == PortState::AnotherPrinter
-                              ? ", another printer than the port's"
-                              : "")
-                      << '\n';
-        } else if (connected) {
-            std::cout << "who answers: unknown"
-                      << (port.state == PortState::NoConfiguration ? ": " : ", it ")
-                      << (port.detail.empty() ? "gives neither MAC address nor name" : port.detail)
-                      << '\n';
+    nlohmann::json documents = nlohmann::json::array();
+    std::string failures;
+    for (const std::wstring& name : FindPorts(channel, WideNames(arguments.names))) {
+        const PortRecords records = ReadPort(channel, name);
+        progress.Show("asking " + Printable(AddressInUse(records)));
+        const Result result = {TestPort(name, records, network, Timeout(arguments))};
+        progress.Clear();
+        documents.push_back(ToJson(result));
+        if (!arguments.json) {
+            PrintTest(result.port);
         }
-        if (port.state == PortState::CannotFollow) {
-            std::cout << "the port " << port.detail << '\n';
+        if (result.port.state != PortState::Ok) {
+            failures += (failures.empty() ? "port " : "; port ") + ToUtf8(name) + ": " +
+                        StateText(result.port.state);
         }
     }
-    if (port.state != PortState::Ok) {
-        throw CommandFailed("port " + ToUtf8(name) + ": " + StateText(port.state));
+    if (arguments.json) {
+        PrintJson(IsOneName(arguments.names) ? documents[0] : documents);
+    }
+    if (!failures.empty()) {
+        throw CommandFailed(failures);
     }
 }
 
@@ -252,11 +267,10 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
         [checked, openChannel] { RunCheck(*checked, *openChannel(), RealCheckNetwork()); });
 
     CLI::App& test = *port.add_subcommand(
-        "test", "Connect to a port's printer, without a job, and ask who it is");
+        "test", "Connect to the printers of ports without a print job, and read their identity");
     AddExample(test, "port test OFFICE");
     const auto tested = std::make_shared<CheckArguments>();
-    tested->names.resize(1);
-    test.add_option("NAME", tested->names[0], "The port")->required()->check(NotEmpty());
+    AddNames(test, tested->names, "Port names, or patterns with * and ?").required();
     AddTimeout(test, tested->timeout);
     AddJsonFlag(test, tested->json);
     test.callback([tested, openChannel] { RunTest(*tested, *openChannel(), RealCheckNetwork()); });

@@ -2,12 +2,15 @@
 #include <iostream>
 #include <memory>
 
+#include "admin/Following.h"
 #include "admin/PortStore.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortJson.h"
 #include "tools/kestctl/PortOptions.h"
+#include "tools/kestctl/Progress.h"
 
 namespace {
 
@@ -15,7 +18,7 @@ std::string OrNone(const std::string& text) {
     return text.empty() ? "-" : text;
 }
 
-// The system's queues, for what is said of ports; none known where they cannot be listed.
+// The system's queues; none if they cannot be listed.
 std::optional<std::vector<Queue>> KnownQueues(SpoolerChannel& channel) {
     try {
         return channel.Queues();
@@ -47,20 +50,31 @@ std::string Joined(const nlohmann::json& usedBy) {
     return OrNone(text);
 }
 
-// One document for a port that was named, a list where several were.
+// One document for one name, a list for several names or a pattern.
 void PrintDocuments(const PortArguments& arguments, nlohmann::json documents) {
     const bool one = IsOneName(arguments.names) && documents.size() == 1;
     PrintJson(one ? documents[0] : std::move(documents));
 }
 
-// Does something with one port after the other. One that fails ends it; with --json, what was done
-// before is told all the same.
-//   work: gives the document for its port.
+// Marks the document of a port that was not changed.
+void MarkDryRun(const PortArguments& arguments, nlohmann::json& document) {
+    if (arguments.dryRun) {
+        document["dryRun"] = true;
+    }
+}
+
+// Processes one port after the other, and stops at a failure or between two ports at Ctrl-C. With
+// --json, the ports that were processed before are reported all the same.
+//   work: returns the document for its port.
 void ForEachPort(const PortArguments& arguments, const std::vector<std::wstring>& names,
                  const std::function<nlohmann::json(const std::wstring&)>& work) {
+    const Interruption interruption;
     nlohmann::json documents = nlohmann::json::array();
     try {
         for (const std::wstring& name : names) {
+            if (interruption.Requested()) {
+                break;
+            }
             documents.push_back({{"name", ToUtf8(name)}});
             documents.back() = work(name);
         }
@@ -74,6 +88,9 @@ void ForEachPort(const PortArguments& arguments, const std::vector<std::wstring>
     if (arguments.json) {
         PrintDocuments(arguments, std::move(documents));
     }
+    if (interruption.Requested()) {
+        throw Interrupted();
+    }
 }
 
 CLI::App& AddPortCommand(CLI::App& port, const std::string& name, const std::string& description,
@@ -83,46 +100,55 @@ CLI::App& AddPortCommand(CLI::App& port, const std::string& name, const std::str
     return command;
 }
 
+// The rows and documents of `port list`.
+struct PortTableRows {
+    nlohmann::json documents = nlohmann::json::array();
+    std::vector<std::vector<std::string>> rows;
+    std::string namesOnly;  // why only the names are known; empty: all settings are
+};
+
+PortTableRows ListPorts(SpoolerChannel& channel) {
+    const auto queues = KnownQueues(channel);
+    PortTableRows list;
+    for (const std::wstring& name : channel.PortNames()) {
+        const nlohmann::json usedBy = UsedBy(queues, name);
+        try {
+            const PortRecords port = ReadPort(channel, name);
+            list.documents.push_back(ToJson(name, port));
+            list.rows.push_back({ToUtf8(name), Destination(port),
+                                 OrNone(list.documents.back()["mac"]),
+                                 port.extended.dwAlwaysPrint != 0 ? "yes" : "no", Joined(usedBy)});
+        } catch (const CommandFailed& failed) {
+            // Every account may list the names.
+            if (failed.remedy != Remedy::RunAsAdministrator) {
+                throw;
+            }
+            list.namesOnly = Explained(failed);
+            list.documents.push_back({{"name", ToUtf8(name)}});
+            list.rows.push_back({ToUtf8(name), "?", "?", "?", Joined(usedBy)});
+        }
+        list.documents.back()["usedBy"] = usedBy;
+    }
+    return list;
+}
+
 void AddList(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& command = AddPortCommand(port, "list",
-                                       "List the ports, where they send to and which printers use "
-                                       "them",
-                                       "port list --json");
+    CLI::App& command =
+        AddPortCommand(port, "list", "List the ports with their addresses and printers",
+                       "port list --json");
     const auto arguments = std::make_shared<PortArguments>();
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel] {
-        const auto channel = openChannel();
-        const auto queues = KnownQueues(*channel);
-        nlohmann::json documents = nlohmann::json::array();
-        std::vector<std::vector<std::string>> rows;
-        std::string namesAlone;
-        for (const std::wstring& name : channel->PortNames()) {
-            const nlohmann::json usedBy = UsedBy(queues, name);
-            try {
-                const PortRecords port = ReadPort(*channel, name);
-                documents.push_back(ToJson(name, port));
-                rows.push_back({ToUtf8(name), Destination(port), OrNone(documents.back()["mac"]),
-                                port.extended.dwAlwaysPrint != 0 ? "yes" : "no", Joined(usedBy)});
-            } catch (const CommandFailed& failed) {
-                // Everybody may see which ports there are.
-                if (failed.remedy != Remedy::RunAsAdministrator) {
-                    throw;
-                }
-                namesAlone = Explained(failed);
-                documents.push_back({{"name", ToUtf8(name)}});
-                rows.push_back({ToUtf8(name), "?", "?", "?", Joined(usedBy)});
-            }
-            documents.back()["usedBy"] = usedBy;
-        }
-        if (!namesAlone.empty()) {
-            std::cerr << "kestctl: only the names are shown: " << namesAlone << '\n';
+        const PortTableRows list = ListPorts(*openChannel());
+        if (!list.namesOnly.empty()) {
+            std::cerr << "kestctl: only the names are shown: " << list.namesOnly << '\n';
         }
         if (arguments->json) {
-            PrintJson(documents);
-        } else if (rows.empty()) {
-            std::cout << "there is no port yet: " << Advised("port add") << " makes one\n";
+            PrintJson(list.documents);
+        } else if (list.rows.empty()) {
+            std::cout << "There are no ports. Add one with " << Advised("port add") << '\n';
         } else {
-            PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT", "USED BY"}, rows);
+            PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT", "USED BY"}, list.rows);
         }
     });
 }
@@ -147,7 +173,7 @@ void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
     CLI::App& command =
         AddPortCommand(port, "show", "Show all settings of ports", "port show OFFICE");
     const auto arguments = std::make_shared<PortArguments>();
-    AddNames(command, arguments->names, "The ports, or patterns with * and ?").required();
+    AddNames(command, arguments->names, "Port names, or patterns with * and ?").required();
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel] {
         const auto channel = openChannel();
@@ -168,31 +194,139 @@ void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
     });
 }
 
-// Changes a port that is there, and says what came of it. Returns it as JSON.
-nlohmann::json SetPort(SpoolerChannel& channel, const std::wstring& name,
-                       const PortArguments& arguments,
-                       const std::optional<PrinterIdentity>& printer, const std::string& resolved) {
-    const PortRecords before = ReadPort(channel, name);
-    PortRecords after = before;
-    const std::string following = ApplyArguments(arguments, printer, after);
-    nlohmann::json document = ToJson(name, after);
-    const nlohmann::json changes = Changes(ToJson(name, before), document);
-    if (!changes.empty()) {
-        ChangePort(channel, name, before, after);
+// What a command line comes to for an existing port.
+struct PlannedPort {
+    std::wstring name;
+    PortRecords before = {};
+    PortRecords after = {};
+    std::string following = {};  // for the report
+    std::string failure = {};    // why nothing is changed
+};
+
+nlohmann::json ChangesOf(const PlannedPort& port) {
+    return Changes(ToJson(port.name, port.before), ToJson(port.name, port.after));
+}
+
+// Changes a port unless it is a dry run, and reports it. Returns it as JSON.
+nlohmann::json SetPort(SpoolerChannel& channel, const PlannedPort& port,
+                       const PortArguments& arguments, const std::string& resolved) {
+    nlohmann::json document = ToJson(port.name, port.after);
+    const nlohmann::json changes = ChangesOf(port);
+    if (!changes.empty() && !arguments.dryRun) {
+        ChangePort(channel, port.name, port.before, port.after);
     }
     document["changed"] = changes;
+    MarkDryRun(arguments, document);
     if (arguments.json) {
         return document;
     }
-    std::cout << "port " << ToUtf8(name) << " set: " << Destination(after) << resolved << following
-              << '\n';
+    std::cout << "port " << ToUtf8(port.name) << (arguments.dryRun ? " would be set: " : " set: ")
+              << Destination(port.after) << resolved << port.following << '\n';
     for (const auto& [key, values] : changes.items()) {
         std::cout << "  " << ChangeText(key, values) << '\n';
     }
     if (changes.empty()) {
-        std::cout << "  nothing changed: all of it was so\n";
+        std::cout << "  no change: the port already has these settings\n";
     }
     return document;
+}
+
+PlannedPort PlanPort(SpoolerChannel& channel, const std::wstring& name,
+                     const PortArguments& arguments,
+                     const std::optional<PrinterIdentity>& printer) {
+    PlannedPort port = {name, ReadPort(channel, name)};
+    port.after = port.before;
+    port.following = ApplyArguments(arguments, printer, port.after);
+    return port;
+}
+
+// Plans that each port follows the printer at its own address. A port whose printer cannot be
+// identified is not changed.
+std::vector<PlannedPort> PlanInPlace(SpoolerChannel& channel,
+                                     const std::vector<std::wstring>& names,
+                                     const PortArguments& arguments,
+                                     const PrinterIdentifier& identify) {
+    std::vector<std::string> hosts;
+    for (const std::wstring& name : names) {
+        hosts.push_back(AddressInUse(ReadPort(channel, name)));
+    }
+    Progress progress(!arguments.json);
+    const auto printers = IdentifyPrinters(hosts, identify, [&](size_t done) {
+        progress.Show(Bar(done, hosts.size()) + "  asking " + std::to_string(hosts.size()) +
+                      (hosts.size() == 1 ? " printer" : " printers"));
+    });
+    std::vector<PlannedPort> plan;
+    for (size_t i = 0; i < names.size(); ++i) {
+        std::string failure = hosts[i].empty() ? "the port has no address" : printers[i].failure;
+        try {
+            if (failure.empty()) {
+                plan.push_back(PlanPort(channel, names[i], arguments, printers[i].printer));
+            }
+        } catch (const CommandFailed& failed) {
+            failure = failed.what();
+        }
+        if (!failure.empty()) {
+            plan.push_back({names[i], {}, {}, {}, failure});
+        }
+    }
+    return plan;
+}
+
+// Plans all ports, so that settings that contradict each other are refused before the first change.
+std::vector<PlannedPort> PlanPorts(SpoolerChannel& channel, const std::vector<std::wstring>& names,
+                                   const PortArguments& arguments,
+                                   const PrinterIdentifier& identify) {
+    if (FollowsInPlace(arguments)) {
+        return PlanInPlace(channel, names, arguments, identify);
+    }
+    const auto printer = PrinterToFollow(arguments, identify);
+    std::vector<PlannedPort> plan;
+    for (const std::wstring& name : names) {
+        plan.push_back(PlanPort(channel, name, arguments, printer));
+    }
+    return plan;
+}
+
+// Adds a port unless it is a dry run, and reports it. Returns it as JSON.
+nlohmann::json AddNewPort(SpoolerChannel& channel, const std::wstring& name,
+                          const PortArguments& arguments,
+                          const std::optional<PrinterIdentity>& printer,
+                          const std::string& resolved) {
+    PortRecords records;
+    const std::string following = ApplyArguments(arguments, printer, records);
+    if (arguments.dryRun) {
+        RequireFreeName(channel, name);
+    } else {
+        AddPort(channel, name, records);
+    }
+    nlohmann::json document = ToJson(name, records);
+    MarkDryRun(arguments, document);
+    if (!arguments.json) {
+        std::cout << "port " << ToUtf8(name)
+                  << (arguments.dryRun ? " would be added: " : " added: ") << Destination(records)
+                  << resolved << following << '\n';
+    }
+    return document;
+}
+
+void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
+            const PrinterIdentifier& identify) {
+    const std::string resolved = ResolveAddress(arguments.change);
+    const auto printer = PrinterToFollow(arguments, identify);
+    const std::wstring name = ToWide(arguments.names[0]);
+    if (!arguments.tolerant) {
+        PortRecords unused;
+        ApplyArguments(arguments, printer, unused);  // wrong usage opens nothing
+    }
+    const auto channel = openChannel();
+    const auto there = arguments.tolerant ? PortCalled(*channel, name) : std::nullopt;
+    const nlohmann::json document =
+        there ? SetPort(*channel, PlanPort(*channel, *there, arguments, printer), arguments,
+                        resolved)
+              : AddNewPort(*channel, name, arguments, printer, resolved);
+    if (arguments.json) {
+        PrintJson(document);
+    }
 }
 
 void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
@@ -200,83 +334,99 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
                                        "port add OFFICE --follow 192.168.1.20");
     const auto arguments = std::make_shared<PortArguments>();
     arguments->names.resize(1);
-    command.add_option("NAME", arguments->names[0], "The new port's name")
+    command.add_option("NAME", arguments->names[0], "Name of the new port")
         ->required()
         ->transform(Checked(CheckPortName));
     AddSettings(command, *arguments);
-    AddFollow(command, *arguments);
+    AddFollow(command, *arguments, false);
     command.add_flag("--or-set", arguments->tolerant,
-                     "Change a port of this name that is there already, as `port set` does; only "
-                     "a new one needs an address");
+                     "Change the port if it exists, as `port set` does; only a new port needs an "
+                     "address");
+    AddDryRunFlag(command, arguments->dryRun);
     AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel, identify] {
-        const std::string resolved = ResolveAddress(arguments->change);
-        const auto printer = PrinterToFollow(*arguments, identify);
-        const std::wstring name = ToWide(arguments->names[0]);
-        if (!arguments->tolerant) {
-            PortRecords unused;
-            ApplyArguments(*arguments, printer, unused);  // wrong usage opens nothing
+    command.callback(
+        [arguments, openChannel, identify] { RunAdd(*arguments, openChannel, identify); });
+}
+
+// Reports the ports whose printers could not be identified. Throws CommandFailed if there are any.
+void ReportUnidentified(const std::vector<PlannedPort>& plan, const PortArguments& arguments) {
+    size_t failures = 0;
+    for (const PlannedPort& port : plan) {
+        if (!port.failure.empty()) {
+            ++failures;
+            std::cerr << (arguments.json ? ""
+                                         : "port " + ToUtf8(port.name) + " not set: " +
+                                               Printable(port.failure) + '\n');
         }
-        const auto channel = openChannel();
-        const auto there = arguments->tolerant ? PortCalled(*channel, name) : std::nullopt;
-        nlohmann::json document;
-        if (there) {
-            document = SetPort(*channel, *there, *arguments, printer, resolved);
-        } else {
-            PortRecords records;
-            const std::string following = ApplyArguments(*arguments, printer, records);
-            AddPort(*channel, name, records);
-            document = ToJson(name, records);
-            if (!arguments->json) {
-                std::cout << "port " << arguments->names[0] << " added: " << Destination(records)
-                          << resolved << following << '\n';
-            }
+    }
+    if (failures != 0) {
+        throw CommandFailed(std::to_string(failures) + " of " + std::to_string(plan.size()) +
+                            " printers could not be identified; their ports were not changed");
+    }
+}
+
+void RunSet(PortArguments& arguments, const ChannelFactory& openChannel,
+            const PrinterIdentifier& identify) {
+    const auto channel = openChannel();
+    const auto names = FindPorts(*channel, WideNames(arguments.names));
+    RequireOnePort(arguments, names);
+    const std::string resolved = ResolveAddress(arguments.change);
+    const auto plan = PlanPorts(*channel, names, arguments, identify);
+    std::vector<std::wstring> changing;
+    for (const PlannedPort& port : plan) {
+        if (port.failure.empty() && !ChangesOf(port).empty()) {
+            changing.push_back(port.name);
         }
-        if (arguments->json) {
-            PrintJson(document);
+    }
+    if (!arguments.dryRun) {
+        ConfirmPorts(arguments, changing, "change");
+    }
+    size_t at = 0;
+    ForEachPort(arguments, names, [&](const std::wstring& name) -> nlohmann::json {
+        const PlannedPort& port = plan[at++];
+        if (!port.failure.empty()) {
+            return {{"name", ToUtf8(name)}, {"error", port.failure}};
         }
+        return SetPort(*channel, port, arguments, resolved);
     });
+    ReportUnidentified(plan, arguments);
 }
 
 void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
-    CLI::App& command = AddPortCommand(port, "set", "Change settings of ports; the others stay",
+    CLI::App& command = AddPortCommand(port, "set", "Change settings of ports and keep the others",
                                        "port set OFFICE --follow 192.168.1.20");
     const auto arguments = std::make_shared<PortArguments>();
-    AddNames(command, arguments->names, "The ports, or patterns with * and ?").required();
+    AddNames(command, arguments->names, "Port names, or patterns with * and ?").required();
     AddSettings(command, *arguments);
-    AddFollow(command, *arguments);
+    AddFollow(command, *arguments, true);
+    AddYesFlag(command, arguments->yes);
+    AddDryRunFlag(command, arguments->dryRun);
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, identify, &command] {
         const auto isSetting = [](const CLI::Option* option) {
-            return option->count() > 0 && option->nonpositional() && !option->check_lname("json");
+            return option->count() > 0 && option->nonpositional() && !option->check_lname("json") &&
+                   !option->check_lname("yes") && !option->check_lname("dry-run");
         };
         if (command.get_options(isSetting).empty()) {
             throw CLI::RequiredError("a setting to change");
         }
-        const std::string resolved = ResolveAddress(arguments->change);
-        const auto channel = openChannel();
-        const auto names = FindPorts(*channel, WideNames(arguments->names));
-        const auto printer = PrinterToFollow(*arguments, identify);
-        // What does not go together is refused before the first port is changed.
-        for (const std::wstring& name : names) {
-            PortRecords records = ReadPort(*channel, name);
-            ApplyArguments(*arguments, printer, records);
+        // CLI11 does not check an empty value that may be missing.
+        if (command.count("--follow") != 0 && arguments->follow.empty()) {
+            throw CLI::ValidationError("--follow", "must not be empty");
         }
-        ForEachPort(*arguments, names, [&](const std::wstring& name) {
-            return SetPort(*channel, name, *arguments, printer, resolved);
-        });
+        RunSet(*arguments, openChannel, identify);
     });
 }
 
-// Refuses ports that printers print to, and names all of these; and all ports where the printers
-// are not known.
+// Throws CommandFailed if printers use the ports, with their names, or if the printers are unknown.
 void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& ports) {
     std::optional<std::vector<Queue>> queues;
     try {
         queues = channel.Queues();
     } catch (const CommandFailed& failed) {
         throw CommandFailed(
-            "nothing is deleted while its printers are not known: " + std::string(failed.what()),
+            "cannot determine which printers use the port; nothing was deleted: " +
+                std::string(failed.what()),
             failed.remedy);
     }
     std::string used;
@@ -292,31 +442,41 @@ void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& por
     }
 }
 
+void RunDelete(const PortArguments& arguments, SpoolerChannel& channel) {
+    const auto names = FindPorts(channel, WideNames(arguments.names), arguments.tolerant);
+    if (!names.empty()) {
+        RequireUnused(channel, names);
+    }
+    if (!arguments.dryRun) {
+        ConfirmPorts(arguments, names, "delete");
+    }
+    ForEachPort(arguments, names, [&](const std::wstring& name) {
+        if (!arguments.dryRun) {
+            DeletePort(channel, name);
+        }
+        if (!arguments.json) {
+            std::cout << "port " << ToUtf8(name)
+                      << (arguments.dryRun ? " would be deleted\n" : " deleted\n");
+        }
+        nlohmann::json document = {{"name", ToUtf8(name)}, {"deleted", !arguments.dryRun}};
+        MarkDryRun(arguments, document);
+        return document;
+    });
+    if (!arguments.json && names.empty()) {
+        std::cout << "Nothing to delete: no port has this name\n";
+    }
+}
+
 void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
     CLI::App& command =
         AddPortCommand(port, "delete", "Delete ports that no printer uses", "port delete OFFICE");
     const auto arguments = std::make_shared<PortArguments>();
-    AddNames(command, arguments->names, "The ports, or patterns with * and ?").required();
-    command.add_flag("--if-there", arguments->tolerant,
-                     "Do nothing, and succeed, where there is no such port");
+    AddNames(command, arguments->names, "Port names, or patterns with * and ?").required();
+    command.add_flag("--if-there", arguments->tolerant, "Succeed if the port does not exist");
+    AddYesFlag(command, arguments->yes);
+    AddDryRunFlag(command, arguments->dryRun);
     AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel] {
-        const auto channel = openChannel();
-        const auto names = FindPorts(*channel, WideNames(arguments->names), arguments->tolerant);
-        if (!names.empty()) {
-            RequireUnused(*channel, names);
-        }
-        ForEachPort(*arguments, names, [&](const std::wstring& name) -> nlohmann::json {
-            DeletePort(*channel, name);
-            if (!arguments->json) {
-                std::cout << "port " << ToUtf8(name) << " deleted\n";
-            }
-            return {{"deleted", ToUtf8(name)}};
-        });
-        if (!arguments->json && names.empty()) {
-            std::cout << "nothing to delete: there is no such port\n";
-        }
-    });
+    command.callback([arguments, openChannel] { RunDelete(*arguments, *openChannel()); });
 }
 
 }  // namespace
@@ -332,6 +492,7 @@ void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
     AddSet(port, openChannel, identify);
     AddDelete(port, openChannel);
     AddPortCheck(port, openChannel);
-    AddPortTransfer(port, openChannel);
+    AddPortRename(port, openChannel);
+    AddPortTransfer(port, openChannel, identify);
     AddPortMigrate(port, openChannel, identify, server);
 }

@@ -6,6 +6,9 @@
 #include <cctype>
 #include <optional>
 
+#include "address/AddressText.h"
+#include "admin/CommandFailed.h"
+#include "admin/Following.h"
 #include "admin/Text.h"
 #include "tools/kestctl/PortJson.h"
 
@@ -13,6 +16,20 @@ namespace {
 
 // Bytes: more than any setting has, and not too many for a message.
 constexpr size_t kLongestValue = 512;
+
+std::string Lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
+    return text;
+}
+
+// In lower case.
+bool IsYes(const std::string& text) {
+    return text == "yes" || text == "true" || text == "1";
+}
+bool IsNo(const std::string& text) {
+    return text == "no" || text == "false" || text == "0";
+}
 
 // Reads the cells of one row, each checked; what is wrong is noted.
 class RowReader {
@@ -37,7 +54,7 @@ class RowReader {
         }
         if (MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
                                 static_cast<int>(text.size()), nullptr, 0) == 0) {
-            Problem(column, "is not UTF-8: save the file as such");
+            Problem(column, "is not UTF-8 text. Save the file as UTF-8");
             return std::nullopt;
         }
         if (const std::string problem = check(text); !problem.empty()) {
@@ -54,14 +71,10 @@ class RowReader {
 
     std::optional<bool> Truth(const char* column) {
         const auto text = Text(column, [](std::string& cell) {
-            std::transform(cell.begin(), cell.end(), cell.begin(),
-                           [](unsigned char c) { return std::tolower(c); });
-            const bool known = cell == "true" || cell == "yes" || cell == "1" || cell == "false" ||
-                               cell == "no" || cell == "0";
-            return known ? std::string() : "is '" + cell + "': give yes or no";
+            cell = Lower(cell);
+            return IsYes(cell) || IsNo(cell) ? "" : "is '" + cell + "', not yes or no";
         });
-        return text ? std::optional(*text == "true" || *text == "yes" || *text == "1")
-                    : std::nullopt;
+        return text ? std::optional(IsYes(*text)) : std::nullopt;
     }
 
     bool IsEmpty(const char* column) const {
@@ -75,7 +88,26 @@ class RowReader {
 };
 
 std::string CheckProtocol(std::string& text) {
-    return text == "raw" || text == "lpr" ? "" : "is '" + text + "': give raw or lpr";
+    text = Lower(text);
+    return text == "raw" || text == "lpr" ? "" : "is '" + text + "', not raw or lpr";
+}
+
+// An IPv4 address, or a host name to resolve.
+std::string CheckAddress(std::string& text) {
+    const bool isNumber = text.find_first_not_of("0123456789.") == std::string::npos;
+    const bool isName = !isNumber && text.find(':') == std::string::npos;
+    return isName ? CheckIPv6Host(text) : CheckIPv4Address(text);
+}
+
+// yes, no, or a host.
+std::string CheckFollow(std::string& text) {
+    if (const std::string lower = Lower(text); IsYes(lower) || IsNo(lower)) {
+        text = lower;
+        return {};
+    }
+    return CheckIPv6Host(text).empty() || CheckIPv4Address(text).empty()
+               ? ""
+               : "is '" + text + "', not yes, no, an address or a host name";
 }
 
 // A device index of 0 is that of a port without SNMP.
@@ -116,7 +148,38 @@ void ChooseAddress(RowReader& reader, const PortChange& change, std::optional<bo
     }
     if (AddressInUse(records).empty()) {
         reader.Problem(records.extended.dwUseIPV6 != 0 ? "ipv6Host" : "address",
-                       "is needed: where is the printer?");
+                       "is missing");
+    }
+}
+
+PortChange ReadChange(RowReader& reader) {
+    PortChange change;
+    change.protocol = reader.Text("protocol", CheckProtocol);
+    change.address = reader.Text("address", CheckAddress);
+    change.ipv6 = reader.Text("ipv6Host", CheckIPv6Host);
+    reader.Truth("useIPv6");
+    change.portNumber = reader.Number("portNumber", CheckPortNumber);
+    change.queue = reader.Text("queue", CheckQueue);
+    change.doubleSpool = reader.Truth("doubleSpool");
+    change.hostName = reader.Text("hostName", CheckHostName);
+    change.mac = reader.Text("mac", CheckMacAddress);
+    change.alwaysPrint = reader.Truth("alwaysPrint");
+    ReadSnmp(reader, change);
+    return change;
+}
+
+// Refuses an empty cell that would seem to clear a key by which the printer is found.
+void CheckEmptyKeys(RowReader& reader, const PortRecords& records) {
+    if (const std::string mac = FieldText(records.extended.sztHWAddress);
+        reader.IsEmpty("mac") && !mac.empty()) {
+        reader.Problem("mac",
+                       "is empty, but the port has " + mac + ". Write none to clear it");
+    }
+    // The monitor keeps the name, and would search for the printer that has it.
+    if (const std::string name = FieldText(records.standard.sztHostAddress);
+        reader.IsEmpty("hostName") && !name.empty()) {
+        reader.Problem("hostName", "is empty, but the port would keep " + name +
+                                       ". Delete the port first to clear it");
     }
 }
 
@@ -152,49 +215,64 @@ std::string NameOf(const PortRow& row, std::vector<std::string>& problems) {
     return name.value_or("");
 }
 
-void Apply(const PortRow& row, PortRecords& records, std::vector<std::string>& problems) {
+RowLookup LookupFor(const PortRow& row, const PortRecords& before,
+                    std::vector<std::string>& problems) {
+    RowReader reader(row, problems);
+    std::vector<std::string> reportedByApply;
+    RowReader addresses(row, reportedByApply);
+    RowLookup lookup;
+    const auto address = addresses.Text("address", CheckAddress);
+    if (address && !IsIPv4AddressText(*address)) {
+        lookup.hostName = *address;
+    }
+    const auto follow = reader.Text(kFollowColumn, CheckFollow);
+    if (!follow || IsNo(*follow)) {
+        return lookup;
+    }
+    lookup.keepsAddress = IsYes(*follow);
+    lookup.printer = !lookup.keepsAddress ? *follow
+                     : address            ? *address
+                                          : addresses.Text("ipv6Host", CheckIPv6Host)
+                                    .value_or(AddressInUse(before));
+    if (lookup.printer.empty()) {
+        reader.Problem(kFollowColumn, "needs an address or a host name");
+    }
+    return lookup;
+}
+
+void Apply(const PortRow& row, PortRecords& records, std::vector<std::string>& problems,
+           const RowLookup& lookup) {
     RowReader reader(row, problems);
     const size_t before = problems.size();
     if (!reader.Truth("configured").value_or(true)) {
         return;
     }
-    PortChange change;
-    change.protocol = reader.Text("protocol", CheckProtocol);
-    change.address = reader.Text("address", CheckIPv4Address);
-    change.ipv6 = reader.Text("ipv6Host", CheckIPv6Host);
-    const auto useIPv6 = reader.Truth("useIPv6");
-    change.portNumber = reader.Number("portNumber", CheckPortNumber);
-    change.queue = reader.Text("queue", CheckQueue);
-    change.doubleSpool = reader.Truth("doubleSpool");
-    change.hostName = reader.Text("hostName", CheckHostName);
-    change.mac = reader.Text("mac", CheckMacAddress);
-    change.alwaysPrint = reader.Truth("alwaysPrint");
-    ReadSnmp(reader, change);
+    PortChange change = ReadChange(reader);
     if (problems.size() != before) {
         return;
+    }
+    if (lookup.address) {
+        change.address = lookup.address;
     }
     // A RAW port may remember the queue of a time when it was an LPR port.
     if (change.protocol.value_or(ProtocolName(records.standard.dwProtocol)) == "raw") {
         change.queue.reset();
     }
     try {
+        if (lookup.identity) {
+            (lookup.keepsAddress ? FollowInPlace : Follow)(*lookup.identity, records, change);
+        }
         Apply(change, records);
-        ChooseAddress(reader, change, useIPv6, records);
+        ChooseAddress(reader, change, reader.Truth("useIPv6"), records);
     } catch (const SettingsClash& clash) {
         reader.Problem(ColumnOf(clash.setting), clash.what());
+    } catch (const CommandFailed& failed) {
+        reader.Problem(kFollowColumn, std::string("is not possible: ") + failed.what());
     }
     if (reader.Truth("snmp/enabled").value_or(false) && records.standard.dwSNMPEnabled == 0) {
-        reader.Problem("snmp/enabled", "needs a community: fill in snmp/community");
+        reader.Problem("snmp/enabled", "needs a community in snmp/community");
     }
-    if (const std::string mac = FieldText(records.extended.sztHWAddress);
-        reader.IsEmpty("mac") && !mac.empty()) {
-        reader.Problem(
-            "mac", "is empty, and the port has one, " + mac + ": write none to have it forgotten");
-    }
-    // A name that stays would lead to the printer that bears it.
-    if (const std::string name = FieldText(records.standard.sztHostAddress);
-        reader.IsEmpty("hostName") && !name.empty()) {
-        reader.Problem("hostName", "is empty, and the port has one that would stay, " + name +
-                                       ": delete the port first");
+    if (!lookup.identity) {
+        CheckEmptyKeys(reader, records);
     }
 }

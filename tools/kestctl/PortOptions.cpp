@@ -3,7 +3,9 @@
 #include <algorithm>
 
 #include "address/AddressText.h"
+#include "admin/Following.h"
 #include "admin/Hosts.h"
+#include "admin/PortStore.h"
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Progress.h"
@@ -18,10 +20,10 @@ std::string CheckAddressOption(std::string& text) {
         return problem;
     }
     if (IsIPv6AddressText(text)) {
-        return problem + ": give it with --ipv6";
+        return problem + ". Use --ipv6 for it";
     }
     if (const size_t colon = text.find(':'); colon != std::string::npos) {
-        return IsIPv4AddressText(text) ? problem + ": give it with --port " + text.substr(colon + 1)
+        return IsIPv4AddressText(text) ? problem + ". Use --port " + text.substr(colon + 1)
                                        : problem;
     }
     const bool isNumber = text.find_first_not_of("0123456789.") == std::string::npos;
@@ -30,7 +32,7 @@ std::string CheckAddressOption(std::string& text) {
 std::string CheckIPv6Option(std::string& text) {
     const std::string problem = CheckIPv6Host(text);
     return problem.empty() || !IsIPv4AddressText(text) ? problem
-                                                       : problem + ": give it with --address";
+                                                       : problem + ". Use --address for it";
 }
 
 // Lays the change over the records. What does not go together is wrong usage.
@@ -43,14 +45,14 @@ void ApplyChange(const PortChange& change, PortRecords& records) {
                 case PortSetting::Address:
                     return {"--address", ""};
                 case PortSetting::Queue:
-                    return {"--queue", ": add --protocol lpr"};
+                    return {"--queue", ". Add --protocol lpr"};
                 case PortSetting::DoubleSpool:
-                    return {"--double-spool", ": add --protocol lpr"};
+                    return {"--double-spool", ". Add --protocol lpr"};
                 case PortSetting::SnmpIndex:
-                    return {"--snmp-index", ": add --snmp COMMUNITY"};
+                    return {"--snmp-index", ". Add --snmp COMMUNITY"};
                 case PortSetting::AlwaysPrint:
                     return {"--always-print",
-                            " (--mac or --host-name; --no-always-print turns it off)"};
+                            ". Add --mac or --host-name, or --no-always-print"};
             }
             return {};
         }();
@@ -58,22 +60,27 @@ void ApplyChange(const PortChange& change, PortRecords& records) {
     }
 }
 
-// Completes a change of a port by what the printer to follow says of itself.
-void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change) {
-    if (!change.address && !change.ipv6) {
-        (IsIPv4AddressText(printer.address) ? change.address : change.ipv6) = printer.address;
-    }
-    change.mac = printer.mac;
-    if (!printer.hostName.empty()) {
-        change.hostName = printer.hostName;
-    } else if (const std::string name = FieldText(before.standard.sztHostAddress);
-               !name.empty() && FieldText(before.extended.sztHWAddress) != printer.mac) {
-        // The monitor keeps a name that it has, and would go to the printer that bears it.
-        throw CommandFailed(
-            "this printer announces no host name, and the port has one that would stay, " + name +
-            ": delete the port and add it with --follow");
-    }
-    change.alwaysPrint = true;
+// Stands for --follow without a value; no host has this name.
+constexpr char kOwnAddress[] = "the port's own address";
+
+constexpr size_t kNamesShown = 10;
+
+void AddStatusSettings(CLI::App& command, PortChange& change) {
+    command.add_flag_function(
+        "--always-print,!--no-always-print",
+        [&change](int64_t count) { change.alwaysPrint = count > 0; },
+        "Search for the printer when it is unreachable, and follow it; on for a new port with "
+        "--follow");
+    CLI::Option* community = command.add_option(
+        "--snmp", change.snmpCommunity,
+        "Community for SNMP status; kestmon only stores it for other programs");
+    community->transform(Checked(CheckCommunity));
+    CLI::Option* index = command.add_option("--snmp-index", change.snmpIndex,
+                                            "SNMP device index; 1 if none was stored");
+    index->check(Checked(CheckSnmpIndex));
+    command.add_flag("--no-snmp", change.noSnmp, "Turn SNMP status off")
+        ->excludes(community)
+        ->excludes(index);
 }
 
 }  // namespace
@@ -104,8 +111,8 @@ std::string ResolveAddress(PortChange& change) {
     }
     const IPAddress address = AddressOf(StartedNetwork(), name);
     if (address.GetType() != IPV4) {
-        throw CommandFailed("the name '" + name + "' has the IPv6 address " + address.GetText() +
-                            " alone: give it with --ipv6");
+        throw CommandFailed("the name '" + name + "' only has the IPv6 address " +
+                            address.GetText() + ". Use --ipv6 for it");
     }
     change.address = address.GetText();
     return ", the address of " + name;
@@ -118,62 +125,86 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
         return command.add_option(name, value, description)->transform(Checked(check));
     };
     text("--address", change.address,
-         "The printer's IPv4 address, or a host name: what it resolves to now is stored",
+         "IPv4 address or host name of the printer; a name is resolved now and its address stored",
          CheckAddressOption);
-    text("--ipv6", change.ipv6, "The printer's IPv6 address or host name: send to it over IPv6",
+    text("--ipv6", change.ipv6, "IPv6 address or host name of the printer, for IPv6",
          CheckIPv6Option);
-    command
-        .add_option("--protocol", change.protocol, "raw (a plain stream) or lpr; a new port is raw")
-        ->check(CLI::IsMember({"raw", "lpr"}));
+    command.add_option("--protocol", change.protocol, "raw or lpr; raw for a new port")
+        ->transform(CLI::IsMember({"raw", "lpr"}, CLI::ignore_case));
     command
         .add_option("--port", change.portNumber,
-                    "TCP port number; a new port has 9100 for raw, 515 for lpr")
+                    "TCP port number; 9100 for a new raw port, 515 for a new lpr port")
         ->check(Checked(CheckPortNumber));
-    text("--queue", change.queue, "LPR: the printer's queue; a new port has lp", CheckQueue);
+    text("--queue", change.queue, "LPR: queue of the printer; lp for a new port", CheckQueue);
     command.add_flag_function(
         "--double-spool,!--no-double-spool",
         [&change](int64_t count) { change.doubleSpool = count > 0; },
         "LPR: collect the job first, so that its length can be announced");
-    text("--host-name", change.hostName, "The printer's own name, to find it again by",
-         CheckHostName);
-    text("--mac", change.mac,
-         "The printer's hardware address, to find it again by; none forgets it", CheckMacAddress);
-
-    command.add_flag_function(
-        "--always-print,!--no-always-print",
-        [&change](int64_t count) { change.alwaysPrint = count > 0; },
-        "When the printer cannot be reached, search the network for it and follow it; a new port "
-        "does so with --follow");
-    CLI::Option* community = text("--snmp", change.snmpCommunity,
-                                  "Store that SNMP status is wanted, with this community: kestmon "
-                                  "itself asks no printer, only dialogues show it",
-                                  CheckCommunity);
-    CLI::Option* index = command.add_option("--snmp-index", change.snmpIndex,
-                                            "SNMP device index; 1 where there was none");
-    index->check(Checked(CheckSnmpIndex));
-    command.add_flag("--no-snmp", change.noSnmp, "Store that SNMP status is not wanted")
-        ->excludes(community)
-        ->excludes(index);
+    text("--host-name", change.hostName, "Host name that the printer announces", CheckHostName);
+    text("--mac", change.mac, "MAC address of the printer (`none` to clear)", CheckMacAddress);
+    AddStatusSettings(command, change);
 }
 
-void AddFollow(CLI::App& command, PortArguments& arguments) {
-    command
-        .add_option("--follow", arguments.follow,
-                    "Ask the printer at this address, or of this name, for its MAC address and "
-                    "host name, and make the port send to it and follow it")
-        ->check(NotEmpty())
-        ->excludes("--mac")
-        ->excludes("--host-name")
-        ->excludes("--always-print");
+void AddFollow(CLI::App& command, PortArguments& arguments, bool mayBeOwn) {
+    CLI::Option* follow = command.add_option(
+        "--follow", arguments.follow,
+        mayBeOwn ? "Read MAC address and host name from the printer at this address or host name, "
+                   "send to it and follow it; without a value, from the printer at each port's own "
+                   "address"
+                 : "Read MAC address and host name from the printer at this address or host name, "
+                   "send to it and follow it");
+    follow->check(NotEmpty())->excludes("--mac")->excludes("--host-name")->excludes(
+        "--always-print");
+    if (mayBeOwn) {
+        follow->expected(0, 1)->default_str(kOwnAddress);
+    }
+}
+
+bool FollowsInPlace(const PortArguments& arguments) {
+    return arguments.follow == kOwnAddress;
+}
+
+void RequireOnePort(const PortArguments& arguments, const std::vector<std::wstring>& ports) {
+    const char* const option = arguments.change.address                       ? "--address"
+                               : arguments.change.ipv6                        ? "--ipv6"
+                               : arguments.follow.empty()                     ? nullptr
+                               : FollowsInPlace(arguments)                    ? nullptr
+                                                                              : "--follow ADDRESS";
+    if (option != nullptr && ports.size() > 1) {
+        throw CLI::ValidationError(option, "is for one port, but the names match " +
+                                               CountedPorts(ports));
+    }
+}
+
+std::string CountedPorts(const std::vector<std::wstring>& ports) {
+    const size_t shown = std::min(ports.size(), kNamesShown);
+    return std::to_string(ports.size()) + (ports.size() == 1 ? " port (" : " ports (") +
+           JoinedNames({ports.begin(), ports.begin() + static_cast<ptrdiff_t>(shown)}) +
+           (shown < ports.size() ? ", ...)" : ")");
+}
+
+void ConfirmPorts(const PortArguments& arguments, const std::vector<std::wstring>& ports,
+                  const std::string& verb) {
+    const auto matched = MatchedByPattern(ports, WideNames(arguments.names));
+    if (matched.size() < 2 || arguments.yes) {
+        return;
+    }
+    if (!InputIsTerminal()) {
+        throw CLI::ValidationError("The patterns match " + CountedPorts(matched) +
+                                   ". There is no terminal to ask on: add --yes to " + verb +
+                                   " them, or --dry-run to show what would be done");
+    }
+    Confirm("The patterns match " + CountedPorts(matched) + ". Continue to " + verb + " them?",
+            false, "Nothing was changed");
 }
 
 std::optional<PrinterIdentity> PrinterToFollow(const PortArguments& arguments,
                                                const PrinterIdentifier& identify) {
-    if (arguments.follow.empty()) {
+    if (arguments.follow.empty() || FollowsInPlace(arguments)) {
         return std::nullopt;
     }
     Progress progress(!arguments.json);
-    progress.Show("asking the printer who it is");
+    progress.Show("asking the printer for its identity");
     return identify(arguments.follow);
 }
 
@@ -181,7 +212,7 @@ std::string ApplyArguments(const PortArguments& arguments,
                            const std::optional<PrinterIdentity>& printer, PortRecords& records) {
     PortChange change = arguments.change;
     if (printer) {
-        Follow(*printer, records, change);
+        (FollowsInPlace(arguments) ? FollowInPlace : Follow)(*printer, records, change);
     }
     ApplyChange(change, records);
     return printer ? ", following " + IdentityText(*printer) : std::string();

@@ -15,6 +15,8 @@ struct PortArguments {
     std::string follow;
     bool json = false;
     bool tolerant = false;  // --or-set, --if-there
+    bool dryRun = false;
+    bool yes = false;
 };
 
 // Adds the ports that a command is for: names, or patterns with * and ?.
@@ -31,14 +33,30 @@ bool IsOneName(const std::vector<std::string>& names);
 CLI::Validator Checked(std::string (*check)(std::string&));
 
 // Adds the options for all settings, and --follow.
+//   mayBeOwn: whether --follow may stand without a value; see FollowsInPlace.
 void AddSettings(CLI::App& command, PortArguments& arguments);
-void AddFollow(CLI::App& command, PortArguments& arguments);
+void AddFollow(CLI::App& command, PortArguments& arguments, bool mayBeOwn);
+
+// True if each port is to follow the printer at its own address: --follow without a value.
+bool FollowsInPlace(const PortArguments& arguments);
+
+// Refuses an address for more than one port, as wrong usage.
+void RequireOnePort(const PortArguments& arguments, const std::vector<std::wstring>& ports);
+
+// Ports for a message: "2 ports (A, B)".
+std::string CountedPorts(const std::vector<std::wstring>& ports);
+
+// Asks before more than one port that a pattern matched is changed. Returns if the answer is yes;
+// throws CommandFailed for no, and CLI::ValidationError without a terminal and without --yes.
+//   verb: what is done with the ports, "delete".
+void ConfirmPorts(const PortArguments& arguments, const std::vector<std::wstring>& ports,
+                  const std::string& verb);
 
 // Replaces a host name in --address by its IPv4 address. Returns words about it for the report.
 // Throws CommandFailed.
 std::string ResolveAddress(PortChange& change);
 
-// The printer that --follow names, asked who it is; none without one. Throws CommandFailed.
+// The identity of the printer that --follow names; none without a name. Throws CommandFailed.
 std::optional<PrinterIdentity> PrinterToFollow(const PortArguments& arguments,
                                                const PrinterIdentifier& identify);
 

@@ -10,11 +10,13 @@
 #include <cstdint>
 #include <iterator>
 #include <string_view>
+#include <utility>
 
 const std::vector<std::string> kPortColumns = {
     "name",    "configured",  "protocol",     "address",        "ipv6Host",
     "useIPv6", "portNumber",  "queue",        "doubleSpool",    "hostName",
     "mac",     "alwaysPrint", "snmp/enabled", "snmp/community", "snmp/index"};
+const char kFollowColumn[] = "follow";
 
 namespace {
 
@@ -38,18 +40,28 @@ std::string At(size_t line) {
     return "line " + std::to_string(line) + ": ";
 }
 
+std::string KnownColumns() {
+    std::string text = kFollowColumn;
+    for (const std::string& column : kPortColumns) {
+        text += ", " + column;
+    }
+    return text;
+}
+
 // Notes a value of a row, or what is wrong with its column.
 void Take(PortTable& table, PortRow& row, const std::string& column, const std::string& value,
           size_t line) {
     if (IsRemark(column)) {
         return;
     }
-    if (std::find(kPortColumns.begin(), kPortColumns.end(), column) == kPortColumns.end()) {
-        table.problems.push_back(At(line) + (column.size() > kLongestColumn
-                                                 ? "there is no setting of so long a name"
-                                                 : "there is no setting '" + column + "'"));
+    if (column != kFollowColumn &&
+        std::find(kPortColumns.begin(), kPortColumns.end(), column) == kPortColumns.end()) {
+        table.problems.push_back(
+            At(line) + "unknown setting '" + column.substr(0, kLongestColumn) +
+            (column.size() > kLongestColumn ? "...'" : "'") +
+            (std::exchange(table.listsColumns, true) ? "" : "; the settings are " + KnownColumns()));
     } else if (!row.values.emplace(column, value).second) {
-        table.problems.push_back(At(line) + "'" + column + "' is there twice");
+        table.problems.push_back(At(line) + "the setting '" + column + "' occurs twice");
     }
 }
 
@@ -150,7 +162,7 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
     }
     void Misplaced() {
         table_.problems.push_back(At(line_) +
-                                  "a port's settings are expected here, like {\"name\": "
+                                  "not the settings of a port, for example {\"name\": "
                                   "\"OFFICE\", \"address\": \"192.168.1.20\"}");
     }
     bool Value(const std::string& value) {
@@ -175,6 +187,16 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
     bool inPort_ = false;
 };
 
+// The separator that a line "sep=;" declares for a spreadsheet; '\0' in any other line.
+char SeparatorIn(std::string_view line) {
+    constexpr std::string_view kPrefix = "sep=";
+    line = line.substr(0, line.find_first_of("\r\n"));
+    const bool declares =
+        line.size() == kPrefix.size() + 1 &&
+        strncasecmp(line.data(), kPrefix.data(), kPrefix.size()) == 0;
+    return declares ? line.back() : '\0';
+}
+
 // Takes a line of CSV apart. Throws io::error::base.
 template <char Separator>
 std::vector<std::string> Cells(char* line) {
@@ -198,6 +220,9 @@ std::vector<std::string> Cells(char* line) {
 
 // A column as it is called here, for a heading in any letter case.
 std::string ColumnFor(const std::string& heading) {
+    if (strcasecmp(heading.c_str(), kFollowColumn) == 0) {
+        return kFollowColumn;
+    }
     const auto column =
         std::find_if(kPortColumns.begin(), kPortColumns.end(), [&heading](const std::string& name) {
             return strcasecmp(name.c_str(), heading.c_str()) == 0;
@@ -205,40 +230,65 @@ std::string ColumnFor(const std::string& heading) {
     return column != kPortColumns.end() ? *column : heading;
 }
 
+// Takes a line of CSV into the table; the first one with text is the heading.
+void TakeCsvLine(PortTable& table, std::vector<std::string>& heading,
+                 std::vector<std::string> cells, size_t line) {
+    if (heading.empty()) {
+        PortRow once;
+        for (const std::string& cell : cells) {
+            heading.push_back(ColumnFor(cell));
+            Take(table, once, heading.back(), "", line);
+        }
+        return;
+    }
+    if (cells.size() > heading.size()) {
+        table.problems.push_back(At(line) + "the row has more cells than the heading");
+        return;
+    }
+    cells.resize(heading.size());
+    PortRow row = {line, {}};
+    for (size_t i = 0; i < cells.size(); ++i) {
+        row.values.emplace(heading[i], cells[i]);
+    }
+    table.rows.push_back(std::move(row));
+}
+
 template <char Separator>
 void ReadCsv(const std::string& text, PortTable& table) {
     io::LineReader lines("", text.data(), text.data() + text.size());
     std::vector<std::string> heading;
+    bool first = true;
     while (char* line = lines.next_line()) {
         const size_t number = lines.get_file_line();
+        if (std::exchange(first, false) && SeparatorIn(line) != '\0') {
+            continue;
+        }
         std::vector<std::string> cells;
         try {
             cells = Cells<Separator>(line);
         } catch (const io::error::base&) {
-            table.problems.push_back(At(number) + "a quoted cell does not end");
+            table.problems.push_back(At(number) + "a quoted cell has no closing quote");
             continue;
         }
-        if (cells.empty()) {
-            continue;  // spreadsheets keep rows that were emptied
+        if (!cells.empty()) {  // spreadsheets keep rows that were emptied
+            TakeCsvLine(table, heading, std::move(cells), number);
         }
-        if (heading.empty()) {
-            PortRow once;
-            for (const std::string& cell : cells) {
-                heading.push_back(ColumnFor(cell));
-                Take(table, once, heading.back(), "", number);
-            }
-            continue;
-        }
-        if (cells.size() > heading.size()) {
-            table.problems.push_back(At(number) + "has more cells than the heading");
-            continue;
-        }
-        cells.resize(heading.size());
-        PortRow row = {number, {}};
-        for (size_t i = 0; i < cells.size(); ++i) {
-            row.values.emplace(heading[i], cells[i]);
-        }
-        table.rows.push_back(std::move(row));
+    }
+}
+
+//   line: the first one.
+void ReadAnyCsv(std::string_view line, const std::string& text, PortTable& table) {
+    const char declared = SeparatorIn(line);
+    const auto separatedBy = [&](char separator) {
+        return declared == separator ||
+               (declared == '\0' && line.find(separator) != std::string_view::npos);
+    };
+    if (separatedBy('\t')) {
+        ReadCsv<'\t'>(text, table);
+    } else if (separatedBy(';')) {
+        ReadCsv<';'>(text, table);
+    } else {
+        ReadCsv<','>(text, table);
     }
 }
 
@@ -271,15 +321,14 @@ PortTable ReadPortTable(const std::string& text) {
     if (text.size() > kMaxPortFile) {
         table.problems.push_back("the file is larger than 16 MiB");
     } else if (text.find('\0') != std::string::npos) {
-        table.problems.push_back("the file is no text in UTF-8: save it as such");
+        table.problems.push_back("the file is not UTF-8 text. Save it as UTF-8");
     } else if (start == std::string::npos) {
         table.problems.push_back("the file is empty");
     } else if (text[start] == '[' || text[start] == '{') {
         ReadJson(text, table);
-    } else if (text.substr(start, text.find('\n', start) - start).find(';') != std::string::npos) {
-        ReadCsv<';'>(text, table);
     } else {
-        ReadCsv<','>(text, table);
+        ReadAnyCsv(std::string_view(text).substr(start, text.find('\n', start) - start), text,
+                   table);
     }
     return table;
 }

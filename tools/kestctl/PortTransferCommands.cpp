@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 
+#include "admin/Parallel.h"
 #include "admin/PortStore.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
@@ -14,6 +15,7 @@
 #include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortFile.h"
 #include "tools/kestctl/PortJson.h"
+#include "tools/kestctl/PortOptions.h"
 #include "tools/kestctl/Progress.h"
 
 namespace {
@@ -42,7 +44,7 @@ void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     const bool toFile = !arguments.file.empty() && arguments.file != kStandardStream;
     const bool csv = arguments.csv || IsCsvName(arguments.file);
     if (toFile && !arguments.force && std::filesystem::exists(ToWide(arguments.file))) {
-        throw CommandFailed(arguments.file + " is there already", Remedy::Force);
+        throw CommandFailed(arguments.file + " already exists", Remedy::Force);
     }
     nlohmann::json documents = nlohmann::json::array();
     std::vector<PortRow> rows;
@@ -56,7 +58,7 @@ void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
         SaveFile(
             arguments.file,
             csv ? "\xEF\xBB\xBF" + ToCsv(rows)
-                : documents.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n",
+                : JsonText(documents),
             arguments.force);
         std::cout << arguments.file << ": " << rows.size()
                   << (rows.size() == 1 ? " port\n" : " ports\n");
@@ -73,11 +75,23 @@ struct LessByName {
     }
 };
 
-// What a file comes to for the ports that there are.
+// A row of the file with the port that it is about.
+struct ImportedRow {
+    const PortRow* row;
+    PortStep step;
+    RowLookup lookup = {};
+};
+
+// What a file comes to for the existing ports.
 struct ImportPlan {
+    std::vector<ImportedRow> rows;
     std::vector<PortStep> steps;  // what is to be done
     size_t unchanged = 0;
     std::vector<std::string> problems;
+
+    void Problem(const PortRow& row, const std::string& text) {
+        problems.push_back("line " + std::to_string(row.line) + ": " + text);
+    }
 };
 
 std::string ChangesText(const PortStep& step) {
@@ -90,31 +104,11 @@ std::string ChangesText(const PortStep& step) {
     return text;
 }
 
-// Plans the row of a port that is there, or is to be.
-void PlanPort(const PortRow& row, PortStep step, bool replace, ImportPlan& plan) {
-    const size_t before = plan.problems.size();
-    step.after = step.before.value_or(PortRecords());
-    Apply(row, step.after, plan.problems);
-    if (plan.problems.size() != before) {
-        return;
-    }
-    if (step.before && SameSettings(*step.before, step.after)) {
-        ++plan.unchanged;
-    } else if (step.before && !replace) {
-        plan.problems.push_back("line " + std::to_string(row.line) + ": port " + ToUtf8(step.name) +
-                                " is there with other settings (" + ChangesText(step) +
-                                "): --replace changes it");
-    } else {
-        plan.steps.push_back(std::move(step));
-    }
-}
-
-ImportPlan MakePlan(const PortTable& table, bool replace, SpoolerChannel& channel) {
-    ImportPlan plan;
-    plan.problems = table.problems;
-    std::map<std::wstring, std::wstring, LessByName> there;  // as named, as the monitor has it
+// Finds the port of each row.
+void TakeRows(const PortTable& table, SpoolerChannel& channel, ImportPlan& plan) {
+    std::map<std::wstring, std::wstring, LessByName> existing;  // as named, as the monitor has it
     for (const std::wstring& name : channel.PortNames()) {
-        there.emplace(name, name);
+        existing.emplace(name, name);
     }
     const std::vector<std::wstring> others = channel.OtherPortNames();
     const std::set<std::wstring, LessByName> taken(others.begin(), others.end());
@@ -125,25 +119,98 @@ ImportPlan MakePlan(const PortTable& table, bool replace, SpoolerChannel& channe
             continue;
         }
         if (const auto [other, first] = lines.emplace(name, row.line); !first) {
-            plan.problems.push_back("line " + std::to_string(row.line) + ": port " + ToUtf8(name) +
-                                    " is in line " + std::to_string(other->second) + " already");
+            plan.Problem(row, "port " + ToUtf8(name) + " is already in line " +
+                                  std::to_string(other->second));
             continue;
         }
         PortStep step = {name, std::nullopt, {}};
-        if (const auto found = there.find(name); found != there.end()) {
+        if (const auto found = existing.find(name); found != existing.end()) {
             step.name = found->second;
             step.before = ReadPort(channel, step.name);
         } else if (taken.contains(name)) {
-            plan.problems.push_back("line " + std::to_string(row.line) + ": " +
-                                    NameTaken(name).what());
+            plan.Problem(row, NameTaken(name).what());
         }
-        PlanPort(row, std::move(step), replace, plan);
+        step.after = step.before.value_or(PortRecords());
+        const RowLookup lookup = LookupFor(row, step.after, plan.problems);
+        plan.rows.push_back({&row, std::move(step), lookup});
+    }
+}
+
+// Resolves the host names, and asks the printers, of all rows, 32 at a time.
+void LookUp(ImportPlan& plan, const PrinterIdentifier& identify, Progress& progress) {
+    std::vector<ImportedRow*> rows;
+    for (ImportedRow& row : plan.rows) {
+        if (row.lookup.IsNeeded()) {
+            rows.push_back(&row);
+        }
+    }
+    std::vector<std::string> failures(rows.size());
+    const auto lookUp = [&](size_t at) {
+        RowLookup& lookup = rows[at]->lookup;
+        try {
+            if (!lookup.hostName.empty()) {
+                PortChange change;
+                change.address = lookup.hostName;
+                ResolveAddress(change);
+                lookup.address = change.address;
+            }
+            if (!lookup.printer.empty()) {
+                lookup.identity = identify(lookup.printer);
+            }
+        } catch (const std::exception& failed) {
+            failures[at] = failed.what();
+        }
+    };
+    constexpr size_t kAtOnce = 32;
+    ForEach(rows.size(), kAtOnce, lookUp, [&](size_t done) {
+        progress.Show(Bar(done, rows.size()) + "  asking the network");
+    });
+    for (size_t i = 0; i < rows.size(); ++i) {
+        if (!failures[i].empty()) {
+            plan.Problem(*rows[i]->row, failures[i]);
+        }
+    }
+}
+
+// Plans the change of a row's port.
+void PlanPort(ImportedRow& imported, bool replace, ImportPlan& plan) {
+    const size_t before = plan.problems.size();
+    PortStep& step = imported.step;
+    Apply(*imported.row, step.after, plan.problems, imported.lookup);
+    if (plan.problems.size() != before) {
+        return;
+    }
+    if (step.before && SameSettings(*step.before, step.after)) {
+        ++plan.unchanged;
+    } else if (step.before && !replace) {
+        plan.Problem(*imported.row, "port " + ToUtf8(step.name) +
+                                        " already exists with other settings (" +
+                                        ChangesText(step) + "). --replace changes it");
+    } else {
+        plan.steps.push_back(std::move(step));
+    }
+}
+
+// The network is only asked if the file has no problems of its own.
+ImportPlan MakePlan(const PortTable& table, bool replace, SpoolerChannel& channel,
+                    const PrinterIdentifier& identify, Progress& progress) {
+    ImportPlan plan;
+    plan.problems = table.problems;
+    TakeRows(table, channel, plan);
+    const bool asks = plan.problems.empty();
+    if (asks) {
+        LookUp(plan, identify, progress);
+    }
+    for (ImportedRow& row : plan.rows) {
+        if (!row.lookup.IsNeeded() || (asks && plan.problems.empty())) {
+            PlanPort(row, replace, plan);
+        }
     }
     return plan;
 }
 
 void Refuse(const std::string& file, const std::vector<std::string>& problems) {
-    std::string text = SourceName(file) + ": nothing was changed, because of";
+    std::string text = SourceName(file) + ": nothing was changed, because of these problems:";
     for (const std::string& problem : problems) {
         text += "\n  " + Printable(problem);
     }
@@ -174,14 +241,16 @@ void Report(const ImportArguments& arguments, const ImportPlan& plan) {
         return;
     }
     std::cout << added.size() << " added, " << changed.size() << " changed, " << plan.unchanged
-              << " as they were" << (arguments.dryRun ? ": a dry run, nothing was done\n" : "\n");
+              << " unchanged\n"
+              << (arguments.dryRun ? "Dry run: nothing was changed\n" : "");
 }
 
-void RunImport(const ImportArguments& arguments, SpoolerChannel& channel) {
+void RunImport(const ImportArguments& arguments, SpoolerChannel& channel,
+               const PrinterIdentifier& identify) {
     Progress progress(!arguments.json);
     progress.Show("checking");
-    const ImportPlan plan =
-        MakePlan(ReadPortTable(ReadFileOrInput(arguments.file)), arguments.replace, channel);
+    const PortTable table = ReadPortTable(ReadFileOrInput(arguments.file));
+    const ImportPlan plan = MakePlan(table, arguments.replace, channel, identify, progress);
     if (!plan.problems.empty()) {
         progress.Clear();
         Refuse(arguments.file, plan.problems);
@@ -190,7 +259,7 @@ void RunImport(const ImportArguments& arguments, SpoolerChannel& channel) {
         const Interruption interruption;
         Carry(channel, plan.steps, [&](size_t done) {
             if (interruption.Requested()) {
-                throw Interrupted();  // what was done is taken back
+                throw Interrupted();  // Carry undoes what was done
             }
             progress.Show(Bar(done, plan.steps.size()) + "  " + std::to_string(done) + " of " +
                           std::to_string(plan.steps.size()) + " ports");
@@ -202,33 +271,34 @@ void RunImport(const ImportArguments& arguments, SpoolerChannel& channel) {
 
 }  // namespace
 
-void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& exporting = *port.add_subcommand(
-        "export", "Write all ports to a file, as JSON or, for a spreadsheet, as CSV");
+void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel,
+                     const PrinterIdentifier& identify) {
+    CLI::App& exporting =
+        *port.add_subcommand("export", "Write all ports to a file, as JSON or CSV");
     AddExample(exporting, "port export ports.csv");
     const auto exported = std::make_shared<ExportArguments>();
     exporting.add_option("FILE", exported->file,
-                         "The file, CSV if it ends in .csv; standard output if there is none");
-    exporting.add_flag("--csv", exported->csv, "Write CSV whatever the file's name");
-    exporting.add_flag("--force", exported->force, "Write over a file that is there");
+                         "File to write, CSV if its name ends in .csv; standard output by default");
+    exporting.add_flag("--csv", exported->csv, "Write CSV for any file name");
+    exporting.add_flag("--force", exported->force, "Overwrite an existing file");
     exporting.callback([exported, openChannel] { RunExport(*exported, *openChannel()); });
 
     CLI::App& importing =
-        *port.add_subcommand("import", "Make the ports of a file, all of them or none");
+        *port.add_subcommand("import", "Create the ports of a file, all of them or none");
     AddExample(importing, "port import ports.csv --dry-run");
     const auto imported = std::make_shared<ImportArguments>();
     importing
-        .add_option(
-            "FILE", imported->file,
-            "What `port export` or a spreadsheet wrote, JSON or CSV (UTF-8, cells separated by "
-            "commas or semicolons, a heading as `port export` has it; of its columns a new port "
-            "needs name and address); - for standard input")
+        .add_option("FILE", imported->file,
+                    "File from `port export` or a spreadsheet: JSON, or CSV in UTF-8 with commas, "
+                    "semicolons or tabs and a heading; - for standard input. New ports need the "
+                    "columns name and address (or a host name). With yes, an address or a host "
+                    "name in the column follow, the port follows the printer there")
         ->required()
         ->check(NotEmpty());
-    importing.add_flag("--dry-run", imported->dryRun, "Only show what would be done");
+    AddDryRunFlag(importing, imported->dryRun);
     importing.add_flag("--replace", imported->replace,
-                       "Change ports that are there with other settings; what the file does not "
-                       "say stays");
+                       "Change existing ports; settings that the file does not have are kept");
     AddJsonFlag(importing, imported->json);
-    importing.callback([imported, openChannel] { RunImport(*imported, *openChannel()); });
+    importing.callback(
+        [imported, openChannel, identify] { RunImport(*imported, *openChannel(), identify); });
 }

@@ -97,8 +97,8 @@ std::wstring AnyDriver() {
         !EnumPrinterDriversW(nullptr, nullptr, 2, buffer.data(), needed, &needed, &count) ||
         count == 0) {
         throw CommandFailed(
-            "the machine has no printer driver for a queue: add one (printui.exe /ia), or test "
-            "without the spooler: --direct");
+            "there is no printer driver for a queue. Add one (printui.exe /ia), or test without "
+            "the spooler with --direct");
     }
     const auto* const drivers = reinterpret_cast<const DRIVER_INFO_2W*>(buffer.data());
     // The generations after 3 bring applications of their own that may want to look at the job.
@@ -176,17 +176,20 @@ class SelfTest {
   public:
     // queues: print through queues on the ports; else jobs go straight to them.
     // controlledBy: the printer that a job without a queue is controlled by.
-    SelfTest(bool queues, std::wstring controlledBy)
-        : queues_(queues), controlledBy_(std::move(controlledBy)) {}
+    // json: collect the steps for Steps instead of printing them.
+    SelfTest(bool queues, std::wstring controlledBy, bool json)
+        : queues_(queues), controlledBy_(std::move(controlledBy)), json_(json) {}
 
-    // Prints a line for each step. Returns true when all worked. Throws Interrupted, with
-    // everything taken away again.
+    // The steps as JSON.
+    const nlohmann::json& Steps() const { return steps_; }
+
+    // Returns true when all steps succeeded. At Ctrl-C, cleans up and returns false.
     bool Run(const ChannelFactory& openChannel) {
         Step("monitor", [&] {
             StartedNetwork();
             channel_ = openChannel();
-            return std::to_string(channel_->PortNames().size()) + " ports, asked " +
-                   (queues_ ? "through the print spooler" : "past the spooler");
+            return std::to_string(channel_->PortNames().size()) + " ports, listed " +
+                   (queues_ ? "through the print spooler" : "without the print spooler");
         });
         if (channel_ != nullptr && Step("ports", [this] { return MakePorts(); })) {
             Step("RAW", [this] { return Print(*raw_, kRawSize); });
@@ -195,9 +198,6 @@ class SelfTest {
         if (channel_ != nullptr) {
             cleaning_ = true;
             Step("clean-up", [this] { return CleanUp(); });
-        }
-        if (interruption_.Requested()) {
-            throw Interrupted();
         }
         return !failed_;
     }
@@ -223,8 +223,11 @@ class SelfTest {
             result = "FAILED";
             words = error.what();
         }
-        std::cout << std::left << std::setw(8) << result << std::setw(10) << what << words
-                  << std::endl;
+        steps_.push_back({{"name", what}, {"result", result}, {"text", words}});
+        if (!json_) {
+            std::cout << std::left << std::setw(8) << result << std::setw(10) << what << words
+                      << std::endl;
+        }
         failed_ = failed_ || result != "ok";
         return result == "ok";
     }
@@ -242,7 +245,7 @@ class SelfTest {
             raw_->queue = std::make_unique<TestQueue>(raw_->port.Name());
             lpr_->queue = std::make_unique<TestQueue>(lpr_->port.Name());
         }
-        return std::string("made and read back") + (queues_ ? ", with a queue each" : "") +
+        return std::string("added and read back") + (queues_ ? ", with a queue each" : "") +
                ": RAW to 127.0.0.1:" + std::to_string(raw_->printer.Port()) +
                ", LPR to 127.0.0.1:" + std::to_string(lpr_->printer.Port());
     }
@@ -276,7 +279,7 @@ class SelfTest {
             }
         }
         throw CommandFailed("the job did not arrive in " + std::to_string(kArrival.count()) +
-                            " s: look at the spooler's events (Event Viewer, "
+                            " s. Check the spooler's events (Event Viewer, "
                             "PrintService/Admin), and try --direct");
     }
 
@@ -287,11 +290,13 @@ class SelfTest {
                 way->port.Delete();
             }
         }
-        return "what was made is taken away again";
+        return "ports and queues deleted";
     }
 
     const bool queues_;
     const std::wstring controlledBy_;
+    const bool json_;
+    nlohmann::json steps_ = nlohmann::json::array();
     const Interruption interruption_;
     bool failed_ = false;
     bool cleaning_ = false;
@@ -303,19 +308,31 @@ class SelfTest {
 }  // namespace
 
 void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel) {
-    CLI::App& command = *app.add_subcommand("selftest",
-                                            "Print through the monitor to a printer that\n"
-                                            "kestctl plays on this machine, by RAW and by\n"
-                                            "LPR, and compare what arrives");
+    struct Arguments {
+        std::string printer;
+        bool json = false;
+    };
+    CLI::App& command = *app.add_subcommand(
+        "selftest",
+        "Print through the monitor to a printer that kestctl simulates on this computer, with RAW "
+        "and with LPR, and compare the received data");
     AddExample(command, "selftest");
-    const auto printer = std::make_shared<std::string>();
+    const auto arguments = std::make_shared<Arguments>();
     command
-        .add_option("--printer", *printer,
-                    "With --direct: the printer that the jobs\n"
-                    "are controlled by (the default printer)")
+        .add_option("--printer", arguments->printer,
+                    "With --direct: printer for job control (the default printer)")
         ->check(NotEmpty());
-    command.callback([printer, openChannel, &app] {
-        if (!SelfTest(!IsDirect(app), ToWide(*printer)).Run(openChannel)) {
+    AddJsonFlag(command, arguments->json);
+    command.callback([arguments, openChannel, &app] {
+        SelfTest test(!IsDirect(app), ToWide(arguments->printer), arguments->json);
+        const bool succeeded = test.Run(openChannel);
+        if (arguments->json) {
+            PrintJson({{"succeeded", succeeded}, {"steps", test.Steps()}});
+        }
+        if (Interruption::WasRequested()) {
+            throw Interrupted();
+        }
+        if (!succeeded) {
             throw CommandFailed("the self-test failed");
         }
     });

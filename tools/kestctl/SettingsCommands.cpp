@@ -24,12 +24,15 @@ struct Settings {
     std::string address;
     std::string mask;
     std::string gateway;
+
+    bool operator==(const Settings&) const = default;
 };
 
 struct SettingsArguments {
     std::string printer;
     Settings wanted;  // empty: as it is
     bool yes = false;
+    bool dryRun = false;
     bool json = false;
 };
 
@@ -56,7 +59,7 @@ std::string ToText(uint32_t address) {
 std::string CheckAddress(std::string& text) {
     const auto number = ToNumber(text);
     if (!number) {
-        return "'" + text + "' is not an IPv4 address: give it like 192.168.1.20";
+        return "'" + text + "' is not an IPv4 address, for example 192.168.1.20";
     }
     text = ToText(*number);
     return {};
@@ -104,17 +107,23 @@ std::string Problem(const Settings& settings) {
 }
 
 constexpr char kNoWinSnmp[] =
-    "this machine has no working WinSNMP (wsnmp32.dll): ask from a Windows machine";
+    "this computer has no working WinSNMP (wsnmp32.dll). Run the command on Windows";
 
 // Wine's library raises an exception in the entries that it only has the names of.
+template <bool Json>
 LONG WINAPI OnNoWinSnmp(EXCEPTION_POINTERS*) {
-    std::cerr << "kestctl: " << kNoWinSnmp << std::endl;
+    if (Json) {
+        PrintJson({{"error", kNoWinSnmp}, {"exitCode", 1}});
+        std::cout.flush();
+    } else {
+        std::cerr << "kestctl: " << kNoWinSnmp << std::endl;
+    }
     std::_Exit(1);
 }
 
-void RequireWinSnmp() {
+void RequireWinSnmp(bool json) {
     smiUINT32 unused[5] = {};
-    const auto previous = SetUnhandledExceptionFilter(OnNoWinSnmp);
+    const auto previous = SetUnhandledExceptionFilter(json ? OnNoWinSnmp<true> : OnNoWinSnmp<false>);
     const bool started =
         SnmpStartup(&unused[0], &unused[1], &unused[2], &unused[3], &unused[4]) != SNMPAPI_FAILURE;
     const HSNMP_SESSION session =
@@ -139,28 +148,27 @@ void ShowStep(const std::string& step) {
 }
 
 // Reads the settings into the record. It is filled where it stands: a copy would not have them.
-void Read(Printer& printer, const std::string& address) {
+void Read(Printer& printer, const SettingsArguments& arguments) {
+    const std::string& address = arguments.printer;
     const Network& network = StartedNetwork();
-    RequireWinSnmp();
+    RequireWinSnmp(arguments.json);
     if (network.GetLocalAddress(0) == nullptr) {
         throw CommandFailed(
-            "this machine has no IPv4 address to ask from: 'kestctl interfaces' "
-            "tells why");
+            "this computer has no usable IPv4 address. `kestctl interfaces` shows why");
     }
     printer.SetFirstIPAddress(IPAddress(address));
-    ShowStep("asking " + address + " for its settings");
+    ShowStep("reading the settings of " + address);
     if (printer.RetrieveSnmpSettings() == 0) {
         return;
     }
-    ShowStep("looking whether it answers at all");
+    ShowStep("checking whether it is reachable");
     throw CommandFailed(
         network.Ping(printer.GetIPAddress()) == 0
             ? address +
-                  " is there but does not tell its settings: SNMP may be turned off or "
-                  "want another community, or the device does not know these settings"
+                  " answers, but does not report its settings. Check that SNMP is enabled and "
+                  "that the device supports these settings"
             : address +
-                  " does not answer, not to a ping either: check the address, and that the "
-                  "printer is on and connected");
+                  " is unreachable. Check the address, and that the printer is on and connected");
 }
 
 Settings SettingsOf(const Printer& printer) {
@@ -173,7 +181,7 @@ nlohmann::json ToJson(const Settings& settings) {
 
 void RunShow(const SettingsArguments& arguments) {
     Printer printer;
-    Read(printer, arguments.printer);
+    Read(printer, arguments);
     const Settings settings = SettingsOf(printer);
     if (arguments.json) {
         nlohmann::json document = ToJson(settings);
@@ -187,33 +195,33 @@ void RunShow(const SettingsArguments& arguments) {
                 {"method", std::to_string(printer.GetConfigMethod())}});
 }
 
-// Shows what would change and asks for it.
-bool IsConfirmed(const Settings& before, const Settings& after) {
-    const auto show = [](const char* name, const std::string& old, const std::string& wanted) {
-        std::cerr << name << old << (old == wanted ? "" : " -> " + wanted) << '\n';
+void ShowChanges(const Settings& before, const Settings& after, std::ostream& out) {
+    const auto show = [&out](const char* name, const std::string& old, const std::string& wanted) {
+        out << name << old << (old == wanted ? "" : " -> " + wanted) << '\n';
     };
     show("address  ", before.address, after.address);
     show("mask     ", before.mask, after.mask);
     show("gateway  ", before.gateway, after.gateway);
-    return ::IsConfirmed("Write these settings to the printer?");
 }
 
-void RunSet(const SettingsArguments& arguments) {
+// Refuses wrong usage before the printer is asked.
+void CheckArguments(const SettingsArguments& arguments) {
     const Settings& wanted = arguments.wanted;
     if (wanted.address.empty() && wanted.mask.empty() && wanted.gateway.empty()) {
         throw CLI::RequiredError("a setting to change");
     }
-    if (!arguments.yes && !InputIsTerminal()) {
-        throw CLI::RequiredError("--yes (there is no terminal to ask on)");
+    if (!arguments.yes && !arguments.dryRun && !InputIsTerminal()) {
+        throw CLI::RequiredError("--yes (there is no terminal to ask on), or --dry-run");
     }
     if (!wanted.address.empty() && !wanted.mask.empty() && !wanted.gateway.empty()) {
         if (const std::string problem = Problem(wanted); !problem.empty()) {
             throw CLI::ValidationError(problem);
         }
     }
-    Printer printer;
-    Read(printer, arguments.printer);
-    const Settings before = SettingsOf(printer);
+}
+
+// The settings after the change. Throws CommandFailed if the printer cannot have them.
+Settings Changed(const Settings& before, const Settings& wanted) {
     const auto chosen = [](const std::string& given, const std::string& old) {
         return given.empty() ? old : given;
     };
@@ -223,25 +231,35 @@ void RunSet(const SettingsArguments& arguments) {
     if (const std::string problem = Problem(after); !problem.empty()) {
         throw CommandFailed(problem + "; nothing was written");
     }
-    const Network& network = StartedNetwork();
-    const IPAddress newAddress(after.address);
     if (after.address != before.address) {
-        ShowStep("looking whether somebody has " + after.address);
-        if (network.Ping(newAddress) == 0) {
-            throw CommandFailed(after.address +
-                                " answers already, another device has it; nothing was written");
+        ShowStep("checking whether " + after.address + " is in use");
+        if (StartedNetwork().Ping(IPAddress(after.address)) == 0) {
+            throw CommandFailed("another device already uses " + after.address +
+                                "; nothing was written");
         }
     }
-    if (!arguments.yes && !IsConfirmed(before, after)) {
-        throw CommandFailed("nothing was written");
+    return after;
+}
+
+void ReportUnwritten(const SettingsArguments& arguments, const Settings& before,
+                     const Settings& after) {
+    if (arguments.json) {
+        PrintJson({{"before", ToJson(before)}, {"after", ToJson(after)}, {"dryRun", true}});
+    } else {
+        ShowChanges(before, after, std::cout);
+        std::cout << "Dry run: nothing was written\n";
     }
+}
+
+void Write(const SettingsArguments& arguments, Printer& printer, const Settings& before,
+           const Settings& after) {
     ShowStep("writing, and waiting for the printer at " + after.address);
     if (printer.UpdateSnmpSettings(after.address, after.mask, after.gateway) != 0) {
         throw CommandFailed(before.address +
-                            " refused the settings or did not confirm them: 'kestctl settings "
-                            "show' at its old and its new address tells which it has");
+                            " refused the settings or did not confirm them. Check its old and its "
+                            "new address with `kestctl settings show`");
     }
-    const bool answers = network.Ping(newAddress) == 0;
+    const bool answers = StartedNetwork().Ping(IPAddress(after.address)) == 0;
     if (arguments.json) {
         PrintJson({{"before", ToJson(before)}, {"after", ToJson(after)}, {"answers", answers}});
     } else {
@@ -250,9 +268,34 @@ void RunSet(const SettingsArguments& arguments) {
                   << "the printer "
                   << (answers ? "answers at " + after.address
                               : "does not answer at " + after.address +
-                                    " (yet): some take a minute, or have to be turned off and on")
+                                    " yet: some need a minute or a restart")
                   << '\n';
     }
+}
+
+void RunSet(const SettingsArguments& arguments) {
+    CheckArguments(arguments);
+    Printer printer;
+    Read(printer, arguments);
+    const Settings before = SettingsOf(printer);
+    const Settings after = Changed(before, arguments.wanted);
+    if (arguments.dryRun) {
+        ReportUnwritten(arguments, before, after);
+        return;
+    }
+    if (after == before) {
+        if (arguments.json) {
+            PrintJson({{"before", ToJson(before)}, {"after", ToJson(after)}, {"answers", true}});
+        } else {
+            std::cout << "no change: the printer already has these settings\n";
+        }
+        return;
+    }
+    if (!arguments.yes) {
+        ShowChanges(before, after, std::cerr);
+    }
+    Confirm("Write these settings to the printer?", arguments.yes, "Nothing was written");
+    Write(arguments, printer, before, after);
 }
 
 CLI::App& AddCommand(CLI::App& settings, const char* name, const char* text, const char* example,
@@ -260,7 +303,7 @@ CLI::App& AddCommand(CLI::App& settings, const char* name, const char* text, con
                      const std::shared_ptr<SettingsArguments>& arguments) {
     CLI::App& command = *settings.add_subcommand(name, text);
     AddExample(command, example);
-    command.add_option("ADDRESS", arguments->printer, "The printer's IPv4 address")
+    command.add_option("ADDRESS", arguments->printer, "IPv4 address of the printer")
         ->required()
         ->transform(CLI::Validator(CheckAddress, ""));
     AddJsonFlag(command, arguments->json);
@@ -272,21 +315,22 @@ CLI::App& AddCommand(CLI::App& settings, const char* name, const char* text, con
 
 void AddSettingsCommands(CLI::App& app) {
     CLI::App& settings =
-        *app.add_subcommand("settings", "Read and write a printer's own IPv4 settings (SNMP)");
+        *app.add_subcommand("settings", "Read and write the IPv4 settings of a printer with SNMP");
     settings.require_subcommand(1);
-    AddCommand(settings, "show", "Show the address, mask and gateway that a printer has",
+    AddCommand(settings, "show", "Show address, mask and gateway of a printer",
                "settings show 192.168.1.20", RunShow, std::make_shared<SettingsArguments>());
 
     const auto arguments = std::make_shared<SettingsArguments>();
     CLI::App& set =
-        AddCommand(settings, "set", "Give a printer another address, mask or gateway",
+        AddCommand(settings, "set", "Change address, mask or gateway of a printer",
                    "settings set 192.168.1.20 --address 192.168.1.21", RunSet, arguments);
     const auto add = [&set](const char* name, std::string& value, const char* text) {
         set.add_option(name, value, text)->transform(CLI::Validator(CheckAddress, ""));
     };
-    add("--address", arguments->wanted.address, "Its new address (default: as it is)");
-    add("--mask", arguments->wanted.mask, "Its subnet mask (default: as it is)");
+    add("--address", arguments->wanted.address, "New address (unchanged by default)");
+    add("--mask", arguments->wanted.mask, "Subnet mask (unchanged by default)");
     add("--gateway", arguments->wanted.gateway,
-        "Its default gateway, 0.0.0.0 for none (default: as it is)");
-    set.add_flag("--yes", arguments->yes, "Write without asking");
+        "Default gateway, 0.0.0.0 for none (unchanged by default)");
+    AddDryRunFlag(set, arguments->dryRun);
+    AddYesFlag(set, arguments->yes);
 }

@@ -18,6 +18,7 @@
 #include "admin/WindowsMachine.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/Interruption.h"
+#include "tools/kestctl/UnknownArgument.h"
 
 namespace {
 
@@ -98,21 +99,8 @@ std::vector<std::string> Arguments() {
     return result;
 }
 
-// CLI11 says that a command is missing also where one was given that it does not know.
-std::string UnknownCommand(const CLI::App& app) {
-    const CLI::App* group = &app;
-    while (!group->get_subcommands().empty()) {
-        group = group->get_subcommands().front();
-    }
-    const std::vector<std::string> rest = app.remaining(true);
-    if (rest.empty() || group->get_require_subcommand_min() == 0) {
-        return {};
-    }
-    std::string known;
-    for (const CLI::App* command : group->get_subcommands(nullptr)) {
-        known += (known.empty() ? "" : ", ") + command->get_name();
-    }
-    return "There is no command '" + rest.front() + "' here, there are: " + known;
+int FailureCode() {
+    return Interruption::WasRequested() ? kInterrupted : kFailed;
 }
 
 // Reports a failure: as text, or as a JSON document where JSON was asked for and none was printed.
@@ -124,6 +112,35 @@ int Fail(int code, bool json, const std::string& message) {
     std::cout.flush();
     std::cerr << (json ? "" : "kestctl: " + message + '\n') << std::flush;
     return code;
+}
+
+// Runs the command that the arguments name, and reports its failure. Returns the exit code.
+int Parse(CLI::App& app, std::vector<std::string> arguments, bool json) {
+    try {
+        app.parse(arguments);
+        if (!std::cout.flush()) {
+            throw CommandFailed("Not all of the output could be written");
+        }
+        return 0;
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) {
+            return app.exit(error);  // help, or the version
+        }
+        const bool mayBeUnknown = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr ||
+                                  dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr;
+        const std::string unknown = mayBeUnknown ? UnknownArgument(app) : std::string();
+        if (json) {
+            return Fail(kWrongUsage, json, unknown.empty() ? error.what() : unknown);
+        }
+        app.exit(unknown.empty() ? error : CLI::ValidationError(unknown));
+        return kWrongUsage;
+    } catch (const Interrupted&) {
+        return kInterrupted;
+    } catch (const CommandFailed& failed) {
+        return Fail(FailureCode(), json, Explained(failed));
+    } catch (const std::exception& error) {
+        return Fail(FailureCode(), json, error.what());
+    }
 }
 
 int Run() {
@@ -151,38 +168,17 @@ int Run() {
     AddSelfTestCommand(app, openChannel);
     app.footer("Examples:" + Examples(app));
 
-    std::vector<std::string> arguments = Arguments();
+    const std::vector<std::string> arguments = Arguments();
     const bool json = std::find(arguments.begin(), arguments.end(), "--json") != arguments.end();
-    try {
-        app.parse(arguments);
-        if (!std::cout.flush()) {
-            throw CommandFailed("not all of the output could be written");
-        }
-        return 0;
-    } catch (const CLI::ParseError& error) {
-        const std::string unknown = dynamic_cast<const CLI::RequiredError*>(&error) != nullptr
-                                        ? UnknownCommand(app)
-                                        : std::string();
-        if (error.get_exit_code() == 0) {
-            return app.exit(error);  // help, or the version
-        }
-        if (json) {
-            return Fail(kWrongUsage, json, unknown.empty() ? error.what() : unknown);
-        }
-        app.exit(unknown.empty() ? error : CLI::RequiredError(unknown, error.get_exit_code()));
-        return kWrongUsage;
-    } catch (const Interrupted&) {
-        return kInterrupted;
-    } catch (const CommandFailed& failed) {
-        return Fail(kFailed, json, Explained(failed));
-    } catch (const std::exception& error) {
-        return Fail(kFailed, json, error.what());
-    }
+    const int code = Parse(app, arguments, json);
+    // Also for a command that completes its work after Ctrl-C.
+    return Interruption::WasRequested() ? kInterrupted : code;
 }
 
 }  // namespace
 
 int main() {
+    Interruption::HandleCtrlC();
     const Utf8Output output(std::cout, STD_OUTPUT_HANDLE, stdout);
     const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
     return Run();
