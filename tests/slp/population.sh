@@ -32,7 +32,9 @@ agents=(
     "service:shown first=10.77.1.7 list=(ip={ip}),empty,(place=2nd\\2C_left\\1B[2J)"
     "service:six first=fd77:0:0:1::1 count=20"
 )
-coproc AGENTS { exec ip netns exec "$peer_ns" "$root/tests/support/service_agents.py" "${agents[@]}"; }
+coproc AGENTS {
+    exec ip netns exec "$peer_ns" "$root/tests/support/service_agents.py" "${agents[@]}"
+}
 read -r _ <&"${AGENTS[0]}"
 disown "$AGENTS_PID"
 
