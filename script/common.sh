@@ -4,7 +4,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-build=$root/build
+build=${KEST_BUILD:-$root/build}
 
 export WINEPREFIX=${KEST_WINEPREFIX:-$build/wine}
 export WINEDEBUG=${WINEDEBUG:--all}
