@@ -90,8 +90,8 @@ std::string TakeBack(SpoolerChannel& channel, const std::vector<PortStep>& steps
     std::string stay;
     while (count-- > 0) {
         try {
-            if (steps[count].before) {
-                WritePort(channel, steps[count].name, *steps[count].before);
+            if (const auto& before = steps[count].before; before) {
+                WritePort(channel, steps[count].name, *before);
             } else {
                 DeletePort(channel, steps[count].name);
             }

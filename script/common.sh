@@ -10,7 +10,7 @@
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-build=$root/build
+build=${KEST_BUILD:-$root/build}
 template=$build/wine-template
 machines=$build/machines
 

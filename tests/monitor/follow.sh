@@ -67,7 +67,8 @@ echo document >"$work/document"
 say "a RAW printer moves"
 forget
 printers "$work/jobs" 10.77.1.20
-agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)"
+agents "service:printer first=10.77.1.20 \
+list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)"
 kestctl port add RAW --address 10.77.1.20 >/dev/null
 expect "following" "$(kestctl port set RAW --follow 10.77.1.20 | head -1)" \
     "port RAW set: raw to 10.77.1.20:9100, following 0004004A1B2C, prn-1"
@@ -116,7 +117,8 @@ say "five ports search at once"
 addresses=()
 lists=()
 for n in 1 2 3 4 5; do
-    kestctl port add "MANY$n" --address "10.77.1.4$n" --mac "00040000004$n" --always-print >/dev/null
+    kestctl port add "MANY$n" --address "10.77.1.4$n" --mac "00040000004$n" \
+        --always-print >/dev/null
     addresses+=("10.77.1.5$n")
     lists+=("$(announcement "10.77.1.5$n" "00040000004$n" "prn-4$n" Model_500)")
 done
@@ -133,8 +135,7 @@ say "kestctl find"
 expect "all printers" "$(kestctl find)" \
     "NAME                  MODEL                      ADDRESS           MAC
 $(for n in 1 2 3 4 5; do
-        printf 'prn-4%s                Model 500                  10.77.1.5%s        00040000004%s\n' \
-            $n $n $n
+        printf '%-20s  %-25s  %-16s  %s\n' "prn-4$n" "Model 500" "10.77.1.5$n" "00040000004$n"
     done)"
 prints '"address": "10.77.1.53"' kestctl find --mac 00:04:00:00:00:43 --json ||
     fail "kestctl find --mac does not find its printer"
@@ -203,7 +204,8 @@ cp "$bin/SLPConf.xml" "$work/learned.xml"
 
 say "an old file that finds more comes back; one that is wrong is told"
 agents "service:x-acme version=1 first=10.77.1.60 list=(x-net=10.77.1.60),(x-hw=000400000060)" \
-    "service:printer first=10.77.1.60 unicast list=$(announcement 10.77.1.60 000400000060 prn-6 Model)"
+    "service:printer first=10.77.1.60 unicast \
+list=$(announcement 10.77.1.60 000400000060 prn-6 Model)"
 if said=$(kestctl config learn 10.77.1.60 --write 2>&1); then
     fail "kestctl config learn --write keeps a worse file: $said"
 fi
@@ -259,7 +261,8 @@ cp "$work/shipped.xml" "$bin/SLPConf.xml"
 
 say "kestctl find --watch: printers come, one moves, one goes"
 home() {
-    agents "service:printer first=10.77.1.61 list=$(announcement "$1" 000400000061 prn-61 Model)" "${@:2}"
+    agents "service:printer first=10.77.1.61 \
+list=$(announcement "$1" 000400000061 prn-61 Model)" "${@:2}"
 }
 home 10.77.1.61 "service:printer first=10.77.1.62 list=$(announcement 10.77.1.62 none prn-62 Model)"
 set -m # a group of its own, which hears Ctrl-C

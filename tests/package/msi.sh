@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# The package, taken by the installer of a machine of its own: installed, upgraded, repaired, removed,
-# and the machine compared with what it was before. msi.sh
+# The package, taken by the installer of a machine of its own: installed, upgraded, repaired,
+# removed, and the machine compared with what it was before. msi.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 
 work=$(mktemp -d "$build/msi.XXXXXX")
@@ -11,9 +11,9 @@ drive=$WINEPREFIX/drive_c
 program="$drive/Program Files/kestmon"
 system=$drive/windows/system32
 
-# installer EXPECTED-CODE ARGUMENT...: the installer's own log is shown when it ends otherwise. Of its
-# exit codes this machine sees the last eight bits; a program of the package that fails is 1627 here,
-# where Windows says 1603.
+# installer EXPECTED-CODE ARGUMENT...: the installer's own log is shown when it ends otherwise. Of
+# its exit codes this machine sees the last eight bits; a program of the package that fails is 1627
+# here, where Windows says 1603.
 installer() {
     local expected=$1 code=0
     shift
@@ -80,10 +80,11 @@ installed "repaired"
 [ -e "$program/README.md" ] || fail "the repair left README.md away"
 diff -r "$root/docs" "$program/docs" || fail "the documents are not those of docs/"
 
-# A port that a printer prints to keeps the monitor, unless FORCE says otherwise. The ports cannot be
-# kept while no spooler knows them: nothing is removed then.
+# A port that a printer prints to keeps the monitor, unless FORCE says otherwise. The ports cannot
+# be kept while no spooler knows them: nothing is removed then.
 print_key='HKLM\SYSTEM\CurrentControlSet\Control\Print'
-wine reg add "$print_key\Monitors\kestmon\Ports\OFFICE" /v 'Double Spool' /t REG_DWORD /d 0 >/dev/null
+wine reg add "$print_key\Monitors\kestmon\Ports\OFFICE" /v 'Double Spool' /t REG_DWORD /d 0 \
+    >/dev/null
 wine reg add "$print_key\Printers\Laser" /v Port /d OFFICE >/dev/null
 installer $((1627 & 255)) /x "Z:$new"
 grep -q Laser "$program/setup.log" || fail "the printer in the way is not named in setup.log"
