@@ -87,8 +87,8 @@ TEST(ConfigLearning, KeepsWhatPrintersOfAnotherMakeAnnounce) {
     EXPECT_EQ(kept({ip, mac}), "old-ip x-ip x-mac old-name");
     EXPECT_EQ(kept({ip, {"old-mac", "0004004a1b2c"}, {"x-host", "prn-1"}}),
               "old-ip x-ip old-mac old-name");
-    // An attribute of this printer's own under that tag would be taken for its address.
-    EXPECT_EQ(kept({ip, mac, {"old-ip", "0.0.0.0"}}), "x-ip old-2 x-mac old-name");
+    // Its own attribute under that tag would be taken for its address.
+    EXPECT_EQ(kept({ip, mac, {"old-ip", "0.0.0.0"}}), "x-ip old-ip x-mac old-name");
 }
 
 TEST(ConfigLearning, CountsPrintersThatAreLost) {

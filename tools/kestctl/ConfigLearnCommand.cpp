@@ -212,7 +212,8 @@ std::string KeptElements(const SearchSettings& tried, const SearchSettings& lear
 }
 
 void PrintWritten(const std::wstring& path, const Written& written, const SearchSettings& learned) {
-    if (const std::string kept = KeptElements(written.settings, learned); !kept.empty()) {
+    const std::string kept = KeptElements(written.settings, learned);
+    if (!kept.empty()) {
         std::cout << "for other printers of your ports: " << kept << '\n';
     }
     if (written.lost != 0) {
@@ -224,7 +225,9 @@ void PrintWritten(const std::wstring& path, const Written& written, const Search
             std::cout << "the old file is kept: " << ToUtf8(written.kept) << '\n';
         }
     } else if (written.lost == 0 && !written.worse) {
-        std::cout << ToUtf8(path) << " says so already, and stays\n";
+        std::cout << ToUtf8(path)
+                  << (kept.empty() ? " says so already, and stays\n"
+                                   : " finds this printer, too, and stays\n");
     }
     std::cout << "a search by MAC address: " << Verdict(written.tried.byMac)
               << "\na search by host name:   " << Verdict(written.tried.byName) << '\n';
