@@ -285,7 +285,9 @@ watched '"address":"10.77.1.62","event":"went"'
 expect "events" "$(wc -l <"$work/watched")" 4
 kill -INT -- "-$watcher"
 watched '"came":2,"event":"end","here":1,"moved":1,.*"went":1}'
-wait "$watcher" || fail "kestctl find --watch ends with $?"
+code=0
+wait "$watcher" || code=$?
+expect "exit code of find --watch after Ctrl-C" "$code" 130
 announce "$(announcement 10.77.9.1 000400000061 prn-61 Model)" \
     "$(announcement 10.77.9.2 000400000062 prn-62 Model)"
 {
