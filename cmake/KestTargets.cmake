@@ -40,13 +40,15 @@ function(kest_test name)
 endfunction()
 
 # kest_script_test(NAME SCRIPT [SLOW] [ARGUMENTS argument...])
-# The end-to-end test e2e.NAME: a script of this folder. A slow one starts early.
+# The end-to-end test e2e.NAME: a script of this folder. A slow one starts early, and no other slow one
+# runs beside it: their simulated printers need the processor.
 function(kest_script_test name script)
     cmake_parse_arguments(ARG "SLOW" "" "ARGUMENTS" ${ARGN})
     add_test(NAME e2e.${name} COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${ARG_ARGUMENTS})
     set_tests_properties(e2e.${name} PROPERTIES LABELS e2e SKIP_RETURN_CODE 77 TIMEOUT 1200)
     if(ARG_SLOW)
-        set_tests_properties(e2e.${name} PROPERTIES LABELS "e2e;slow" COST 100)
+        set_tests_properties(e2e.${name} PROPERTIES LABELS "e2e;slow" COST 100
+            RESOURCE_LOCK printers)
     endif()
 endfunction()
 
