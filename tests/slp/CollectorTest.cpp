@@ -109,6 +109,7 @@ TEST(Collector, LimitsWhatItReports) {
     const size_t giants = Flood(large, "giant", 1000, ListOf(8193)).bytes;
     EXPECT_LE(giants, 1u << 20);
     EXPECT_GT(giants, (1u << 20) - 8193);
+    EXPECT_THAT(large.responders(), Not(HasSubstr("giant130"))) << "it was not reported";
     EXPECT_EQ(Flood(large, "a", 500, ListOf(6000)).lists, 500u);
     EXPECT_EQ(large.TakeFetched("long", ListOf(60000)), std::nullopt);
     EXPECT_EQ(Flood(large, "b", 1, ListOf(1000)).lists, 1u);
