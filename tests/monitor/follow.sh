@@ -239,13 +239,15 @@ watched '"address":"10.77.1.62","event":"went"'
 expect "events" "$(wc -l <"$work/watched")" 4
 kill -INT -- "-$watcher"
 watched '"came":2,"event":"end","here":1,"moved":1,.*"went":1}'
-wait "$watcher" || fail "kestctl find --watch ends with $?"
+code=0
+wait "$watcher" || code=$?
+expect "the exit code of kestctl find --watch" "$code" 130
 
 say "it is where it was, and takes no job"
 printers_off
 announce "$(announcement 10.77.1.28 000400000028 prn-8 Model_100)"
 kestctl port add THERE --address 10.77.1.28 --mac 000400000028 --always-print >/dev/null
-no_job THERE "the printer was found where it was, and takes no job there"
+no_job THERE "the printer was found at the same address, and accepts no job there"
 
 say "nobody answers"
 printers_off

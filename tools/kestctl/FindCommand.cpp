@@ -188,7 +188,7 @@ void AddFindCommand(CLI::App& app) {
     command
         .add_flag("--watch", arguments->watch,
                   "Go on asking, every 5 s, and tell when a printer comes, moves, or goes (three "
-                  "rounds without an answer), until Ctrl-C, which is no failure here: exit code 0. "
+                  "rounds without an answer), until Ctrl-C. "
                   "With --json one document a line")
         ->excludes(mac)
         ->excludes(hostName)
