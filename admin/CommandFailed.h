@@ -15,20 +15,20 @@
 enum class Remedy {
     None,
     RunAsAdministrator,
-    StartSpooler,    // its service does not run, or its machine is not reached
-    InstallMonitor,  // the spooler has not loaded the monitor
-    ListPorts,       // there is no port of this name
+    StartSpooler,       // its service does not run, or its machine is not reached
+    InstallMonitor,     // the spooler has not loaded the monitor
+    ListPorts,          // there is no port of this name
     ListStandardPorts,  // there is no standard TCP/IP port of this name
-    ChangePort,      // the port `subject` is there already
-    ChooseName,      // another monitor has a port of this name
-    ShowPort,        // the port `subject` may be half changed
-    DeletePort,      // the port `subject` was to be taken away again, and stays
-    MovePrinter,     // a printer still prints to the port
-    AddPrinter,      // no printer prints to the port
-    CheckSearch,     // printers do not answer: attributes, SLPConf.xml, firewall
-    UnpackRelease,   // the release's files are not together
-    Force,           // it can be done all the same
-    MoveQueues,      // printers print to the ports that are to go; or all the same
+    ChangePort,         // the port `subject` is there already
+    ChooseName,         // another monitor has a port of this name
+    ShowPort,           // the port `subject` may be half changed
+    DeletePort,         // the port `subject` was to be taken away again, and stays
+    MovePrinter,        // a printer still prints to the port
+    AddPrinter,         // no printer prints to the port
+    CheckSearch,        // printers do not answer: attributes, SLPConf.xml, firewall
+    UnpackRelease,      // the release's files are not together
+    Force,              // it can be done all the same
+    MoveQueues,         // printers print to the ports that are to go; or all the same
 };
 
 // Ends an action. The message says what went wrong.

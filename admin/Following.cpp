@@ -22,8 +22,9 @@ void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, Po
     } else if (const std::string name = FieldText(before.standard.sztHostAddress);
                !name.empty() && FieldText(before.extended.sztHWAddress) != printer.mac) {
         // The monitor keeps the name, and would search for the printer that has it.
-        throw CommandFailed("The printer announces no host name, and the port would keep the name " +
-                            name + " of another printer. Delete the port and add it again");
+        throw CommandFailed(
+            "The printer announces no host name, and the port would keep the name " + name +
+            " of another printer. Delete the port and add it again");
     }
     change.alwaysPrint = true;
 }

@@ -32,7 +32,8 @@ IPAddress AddressOf(const Network& network, const std::string& host) {
     const IPAddress address(host);
     // The resolver takes 1.2.3 for 1.2.0.3.
     if (!address.IsValid() && host.find_first_not_of("0123456789.") == std::string::npos) {
-        throw CommandFailed("'" + host + "' is not an IPv4 address. Use, for example, 192.168.1.20");
+        throw CommandFailed("'" + host +
+                            "' is not an IPv4 address. Use, for example, 192.168.1.20");
     }
     return address.IsValid() ? address : Resolve(network, host);
 }

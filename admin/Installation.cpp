@@ -273,7 +273,8 @@ void ResumeSpooler(SpoolerPause& pause, Undo& undo) {
     Require(pause.Resume(), "the print spooler does not start with the new files");
 }
 
-// Returns true if the spooler has loaded the monitor. Throws CommandFailed when everything is undone.
+// Returns true if the spooler has loaded the monitor. Throws CommandFailed when everything is
+// undone.
 bool CarryOut(const Plan& plan, Machine& machine, const Report& report) {
     SpoolerPause pause(machine, report);
     Undo undo;
@@ -291,10 +292,10 @@ bool CarryOut(const Plan& plan, Machine& machine, const Report& report) {
         loaded = Register(machine, undo);
     } catch (const CommandFailed& failed) {
         const std::string left = undo.TakeBack();
-        throw CommandFailed(failed.what() + (left.empty()
-                                                 ? "; everything is as it was before"
-                                                 : "; not all changes could be undone" + left),
-                            failed.remedy);
+        throw CommandFailed(
+            failed.what() + (left.empty() ? "; everything is as it was before"
+                                          : "; not all changes could be undone" + left),
+            failed.remedy);
     }
     undo.Commit();
     return loaded;

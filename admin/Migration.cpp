@@ -194,7 +194,8 @@ void CompareWithPorts(SpoolerChannel& channel, std::vector<Migration>& plan) {
             migration.to = *there;
             migration.isThere = SameSettings(ReadPort(channel, *there), migration.records);
             if (!migration.isThere) {
-                migration.obstacle = "port " + ToUtf8(*there) + " already exists with other settings";
+                migration.obstacle =
+                    "port " + ToUtf8(*there) + " already exists with other settings";
             }
         } else if (std::any_of(others.begin(), others.end(), sameName)) {
             migration.obstacle = NameTaken(migration.to).what();
@@ -282,10 +283,10 @@ MigrationResult Migrate(SpoolerChannel& channel, const Migration& migration) {
             if (made && back.waiting.empty()) {
                 DeletePort(channel, migration.to);
             }
-            result.failure += back.waiting.empty() ? "; all changes were undone"
-                                                   : "; print jobs arrived in " +
-                                                         JoinedNames(back.waiting) +
-                                                         ", which stays moved";
+            result.failure += back.waiting.empty()
+                                  ? "; all changes were undone"
+                                  : "; print jobs arrived in " + JoinedNames(back.waiting) +
+                                        ", which stays moved";
         } catch (const CommandFailed& stays) {
             result.failure += "; not all changes could be undone: " + std::string(stays.what());
         }

@@ -13,12 +13,12 @@
 // A standard port and what is to become of it.
 struct Migration {
     std::wstring from;
-    std::wstring to;                   // the port of this monitor
-    PortRecords records = {};          // its settings
-    std::vector<std::wstring> queues;  // that are to move
-    bool isThere = false;              // the port was made before, and stays as it is
-    std::string obstacle = {};         // why nothing is done; empty: it is done
-    std::string remark = {};           // what else is to be said
+    std::wstring to;                      // the port of this monitor
+    PortRecords records = {};             // its settings
+    std::vector<std::wstring> queues;     // that are to move
+    bool isThere = false;                 // the port was made before, and stays as it is
+    std::string obstacle = {};            // why nothing is done; empty: it is done
+    std::string remark = {};              // what else is to be said
     std::vector<std::wstring> busy = {};  // those of the queues that have jobs, and stay
 
     // True if Migrate would change anything.

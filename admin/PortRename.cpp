@@ -35,8 +35,9 @@ Migration PlanRename(SpoolerChannel& channel, const std::wstring& name,
     const std::vector<Queue> queues = channel.Queues();
     plan.queues = QueuesOn(queues, plan.from);
     if (const auto busy = BusyQueues(queues, plan.queues); !busy.empty()) {
-        throw CommandFailed("port " + ToUtf8(plan.from) + " cannot be renamed: print jobs wait in " +
-                            JoinedNames(busy) + ". Repeat the command when they are printed");
+        throw CommandFailed("port " + ToUtf8(plan.from) +
+                            " cannot be renamed: print jobs wait in " + JoinedNames(busy) +
+                            ". Repeat the command when they are printed");
     }
     return plan;
 }

@@ -68,8 +68,9 @@ std::string CheckWord(const std::string& text, size_t room) {
 std::string CheckNumber(const std::string& text, const std::string& what) {
     const bool plain = !text.empty() && text.size() <= 5 && text[0] != '0' &&
                        text.find_first_not_of("0123456789") == std::string::npos;
-    return plain && std::stoul(text) <= 65535 ? ""
-                                              : "'" + text + "' is not a " + what + " from 1 to 65535";
+    return plain && std::stoul(text) <= 65535
+               ? ""
+               : "'" + text + "' is not a " + what + " from 1 to 65535";
 }
 
 constexpr char kNotClearable[] = "cannot be cleared";
@@ -220,14 +221,16 @@ std::string CheckIPv6Host(std::string& text) {
     const std::string plain = text.substr(0, text.find('%'));
     if (inet_pton(AF_INET6, plain.c_str(), &bytes) == 1 &&
         (IN6_IS_ADDR_UNSPECIFIED(&bytes) || IN6_IS_ADDR_MULTICAST(&bytes))) {
-        return "'" + text + "' is not the address of a host. Use, for example, fd00::20 or fe80::20%3";
+        return "'" + text +
+               "' is not the address of a host. Use, for example, fd00::20 or fe80::20%3";
     }
     return {};
 }
 
 std::string CheckHostName(std::string& text) {
     if (text == "none") {
-        return kNotClearable + std::string(". Delete the port and add it again without a host name");
+        return kNotClearable +
+               std::string(". Delete the port and add it again without a host name");
     }
     return CheckText(text, Room(kEmpty.standard.sztHostAddress));
 }
@@ -262,7 +265,8 @@ std::string CheckMacAddress(std::string& text) {
     }
     // The lowest bit of the first byte marks a group's address, broadcast included.
     if (digits == "000000000000" || (std::stoi(digits.substr(0, 2), nullptr, 16) & 1) != 0) {
-        return "'" + text + "' is not the MAC address of a device. Use, for example, 00:04:00:4a:1b:2c";
+        return "'" + text +
+               "' is not the MAC address of a device. Use, for example, 00:04:00:4a:1b:2c";
     }
     text = digits;
     return {};

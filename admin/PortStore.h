@@ -59,7 +59,8 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name);
 // How a port fails whose name one of another monitor has.
 CommandFailed NameTaken(const std::wstring& name);
 
-// Throws CommandFailed if a port of this name exists, of this monitor (with this remedy) or another.
+// Throws CommandFailed if a port of this name exists, of this monitor (with this remedy) or
+// another.
 void RequireFreeName(SpoolerChannel& channel, const std::wstring& name,
                      Remedy remedy = Remedy::ChangePort);
 

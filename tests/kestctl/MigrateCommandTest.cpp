@@ -57,8 +57,8 @@ TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "--dry-run"}),
                 AllOf(HasSubstr("LABELS         LABELS-kestmon       lpr to 127.0.0.1:515, queue "
                                 "zebra, double spooled  Pool "),
-                      HasSubstr("localhost has the address 127.0.0.1"), HasSubstr("NOT MIGRATED: protocol 7"),
-                      HasSubstr("jobs wait in Busy")));
+                      HasSubstr("localhost has the address 127.0.0.1"),
+                      HasSubstr("NOT MIGRATED: protocol 7"), HasSubstr("jobs wait in Busy")));
     EXPECT_THAT(Failure(monitor, {"port", "migrate"}), HasSubstr("--yes"));
     EXPECT_EQ(State(monitor), before);
 
@@ -149,11 +149,11 @@ TEST(RenameCommand, MovesThePrintersOrChangesNothing) {
     const std::vector<std::string> rename = {"port", "rename", "office", "HALL", "--json"};
     const auto office = [] {
         FakeMonitor monitor;
-        Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac",
-                          "0004004A1B2C", "--always-print", "--snmp", "pub"});
+        Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac", "0004004A1B2C",
+                          "--always-print", "--snmp", "pub"});
         Kestctl(monitor, {"port", "add", "OTHER", "--address", "10.0.0.2"});
         monitor.otherPorts = {L"LPT1:"};
-        monitor.queues = {{L"Laser", {L"LPT1:", L"Office"}}, {L"Color", {L"OFFICE"}}};
+        monitor.queues = {{L"Laser", {L"LPT1:", L"OFFICE"}}, {L"Color", {L"OFFICE"}}};
         return monitor;
     };
     FakeMonitor monitor = office();
@@ -165,10 +165,8 @@ TEST(RenameCommand, MovesThePrintersOrChangesNothing) {
               nlohmann::json::parse(R"({"name": "HALL", "before": "OFFICE", "dryRun": false,
                                         "moved": ["Laser", "Color"]})"));
     std::string expected = before;
-    for (const char* name : {"OFFICE", "Office"}) {
-        for (size_t at = 0; (at = expected.find(name)) != expected.npos;) {
-            expected.replace(at, 6, "HALL");
-        }
+    for (size_t at = 0; (at = expected.find("OFFICE")) != expected.npos;) {
+        expected.replace(at, 6, "HALL");
     }
     EXPECT_EQ(State(monitor), expected);
     // The new name is the shorter one: nothing of the old one may be left in the records.
@@ -186,9 +184,9 @@ TEST(RenameCommand, MovesThePrintersOrChangesNothing) {
         {[](FakeMonitor& m) { m.queues[1].jobs = 1; }, "HALL", "print jobs wait in Color"},
         {[](FakeMonitor& m) { m.added = [&m] { m.queues[1].jobs = 1; }; }, "HALL",
          "print jobs arrived in Color; all changes were undone"},
-        {[](FakeMonitor& m) {
-             m.added = [&m] { m.queues.push_back({L"New", {L"OFFICE"}}); };
-         },
+        {[](FakeMonitor& m) { m.added = [&m] {
+                                  m.queues.push_back({L"New", {L"OFFICE"}});
+                              }; },
          "HALL", "a printer was added to the port: New; all changes were undone"},
         {[](FakeMonitor&) {}, "other", "port OTHER already exists"},
         {[](FakeMonitor&) {}, "lpt1:", "belongs to a port of another monitor"},

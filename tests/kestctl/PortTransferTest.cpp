@@ -134,14 +134,15 @@ TEST(PortTransfer, AllThatIsWrongIsToldAndNothingDone) {
         const char* text;
         std::vector<const char*> told;
     } cases[] = {
-        {"name,adress\nA,10.0.0.1\n", {"line 1: unknown setting 'adress'; the settings are follow, name, ", "line 2: address"}},
+        {"name,adress\nA,10.0.0.1\n",
+         {"line 1: unknown setting 'adress'; the settings are follow, name, ", "line 2: address"}},
         {"name,address,portNumber,doubleSpool,hostName\nA,10.0.0.1,0,maybe\n,10.0.0.2\n"
          "a,10.0.0.3\nB,10.0.0\nC\\,10.0.0.1\nD,10.0.0.1,,yes\nE,1,2,3,4,5\nF,\"10\nG,10.0.0.1,,,"
          "\xE4\n",
          {"line 2: portNumber", "line 2: doubleSpool is 'maybe'", "line 3: name is missing",
           "line 4: port a is already in line 2", "line 5: address '10.0.0'", "line 6: name must",
-          "line 7: doubleSpool belongs to LPR", "line 8: the row has more cells", "line 9: a quoted cell",
-          "line 10: hostName is not UTF-8"}},
+          "line 7: doubleSpool belongs to LPR", "line 8: the row has more cells",
+          "line 9: a quoted cell", "line 10: hostName is not UTF-8"}},
         {"[\n {\"name\": \"A\", \"address\": \"10.0.0.1\", \"port\": 9100},\n {\"name\": "
          "\"OFFICE\",\n"
          "  \"address\": \"10.0.0.1\", \"hostName\": \"\", \"mac\": [1]}, 7]",

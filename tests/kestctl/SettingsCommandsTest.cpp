@@ -102,7 +102,8 @@ TEST_F(SettingsCommands, SetWritesNothingThatMakesNoSense) {
     EXPECT_THAT(usageError_, HasSubstr("a setting to change is required"));
     // The tests have no terminal.
     Run({"set", "10.1.0.1", "--mask", "255.255.0.0"});
-    EXPECT_THAT(usageError_, HasSubstr("--yes (there is no terminal to ask on), or --dry-run is required"));
+    EXPECT_THAT(usageError_,
+                HasSubstr("--yes (there is no terminal to ask on), or --dry-run is required"));
     EXPECT_THAT(SnmpMachine::Requests(), IsEmpty());
 
     // What is the same already, and a dry run, write nothing either.

@@ -26,8 +26,8 @@ struct FakeMonitor {
     std::wstring unmovable;               // queue
     std::vector<StandardPort> standardPorts;
     int opened = 0;
-    PrinterIdentity printer;  // that is asked who it is
-    std::string identified;   // where
+    PrinterIdentity printer;                          // that is asked who it is
+    std::string identified;                           // where
     std::map<std::string, PrinterIdentity> printers;  // by host, instead of the one above
 
     std::wstring document;      // name of the last job

@@ -42,8 +42,9 @@ void AddServerOption(CLI::App& app) {
         }
         for (const CLI::App* command : app.get_subcommands()) {
             if (command->get_name() != "port" && command->get_name() != "print") {
-                throw CLI::ValidationError(kServer, "only works with `port` and `print`, not with `" +
-                                                        command->get_name() + "`");
+                throw CLI::ValidationError(
+                    kServer,
+                    "only works with `port` and `print`, not with `" + command->get_name() + "`");
             }
         }
         SpeakOfServer(server->as<std::string>());

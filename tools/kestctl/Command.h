@@ -88,8 +88,8 @@ std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
 // True when standard input is a terminal.
 bool InputIsTerminal();
 
-// Asks on the terminal unless `yes`, and returns if the answer is yes. Throws CommandFailed with the
-// text `refusal` for any other answer, and CLI::RequiredError if there is no terminal.
+// Asks on the terminal unless `yes`, and returns if the answer is yes. Throws CommandFailed with
+// the text `refusal` for any other answer, and CLI::RequiredError if there is no terminal.
 void Confirm(const std::string& question, bool yes, const std::string& refusal);
 
 // Add --dry-run, and --yes for Confirm.

@@ -75,9 +75,8 @@ class SetupReport {
     void Fail(const std::string& message) {
         Log("failed: " + message);
         if (arguments_.json) {
-            PrintJson({{"dryRun", arguments_.options.dryRun},
-                       {"report", lines_},
-                       {"error", message}});
+            PrintJson(
+                {{"dryRun", arguments_.options.dryRun}, {"report", lines_}, {"error", message}});
         }
     }
 
@@ -138,7 +137,8 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
     });
 }
 
-// All ports as `port show --json` shows them. Throws CommandFailed unless all stored ports are read.
+// All ports as `port show --json` shows them. Throws CommandFailed unless all stored ports are
+// read.
 nlohmann::json StoredPortsAsJson(Machine& machine, const ChannelFactory& openChannel) {
     nlohmann::json ports = nlohmann::json::array();
     const size_t stored = StoredPorts(machine).size();
@@ -165,8 +165,8 @@ void WriteNewFile(const fs::path& file, const std::string& text) {
     DWORD written = 0;
     if (!kept ||
         !WriteFile(kept.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
-        throw CommandFailed(ToUtf8(file.native()) +
-                            " cannot be written, nothing was removed: " + ErrorText(GetLastError()));
+        throw CommandFailed(ToUtf8(file.native()) + " cannot be written, nothing was removed: " +
+                            ErrorText(GetLastError()));
     }
 }
 
@@ -241,7 +241,8 @@ Finding LibraryFinding(const InstalledLibrary& library, bool oneRelease) {
         }
     } else if (library.present) {
         finding.state = "damaged, or of another product";
-        finding.toDo = std::string("check which product it belongs to, then ") + kInstall + " --force";
+        finding.toDo =
+            std::string("check which product it belongs to, then ") + kInstall + " --force";
         finding.broken = true;
     } else if (!library.optional) {
         finding.state = "missing";
@@ -284,10 +285,11 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
     } else if (*status.listed || driver.empty()) {
         findings.push_back({"loaded", *status.listed ? "yes" : "no"});
     } else {
-        findings.push_back({"loaded", "no",
-                            "restart the spooler; if that does not help, see the reason in its events "
-                            "(Event Viewer, PrintService/Admin)",
-                            true});
+        findings.push_back(
+            {"loaded", "no",
+             "restart the spooler; if that does not help, see the reason in its events "
+             "(Event Viewer, PrintService/Admin)",
+             true});
     }
     return findings;
 }
@@ -298,11 +300,12 @@ std::vector<Finding> PortFindings(const MonitorStatus& status) {
         const std::string what = "port " + ToUtf8(port.name);
         const std::string set = CommandLine("port set " + Quoted(port.name));
         if (!port.configured) {
-            findings.push_back(
-                {what, "not configured: print jobs cannot start", set + " --address ADDRESS", true});
+            findings.push_back({what, "not configured: print jobs cannot start",
+                                set + " --address ADDRESS", true});
         } else if (port.alwaysPrint && !port.hasKey) {
-            findings.push_back({what, "cannot follow its printer: no MAC address and no host name is stored",
-                                set + " --follow ADDRESS", true});
+            findings.push_back(
+                {what, "cannot follow its printer: no MAC address and no host name is stored",
+                 set + " --follow ADDRESS", true});
         }
     }
     return findings;
@@ -319,11 +322,13 @@ std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
             break;
         case ConfigurationState::Unreadable:
             file = {file.what, "cannot be read",
-                    "check its permissions: icacls " + ToUtf8(status.configurationFile.native()), needed};
+                    "check its permissions: icacls " + ToUtf8(status.configurationFile.native()),
+                    needed};
             break;
         case ConfigurationState::NotWellFormed:
             file = {file.what, "not well-formed XML: no port follows its printer",
-                    "correct it (docs/SLPConf.md), or delete it and " + std::string(kInstall), needed};
+                    "correct it (docs/SLPConf.md), or delete it and " + std::string(kInstall),
+                    needed};
             break;
         case ConfigurationState::NotChecked:
             file.state += ", not checked without kestmon.dll";
@@ -469,7 +474,9 @@ void AddStatus(CLI::App& monitor, Machine& machine) {
             PrintFindings(findings);
         }
         if (std::ranges::any_of(findings, &Finding::broken)) {
-            throw CommandFailed("The monitor does not work completely. Follow the advice at the lines marked with !");
+            throw CommandFailed(
+                "The monitor does not work completely. Follow the advice at the lines marked with "
+                "!");
         }
     });
 }
@@ -477,8 +484,7 @@ void AddStatus(CLI::App& monitor, Machine& machine) {
 }  // namespace
 
 void AddMonitorCommands(CLI::App& app, const ChannelFactory& openChannel, Machine& machine) {
-    CLI::App& monitor =
-        *app.add_subcommand("monitor", "Install, remove and check the monitor");
+    CLI::App& monitor = *app.add_subcommand("monitor", "Install, remove and check the monitor");
     monitor.require_subcommand(1);
     AddInstall(monitor, machine);
     AddRemove(monitor, openChannel, machine);

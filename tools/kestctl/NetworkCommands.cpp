@@ -128,8 +128,9 @@ void AddNetworkCommands(CLI::App& app) {
     AddCommand(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
                "ADDRESS", "IPv4 address, IPv6 address or host name of the printer",
                "ping 192.168.1.20", RunPing);
-    AddCommand(app, "interfaces",
-               "Show which IPv4 addresses of this computer the printer search uses, and why it does not "
-               "use the others",
-               nullptr, nullptr, "interfaces", RunInterfaces);
+    AddCommand(
+        app, "interfaces",
+        "Show which IPv4 addresses of this computer the printer search uses, and why it does not "
+        "use the others",
+        nullptr, nullptr, "interfaces", RunInterfaces);
 }

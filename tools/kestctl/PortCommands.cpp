@@ -133,9 +133,8 @@ PortTableRows ListPorts(SpoolerChannel& channel) {
 }
 
 void AddList(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& command =
-        AddPortCommand(port, "list", "List the ports with their addresses and printers",
-                       "port list --json");
+    CLI::App& command = AddPortCommand(
+        port, "list", "List the ports with their addresses and printers", "port list --json");
     const auto arguments = std::make_shared<PortArguments>();
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel] {
@@ -321,9 +320,9 @@ void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
     const auto channel = openChannel();
     const auto there = arguments.tolerant ? PortCalled(*channel, name) : std::nullopt;
     const nlohmann::json document =
-        there ? SetPort(*channel, PlanPort(*channel, *there, arguments, printer), arguments,
-                        resolved)
-              : AddNewPort(*channel, name, arguments, printer, resolved);
+        there
+            ? SetPort(*channel, PlanPort(*channel, *there, arguments, printer), arguments, resolved)
+            : AddNewPort(*channel, name, arguments, printer, resolved);
     if (arguments.json) {
         PrintJson(document);
     }
@@ -355,8 +354,8 @@ void ReportUnidentified(const std::vector<PlannedPort>& plan, const PortArgument
         if (!port.failure.empty()) {
             ++failures;
             std::cerr << (arguments.json ? ""
-                                         : "port " + ToUtf8(port.name) + " not set: " +
-                                               Printable(port.failure) + '\n');
+                                         : "port " + ToUtf8(port.name) +
+                                               " not set: " + Printable(port.failure) + '\n');
         }
     }
     if (failures != 0) {
@@ -424,10 +423,9 @@ void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& por
     try {
         queues = channel.Queues();
     } catch (const CommandFailed& failed) {
-        throw CommandFailed(
-            "cannot determine which printers use the port; nothing was deleted: " +
-                std::string(failed.what()),
-            failed.remedy);
+        throw CommandFailed("cannot determine which printers use the port; nothing was deleted: " +
+                                std::string(failed.what()),
+                            failed.remedy);
     }
     std::string used;
     for (const std::wstring& port : ports) {

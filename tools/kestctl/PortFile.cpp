@@ -147,8 +147,7 @@ void ChooseAddress(RowReader& reader, const PortChange& change, std::optional<bo
         records.extended.dwUseIPV6 = useIPv6.value_or(false);
     }
     if (AddressInUse(records).empty()) {
-        reader.Problem(records.extended.dwUseIPV6 != 0 ? "ipv6Host" : "address",
-                       "is missing");
+        reader.Problem(records.extended.dwUseIPV6 != 0 ? "ipv6Host" : "address", "is missing");
     }
 }
 
@@ -172,8 +171,7 @@ PortChange ReadChange(RowReader& reader) {
 void CheckEmptyKeys(RowReader& reader, const PortRecords& records) {
     if (const std::string mac = FieldText(records.extended.sztHWAddress);
         reader.IsEmpty("mac") && !mac.empty()) {
-        reader.Problem("mac",
-                       "is empty, but the port has " + mac + ". Write none to clear it");
+        reader.Problem("mac", "is empty, but the port has " + mac + ". Write none to clear it");
     }
     // The monitor keeps the name, and would search for the printer that has it.
     if (const std::string name = FieldText(records.standard.sztHostAddress);
@@ -231,9 +229,9 @@ RowLookup LookupFor(const PortRow& row, const PortRecords& before,
     }
     lookup.keepsAddress = IsYes(*follow);
     lookup.printer = !lookup.keepsAddress ? *follow
-                     : address            ? *address
-                                          : addresses.Text("ipv6Host", CheckIPv6Host)
-                                    .value_or(AddressInUse(before));
+                     : address
+                         ? *address
+                         : addresses.Text("ipv6Host", CheckIPv6Host).value_or(AddressInUse(before));
     if (lookup.printer.empty()) {
         reader.Problem(kFollowColumn, "needs an address or a host name");
     }

@@ -51,8 +51,7 @@ void ApplyChange(const PortChange& change, PortRecords& records) {
                 case PortSetting::SnmpIndex:
                     return {"--snmp-index", ". Add --snmp COMMUNITY"};
                 case PortSetting::AlwaysPrint:
-                    return {"--always-print",
-                            ". Add --mac or --host-name, or --no-always-print"};
+                    return {"--always-print", ". Add --mac or --host-name, or --no-always-print"};
             }
             return {};
         }();
@@ -71,9 +70,9 @@ void AddStatusSettings(CLI::App& command, PortChange& change) {
         [&change](int64_t count) { change.alwaysPrint = count > 0; },
         "Search for the printer when it is unreachable, and follow it; on for a new port with "
         "--follow");
-    CLI::Option* community = command.add_option(
-        "--snmp", change.snmpCommunity,
-        "Community for SNMP status; kestmon only stores it for other programs");
+    CLI::Option* community =
+        command.add_option("--snmp", change.snmpCommunity,
+                           "Community for SNMP status; kestmon only stores it for other programs");
     community->transform(Checked(CheckCommunity));
     CLI::Option* index = command.add_option("--snmp-index", change.snmpIndex,
                                             "SNMP device index; 1 if none was stored");
@@ -153,8 +152,10 @@ void AddFollow(CLI::App& command, PortArguments& arguments, bool mayBeOwn) {
                    "address"
                  : "Read MAC address and host name from the printer at this address or host name, "
                    "send to it and follow it");
-    follow->check(NotEmpty())->excludes("--mac")->excludes("--host-name")->excludes(
-        "--always-print");
+    follow->check(NotEmpty())
+        ->excludes("--mac")
+        ->excludes("--host-name")
+        ->excludes("--always-print");
     if (mayBeOwn) {
         follow->expected(0, 1)->default_str(kOwnAddress);
     }
@@ -165,14 +166,14 @@ bool FollowsInPlace(const PortArguments& arguments) {
 }
 
 void RequireOnePort(const PortArguments& arguments, const std::vector<std::wstring>& ports) {
-    const char* const option = arguments.change.address                       ? "--address"
-                               : arguments.change.ipv6                        ? "--ipv6"
-                               : arguments.follow.empty()                     ? nullptr
-                               : FollowsInPlace(arguments)                    ? nullptr
-                                                                              : "--follow ADDRESS";
+    const char* const option = arguments.change.address    ? "--address"
+                               : arguments.change.ipv6     ? "--ipv6"
+                               : arguments.follow.empty()  ? nullptr
+                               : FollowsInPlace(arguments) ? nullptr
+                                                           : "--follow ADDRESS";
     if (option != nullptr && ports.size() > 1) {
-        throw CLI::ValidationError(option, "is for one port, but the names match " +
-                                               CountedPorts(ports));
+        throw CLI::ValidationError(option,
+                                   "is for one port, but the names match " + CountedPorts(ports));
     }
 }
 

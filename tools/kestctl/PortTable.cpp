@@ -56,10 +56,11 @@ void Take(PortTable& table, PortRow& row, const std::string& column, const std::
     }
     if (column != kFollowColumn &&
         std::find(kPortColumns.begin(), kPortColumns.end(), column) == kPortColumns.end()) {
-        table.problems.push_back(
-            At(line) + "unknown setting '" + column.substr(0, kLongestColumn) +
-            (column.size() > kLongestColumn ? "...'" : "'") +
-            (std::exchange(table.listsColumns, true) ? "" : "; the settings are " + KnownColumns()));
+        table.problems.push_back(At(line) + "unknown setting '" + column.substr(0, kLongestColumn) +
+                                 (column.size() > kLongestColumn ? "...'" : "'") +
+                                 (std::exchange(table.listsColumns, true)
+                                      ? ""
+                                      : "; the settings are " + KnownColumns()));
     } else if (!row.values.emplace(column, value).second) {
         table.problems.push_back(At(line) + "the setting '" + column + "' occurs twice");
     }
@@ -192,9 +193,8 @@ class JsonReader : public nlohmann::json_sax<nlohmann::json> {
 char SeparatorIn(std::string_view line) {
     constexpr std::string_view kPrefix = "sep=";
     line = line.substr(0, line.find_first_of("\r\n"));
-    const bool declares =
-        line.size() == kPrefix.size() + 1 &&
-        strncasecmp(line.data(), kPrefix.data(), kPrefix.size()) == 0;
+    const bool declares = line.size() == kPrefix.size() + 1 &&
+                          strncasecmp(line.data(), kPrefix.data(), kPrefix.size()) == 0;
     return declares ? line.back() : '\0';
 }
 

@@ -55,11 +55,8 @@ void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     }
     if (toFile) {
         // Spreadsheets know UTF-8 by its mark.
-        SaveFile(
-            arguments.file,
-            csv ? "\xEF\xBB\xBF" + ToCsv(rows)
-                : JsonText(documents),
-            arguments.force);
+        SaveFile(arguments.file, csv ? "\xEF\xBB\xBF" + ToCsv(rows) : JsonText(documents),
+                 arguments.force);
         std::cout << arguments.file << ": " << rows.size()
                   << (rows.size() == 1 ? " port\n" : " ports\n");
     } else if (csv) {
@@ -162,9 +159,8 @@ void LookUp(ImportPlan& plan, const PrinterIdentifier& identify, Progress& progr
         }
     };
     constexpr size_t kAtOnce = 32;
-    ForEach(rows.size(), kAtOnce, lookUp, [&](size_t done) {
-        progress.Show(Bar(done, rows.size()) + "  asking the network");
-    });
+    ForEach(rows.size(), kAtOnce, lookUp,
+            [&](size_t done) { progress.Show(Bar(done, rows.size()) + "  asking the network"); });
     for (size_t i = 0; i < rows.size(); ++i) {
         if (!failures[i].empty()) {
             plan.Problem(*rows[i]->row, failures[i]);

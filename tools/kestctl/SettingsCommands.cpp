@@ -123,7 +123,8 @@ LONG WINAPI OnNoWinSnmp(EXCEPTION_POINTERS*) {
 
 void RequireWinSnmp(bool json) {
     smiUINT32 unused[5] = {};
-    const auto previous = SetUnhandledExceptionFilter(json ? OnNoWinSnmp<true> : OnNoWinSnmp<false>);
+    const auto previous =
+        SetUnhandledExceptionFilter(json ? OnNoWinSnmp<true> : OnNoWinSnmp<false>);
     const bool started =
         SnmpStartup(&unused[0], &unused[1], &unused[2], &unused[3], &unused[4]) != SNMPAPI_FAILURE;
     const HSNMP_SESSION session =

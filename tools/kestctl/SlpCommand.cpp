@@ -55,7 +55,8 @@ const char* Explain(SLPError error) {
 
 // What to say of a service type whose scheme was forgotten.
 std::string Misnamed(const std::string& service) {
-    return service.starts_with("service:") ? "" : " (the service type may be 'service:" + service + "')";
+    return service.starts_with("service:") ? ""
+                                           : " (the service type may be 'service:" + service + "')";
 }
 
 // Tags and values in the order in which the agent has them.
@@ -105,8 +106,9 @@ void Direct(SLPHandle handle, const FindArguments& arguments) {
         int length = 0;
         const sockaddr* to = address.GetSockAddr(length);
         if (to == nullptr || SLPSetUnicastIP(handle, to) != SLP_OK) {
-            throw CommandFailed("'" + arguments.unicast +
-                                "' is not the address of a host. `kestctl resolve NAME` shows addresses");
+            throw CommandFailed(
+                "'" + arguments.unicast +
+                "' is not the address of a host. `kestctl resolve NAME` shows addresses");
         }
     }
     std::string list;
@@ -114,8 +116,8 @@ void Direct(SLPHandle handle, const FindArguments& arguments) {
         list += (list.empty() ? "" : ",") + address;
     }
     if (!list.empty() && SLPAssociateIFList(handle, list.c_str()) != SLP_OK) {
-        throw CommandFailed("'" + list +
-                            "' is not the address of an interface. `kestctl interfaces` shows them");
+        throw CommandFailed(
+            "'" + list + "' is not the address of an interface. `kestctl interfaces` shows them");
     }
 }
 
