@@ -22,8 +22,8 @@ IPAddress Resolve(const Network& network, const std::string& name) {
     const std::string ansi = system_helper::ToNarrow(ToWide(name));
     if (network.GetIpAddress(ansi, address) != 0 || !address.IsValid()) {
         throw CommandFailed("the name '" + name +
-                            "' has no address: check its spelling, and with 'nslookup " + name +
-                            "' that the name server knows it");
+                            "' could not be resolved. Check the spelling, and with `nslookup " +
+                            name + "` that the name server knows it");
     }
     return address;
 }
@@ -32,7 +32,8 @@ IPAddress AddressOf(const Network& network, const std::string& host) {
     const IPAddress address(host);
     // The resolver takes 1.2.3 for 1.2.0.3.
     if (!address.IsValid() && host.find_first_not_of("0123456789.") == std::string::npos) {
-        throw CommandFailed("'" + host + "' is not an IPv4 address: give it like 192.168.1.20");
+        throw CommandFailed("'" + host +
+                            "' is not an IPv4 address. Use, for example, 192.168.1.20");
     }
     return address.IsValid() ? address : Resolve(network, host);
 }

@@ -59,7 +59,7 @@ std::string CheckWord(const std::string& text, size_t room) {
     std::string problem = CheckText(text, room);
     if (problem.empty() && std::any_of(text.begin(), text.end(),
                                        [](unsigned char c) { return c <= ' ' || c > '~'; })) {
-        problem = "may only have printable ASCII characters, no blanks";
+        problem = "must consist of printable ASCII characters without blanks";
     }
     return problem;
 }
@@ -68,11 +68,12 @@ std::string CheckWord(const std::string& text, size_t room) {
 std::string CheckNumber(const std::string& text, const std::string& what) {
     const bool plain = !text.empty() && text.size() <= 5 && text[0] != '0' &&
                        text.find_first_not_of("0123456789") == std::string::npos;
-    return plain && std::stoul(text) <= 65535 ? ""
-                                              : "'" + text + "' is no " + what + ": 1 to 65535";
+    return plain && std::stoul(text) <= 65535
+               ? ""
+               : "'" + text + "' is not a " + what + " from 1 to 65535";
 }
 
-constexpr char kForgetNothing[] = "cannot be forgotten";
+constexpr char kNotClearable[] = "cannot be cleared";
 
 DWORD UsualPortNumber(DWORD protocol) {
     return protocol == kProtocolLpr ? kLprPortNumber : kRawPortNumber;
@@ -88,7 +89,7 @@ void ApplyAddress(const PortChange& change, PortRecords& records) {
         records.extended.dwUseIPV6 = TRUE;
     }
     if (AddressInUse(records).empty()) {
-        throw SettingsClash(PortSetting::Address, "is needed: where is the printer?");
+        throw SettingsClash(PortSetting::Address, "is missing");
     }
 }
 
@@ -153,10 +154,10 @@ std::string CheckPortName(std::string& text) {
         return "must not begin or end with a blank";
     }
     if (text.find('\\') != std::string::npos) {
-        return "must not contain a backslash: the name is a registry key's";
+        return "must not contain a backslash, because it becomes the name of a registry key";
     }
     if (text.find(',') != std::string::npos) {
-        return "must not contain a comma: the spooler separates ports by it";
+        return "must not contain a comma, because the spooler separates ports by commas";
     }
     if (IsSpoolerPseudoPort(ToWide(text).c_str())) {
         return "is a name of the spooler's own network ports, which the monitor skips when it "
@@ -167,9 +168,9 @@ std::string CheckPortName(std::string& text) {
 
 std::string CheckIPv4Address(std::string& text) {
     if (text == "none") {
-        return kForgetNothing + std::string(": a port without an address has nowhere to send to");
+        return kNotClearable + std::string(". A port needs an address");
     }
-    const std::string example = ": give it like 192.168.1.20";
+    const std::string example = ". Use, for example, 192.168.1.20";
     if (IsIPv6AddressText(text)) {
         return "'" + text + "' is an IPv6 address, not an IPv4 one";
     }
@@ -188,7 +189,7 @@ std::string CheckIPv4Address(std::string& text) {
         }
     }
     if (const int first = std::stoi(text); first == 0 || first >= 224) {
-        return "'" + text + "' is no host's address" + example;
+        return "'" + text + "' is not the address of a host" + example;
     }
     return {};
 }
@@ -199,7 +200,7 @@ std::string CheckIPv6Host(std::string& text) {
         return problem;
     }
     if (text == "none") {
-        return kForgetNothing + std::string("; an IPv4 address makes the port use that instead");
+        return kNotClearable + std::string(". Set an IPv4 address to use that instead");
     }
     if (text.find(':') == std::string::npos) {
         if (IsIPv4AddressText(text)) {
@@ -214,20 +215,22 @@ std::string CheckIPv6Host(std::string& text) {
         return "takes the address alone, without brackets and without a port number";
     }
     if (!IsIPv6AddressText(text) || text.find('/') != std::string::npos) {
-        return "'" + text + "' is not an IPv6 address: give it like fd00::20 or fe80::20%3";
+        return "'" + text + "' is not an IPv6 address. Use, for example, fd00::20 or fe80::20%3";
     }
     in6_addr bytes = {};
     const std::string plain = text.substr(0, text.find('%'));
     if (inet_pton(AF_INET6, plain.c_str(), &bytes) == 1 &&
         (IN6_IS_ADDR_UNSPECIFIED(&bytes) || IN6_IS_ADDR_MULTICAST(&bytes))) {
-        return "'" + text + "' is no host's address: give it like fd00::20 or fe80::20%3";
+        return "'" + text +
+               "' is not the address of a host. Use, for example, fd00::20 or fe80::20%3";
     }
     return {};
 }
 
 std::string CheckHostName(std::string& text) {
     if (text == "none") {
-        return kForgetNothing + std::string(": delete the port and add it again without one");
+        return kNotClearable +
+               std::string(". Delete the port and add it again without a host name");
     }
     return CheckText(text, Room(kEmpty.standard.sztHostAddress));
 }
@@ -258,11 +261,12 @@ std::string CheckMacAddress(std::string& text) {
     std::transform(digits.begin(), digits.end(), digits.begin(),
                    [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 32) : c; });
     if (!IsMacAddressText(digits)) {
-        return "'" + text + "' is not a MAC address: give it like 00:04:00:4a:1b:2c";
+        return "'" + text + "' is not a MAC address. Use, for example, 00:04:00:4a:1b:2c";
     }
     // The lowest bit of the first byte marks a group's address, broadcast included.
     if (digits == "000000000000" || (std::stoi(digits.substr(0, 2), nullptr, 16) & 1) != 0) {
-        return "'" + text + "' is no device's MAC address: give it like 00:04:00:4a:1b:2c";
+        return "'" + text +
+               "' is not the MAC address of a device. Use, for example, 00:04:00:4a:1b:2c";
     }
     text = digits;
     return {};
@@ -278,14 +282,14 @@ std::string CheckSnmpIndex(std::string& text) {
 
 std::string CheckQueue(std::string& text) {
     if (text == "none") {
-        return kForgetNothing + std::string("; lp is the usual one");
+        return kNotClearable + std::string(". The usual queue is lp");
     }
     return CheckWord(text, Room(kEmpty.standard.sztQueue));
 }
 
 std::string CheckCommunity(std::string& text) {
     if (text == "none") {
-        return kForgetNothing + std::string("; SNMP status can be turned off");
+        return kNotClearable + std::string(". Turn SNMP status off instead");
     }
     return CheckWord(text, Room(kEmpty.standard.sztSNMPCommunity));
 }
@@ -310,8 +314,7 @@ void Apply(const PortChange& change, PortRecords& records) {
     if ((change.alwaysPrint || change.mac) && extended.dwAlwaysPrint != 0 &&
         extended.sztHWAddress[0] == L'\0' && standard.sztHostAddress[0] == L'\0') {
         throw SettingsClash(PortSetting::AlwaysPrint,
-                            "needs a MAC address or a host name: how else is the printer found "
-                            "again?");
+                            "needs a MAC address or a host name to find the printer");
     }
 }
 

@@ -58,8 +58,8 @@ TEST(PortValues, AddressesAreRefusedWithWhatToDo) {
         {CheckIPv4Address, "192.168.1.256", "192.168.1.20"},
         {CheckIPv4Address, "192.168.1.020", "leading zero"},
         {CheckIPv4Address, "01.2.3.4", "leading zero"},
-        {CheckIPv4Address, "0.0.0.0", "no host's"},
-        {CheckIPv4Address, "224.0.0.1", "no host's"},
+        {CheckIPv4Address, "0.0.0.0", "of a host"},
+        {CheckIPv4Address, "224.0.0.1", "of a host"},
         {CheckIPv4Address, "printer", "not an IPv4 address"},
         {CheckIPv4Address, "", "not an IPv4 address"},
         {CheckIPv4Address, "fd00::20", "is an IPv6 address"},
@@ -76,16 +76,16 @@ TEST(PortValues, AddressesAreRefusedWithWhatToDo) {
         {CheckMacAddress, "00.04.00.4a.1b.2c", "not a MAC address"},
         {CheckMacAddress, "00:04:00:4a:1b:2g", "not a MAC address"},
         {CheckMacAddress, "", "not a MAC address"},
-        {CheckMacAddress, "00:00:00:00:00:00", "no device"},
-        {CheckMacAddress, "ff:ff:ff:ff:ff:ff", "no device"},
-        {CheckMacAddress, "01:00:5e:00:00:fb", "no device"},
-        {CheckIPv4Address, "255.255.255.255", "no host"},
-        {CheckIPv4Address, "239.255.255.253", "no host"},
-        {CheckIPv4Address, "0.0.0.0", "no host"},
-        {CheckIPv6Host, "::", "no host"},
-        {CheckIPv6Host, "ff02::116%3", "no host"},
-        {CheckIPv4Address, "none", "forgotten"},
-        {CheckIPv6Host, "none", "forgotten"},
+        {CheckMacAddress, "00:00:00:00:00:00", "of a device"},
+        {CheckMacAddress, "ff:ff:ff:ff:ff:ff", "of a device"},
+        {CheckMacAddress, "01:00:5e:00:00:fb", "of a device"},
+        {CheckIPv4Address, "255.255.255.255", "of a host"},
+        {CheckIPv4Address, "239.255.255.253", "of a host"},
+        {CheckIPv4Address, "0.0.0.0", "of a host"},
+        {CheckIPv6Host, "::", "of a host"},
+        {CheckIPv6Host, "ff02::116%3", "of a host"},
+        {CheckIPv4Address, "none", "cleared"},
+        {CheckIPv6Host, "none", "cleared"},
     });
 }
 
@@ -100,7 +100,7 @@ TEST(PortValues, NamesAndNumbersAreRefusedWithWhatToDo) {
         {CheckPortName, " OFFICE", "blank"},
         {CheckPortName, "OFF\tICE", "control character"},
         {CheckQueue, std::string(33, 'q'), "32 fit"},
-        {CheckQueue, "my queue", "no blanks"},
+        {CheckQueue, "my queue", "without blanks"},
         {CheckQueue, "", "empty"},
         {CheckHostName, std::string(49, 'h'), "48 fit"},
         {CheckHostName, "none", "add it again"},
@@ -109,8 +109,8 @@ TEST(PortValues, NamesAndNumbersAreRefusedWithWhatToDo) {
         {CheckPortNumber, "0x1F", "1 to 65535"},
         {CheckPortNumber, "65536", "1 to 65535"},
         {CheckPortNumber, "99999999999999999999", "1 to 65535"},
-        {CheckQueue, "none", "forgotten"},
-        {CheckCommunity, "none", "forgotten"},
+        {CheckQueue, "none", "cleared"},
+        {CheckCommunity, "none", "cleared"},
         {CheckCommunity, std::string(33, 'c'), "32 fit"},
     });
 }
@@ -144,7 +144,7 @@ TEST(PortSettings, MustGoTogether) {
         PortChange change;
         std::string reason;
     } cases[] = {
-        {{.protocol = "raw"}, "is needed"},
+        {{.protocol = "raw"}, "is missing"},
         {{.address = "10.0.0.1", .queue = "q"}, "belongs to LPR"},
         {{.address = "10.0.0.1", .doubleSpool = true}, "belongs to LPR"},
         {{.address = "10.0.0.1", .alwaysPrint = true}, "a MAC address or a host name"},

@@ -302,7 +302,7 @@ say "it is where it was, and takes no job"
 printers_off
 announce "$(announcement 10.77.1.28 000400000028 prn-8 Model_100)"
 kestctl port add THERE --address 10.77.1.28 --mac 000400000028 --always-print >/dev/null
-no_job THERE "the printer was found where it was, and takes no job there"
+no_job THERE "the printer was found at the same address, and accepts no job there"
 
 say "nobody answers"
 printers_off

@@ -186,11 +186,11 @@ void AddFindCommand(CLI::App& app) {
         .add_option("--model", arguments->model, "Only models like this: * any text, ? any letter")
         ->check(NotEmpty());
     command
-        .add_flag("--watch", arguments->watch,
-                  "Go on asking, every 5 s, and tell when a printer comes, moves, or goes (three "
-                  "rounds without an answer), until Ctrl-C, which is no failure here: exit code 0, "
-                  "or until a pipe that it writes to is closed. "
-                  "With --json one document a line")
+        .add_flag(
+            "--watch", arguments->watch,
+            "Repeat every 5 seconds and report printers that appear, move or disappear (three "
+            "rounds without an answer), until Ctrl-C or until the output is closed. With "
+            "--json one document per line")
         ->excludes(mac)
         ->excludes(hostName)
         ->excludes(ip);

@@ -49,7 +49,7 @@ class Document {
             size_ = static_cast<uint64_t>(size.QuadPart);
         }
         if (size_.value_or(first_.size()) == 0) {
-            throw CommandFailed(name_ + " is empty: there is nothing to print");
+            throw CommandFailed(name_ + " is empty");
         }
     }
 
@@ -232,20 +232,20 @@ void RunPrint(const PrintArguments& arguments, const ChannelFactory& openChannel
 }  // namespace
 
 void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel) {
-    CLI::App& command = *app.add_subcommand("print", "Send a file, as it is, through a port");
+    CLI::App& command = *app.add_subcommand("print", "Send a file unchanged through a port");
     AddExample(command, "print report.prn --port OFFICE --as \"Monthly report\"");
     const auto arguments = std::make_shared<PrintArguments>();
     command
         .add_option("FILE", arguments->file,
-                    "A file in the printer's own language; - for standard input")
+                    "File in the language of the printer; - for standard input")
         ->required()
         ->check(NotEmpty());
     command.add_option("--port", arguments->port, "The port")->required()->check(NotEmpty());
-    command.add_option("--as", arguments->name, "The job's name in the queue (the file's name)")
+    command.add_option("--as", arguments->name, "Name of the print job (the file name)")
         ->check(NotEmpty());
     command.add_option("--printer", arguments->printer,
-                       "The queue to use (one that prints to the port); with --direct the printer "
-                       "that the job is controlled by (the default printer)");
+                       "Printer to use (one that uses the port); with --direct the printer for job "
+                       "control (the default printer)");
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel] { RunPrint(*arguments, openChannel); });
 }

@@ -36,16 +36,16 @@ struct Findings {
 const char* Explain(SLPError error) {
     switch (error) {
         case SLP_PARAMETER_BAD:
-            return "the request cannot be made: check the service type and its length";
+            return "the request is not valid. Check the service type and its length";
         case SLP_NETWORK_INIT_FAILED:
-            return "Windows Sockets cannot be started, or the machine's interfaces not be listed";
+            return "Windows Sockets cannot be started, or the network interfaces cannot be listed";
         case SLP_NETWORK_ERROR:
-            return "no interface would send the request: check with `kestctl interfaces` that "
-                   "one is up, and that what --interface names is its address";
+            return "no interface could send the request. Check with `kestctl interfaces` that one "
+                   "is up, and that --interface has its address";
         case SLP_MEMORY_ALLOC_FAILED:
-            return "there is not enough memory";
+            return "out of memory";
         default:
-            return "the system would not run the request";
+            return "the system refused the request";
     }
 }
 
@@ -55,7 +55,8 @@ const char* Explain(SLPError error) {
 
 // What to say of a service type whose scheme was forgotten.
 std::string Misnamed(const std::string& service) {
-    return service.starts_with("service:") ? "" : " (did you mean 'service:" + service + "'?)";
+    return service.starts_with("service:") ? ""
+                                           : " (the service type may be 'service:" + service + "')";
 }
 
 // Tags and values in the order in which the agent has them.
@@ -105,8 +106,9 @@ void Direct(SLPHandle handle, const FindArguments& arguments) {
         int length = 0;
         const sockaddr* to = address.GetSockAddr(length);
         if (to == nullptr || SLPSetUnicastIP(handle, to) != SLP_OK) {
-            throw CommandFailed("'" + arguments.unicast +
-                                "' is no host's address: `kestctl resolve NAME` shows a host's");
+            throw CommandFailed(
+                "'" + arguments.unicast +
+                "' is not the address of a host. `kestctl resolve NAME` shows addresses");
         }
     }
     std::string list;
@@ -114,8 +116,8 @@ void Direct(SLPHandle handle, const FindArguments& arguments) {
         list += (list.empty() ? "" : ",") + address;
     }
     if (!list.empty() && SLPAssociateIFList(handle, list.c_str()) != SLP_OK) {
-        throw CommandFailed("'" + list +
-                            "' is no interface's address: `kestctl interfaces` shows them");
+        throw CommandFailed(
+            "'" + list + "' is not the address of an interface. `kestctl interfaces` shows them");
     }
 }
 
@@ -147,9 +149,9 @@ void RunFind(const FindArguments& arguments) {
     }
     if (findings.agents.empty()) {
         throw CommandFailed(
-            "no agent answered: check that the printer is on and offers '" + arguments.service +
-            "' by SLP version " + std::to_string(arguments.version) + Misnamed(arguments.service) +
-            ", and that no firewall keeps UDP port 427 from it; --unicast asks one address alone");
+            "no agent answered. Check that the printer is on and offers '" + arguments.service +
+            "' in SLP version " + std::to_string(arguments.version) + Misnamed(arguments.service) +
+            ", and that no firewall blocks UDP port 427; --unicast asks one address only");
     }
     if (!arguments.json) {
         std::cout << findings.agents.size() << (findings.agents.size() == 1 ? " agent" : " agents")
@@ -160,23 +162,23 @@ void RunFind(const FindArguments& arguments) {
 }  // namespace
 
 void AddSlpCommands(CLI::App& app) {
-    CLI::App& group = *app.add_subcommand("slp", "Speak SLP, as the search for printers does");
+    CLI::App& group = *app.add_subcommand("slp", "Send SLP requests, as the printer search does");
     group.require_subcommand(1);
 
     const auto arguments = std::make_shared<FindArguments>();
     CLI::App& find =
         *group.add_subcommand("find", "List the attributes of all agents that answer a request");
     AddExample(find, "slp find service:printer --version 1");
-    find.add_option("SERVICE-TYPE", arguments->service, "The service type or URL to ask for")
+    find.add_option("SERVICE-TYPE", arguments->service, "Service type or URL to request")
         ->check(NotEmpty())
         ->capture_default_str();
-    find.add_option("--unicast", arguments->unicast, "Ask this IPv4 or IPv6 address alone")
+    find.add_option("--unicast", arguments->unicast, "Only ask this IPv4 or IPv6 address")
         ->check(NotEmpty());
-    find.add_option("--version", arguments->version, "The version of SLP to speak")
+    find.add_option("--version", arguments->version, "SLP version of the request")
         ->check(CLI::Range(1, 2))
         ->capture_default_str();
     find.add_option("--interface", arguments->interfaces,
-                    "Ask by the interface of this address; repeatable")
+                    "Send through the interface with this address; repeatable")
         ->allow_extra_args(false);
     AddJsonFlag(find, arguments->json);
     find.callback([arguments] { RunFind(*arguments); });

@@ -11,6 +11,7 @@
 #include "admin/WindowsMachine.h"
 #include "diag/Log.h"
 #include "monitor/PortList.h"
+#include "tools/kestctl/Command.h"
 #include "tools/kestctl/ControlJob.h"
 
 namespace {
@@ -61,7 +62,7 @@ class OpenedPort {
 std::string StartFailure(const PortRecords& before, const PortRecords& after, bool found,
                          DWORD error) {
     if (before.standard.dwProtocol == 0) {
-        return "it has no configuration yet: set it with kestctl port set";
+        return "it is not configured. Configure it with " + Advised("port set");
     }
     // A daemon that stays silent leaves the last error as it was, and a search leaves its own
     // there.
@@ -71,15 +72,15 @@ std::string StartFailure(const PortRecords& before, const PortRecords& after, bo
     if (after.extended.dwAlwaysPrint == 0 || (silent && !found)) {
         return reason;
     }
-    const std::string log = "; what was asked and answered stands in " + ToUtf8(LogPath());
+    const std::string log = ". The requests and replies are in " + ToUtf8(LogPath());
     if (!found) {
         return reason + ", and the search for it did not find it" + log;
     }
     if (Destination(after) != Destination(before)) {
-        return "the printer was found again, but takes no job where it says it is, " +
+        return "the printer was found, but accepts no job at the address that it announced, " +
                Destination(after) + ": " + reason + log;
     }
-    return "the printer was found where it was, and takes no job there: " + reason + log;
+    return "the printer was found at the same address, and accepts no job there: " + reason + log;
 }
 
 // What the log of this process says from now on. A search tells nobody else whether it found
