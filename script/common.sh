@@ -1,14 +1,22 @@
 # shellcheck shell=bash
-# Sourced by the other scripts: where things are, and the Wine prefix that belongs to the build
-# folder. Nothing here touches the user's own prefix.
+# Sourced by the other scripts: paths, and the Wine prefixes below the build folder. Nothing here
+# uses the prefix of the user.
+#
+#   wine_machine [FOLDER]  makes a prefix for this script alone and starts its server; WINEPREFIX
+#                          names it. Both end with the script. The prefix of a script that failed is
+#                          kept if KEST_KEEP is set.
+#   wine_up                starts the server of build/wine, the prefix that is shared by the scripts
+#                          for use by hand and keeps its ports
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build=$root/build
+template=$build/wine-template
+machines=$build/machines
 
 export WINEPREFIX=${KEST_WINEPREFIX:-$build/wine}
 export WINEDEBUG=${WINEDEBUG:--all}
-# No debugger: a program that crashes under it ends with 0, as if all were well.
+# No debugger: a program that crashes under it ends with 0, as if it had succeeded.
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree=;mshtml=;winedbg.exe=d}
 
 say() { printf '%s\n' "$*" >&2; }
@@ -18,65 +26,147 @@ fail() {
     exit 1
 }
 
-# Has a command run when the script ends, before those that it was told earlier.
+# Whether a command succeeds and prints a text. Piped to `grep -q`, it could end early and fail.
+prints() {
+    local text=$1 output
+    output=$("${@:2}") && [[ $output == *"$text"* ]]
+}
+
+# Runs a command when the script ends, before the commands of earlier calls. The script keeps its
+# exit code, which the commands find in $exit_code.
 at_exit() {
     exit_commands="$1; ${exit_commands:-}"
-    trap 'eval "$exit_commands"' EXIT
+    trap 'run_at_exit $?' EXIT
 }
 
-# The server of this prefix, and of no other.
-wine_server() {
-    if command -v wineserver >/dev/null; then
-        wineserver "$@"
-    else
-        /usr/lib/wine/wineserver64 "$@"
-    fi
+run_at_exit() {
+    exit_code=$1
+    trap - EXIT
+    set +e
+    eval "$exit_commands"
+    exit "$exit_code"
 }
-
-wine_running() { [ -d "$WINEPREFIX" ] && wine_server -k0 2>/dev/null; }
 
 # A script that is told to end does so by way of its EXIT trap.
 trap 'exit 143' TERM
 
-# Makes the prefix if it is not there (about 8 s), once, however many ask at the same time.
-wine_prefix() {
-    [ -e "$WINEPREFIX/.kest-ready" ] && return
-    mkdir -p "$WINEPREFIX"
+# The server of the prefix in WINEPREFIX, and of no other.
+wine_server() { "$(command -v wineserver || echo /usr/lib/wine/wineserver64)" "$@"; }
+
+wine_running() { [ -d "$WINEPREFIX" ] && wine_server -k0 2>/dev/null; }
+
+# Makes the template of all prefixes if there is none for this version of Wine (about 8 s). No server
+# opens it afterwards. Programs that would only cost time do not start in its copies: services for USB
+# and input devices, and the event log. No folder of it leads to the user's own files.
+wine_template() {
+    local inf=/usr/share/wine/wine.inf service link
+    [ -d "$template" ] && [ ! "$inf" -nt "$template" ] && return
+    mkdir -p "$build"
     (
         flock 9
-        [ -e "$WINEPREFIX/.kest-ready" ] && exit
-        say "making a Wine prefix in ${WINEPREFIX#"$root"/}"
-        wine wineboot -i >/dev/null 2>&1 9>&-
-        wine_server -w 9>&-
-        touch "$WINEPREFIX/.kest-ready"
-    ) 9>"$WINEPREFIX.lock"
+        [ -d "$template" ] && [ ! "$inf" -nt "$template" ] && exit
+        say "making the template of the Wine prefixes in ${template#"$root"/}"
+        rm -rf "$template" "$template.new"
+        mkdir "$template.new"
+        # shellcheck disable=SC2030
+        export WINEPREFIX=$template.new
+        unset DISPLAY
+        exec </dev/null >/dev/null 2>&1
+        wine wineboot -i
+        for service in winebus winehid wineusb PlugPlay Eventlog; do
+            wine reg add "HKLM\\SYSTEM\\CurrentControlSet\\Services\\$service" \
+                /v Start /t REG_DWORD /d 4 /f
+        done
+        wine_server -k
+        wine_server -w
+        find "$WINEPREFIX/drive_c/users" -type l | while read -r link; do
+            rm "$link"
+            mkdir "$link"
+        done
+        # What copies share (hard links) cannot be written to.
+        find "$WINEPREFIX/drive_c/windows" "$WINEPREFIX/drive_c/Program Files"* -type f \
+            -not -name '*.ini' -exec chmod a-w {} +
+        touch "$WINEPREFIX"
+        mv "$WINEPREFIX" "$template"
+    ) 9>"$template.lock"
 }
 
-# Starts the prefix's server unless one runs; the last script that uses it ends it. A server that
-# stays makes a program start in a tenth of a second instead of in three.
+# Makes a prefix from the template: copies of what can be written to, links to the rest.
+wine_copy() {
+    wine_template
+    mkdir -p "$1"
+    cp -al "$template/." "$1"
+    (cd "$template" && find . -type f -perm /222 \
+        -exec cp -p --parents --remove-destination -t "$1" {} +)
+}
+
+# Starts the server of the prefix in WINEPREFIX: wine_start [COMMAND...], by a command that runs
+# others. A program then starts in a tenth of a second instead of in three. The server of a script
+# that was killed ends after five minutes.
+# shellcheck disable=SC2031
+wine_start() {
+    # The first program starts Wine's services, and they keep its output open for as long as they
+    # live: it must not be one whose output somebody reads to the end.
+    {
+        "$@" "$(command -v wineserver || echo /usr/lib/wine/wineserver64)" -p300 &&
+            "$@" wine cmd /c exit
+    } </dev/null >/dev/null 2>&1 || fail "no Wine server starts for $WINEPREFIX"
+}
+
+wine_stop() {
+    wine_server -k 2>/dev/null || true
+    wine_server -w
+}
+
+wine_machine() {
+    local folder=${1:-$(machine_folder)}
+    mkdir -p "$folder"
+    WINEPREFIX=$(cd "$folder" && pwd)
+    export WINEPREFIX KEST_WINEPREFIX=$WINEPREFIX # for the scripts that this one runs, too
+    unset DISPLAY
+    at_exit "wine_discard '$WINEPREFIX'"
+    wine_copy "$WINEPREFIX"
+    wine_start
+}
+
+# Makes an empty folder for a prefix; its name has the script's name and process number.
+machine_folder() {
+    mkdir -p "$machines"
+    mktemp -d "$machines/$(basename "$0" .sh).$$.XXXXXX"
+}
+
+wine_discard() {
+    WINEPREFIX=$1 wine_stop
+    if [ "${exit_code:-0}" -ne 0 ] && [ -n "${KEST_KEEP:-}" ]; then
+        say "the Wine prefix is kept: $1"
+    else
+        rm -rf "$1"
+    fi
+}
+
+# Starts the server of build/wine unless it runs; the last script that uses it ends it. The server of
+# a machine runs already.
 wine_up() {
-    wine_prefix
+    [ -z "${KEST_WINEPREFIX:-}" ] || return 0
+    wine_template
     at_exit wine_down
     mkdir -p "$WINEPREFIX.users"
     (
         flock 9
+        [ -e "$WINEPREFIX/system.reg" ] || wine_copy "$WINEPREFIX"
         touch "$WINEPREFIX.users/$$"
-        wine_running && exit
-        wine_server -p >/dev/null 2>&1 9>&-
-        # The first program starts Wine's services, and they keep its output open for as long as
-        # they live: it must not be one whose output somebody reads to the end.
-        wine cmd /c exit </dev/null >/dev/null 2>&1 9>&-
+        wine_running || wine_start 9>&-
     ) 9>"$WINEPREFIX.lock"
 }
 
 wine_down() {
+    [ -z "${KEST_WINEPREFIX:-}" ] || return 0
     (
         flock 9
         rm -f "$WINEPREFIX.users/$$"
         for user in "$WINEPREFIX.users"/*; do
             [ -d "/proc/${user##*/}" ] && exit # another script still has programs running
         done
-        wine_server -k 2>/dev/null 9>&- || true
-        wine_server -w 9>&-
+        wine_stop 9>&-
     ) 9>"$WINEPREFIX.lock"
 }

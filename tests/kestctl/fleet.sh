@@ -10,7 +10,7 @@ netns_up
 # shellcheck disable=SC2034 # moving.sh runs the printers there
 printers_host=(ip netns exec "$peer_ns")
 work=$(mktemp -d "$build/fleet.XXXXXX")
-trap 'netns_down; rm -rf "$work"' EXIT
+at_exit "rm -rf '$work'"
 mkdir "$work/jobs"
 cp -r "$1" "$work/bin"
 kestctl() { client_wine "$work/bin/kestctl.exe" --direct "$@"; }
@@ -46,11 +46,8 @@ expect "import" "$(kestctl port import "$work/ports.csv" | tail -1)" \
     "30 added, 0 changed, 0 as they were"
 
 say "which are well?"
-begin=$EPOCHREALTIME
 code=0
 kestctl port check >"$work/checked" 2>"$work/errors" || code=$?
-took=$(((${EPOCHREALTIME/./} - ${begin/./}) / 1000))
-say "$(tail -1 "$work/checked"), after $took ms"
 expect "exit code" "$code" 1
 expect "summary" "$(tail -1 "$work/checked")" \
     "30 ports: 20 ok, 2 unreachable, 7 moved, 1 another printer"
@@ -86,9 +83,5 @@ in_peer sysctl -qw net.ipv4.icmp_echo_ignore_all=1 || say "(they answer pings he
     done
 } >"$work/ports.csv"
 kestctl port import "$work/ports.csv" >/dev/null
-begin=$EPOCHREALTIME
 kestctl port check 'WIDE-*' 'DARK-*' >"$work/checked" 2>/dev/null || true
-took=$(((${EPOCHREALTIME/./} - ${begin/./}) / 1000))
-say "checked in $took ms"
 expect "summary" "$(tail -1 "$work/checked")" "300 ports: 150 ok, 150 unreachable"
-[ "$took" -lt 30000 ] || fail "half of three hundred dark ports took $took ms"

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # `kestctl monitor` and `kestctl selftest` as an administrator runs them, on a machine of their own:
-# a Wine prefix with its registry, system folder, services and spooler. monitor.sh FOLDER
-folder=$(realpath "$1")
-export KEST_WINEPREFIX=$folder/machine
+# a Wine prefix with its registry, system folder, services and spooler. monitor.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 
+wine_machine
+folder=$WINEPREFIX/drive_c/work
 program=$build/bin/kestctl.exe
 system=$WINEPREFIX/drive_c/windows/system32
 key='HKLM\SYSTEM\CurrentControlSet\Control\Print'
@@ -25,10 +25,8 @@ machine() {
 }
 same_as_before() { diff <(printf '%s\n' "$before") <(machine) || fail "$1 left something behind"; }
 
-wine_up
-wine "$program" monitor remove --force >/dev/null # a test that was killed may have left it
 wine net stop spooler >/dev/null 2>&1 || true
-rm -rf "$folder/stub" "$folder"/kept.*
+mkdir -p "$folder/stub"
 before=$(machine)
 
 # A spooler that is stopped stays so, and has the monitor in its registry.
@@ -36,7 +34,8 @@ expect 0 "does not run, loads it when it starts" monitor install
 for file in kestmon.dll slp64.dll SLPConf.xml; do
     cmp "$system/$file" "$build/bin/$file"
 done
-wine reg query "$key\\Monitors\\kestmon" /v Driver | grep -q 'REG_SZ *kestmon.dll'
+prints kestmon.dll wine reg query "$key\\Monitors\\kestmon" /v Driver ||
+    fail "the driver is not registered"
 expect 1 "-> net start spooler" monitor status
 wine reg add "$key\\Monitors\\kestmon\\Ports\\OFFICE" /v Protocol /t REG_DWORD /d 1 >/dev/null
 wine reg add "$key\\Printers\\Laser" /v Port /d OFFICE >/dev/null
@@ -52,7 +51,6 @@ expect 1 "everything is as it was before" monitor install
 same_as_before "a failed installation"
 
 # The same with a monitor that it takes.
-mkdir "$folder/stub"
 cp "$build"/bin/{slp64.dll,SLPConf.xml,kestctl.exe} "$build/tests/stub/kestmon.dll" "$folder/stub"
 program=$folder/stub/kestctl.exe
 expect 0 "and the print spooler has loaded it" monitor install

@@ -1,24 +1,13 @@
 #!/usr/bin/env bash
-# kestctl as a user runs it: exit codes, output, and documents that arrive. program.sh FOLDER
-folder=$1
+# kestctl as a user runs it: exit codes, output, and documents that arrive. program.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/peers.sh"
 
 kestctl() { "$root/script/kestctl" "$@"; }
-office="Büro $$"
-daemon="LPD $$"
+office="Büro"
+daemon="LPD"
 
-clean_up() {
-    local code=$?
-    trap - EXIT
-    kestctl port delete "$office" >/dev/null 2>&1 || true
-    kestctl port delete "$daemon" >/dev/null 2>&1 || true
-    peers_stop
-    wine_down
-    exit "$code"
-}
-wine_up
-trap clean_up EXIT
+wine_machine
 
 # expect CODE TEXT ARGUMENT...: runs kestctl; its exit code, and a text that it prints.
 expect() {
@@ -29,8 +18,10 @@ expect() {
     [[ $output == *"$text"* ]] || fail "kestctl $*: no '$text' in: $output"
 }
 
-cd "$folder"
+mkdir "$WINEPREFIX/drive_c/work"
+cd "$WINEPREFIX/drive_c/work"
 head -c 3000000 /dev/urandom >document.bin
+at_exit peers_stop
 peers_start servers
 
 expect 0 "kestctl port delete OFFICE" --help

@@ -86,9 +86,9 @@ class Daemon {
 class LprTest : public testing::Test {
   protected:
     void SetUp() override {
-        // A folder of its own: other tests spool at the same time.
+        // A failed job's file may still be there when the next test begins.
         folder = std::filesystem::temp_directory_path() /
-                 ("kestmon lpr " + std::to_string(GetCurrentProcessId()));
+                 testing::UnitTest::GetInstance()->current_test_info()->name();
         std::filesystem::create_directory(folder);
         SetEnvironmentVariableW(L"TMP", folder.c_str());
         ASSERT_TRUE(spooler.Start());

@@ -10,19 +10,14 @@ netns_up
 printers_host=(ip netns exec "$peer_ns")
 
 work=$(mktemp -d "$build/follow.XXXXXX")
-trap 'netns_down; rm -rf "$work"' EXIT
-mkdir "$work/jobs" "$work/temp"
+at_exit "rm -rf '$work'"
+mkdir "$work/jobs"
 bin=$work/bin
 cp -r "$1" "$bin"
-log=$work/temp/KestSetupWizard.log
+log=$(echo "$client_prefix"/drive_c/users/*/Temp)/KestSetupWizard.log
 touch "$log"
 
 windows_path() { echo "Z:${1//\//\\}"; }
-
-# The log goes to a folder of this test's own.
-for name in TEMP TMP; do
-    client_wine reg add 'HKCU\Environment' /v $name /d "$(windows_path "$work/temp")" /f >/dev/null
-done
 
 kestctl() { client_wine "$bin/kestctl.exe" --direct "$@"; }
 
@@ -141,9 +136,9 @@ $(for n in 1 2 3 4 5; do
         printf 'prn-4%s                Model 500                  10.77.1.5%s        00040000004%s\n' \
             $n $n $n
     done)"
-kestctl find --mac 00:04:00:00:00:43 --json | grep -q '"address": "10.77.1.53"' ||
+prints '"address": "10.77.1.53"' kestctl find --mac 00:04:00:00:00:43 --json ||
     fail "kestctl find --mac does not find its printer"
-kestctl find --host-name PRN-42 | grep -q 10.77.1.52 ||
+prints 10.77.1.52 kestctl find --host-name PRN-42 ||
     fail "kestctl find --host-name does not find its printer"
 if said=$(kestctl find --model 'Laser*' 2>&1); then
     fail "kestctl find finds a model that is not there"
@@ -198,7 +193,7 @@ expect "searches" "$(grep -c '^a search by .*: *found$' "$work/said")" 2
 cmp "$work/shipped.xml" "$bin/SLPConf.xml.old" || fail "the old SLPConf.xml is not kept"
 [[ $(kestctl config check) == *"no problem" ]] || fail "what was learned has problems"
 [[ $(kestctl config show) == *SLPConf.xml*"mac_addr_key "*" x-hw"* ]] || fail "config show"
-kestctl find --mac 000400000060 | grep -q 10.77.1.60 || fail "the learned printer is not found"
+prints 10.77.1.60 kestctl find --mac 000400000060 || fail "the learned printer is not found"
 cp "$bin/SLPConf.xml" "$work/learned.xml"
 
 say "an old file that finds more comes back; one that is wrong is told"
@@ -252,11 +247,7 @@ printers_off
 kestctl port add GONE --address 10.77.1.29 --mac 000400000029 --host-name prn-9 \
     --always-print >/dev/null
 forget
-begin=$EPOCHREALTIME
 no_job GONE "did not find it"
-took=$(((${EPOCHREALTIME/./} - ${begin/./}) / 1000))
-say "the job failed after $took ms"
-[ "$took" -lt 20000 ] || fail "a search without an answer held the job up for $took ms"
 logged 2 "Successfully found 0 printer(s)"
 logged 2 "Return from DiscoverPrinterSynch is 0"
 expect "the address kept" "$(setting GONE address)" 10.77.1.29

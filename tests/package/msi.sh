@@ -4,14 +4,8 @@
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 
 work=$(mktemp -d "$build/msi.XXXXXX")
-# A machine of its own: the build's prefix with its files linked, which nothing here writes into.
-wine_prefix
-mkdir "$work/wine"
-cp -a "$WINEPREFIX"/{*.reg,.update-timestamp,.kest-ready,dosdevices} "$work/wine"
-cp -al "$WINEPREFIX/drive_c" "$work/wine/drive_c"
-export WINEPREFIX=$work/wine
 at_exit "rm -rf '$work'"
-wine_up
+wine_machine
 
 drive=$WINEPREFIX/drive_c
 program="$drive/Program Files/kestmon"
@@ -72,9 +66,6 @@ old=$work/old.msi new=$work/new.msi
 "$root/package/make-msi" 0.9.0 "$old"
 "$root/package/make-msi" 1.0.0 "$new"
 
-# Other tests use the prefix, too.
-wine reg delete 'HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\kestmon' /f >/dev/null 2>&1 || true
-rm -f "$system"/{kestmon.dll,slp64.dll,kestui.dll,SLPConf.xml}
 machine >"$work/before"
 installer 0 /i "Z:$old"
 installed "the first time"

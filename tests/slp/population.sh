@@ -3,12 +3,15 @@
 # expect on the other end of the cable: population.sh PROGRAM.exe KESTCTL.exe
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
+. "$root/tests/support/moving.sh"
 
 netns_need
 netns_up
+# shellcheck disable=SC2034 # moving.sh runs the agents there
+printers_host=(ip netns exec "$peer_ns")
 
 long="(ip={ip}),(x=$(printf 'x%.0s' {1..20000})),(end=here)"
-agents=(
+population=(
     "service:many first=10.77.1.0 count=500 copies=2"
     "service:old first=10.77.1.0 count=100 version=1"
     "service:some first=10.77.1.0 count=60"
@@ -32,9 +35,7 @@ agents=(
     "service:shown first=10.77.1.7 list=(ip={ip}),empty,(place=2nd\\2C_left\\1B[2J)"
     "service:six first=fd77:0:0:1::1 count=20"
 )
-coproc AGENTS { exec ip netns exec "$peer_ns" "$root/tests/support/service_agents.py" "${agents[@]}"; }
-read -r _ <&"${AGENTS[0]}"
-disown "$AGENTS_PID"
+agents "${population[@]}"
 
 client_wine "$1"
 
@@ -44,5 +45,8 @@ shown=$(client_wine "$2" slp find service:shown --interface 10.77.255.1)
   empty
   place  2nd, left?[2J
 1 agent answered" ] || fail "kestctl slp find shows: $shown"
-client_wine "$2" slp find service:six --unicast fd77:0:0:1::3 --json |
-    grep -q '"ip": "fd77:0:0:1::3"' || fail "kestctl slp find --json does not show the agent"
+if shown=$(client_wine "$2" slp find service:six 2>&1); then
+    fail "agents with IPv6 only answer a search by IPv4: $shown"
+fi
+prints '"ip": "fd77:0:0:1::3"' client_wine "$2" slp find service:six --unicast fd77:0:0:1::3 --json ||
+    fail "kestctl slp find --json does not show the agent"

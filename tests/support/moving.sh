@@ -9,18 +9,20 @@ printers_host=()               # a command that runs others where the printers a
 #                              a printer's attribute list, with the shipped SLPConf.xml's tags; a
 #                              blank in it is written as _
 #   take_job FILE COPY         waits until a job is there, and compares it with what was printed
-#   printers_off               ends all of them
+#   printers_off               ends all of them (also done at exit)
+#
+# A test fails if printers or agents have ended by themselves, when they are replaced or at its end.
 
 printers_pid=
 agents_pid=
 
 printers() {
-    in_place_of "$printers_pid" "$root/tests/support/printers.py" "$@"
+    in_place_of "$printers_pid" printers "$root/tests/support/printers.py" "$@"
     printers_pid=$started
 }
 
 agents() {
-    in_place_of "$agents_pid" "$root/tests/support/service_agents.py" "$@"
+    in_place_of "$agents_pid" agents "$root/tests/support/service_agents.py" "$@"
     agents_pid=$started
 }
 
@@ -40,23 +42,37 @@ take_job() {
 }
 
 printers_off() {
-    switch_off "$printers_pid"
-    switch_off "$agents_pid"
+    switch_off "$printers_pid" printers
     printers_pid=
+    switch_off "$agents_pid" agents
     agents_pid=
 }
 
 switch_off() {
     [ -n "$1" ] || return 0
-    kill -KILL "$1" 2>/dev/null || true
+    is_alive "$1" || fail "the $2 have ended by themselves"
+    kill -KILL "$1"
     wait "$1" || true
+}
+
+is_alive() { grep -q '^State:[[:space:]]*[^ZX]' "/proc/$1/status" 2>/dev/null; }
+
+printers_at_exit() {
+    local pid
+    for pid in $printers_pid $agents_pid; do
+        is_alive "$pid" && kill -KILL "$pid" && continue
+        say "the printers or agents have ended by themselves"
+        [ "$exit_code" -ne 0 ] || exit_code=1
+    done
 }
 
 # Ends one program, starts another and waits until it is ready.
 in_place_of() {
-    switch_off "$1"
-    exec {ready}< <(exec "${printers_host[@]}" "${@:2}")
+    switch_off "$1" "$2"
+    exec {ready}< <(exec "${printers_host[@]}" "${@:3}")
     started=$!
-    read -r _ <&"$ready" || fail "$2 does not start"
+    [ -n "${has_printers:-}" ] || at_exit printers_at_exit
+    has_printers=1
+    read -r _ <&"$ready" || fail "the $2 do not start"
     exec {ready}<&-
 }

@@ -7,7 +7,7 @@
 #
 #   netns_allowed              whether this can work here: it needs root and the right to make them
 #   netns_need                 ends a test as skipped (77) where it cannot; in CI, as failed
-#   netns_up                   makes both, and the client's Wine prefix
+#   netns_up                   makes both, and the client's Wine prefix, from the template
 #   in_client COMMAND...       runs something in the client
 #   in_peer COMMAND...         runs something in the peer
 #   client_wine PROGRAM...     runs a Windows program in the client
@@ -37,7 +37,6 @@ netns_need() {
 }
 
 netns_up() {
-    wine_prefix
     at_exit netns_down
     ip netns add "$client_ns"
     ip netns add "$peer_ns"
@@ -50,14 +49,9 @@ netns_up() {
     ip -n "$client_ns" route add 10.77.0.0/17 via 10.77.255.2
     ip -n "$client_ns" -6 route add fd77:0:0:1::/64 via fd77::2
 
-    # The registry is the client's own; the files of drive C: are those of the build's prefix.
-    client_prefix=$(mktemp -d "$build/wine-client.XXXXXX")
-    cp -a "$WINEPREFIX"/{*.reg,.update-timestamp,dosdevices} "$client_prefix"
-    ln -s "$WINEPREFIX/drive_c" "$client_prefix/drive_c"
-    # shellcheck disable=SC2016 # the shell in the client expands it
-    KEST_WINEPREFIX=$client_prefix in_client bash -c \
-        '. "$1"; wine_server -p && wine cmd /c exit' bash "$root/script/common.sh" \
-        </dev/null >/dev/null 2>&1
+    client_prefix=$(machine_folder)
+    wine_copy "$client_prefix"
+    WINEPREFIX=$client_prefix wine_start in_client
 }
 
 netns_host() {
@@ -70,15 +64,12 @@ netns_host() {
 
 netns_down() {
     local ns pids
-    if [ -n "$client_prefix" ]; then
-        WINEPREFIX=$client_prefix wine_server -k 2>/dev/null || true
-    fi
+    [ -z "$client_prefix" ] || wine_discard "$client_prefix"
+    client_prefix=
     for ns in "$client_ns" "$peer_ns"; do
         pids=$(ip netns pids "$ns" 2>/dev/null) || continue
         # shellcheck disable=SC2086 # a list of numbers
         [ -z "$pids" ] || kill -KILL $pids 2>/dev/null || true
         ip netns delete "$ns"
     done
-    [ -z "$client_prefix" ] || rm -rf "$client_prefix"
-    client_prefix=
 }

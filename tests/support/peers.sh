@@ -21,7 +21,8 @@ peers_start() {
     rm -rf "$folder"
     mkdir -p "$folder"/{etc/lprng,run/lock/p910nd,data/kq}
     folder=$(cd "$folder" && pwd)
-    peer_address=127.$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1)).$((RANDOM % 254 + 1))
+    # Process numbers have 22 bits at most: no two scripts have the same address.
+    peer_address=127.$((100 + $$ / 65536)).$(($$ / 256 % 256)).$(($$ % 256))
     peers_folder=$folder
     touch "$folder/data/raw" "$folder/data/lpr"
 

@@ -77,9 +77,16 @@ class Unbuffered:
         return bytes(line)
 
 
+def end_process(failure):
+    """An exception in any thread ends the process, so that the test notices."""
+    threading.__excepthook__(failure)
+    os._exit(1)
+
+
 def main():
     if len(sys.argv) < 3 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__)
+    threading.excepthook = end_process
     folder = pathlib.Path(sys.argv[1])
     for address in sys.argv[2:]:
         family = socket.AF_INET6 if ":" in address else socket.AF_INET

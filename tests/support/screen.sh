@@ -15,21 +15,18 @@ on_screen() { WINEPREFIX=$screen_prefix DISPLAY=$screen_display wine "$@"; }
 
 screen_up() {
     local dpi=${1:-96}
-    wine_prefix
     at_exit screen_down
     exec {number}< <(exec Xvfb -displayfd 1 -screen 0 1280x1024x24 -nolisten tcp 2>/dev/null)
     screen_pid=$!
     read -r screen_display <&"$number" || fail "the virtual screen does not start"
     exec {number}<&-
     screen_display=:$screen_display
-    # The registry is the screen's own; the files of drive C: are those of the build's prefix.
-    screen_prefix=$(mktemp -d "$build/wine-screen.XXXXXX")
-    cp -a "$WINEPREFIX"/{*.reg,.update-timestamp,dosdevices} "$screen_prefix"
-    ln -s "$WINEPREFIX/drive_c" "$screen_prefix/drive_c"
+    screen_prefix=$(machine_folder)
+    wine_copy "$screen_prefix"
     # The signs on the title bar's buttons, which Wine does not find where Debian puts them.
     mkdir -p "$screen_prefix/drive_c/windows/Fonts"
     cp /usr/share/wine/fonts/marlett.ttf "$screen_prefix/drive_c/windows/Fonts"
-    WINEPREFIX=$screen_prefix wine_server -p >/dev/null 2>&1
+    WINEPREFIX=$screen_prefix DISPLAY=$screen_display wine_start
     {
         # A desktop of Wine's own draws the windows' frames: there is no window manager.
         on_screen reg add 'HKCU\Software\Wine\Explorer' /v Desktop /d Default /f
@@ -43,16 +40,13 @@ screen_up() {
         on_screen reg add 'HKCU\Control Panel\Colors' /v TitleText /d '0 0 0' /f
     } </dev/null >/dev/null 2>&1
     # The desktop that is there already was made without these.
-    WINEPREFIX=$screen_prefix wine_server -k
-    WINEPREFIX=$screen_prefix wine_server -w
-    WINEPREFIX=$screen_prefix wine_server -p >/dev/null 2>&1
+    WINEPREFIX=$screen_prefix wine_stop
+    WINEPREFIX=$screen_prefix DISPLAY=$screen_display wine_start
 }
 
 screen_down() {
     if [ -n "$screen_prefix" ]; then
-        WINEPREFIX=$screen_prefix wine_server -k 2>/dev/null || true
-        WINEPREFIX=$screen_prefix wine_server -w 2>/dev/null || true
-        rm -rf "$screen_prefix"
+        wine_discard "$screen_prefix"
         screen_prefix=
     fi
     [ -z "$screen_pid" ] || kill "$screen_pid" 2>/dev/null || true

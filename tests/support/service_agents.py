@@ -5,7 +5,8 @@
 
 Each argument is a group of agents that answer requests for one service type. The keys:
 
-  first=10.77.0.1  address of the first agent; the others follow it. All have to be this host's.
+  first=10.77.0.1  address of the first agent, IPv4 or IPv6; the others follow it. All have to be
+                   this host's. Agents hear the protocol of their addresses only.
   count=1          how many
   version=2        the protocol version that they speak
   list=TEXT        the attribute list; {ip}, {n} and {mac} stand for the agent's own
@@ -26,6 +27,7 @@ in a list is written as `_`. Prints `ready` when all of that is in place.
 import heapq
 import ipaddress
 import itertools
+import os
 import selectors
 import socket
 import struct
@@ -108,6 +110,7 @@ class Agents:
         self.service, *options = text.split()
         values = dict(option.partition("=")[::2] for option in options)
         first = ipaddress.ip_address(values.get("first", "10.77.0.1"))
+        self.family = socket.AF_INET if first.version == 4 else socket.AF_INET6
         self.version = int(values.get("version", 2))
         self.template = values.get("list", "(ip={ip}),(mac={mac}),(n={n})").replace("_", " ")
         earliest, _, latest = values.get("delay", "0").partition("-")
@@ -125,10 +128,11 @@ class Agents:
         n = self.numbers[address]
         return self.template.format(ip=address, n=n, mac=f"0004{n:08x}")
 
-    def answers(self, request, asked):
+    def answers(self, request, family, asked):
         """(delay, address, datagram) for each agent that answers; `asked` is one, or None."""
-        if request.service != self.service or request.version != self.version or self.silent \
-                or (self.unicast and asked is None):
+        if (request.service, request.version, family) \
+                != (self.service, self.version, self.family) \
+                or self.silent or (self.unicast and asked is None):
             return
         sending = self.heard[request.xid] = self.heard.get(request.xid, 0) + 1
         if sending <= self.deaf:
@@ -230,7 +234,7 @@ def serve_datagrams(population):
             asked = None if ipaddress.ip_address(to).is_multicast else to
             now = time.monotonic()
             for agents in population:
-                for delay, source, datagram in agents.answers(request, asked):
+                for delay, source, datagram in agents.answers(request, udp.family, asked):
                     heapq.heappush(waiting,
                                    (now + delay, next(order), udp, datagram, source, sender))
         while waiting and waiting[0][0] <= time.monotonic():
@@ -265,9 +269,16 @@ def serve_streams(population, family):
                          daemon=True).start()
 
 
+def end_process(failure):
+    """An exception in any thread ends the process, so that the test notices."""
+    threading.__excepthook__(failure)
+    os._exit(1)
+
+
 def main():
     if len(sys.argv) < 2 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__)
+    threading.excepthook = end_process
     population = [Agents(text) for text in sys.argv[1:]]
     if any(agents.tcp and agents.tcp != "refuse" for agents in population):
         for family in (socket.AF_INET, socket.AF_INET6):
