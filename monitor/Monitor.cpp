@@ -88,6 +88,7 @@ void AddLoadedPorts(MonitorHandle* monitor, LPCWSTR names) {
 // interface). Loads the ports from the registry.
 //   phMonitor: receives the monitor's handle.
 // Returns the table of entry points; null, with the last error set, when the ports cannot be read.
+// A call that fails keeps nothing of its caller: a monitor that runs already goes on working.
 extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT pMonitorInit, PHANDLE phMonitor) {
     if (pMonitorInit == nullptr || pMonitorInit->pMonitorReg == nullptr || phMonitor == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
@@ -97,12 +98,11 @@ extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT pMonitorInit, 
     if (!block) {
         return nullptr;
     }
-    SetMonitorInit(pMonitorInit);
     auto* monitor = new (block.Get()) MonitorHandle;
     monitor->init = pMonitorInit;
 
     UniqueBlock<WCHAR> names;
-    if (const DWORD error = LoadPortNames(names); error != ERROR_SUCCESS) {
+    if (const DWORD error = LoadPortNames(*pMonitorInit, names); error != ERROR_SUCCESS) {
         block.Reset();
         SetLastError(error);
         return nullptr;
@@ -110,6 +110,7 @@ extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT pMonitorInit, 
     if (names) {
         AddLoadedPorts(monitor, names.Get());
     }
+    SetMonitorInit(pMonitorInit);
     *phMonitor = block.Release();
     if (IsWindows2000()) {
         table.cbSize = kTableSizeWindows2000;

@@ -164,9 +164,9 @@ class PortNamesKey {
 
 }  // namespace
 
-DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept {
-    PortNamesKey key(*MonitorInit()->pMonitorReg, MonitorInit()->hSpooler);
-    if (const DWORD error = key.Create(Key::Root()); error != ERROR_SUCCESS) {
+DWORD LoadPortNames(const MONITORINIT& init, UniqueBlock<WCHAR>& list) noexcept {
+    PortNamesKey key(*init.pMonitorReg, init.hSpooler);
+    if (const DWORD error = key.Create(init.hckRegistryRoot); error != ERROR_SUCCESS) {
         return error;
     }
     DWORD count = 0;

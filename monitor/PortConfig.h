@@ -7,6 +7,8 @@
 
 #include "diag/Resource.h"
 
+#include <winsplp.h>
+
 #include <cstddef>
 
 #include "monitor/PortText.h"
@@ -60,10 +62,11 @@ static_assert(offsetof(PortDataEx, dwUseIPV6) == 396);
 static_assert(offsetof(PortDataEx, sztHWAddress) == 400);
 
 // Reads the names of the ports in the registry, in registry order, creating the "Ports" key if it
-// is missing.
+// is missing. Works before SetMonitorInit, which is called only when the names could be read.
+//   init: the spooler's record, for its registry callbacks and the monitor's root key.
 //   list: receives the names as one double-NUL-terminated list, nothing when there are no ports.
 // Returns 0 or the Win32 error code of the registry callback that failed.
-DWORD LoadPortNames(UniqueBlock<WCHAR>& list) noexcept;
+DWORD LoadPortNames(const MONITORINIT& init, UniqueBlock<WCHAR>& list) noexcept;
 
 // Reads a port's standard record; sztPortName stays empty. A value that is missing, or does not
 // fit its field, leaves the field zero; text fields are always terminated.

@@ -95,6 +95,22 @@ TEST_F(PortListTest, AFailureToLoadIsTheSpoolersToHandle) {
     EXPECT_TRUE(spooler.Start());
 }
 
+// The record of a caller that gets no monitor is its own again when the call returns.
+TEST_F(PortListTest, AFailureToLoadLeavesAMonitorThatRunsAlone) {
+    Load({L"A"});
+    MONITORINIT other = spooler.init;
+    other.hckRegistryRoot = nullptr;
+    const auto initialize = reinterpret_cast<decltype(&InitializePrintMonitor2)>(
+        reinterpret_cast<void*>(GetProcAddress(spooler.dll, "InitializePrintMonitor2")));
+    HANDLE none = nullptr;
+    EXPECT_EQ(initialize(&other, &none), nullptr);
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
+    EXPECT_EQ(none, nullptr);
+    EXPECT_EQ(spooler.AddPort(L"B"), 0u);
+    EXPECT_TRUE(spooler.HasPortKey(L"B"));
+    EXPECT_THAT(Listed(), ElementsAre(L"A", L"B"));
+}
+
 TEST_F(PortListTest, EnumerationNeedsExactlyTheSizeThatItFills) {
     Load({L"A", L"Office"});
     constexpr DWORD kNames = (2 + 7) * sizeof(WCHAR);
