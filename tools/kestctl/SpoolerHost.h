@@ -9,6 +9,7 @@
 #include <winspool.h>
 #include <winsplp.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 
@@ -50,10 +51,17 @@ class SpoolerHost : public SpoolerChannel {
     const MONITOR2& Table() const { return *table_; }
     HANDLE Monitor() const { return monitor_; }
 
+    // How many registry values the monitor has written so far.
+    unsigned ValuesWritten() const { return valuesWritten_; }
+
   private:
+    static LONG WINAPI SetValueCounted(HANDLE key, LPCWSTR name, DWORD type, const BYTE* data,
+                                       DWORD size, HANDLE spooler);
+
     std::wstring rootPath_;
     bool madeRoot_ = false;
     UniqueRegistryKey root_;
+    std::atomic<unsigned> valuesWritten_ = 0;
     MONITORREG registry_;
     MONITORINIT init_;
     UniqueLibrary library_;
