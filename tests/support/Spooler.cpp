@@ -1,11 +1,13 @@
 // Calls the print functions of Windows for the end-to-end tests:
 //   spooler.exe add-printer NAME PORT    with Wine's own driver
 //   spooler.exe delete-printer NAME
+//   spooler.exe print NAME FILE          also a file of no bytes
 //   spooler.exe printers                 prints name and port of each
 //   spooler.exe ports                    prints the names of all monitors' ports
 //   spooler.exe add-port MONITOR         opens the monitor's dialog
 //   spooler.exe configure-port NAME      opens the dialog of the port
 //   spooler.exe delete-port NAME         opens the dialog of the port
+//   spooler.exe window TITLE TEXT        waits for a window that has the keyboard and shows the text
 // Prints "ok", or the last error of the function that failed; ends with 1 then.
 #include <windows.h>
 #include <winspool.h>
@@ -23,6 +25,28 @@ bool DeletePrinterNamed(std::wstring name) {
     UniquePrinter printer;
     PRINTER_DEFAULTSW access = {nullptr, nullptr, PRINTER_ALL_ACCESS};
     return OpenPrinterW(name.data(), printer.Out(), &access) && DeletePrinter(printer.Get());
+}
+
+bool PrintFile(std::wstring name, const std::wstring& file) {
+    const UniqueFile input(CreateFileW(file.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                       OPEN_EXISTING, 0, nullptr));
+    wchar_t document[] = L"document";
+    wchar_t raw[] = L"RAW";
+    DOC_INFO_1W info = {document, nullptr, raw};
+    UniquePrinter printer;
+    if (!input || !OpenPrinterW(name.data(), printer.Out(), nullptr) ||
+        StartDocPrinterW(printer.Get(), 1, reinterpret_cast<LPBYTE>(&info)) == 0) {
+        return false;
+    }
+    char piece[65536];
+    DWORD count = 0;
+    DWORD written = 0;
+    while (ReadFile(input.Get(), piece, sizeof(piece), &count, nullptr) && count != 0) {
+        if (!WritePrinter(printer.Get(), piece, count, &written)) {
+            return false;
+        }
+    }
+    return EndDocPrinter(printer.Get());
 }
 
 bool PrintPrinters() {
@@ -56,19 +80,49 @@ bool PrintPorts() {
     return true;
 }
 
-bool Run(const std::wstring& command, std::wstring name, const std::wstring& port) {
+BOOL CALLBACK AppendText(HWND control, LPARAM texts) {
+    WCHAR text[1024] = {};
+    SendMessageW(control, WM_GETTEXT, 1024, reinterpret_cast<LPARAM>(text));
+    *reinterpret_cast<std::wstring*>(texts) += std::wstring(text) + L'\n';
+    return TRUE;
+}
+
+// Returns false after two minutes, and prints the texts of the window then.
+bool WaitForWindow(const std::wstring& title, const std::wstring& text) {
+    std::wstring shown;
+    for (const ULONGLONG end = GetTickCount64() + 120'000; GetTickCount64() < end; Sleep(50)) {
+        const HWND window = GetForegroundWindow();
+        shown.clear();
+        AppendText(window, reinterpret_cast<LPARAM>(&shown));
+        const bool named = shown == title + L'\n';
+        EnumChildWindows(window, AppendText, reinterpret_cast<LPARAM>(&shown));
+        if (named && shown.find(text) != std::wstring::npos) {
+            return true;
+        }
+    }
+    std::cout << ToUtf8(shown);
+    return false;
+}
+
+bool Run(const std::wstring& command, std::wstring name, const std::wstring& argument) {
     SetLastError(ERROR_SUCCESS);
     if (command == L"add-printer") {
-        return static_cast<bool>(AddWinePrinter(name, port));
+        return static_cast<bool>(AddWinePrinter(name, argument));
     }
     if (command == L"delete-printer") {
         return DeletePrinterNamed(name);
+    }
+    if (command == L"print") {
+        return PrintFile(name, argument);
     }
     if (command == L"printers") {
         return PrintPrinters();
     }
     if (command == L"ports") {
         return PrintPorts();
+    }
+    if (command == L"window") {
+        return WaitForWindow(name, argument);
     }
     if (command == L"add-port") {
         return AddPortW(nullptr, GetDesktopWindow(), name.data());

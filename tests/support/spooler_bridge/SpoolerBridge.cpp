@@ -1,6 +1,7 @@
 // Lets Wine's own print spooler load kestmon.dll. The bridge is registered as the monitor's driver,
 // loads the library that is installed in the system folder, and supplies what Wine 8 lacks: registry
-// callbacks, a MONITORINIT that outlives the call, and the name of a job's printer.
+// callbacks, a MONITORINIT that outlives the call, and the name of a job's printer. With the variable
+// SPOOLER_DENIES_ACCESS in its environment a program may not manage ports.
 #include <winsock2.h>
 #include <windows.h>
 #include <winspool.h>
@@ -94,6 +95,13 @@ BOOL WINAPI StartDocPort(HANDLE port, LPWSTR, DWORD job, DWORD level, LPBYTE doc
     return monitor.pfnStartDocPort(port, printer.data(), job, level, document);
 }
 
+BOOL WINAPI XcvOpenPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHANDLE xcv) {
+    if (GetEnvironmentVariableW(L"SPOOLER_DENIES_ACCESS", nullptr, 0) != 0) {
+        granted &= ~static_cast<ACCESS_MASK>(SERVER_ACCESS_ADMINISTER);
+    }
+    return monitor.pfnXcvOpenPort(handle, object, granted, xcv);
+}
+
 }  // namespace
 
 extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT, PHANDLE handle) {
@@ -115,5 +123,6 @@ extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT, PHANDLE handl
     table = monitor;
     table.pfnOpenPort = OpenPort;
     table.pfnStartDocPort = StartDocPort;
+    table.pfnXcvOpenPort = XcvOpenPort;
     return &table;
 }
