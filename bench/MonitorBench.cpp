@@ -14,6 +14,7 @@
 
 #include "bench/SideBySide.h"
 #include "tests/support/ImportPatch.h"
+#include "tools/kestctl/MonitorRegistry.h"
 
 namespace {
 
@@ -36,29 +37,10 @@ struct Library {
 };
 
 // A spooler that costs nothing: its registry answers from memory, its print API does nothing.
-class FreeSpooler {
+class FreeSpooler : public MonitorRegistry {
   public:
-    explicit FreeSpooler(size_t ports, WORD tcpPort = 0) : ports_(ports), tcpPort_(tcpPort) {
-        registry_ = {.cbSize = sizeof(registry_),
-                     .fpCreateKey = CreateKey,
-                     .fpOpenKey = OpenKey,
-                     .fpCloseKey = [](HANDLE, HANDLE) -> LONG { return 0; },
-                     .fpDeleteKey = nullptr,
-                     .fpEnumKey = EnumKey,
-                     .fpQueryInfoKey = QueryInfoKey,
-                     .fpSetValue = nullptr,
-                     .fpDeleteValue = nullptr,
-                     .fpEnumValue = nullptr,
-                     .fpQueryValue = QueryValue};
-        init_ = {.cbSize = sizeof(init_),
-                 .hSpooler = this,
-                 .hckRegistryRoot = nullptr,
-                 .pMonitorReg = &registry_,
-                 .bLocal = TRUE,
-                 .pszServerName = nullptr};
-    }
-    FreeSpooler(const FreeSpooler&) = delete;
-    FreeSpooler& operator=(const FreeSpooler&) = delete;
+    explicit FreeSpooler(size_t ports, WORD tcpPort = 0)
+        : ports_(ports), tcpPort_(tcpPort), init_(MonitorInit(nullptr)) {}
 
     void Start() {
         using Initialize = LPMONITOR2(WINAPI*)(PMONITORINIT, PHANDLE);
@@ -90,38 +72,35 @@ class FreeSpooler {
     HANDLE monitor = nullptr;
 
   private:
-    static FreeSpooler* Of(HANDLE spooler) { return static_cast<FreeSpooler*>(spooler); }
-
-    static LONG WINAPI CreateKey(HANDLE, LPCWSTR, DWORD, REGSAM, PSECURITY_ATTRIBUTES,
-                                 PHANDLE result, PDWORD, HANDLE) {
-        *result = reinterpret_cast<HANDLE>(1);
+    LONG CreateKey(HKEY, LPCWSTR, DWORD, REGSAM, SECURITY_ATTRIBUTES*, HKEY* result,
+                   DWORD*) override {
+        *result = reinterpret_cast<HKEY>(1);
         return 0;
     }
-    static LONG WINAPI OpenKey(HANDLE, LPCWSTR, REGSAM, PHANDLE result, HANDLE) {
-        *result = reinterpret_cast<HANDLE>(1);
+    LONG OpenKey(HKEY, LPCWSTR, REGSAM, HKEY* result) override {
+        *result = reinterpret_cast<HKEY>(1);
         return 0;
     }
-    static LONG WINAPI EnumKey(HANDLE, DWORD index, LPWSTR name, PDWORD, PFILETIME,
-                               HANDLE spooler) {
-        if (index >= Of(spooler)->ports_) {
+    LONG CloseKey(HKEY) override { return 0; }
+    LONG EnumKey(HKEY, DWORD index, LPWSTR name, DWORD*, FILETIME*) override {
+        if (index >= ports_) {
             return ERROR_NO_MORE_ITEMS;
         }
         swprintf(name, 12, L"Port %lu", index);
         return 0;
     }
-    static LONG WINAPI QueryInfoKey(HANDLE, PDWORD subKeys, PDWORD longest, PDWORD, PDWORD, PDWORD,
-                                    PDWORD, PFILETIME, HANDLE spooler) {
-        *subKeys = static_cast<DWORD>(Of(spooler)->ports_);
+    LONG QueryInfoKey(HKEY, DWORD* subKeys, DWORD* longest, DWORD*, DWORD*, DWORD*, DWORD*,
+                      FILETIME*) override {
+        *subKeys = static_cast<DWORD>(ports_);
         *longest = 12;
         return 0;
     }
-    static LONG WINAPI QueryValue(HANDLE, LPCWSTR value, PDWORD, PBYTE data, PDWORD size,
-                                  HANDLE spooler) {
+    LONG QueryValue(HKEY, LPCWSTR value, DWORD*, BYTE* data, DWORD* size) override {
         static constexpr WCHAR kAddress[] = L"127.0.0.1";
         if (wcscmp(value, L"IPAddress") == 0) {
             memcpy(data, kAddress, *size = sizeof(kAddress));
         } else if (wcscmp(value, L"PortNumber") == 0) {
-            *reinterpret_cast<DWORD*>(data) = Of(spooler)->tcpPort_;
+            *reinterpret_cast<DWORD*>(data) = tcpPort_;
         } else {
             memset(data, 0, *size);
         }
@@ -130,8 +109,7 @@ class FreeSpooler {
 
     size_t ports_;
     WORD tcpPort_;
-    MONITORREG registry_ = {};
-    MONITORINIT init_ = {};
+    MONITORINIT init_;
     WCHAR printer_[7] = L"Office";
 
     Library dll_;

@@ -39,19 +39,21 @@ TEST(PortValues, AreStoredInOneForm) {
     }
 }
 
-TEST(PortValues, AreRefusedWithWhatToDo) {
-    const struct {
-        Check check;
-        std::string given;
-        std::string reason;
-    } cases[] = {
-        {CheckPortName, "", "empty"},
-        {CheckPortName, std::string(64, 'p'), "63 fit"},
-        {CheckPortName, "a\\b", "backslash"},
-        {CheckPortName, "LPT1:,OFFICE", "comma"},
-        {CheckPortName, "Ne01:", "skips"},
-        {CheckPortName, " OFFICE", "blank"},
-        {CheckPortName, "OFF\tICE", "control character"},
+struct Refusal {
+    Check check;
+    std::string given;
+    std::string reason;
+};
+
+void ExpectRefusals(const std::vector<Refusal>& refusals) {
+    for (const Refusal& c : refusals) {
+        std::string text = c.given;
+        EXPECT_THAT(c.check(text), HasSubstr(c.reason)) << c.given;
+    }
+}
+
+TEST(PortValues, AddressesAreRefusedWithWhatToDo) {
+    ExpectRefusals({
         {CheckIPv4Address, "192.168.1.20:9100", "without the port number 9100"},
         {CheckIPv4Address, "192.168.1.256", "192.168.1.20"},
         {CheckIPv4Address, "192.168.1.020", "leading zero"},
@@ -74,6 +76,29 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckMacAddress, "00.04.00.4a.1b.2c", "not a MAC address"},
         {CheckMacAddress, "00:04:00:4a:1b:2g", "not a MAC address"},
         {CheckMacAddress, "", "not a MAC address"},
+        {CheckMacAddress, "00:00:00:00:00:00", "no device"},
+        {CheckMacAddress, "ff:ff:ff:ff:ff:ff", "no device"},
+        {CheckMacAddress, "01:00:5e:00:00:fb", "no device"},
+        {CheckIPv4Address, "255.255.255.255", "no host"},
+        {CheckIPv4Address, "239.255.255.253", "no host"},
+        {CheckIPv4Address, "0.0.0.0", "no host"},
+        {CheckIPv6Host, "::", "no host"},
+        {CheckIPv6Host, "ff02::116%3", "no host"},
+        {CheckIPv4Address, "none", "forgotten"},
+        {CheckIPv6Host, "none", "forgotten"},
+    });
+}
+
+// The monitor keeps a queue and a community: `none` cannot remove them.
+TEST(PortValues, NamesAndNumbersAreRefusedWithWhatToDo) {
+    ExpectRefusals({
+        {CheckPortName, "", "empty"},
+        {CheckPortName, std::string(64, 'p'), "63 fit"},
+        {CheckPortName, "a\\b", "backslash"},
+        {CheckPortName, "LPT1:,OFFICE", "comma"},
+        {CheckPortName, "Ne01:", "skips"},
+        {CheckPortName, " OFFICE", "blank"},
+        {CheckPortName, "OFF\tICE", "control character"},
         {CheckQueue, std::string(33, 'q'), "32 fit"},
         {CheckQueue, "my queue", "no blanks"},
         {CheckQueue, "", "empty"},
@@ -84,26 +109,10 @@ TEST(PortValues, AreRefusedWithWhatToDo) {
         {CheckPortNumber, "0x1F", "1 to 65535"},
         {CheckPortNumber, "65536", "1 to 65535"},
         {CheckPortNumber, "99999999999999999999", "1 to 65535"},
-        // Values that no device has.
-        {CheckMacAddress, "00:00:00:00:00:00", "no device"},
-        {CheckMacAddress, "ff:ff:ff:ff:ff:ff", "no device"},
-        {CheckMacAddress, "01:00:5e:00:00:fb", "no device"},
-        {CheckIPv4Address, "255.255.255.255", "no host"},
-        {CheckIPv4Address, "239.255.255.253", "no host"},
-        {CheckIPv4Address, "0.0.0.0", "no host"},
-        {CheckIPv6Host, "::", "no host"},
-        {CheckIPv6Host, "ff02::116%3", "no host"},
-        // What the monitor keeps cannot be forgotten, and is no host called so.
-        {CheckIPv4Address, "none", "forgotten"},
-        {CheckIPv6Host, "none", "forgotten"},
         {CheckQueue, "none", "forgotten"},
         {CheckCommunity, "none", "forgotten"},
         {CheckCommunity, std::string(33, 'c'), "32 fit"},
-    };
-    for (const auto& c : cases) {
-        std::string text = c.given;
-        EXPECT_THAT(c.check(text), HasSubstr(c.reason)) << c.given;
-    }
+    });
 }
 
 // Changes laid one over the other, and where jobs go then.

@@ -73,7 +73,7 @@ keys alt+n ctrl+a
 write LABELS
 keys Return
 closes ok
-expect 0 $'OFFICE\nLABELS\nok' spooler ports
+expect 0 $'LABELS\nOFFICE\nok' spooler ports
 
 say "configure a port"
 opens "Configure port LABELS" "10.77.1.31" configure-port LABELS

@@ -153,29 +153,32 @@ TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
     }
 }
 
+// What the resolver returns for a name with three addresses, all of them this one.
+addrinfo* ThreeTimes(sockaddr_in& address) {
+    static addrinfo list[3];
+    for (int i = 0; i < 3; ++i) {
+        list[i] = {};
+        list[i].ai_family = AF_INET;
+        list[i].ai_socktype = SOCK_STREAM;
+        list[i].ai_protocol = IPPROTO_TCP;
+        list[i].ai_addrlen = sizeof(address);
+        list[i].ai_addr = reinterpret_cast<sockaddr*>(&address);
+        list[i].ai_next = i < 2 ? &list[i + 1] : nullptr;
+    }
+    return list;
+}
+
 TEST_F(TransportTest, OneSocketServesAllAddressesOfAName) {
     TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
     static sockaddr_in address;
     address.sin_family = AF_INET;
     address.sin_port = htons(printer.port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    static addrinfo list[3] = {};
-    for (int i = 2; i >= 0; --i) {
-        list[i] = {0,
-                   AF_INET,
-                   SOCK_STREAM,
-                   IPPROTO_TCP,
-                   sizeof(address),
-                   nullptr,
-                   nullptr,
-                   i < 2 ? &list[i + 1] : nullptr};
-        list[i].ai_addr = reinterpret_cast<sockaddr*>(&address);
-    }
     static int sockets, connects, toFail;
     const ImportPatch resolve(
         spooler.dll, "getaddrinfo",
         +[](PCSTR, PCSTR, const addrinfo*, addrinfo** result) -> INT WSAAPI {
-            *result = list;
+            *result = ThreeTimes(address);
             return 0;
         });
     const ImportPatch release(

@@ -93,6 +93,11 @@ TEST(SnmpSessionTest, JudgesAnswers) {
         SnmpSession session{IPAddress(Printer(printer))};
         EXPECT_EQ(Read(session), settings) << printer;
     }
+    EXPECT_EQ(NotGivenBack(), 0);
+}
+
+TEST(SnmpSessionTest, TakesARefusalForWhatItIs) {
+    const SnmpMachine machine;
     string text = "-";
     unsigned integer = 99;
     for (const int refusing : {3, 10}) {  // the second behind a late answer that refuses nothing
@@ -106,6 +111,13 @@ TEST(SnmpSessionTest, JudgesAnswers) {
         EXPECT_EQ(session.GetInteger(kNameOid, integer), 1);
         EXPECT_EQ(text + std::to_string(integer), "-99");
     }
+    EXPECT_EQ(NotGivenBack(), 0);
+}
+
+TEST(SnmpSessionTest, ReadsEachSyntaxAndOutlivesAnotherSession) {
+    const SnmpMachine machine;
+    string text;
+    unsigned integer = 0;
     SnmpSession other(IPAddress(Printer(3)));
     {
         SnmpSession session(IPAddress(Printer(1)));
@@ -132,7 +144,7 @@ TEST(SnmpSessionTest, WaitsForAnAnswerForFiveSeconds) {
         EXPECT_EQ(Read(session), "11");
         const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
         EXPECT_GT(took.count(), 4.9);
-        EXPECT_LT(took.count(), 8);
+        EXPECT_LT(took.count(), 30);
     };
     // Without addresses there is nothing to send from.
     expectNothing();

@@ -207,10 +207,11 @@ TEST(UserAgent, TellsItsAgentsAnswerFromWhatIsNone) {
         const auto took = steady_clock::now() - begin;
         SLPClose(handle);
         EXPECT_EQ(answers.lists().size(), c.lists);
-        EXPECT_LT(took, milliseconds(c.allRounds ? 6000 : 3000));
         if (c.allRounds) {
             EXPECT_GE(took, milliseconds(3400));
             EXPECT_EQ(agent.Finish().size(), 4u);
+        } else {
+            EXPECT_LT(agent.Finish().size(), 4u) << "it was asked again after its answer";
         }
     }
 }
@@ -282,7 +283,8 @@ TEST(UserAgent, EndsWhenItIsTold) {
             EXPECT_EQ(Find(handle, answers, (c.outside ? silent : talker).address()), SLP_OK);
             answers.AwaitEnd();
             outside.join();
-            EXPECT_LT(steady_clock::now() - begin, milliseconds(1000));
+            // A request that goes on takes 3.4 s.
+            EXPECT_LT(steady_clock::now() - begin, milliseconds(3000));
             SLPClose(handle);
             EXPECT_EQ(answers.lastCalls(), 1);
             EXPECT_EQ(answers.lists().size(), c.outside ? 0u : 1u);

@@ -21,65 +21,8 @@ std::string Hex(DWORD number) {
 
 }  // namespace
 
-// The callbacks of MONITORREG, and the functions of the print API that the monitor imports.
-struct Callbacks {
-    static FakeSpooler* Of(HANDLE spooler) { return static_cast<FakeSpooler*>(spooler); }
-
-    static LONG WINAPI CreateKey(HANDLE key, LPCWSTR name, DWORD options, REGSAM access,
-                                 PSECURITY_ATTRIBUTES security, PHANDLE result, PDWORD disposition,
-                                 HANDLE spooler) {
-        const LONG error = Of(spooler)->Called("create " + Narrow(name) + " " + Hex(access));
-        return error != 0
-                   ? error
-                   : RegCreateKeyExW(static_cast<HKEY>(key), name, 0, nullptr, options, access,
-                                     security, reinterpret_cast<PHKEY>(result), disposition);
-    }
-    static LONG WINAPI OpenKey(HANDLE key, LPCWSTR name, REGSAM access, PHANDLE result,
-                               HANDLE spooler) {
-        const LONG error = Of(spooler)->Called("open " + Narrow(name) + " " + Hex(access));
-        return error != 0 ? error
-                          : RegOpenKeyExW(static_cast<HKEY>(key), name, 0, access,
-                                          reinterpret_cast<PHKEY>(result));
-    }
-    static LONG WINAPI CloseKey(HANDLE key, HANDLE spooler) {
-        Of(spooler)->Called("fpclose");
-        return RegCloseKey(static_cast<HKEY>(key));
-    }
-    static LONG WINAPI DeleteKey(HANDLE key, LPCWSTR name, HANDLE spooler) {
-        const LONG error = Of(spooler)->Called("delete " + Narrow(name));
-        return error != 0 ? error : RegDeleteKeyW(static_cast<HKEY>(key), name);
-    }
-    static LONG WINAPI EnumKey(HANDLE key, DWORD index, LPWSTR name, PDWORD size, PFILETIME time,
-                               HANDLE spooler) {
-        const LONG error = Of(spooler)->Called("enum " + std::to_string(index));
-        return error != 0 ? error
-                          : RegEnumKeyExW(static_cast<HKEY>(key), index, name, size, nullptr,
-                                          nullptr, nullptr, time);
-    }
-    static LONG WINAPI QueryInfoKey(HANDLE key, PDWORD subKeys, PDWORD longest, PDWORD values,
-                                    PDWORD, PDWORD, PDWORD, PFILETIME, HANDLE spooler) {
-        const LONG error = Of(spooler)->Called("info");
-        return error != 0
-                   ? error
-                   : RegQueryInfoKeyW(static_cast<HKEY>(key), nullptr, nullptr, nullptr, subKeys,
-                                      longest, nullptr, values, nullptr, nullptr, nullptr, nullptr);
-    }
-    static LONG WINAPI SetValue(HANDLE key, LPCWSTR value, DWORD type, const BYTE* data, DWORD size,
-                                HANDLE spooler) {
-        const LONG error = Of(spooler)->Called("set " + Narrow(value) + " " + std::to_string(type) +
-                                               " " + std::to_string(size));
-        return error != 0 ? error
-                          : RegSetValueExW(static_cast<HKEY>(key), value, 0, type, data, size);
-    }
-    static LONG WINAPI QueryValue(HANDLE key, LPCWSTR value, PDWORD type, PBYTE data, PDWORD size,
-                                  HANDLE spooler) {
-        const LONG error =
-            Of(spooler)->Called("query " + Narrow(value) + " " + std::to_string(*size));
-        return error != 0
-                   ? error
-                   : RegQueryValueExW(static_cast<HKEY>(key), value, nullptr, type, data, size);
-    }
-
+// The functions of the print API that the monitor imports.
+struct PrintApi {
     static LONG WINAPI CloseRegistryKey(HKEY key) {
         current->Record("close");
         return RegCloseKey(key);
@@ -155,35 +98,19 @@ FakeSpooler::FakeSpooler() {
     const auto patch = [this](const char* name, auto* function) {
         patches_.push_back(std::make_unique<ImportPatch>(dll, name, function));
     };
-    patch("RegCloseKey", Callbacks::CloseRegistryKey);
-    patch("RevertToPrinterSelf", Callbacks::Revert);
-    patch("ImpersonatePrinterClient", Callbacks::Impersonate);
-    patch("OpenPrinterW", Callbacks::OpenPrinter);
-    patch("ClosePrinter", Callbacks::ClosePrinter);
-    patch("SetJobW", Callbacks::SetJob);
-    patch("LoadLibraryW", Callbacks::LoadSpoolerLibrary);
-    patch("GetProcAddress", Callbacks::GetSpoolerProc);
+    patch("RegCloseKey", PrintApi::CloseRegistryKey);
+    patch("RevertToPrinterSelf", PrintApi::Revert);
+    patch("ImpersonatePrinterClient", PrintApi::Impersonate);
+    patch("OpenPrinterW", PrintApi::OpenPrinter);
+    patch("ClosePrinter", PrintApi::ClosePrinter);
+    patch("SetJobW", PrintApi::SetJob);
+    patch("LoadLibraryW", PrintApi::LoadSpoolerLibrary);
+    patch("GetProcAddress", PrintApi::GetSpoolerProc);
 
     rootPath_ = L"Software\\kestmon test " + std::to_wstring(GetCurrentProcessId());
     RegDeleteTreeW(HKEY_CURRENT_USER, rootPath_.c_str());
     RegCreateKeyW(HKEY_CURRENT_USER, rootPath_.c_str(), &root_);
-    registry_ = {.cbSize = sizeof(registry_),
-                 .fpCreateKey = Callbacks::CreateKey,
-                 .fpOpenKey = Callbacks::OpenKey,
-                 .fpCloseKey = Callbacks::CloseKey,
-                 .fpDeleteKey = Callbacks::DeleteKey,
-                 .fpEnumKey = Callbacks::EnumKey,
-                 .fpQueryInfoKey = Callbacks::QueryInfoKey,
-                 .fpSetValue = Callbacks::SetValue,
-                 .fpDeleteValue = nullptr,
-                 .fpEnumValue = nullptr,
-                 .fpQueryValue = Callbacks::QueryValue};
-    init = {.cbSize = sizeof(init),
-            .hSpooler = this,
-            .hckRegistryRoot = root_,
-            .pMonitorReg = &registry_,
-            .bLocal = TRUE,
-            .pszServerName = nullptr};
+    init = MonitorInit(root_);
 }
 
 FakeSpooler::~FakeSpooler() {
@@ -338,4 +265,53 @@ LONG FakeSpooler::Called(const std::string& call) {
         }
     }
     return ERROR_SUCCESS;
+}
+
+LONG FakeSpooler::CreateKey(HKEY key, LPCWSTR name, DWORD options, REGSAM access,
+                            SECURITY_ATTRIBUTES* security, HKEY* result, DWORD* disposition) {
+    const LONG error = Called("create " + Narrow(name) + " " + Hex(access));
+    return error != 0 ? error
+                      : MonitorRegistry::CreateKey(key, name, options, access, security, result,
+                                                   disposition);
+}
+
+LONG FakeSpooler::OpenKey(HKEY key, LPCWSTR name, REGSAM access, HKEY* result) {
+    const LONG error = Called("open " + Narrow(name) + " " + Hex(access));
+    return error != 0 ? error : MonitorRegistry::OpenKey(key, name, access, result);
+}
+
+LONG FakeSpooler::CloseKey(HKEY key) {
+    Called("fpclose");
+    return MonitorRegistry::CloseKey(key);
+}
+
+LONG FakeSpooler::DeleteKey(HKEY key, LPCWSTR name) {
+    const LONG error = Called("delete " + Narrow(name));
+    return error != 0 ? error : MonitorRegistry::DeleteKey(key, name);
+}
+
+LONG FakeSpooler::EnumKey(HKEY key, DWORD index, LPWSTR name, DWORD* length, FILETIME* written) {
+    const LONG error = Called("enum " + std::to_string(index));
+    return error != 0 ? error : MonitorRegistry::EnumKey(key, index, name, length, written);
+}
+
+LONG FakeSpooler::QueryInfoKey(HKEY key, DWORD* subkeys, DWORD* longestSubkey, DWORD* values,
+                               DWORD* longestValueName, DWORD* longestData, DWORD* security,
+                               FILETIME* written) {
+    const LONG error = Called("info");
+    return error != 0
+               ? error
+               : MonitorRegistry::QueryInfoKey(key, subkeys, longestSubkey, values,
+                                               longestValueName, longestData, security, written);
+}
+
+LONG FakeSpooler::SetValue(HKEY key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size) {
+    const LONG error =
+        Called("set " + Narrow(name) + " " + std::to_string(type) + " " + std::to_string(size));
+    return error != 0 ? error : MonitorRegistry::SetValue(key, name, type, data, size);
+}
+
+LONG FakeSpooler::QueryValue(HKEY key, LPCWSTR name, DWORD* type, BYTE* data, DWORD* size) {
+    const LONG error = Called("query " + Narrow(name) + " " + std::to_string(*size));
+    return error != 0 ? error : MonitorRegistry::QueryValue(key, name, type, data, size);
 }

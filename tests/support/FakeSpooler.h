@@ -17,11 +17,12 @@
 #include <vector>
 
 #include "tests/support/ImportPatch.h"
+#include "tools/kestctl/MonitorRegistry.h"
 
-class FakeSpooler {
+class FakeSpooler : public MonitorRegistry {
   public:
     FakeSpooler();
-    ~FakeSpooler();
+    ~FakeSpooler() override;
     FakeSpooler(const FakeSpooler&) = delete;
     FakeSpooler& operator=(const FakeSpooler&) = delete;
 
@@ -81,10 +82,19 @@ class FakeSpooler {
     std::vector<std::unique_ptr<ImportPatch>> patches_;
     std::wstring rootPath_;
     HKEY root_ = nullptr;
-    MONITORREG registry_ = {};
     std::mutex mutex_;
     std::vector<std::string> calls_;
 
-    friend struct Callbacks;
+    LONG CreateKey(HKEY key, LPCWSTR name, DWORD options, REGSAM access,
+                   SECURITY_ATTRIBUTES* security, HKEY* result, DWORD* disposition) override;
+    LONG OpenKey(HKEY key, LPCWSTR name, REGSAM access, HKEY* result) override;
+    LONG CloseKey(HKEY key) override;
+    LONG DeleteKey(HKEY key, LPCWSTR name) override;
+    LONG EnumKey(HKEY key, DWORD index, LPWSTR name, DWORD* length, FILETIME* written) override;
+    LONG QueryInfoKey(HKEY key, DWORD* subkeys, DWORD* longestSubkey, DWORD* values,
+                      DWORD* longestValueName, DWORD* longestData, DWORD* security,
+                      FILETIME* written) override;
+    LONG SetValue(HKEY key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size) override;
+    LONG QueryValue(HKEY key, LPCWSTR name, DWORD* type, BYTE* data, DWORD* size) override;
     LONG Called(const std::string& call);
 };

@@ -16,6 +16,11 @@ printers_host=()               # a command that runs others where the printers a
 printers_pid=
 agents_pid=
 
+# They stand for machines of their own, which a busy test machine must not slow down. Only root may
+# raise a priority, outside some containers.
+priority=()
+[ -n "$(nice -n -15 true 2>&1)" ] || priority=(nice -n -15)
+
 printers() {
     in_place_of "$printers_pid" printers "$root/tests/support/printers.py" "$@"
     printers_pid=$started
@@ -69,7 +74,7 @@ printers_at_exit() {
 # Ends one program, starts another and waits until it is ready.
 in_place_of() {
     switch_off "$1" "$2"
-    exec {ready}< <(exec "${printers_host[@]}" "${@:3}")
+    exec {ready}< <(exec "${priority[@]}" "${printers_host[@]}" "${@:3}")
     started=$!
     [ -n "${has_printers:-}" ] || at_exit printers_at_exit
     has_printers=1

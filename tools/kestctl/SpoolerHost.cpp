@@ -13,62 +13,6 @@
 
 namespace {
 
-// The registry as the monitor sees it: the callbacks of MONITORREG on plain registry keys. The
-// spooler's handle, the last argument of each, is of no use here.
-
-LONG WINAPI CreateKey(HANDLE key, LPCWSTR name, DWORD options, REGSAM access,
-                      PSECURITY_ATTRIBUTES security, PHANDLE result, PDWORD disposition, HANDLE) {
-    return RegCreateKeyExW(static_cast<HKEY>(key), name, 0, nullptr, options, access, security,
-                           reinterpret_cast<PHKEY>(result), disposition);
-}
-
-LONG WINAPI OpenKey(HANDLE key, LPCWSTR name, REGSAM access, PHANDLE result, HANDLE) {
-    return RegOpenKeyExW(static_cast<HKEY>(key), name, 0, access, reinterpret_cast<PHKEY>(result));
-}
-
-LONG WINAPI CloseKey(HANDLE key, HANDLE) {
-    return RegCloseKey(static_cast<HKEY>(key));
-}
-
-LONG WINAPI DeleteKey(HANDLE key, LPCWSTR name, HANDLE) {
-    return RegDeleteKeyW(static_cast<HKEY>(key), name);
-}
-
-LONG WINAPI EnumKey(HANDLE key, DWORD index, LPWSTR name, PDWORD length, PFILETIME written,
-                    HANDLE) {
-    return RegEnumKeyExW(static_cast<HKEY>(key), index, name, length, nullptr, nullptr, nullptr,
-                         written);
-}
-
-LONG WINAPI QueryInfoKey(HANDLE key, PDWORD subkeys, PDWORD longestSubkey, PDWORD values,
-                         PDWORD longestValueName, PDWORD longestData, PDWORD security,
-                         PFILETIME written, HANDLE) {
-    return RegQueryInfoKeyW(static_cast<HKEY>(key), nullptr, nullptr, nullptr, subkeys,
-                            longestSubkey, nullptr, values, longestValueName, longestData, security,
-                            written);
-}
-
-LONG WINAPI SetValue(HANDLE key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size, HANDLE) {
-    return RegSetValueExW(static_cast<HKEY>(key), name, 0, type, data, size);
-}
-
-LONG WINAPI DeleteValue(HANDLE key, LPCWSTR name, HANDLE) {
-    return RegDeleteValueW(static_cast<HKEY>(key), name);
-}
-
-LONG WINAPI EnumValue(HANDLE key, DWORD index, LPWSTR name, PDWORD length, PDWORD type, PBYTE data,
-                      PDWORD size, HANDLE) {
-    return RegEnumValueW(static_cast<HKEY>(key), index, name, length, nullptr, type, data, size);
-}
-
-LONG WINAPI QueryValue(HANDLE key, LPCWSTR name, PDWORD type, PBYTE data, PDWORD size, HANDLE) {
-    return RegQueryValueExW(static_cast<HKEY>(key), name, nullptr, type, data, size);
-}
-
-constexpr MONITORREG kRegistry = {sizeof(MONITORREG), CreateKey, OpenKey,      CloseKey,
-                                  DeleteKey,          EnumKey,   QueryInfoKey, SetValue,
-                                  DeleteValue,        EnumValue, QueryValue};
-
 // One transceive channel to the monitor, open for as long as one command takes.
 class XcvChannel {
   public:
@@ -231,9 +175,9 @@ UniqueRegistryKey OpenRoot(LPCWSTR path, bool& made) {
 }  // namespace
 
 SpoolerHost::SpoolerHost(const std::filesystem::path& library, LPCWSTR rootKey)
-    : rootPath_(rootKey), root_(OpenRoot(rootKey, madeRoot_)), registry_(kRegistry) {
-    registry_.fpSetValue = SetValueCounted;
-    init_ = {sizeof(MONITORINIT), this, root_.Get(), &registry_, TRUE, nullptr};
+    : rootPath_(rootKey),
+      root_(OpenRoot(rootKey, madeRoot_)),
+      init_(registry_.MonitorInit(root_.Get())) {
     // A full path, so that slp64.dll is found beside it.
     const auto path = std::filesystem::absolute(library).make_preferred();
     library_.Reset(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
@@ -260,10 +204,10 @@ SpoolerHost::~SpoolerHost() {
     }
 }
 
-LONG WINAPI SpoolerHost::SetValueCounted(HANDLE key, LPCWSTR name, DWORD type, const BYTE* data,
-                                         DWORD size, HANDLE spooler) {
-    ++static_cast<SpoolerHost*>(spooler)->valuesWritten_;
-    return kRegistry.fpSetValue(key, name, type, data, size, spooler);
+LONG SpoolerHost::WatchedRegistry::SetValue(HKEY key, LPCWSTR name, DWORD type, const BYTE* data,
+                                            DWORD size) {
+    ++valuesWritten;
+    return MonitorRegistry::SetValue(key, name, type, data, size);
 }
 
 std::filesystem::path SpoolerHost::LibraryBesideProgram() {

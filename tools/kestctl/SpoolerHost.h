@@ -15,6 +15,7 @@
 
 #include "admin/SpoolerChannel.h"
 #include "diag/Resource.h"
+#include "tools/kestctl/MonitorRegistry.h"
 
 class SpoolerHost : public SpoolerChannel {
   public:
@@ -52,17 +53,18 @@ class SpoolerHost : public SpoolerChannel {
     HANDLE Monitor() const { return monitor_; }
 
     // How many registry values the monitor has written so far.
-    unsigned ValuesWritten() const { return valuesWritten_; }
+    unsigned ValuesWritten() const { return registry_.valuesWritten; }
 
   private:
-    static LONG WINAPI SetValueCounted(HANDLE key, LPCWSTR name, DWORD type, const BYTE* data,
-                                       DWORD size, HANDLE spooler);
+    struct WatchedRegistry : MonitorRegistry {
+        LONG SetValue(HKEY key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size) override;
+        std::atomic<unsigned> valuesWritten = 0;
+    };
 
     std::wstring rootPath_;
     bool madeRoot_ = false;
     UniqueRegistryKey root_;
-    std::atomic<unsigned> valuesWritten_ = 0;
-    MONITORREG registry_;
+    WatchedRegistry registry_;
     MONITORINIT init_;
     UniqueLibrary library_;
     MONITOR2* table_ = nullptr;

@@ -13,46 +13,10 @@
 #include <string>
 #include <vector>
 
-namespace {
+#include "diag/Resource.h"
+#include "tools/kestctl/MonitorRegistry.h"
 
-MONITORREG registry = {
-    .cbSize = sizeof(registry),
-    .fpCreateKey = [](HANDLE key, LPCWSTR name, DWORD options, REGSAM access,
-                      PSECURITY_ATTRIBUTES security, PHANDLE result, PDWORD disposition,
-                      HANDLE) -> LONG {
-        return RegCreateKeyExW(static_cast<HKEY>(key), name, 0, nullptr, options, access, security,
-                               reinterpret_cast<PHKEY>(result), disposition);
-    },
-    .fpOpenKey = [](HANDLE key, LPCWSTR name, REGSAM access, PHANDLE result, HANDLE) -> LONG {
-        return RegOpenKeyExW(static_cast<HKEY>(key), name, 0, access,
-                             reinterpret_cast<PHKEY>(result));
-    },
-    .fpCloseKey = [](HANDLE key, HANDLE) -> LONG { return RegCloseKey(static_cast<HKEY>(key)); },
-    .fpDeleteKey = [](HANDLE key, LPCWSTR name, HANDLE) -> LONG {
-        return RegDeleteKeyW(static_cast<HKEY>(key), name);
-    },
-    .fpEnumKey = [](HANDLE key, DWORD index, LPWSTR name, PDWORD length, PFILETIME written,
-                    HANDLE) -> LONG {
-        return RegEnumKeyExW(static_cast<HKEY>(key), index, name, length, nullptr, nullptr, nullptr,
-                             written);
-    },
-    .fpQueryInfoKey = [](HANDLE key, PDWORD keys, PDWORD longestKey, PDWORD values,
-                         PDWORD longestName, PDWORD longestData, PDWORD security, PFILETIME written,
-                         HANDLE) -> LONG {
-        return RegQueryInfoKeyW(static_cast<HKEY>(key), nullptr, nullptr, nullptr, keys, longestKey,
-                                nullptr, values, longestName, longestData, security, written);
-    },
-    .fpSetValue = [](HANDLE key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size,
-                     HANDLE) -> LONG {
-        return RegSetValueExW(static_cast<HKEY>(key), name, 0, type, data, size);
-    },
-    .fpDeleteValue = nullptr,
-    .fpEnumValue = nullptr,
-    .fpQueryValue = [](HANDLE key, LPCWSTR name, PDWORD type, PBYTE data, PDWORD size,
-                       HANDLE) -> LONG {
-        return RegQueryValueExW(static_cast<HKEY>(key), name, nullptr, type, data, size);
-    },
-};
+namespace {
 
 MONITOR2 monitor = {};  // the table of kestmon.dll
 std::mutex lock;
@@ -105,10 +69,12 @@ BOOL WINAPI XcvOpenPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHAN
 }  // namespace
 
 extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT, PHANDLE handle) {
-    static MONITORINIT init = {sizeof(init), nullptr, nullptr, &registry, TRUE, nullptr};
-    static MONITOR2 table = {};
+    static MonitorRegistry registry;
+    static UniqueRegistryKey root;
     RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon",
-                  0, KEY_ALL_ACCESS, reinterpret_cast<PHKEY>(&init.hckRegistryRoot));
+                  0, KEY_ALL_ACCESS, root.Out());
+    static MONITORINIT init = registry.MonitorInit(root.Get());
+    static MONITOR2 table = {};
     // By its full path: the folder of the program may hold another kestmon.dll.
     WCHAR path[MAX_PATH] = {};
     GetSystemDirectoryW(path, MAX_PATH);
