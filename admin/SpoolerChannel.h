@@ -23,7 +23,8 @@ class PrintJob {
     virtual size_t Write(const BYTE* bytes, size_t count) = 0;
 
     // Gives the job up from another thread than the one that is in Write or End, which may wait for
-    // the printer: the connection ends at once, and whatever is still on its way is lost.
+    // the printer: the connection ends at once, and whatever is still on its way is lost. The
+    // caller ends the process afterwards.
     virtual void Abandon() noexcept = 0;
 
     // Ends the job. Throws CommandFailed when the end was refused.

@@ -11,6 +11,7 @@
 
 #include "bench/SideBySide.h"
 #include "diag/Resource.h"
+#include "tests/support/WinePrinter.h"
 
 namespace {
 
@@ -84,6 +85,9 @@ bool ComparePrinting(const std::filesystem::path& self, const std::wstring& docu
     if (!Run(kestctl + L"port add " + port + L" --address 127.0.0.1 --port " + tcpPort)) {
         return false;
     }
+    const WinePrinter printer;  // for the control job of --direct
+    const std::wstring print = kestctl + L"print " + Quoted(document) + L" --port " + port +
+                               L" --printer " + printer.Name();
     bool done = true;
     Compare(
         {.title = "A document of 1 GiB, kestctl print --direct beside read and send",
@@ -93,7 +97,7 @@ bool ComparePrinting(const std::filesystem::path& self, const std::wstring& docu
          .mebibytes = 0,
          .aim = 1.2},
         [&] { done = Run(bare) && done; },
-        [&] { done = Run(kestctl + L"print " + Quoted(document) + L" --port " + port) && done; });
+        [&] { done = Run(print) && done; });
     return Run(kestctl + L"port delete " + port) && done;
 }
 

@@ -6,7 +6,7 @@
 #include "diag/Resource.h"
 #include "tests/support/FakeMonitor.h"
 #include "tests/support/TempFile.h"
-#include "tools/kestctl/ControlJob.h"
+#include "tests/support/WinePrinter.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -290,7 +290,7 @@ TEST(MigrateCommand, MovesRealQueues) {
 
     FakeMonitor monitor;
     RealQueues channel(monitor);
-    const WineQueue laser(L"IP_10.9.9.9");
+    const WinePrinter laser(L"IP_10.9.9.9");
     const std::vector<Migration> plan =
         PlanMigration(channel, {{L"ip_10.9.*"}, "{name} new", {}, {}}, [](size_t, size_t) {});
     ASSERT_EQ(plan.size(), 1u);

@@ -11,8 +11,8 @@
 #include "admin/PortStore.h"
 #include "admin/Text.h"
 #include "tests/support/ImportPatch.h"
+#include "tests/support/WinePrinter.h"
 #include "tools/kestctl/Command.h"
-#include "tools/kestctl/ControlJob.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -112,13 +112,13 @@ TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {
         (L"kest-port-" + std::to_wstring(GetCurrentProcessId()) + L".prn");
     SpoolerService spooler;
     EXPECT_THROW(spooler.StartJob(port, L"document", L""), CommandFailed);  // no queue there
-    const WineQueue queue(port);
+    const WinePrinter queue(port);
     EXPECT_THAT(QueuesOn(spooler.Queues(), port), ElementsAre(queue.Name()));
     EXPECT_THROW(spooler.StartJob(port, L"document", L"another"), CommandFailed);
     const auto job = spooler.StartJob(port, L"document", L"");
     EXPECT_EQ(job->Write(reinterpret_cast<const BYTE*>("a job"), 5), 5u);
     job->End();
-    EXPECT_THAT(job->Outcome(), HasSubstr("kestctl-"));
+    EXPECT_THAT(job->Outcome(), HasSubstr(ToUtf8(queue.Name())));
     std::ifstream printed(port, std::ios::binary);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(printed), {}), "a job");
     printed.close();

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "admin/Text.h"
+#include "tests/support/WinePrinter.h"
 #include "tools/kestctl/ControlJob.h"
 #include "tools/kestctl/SpoolerHost.h"
 
@@ -48,7 +49,8 @@ int wmain(int count, wchar_t** arguments) {
         SpoolerHost spooler(arguments[1]);
         std::ifstream file(std::filesystem::path(arguments[2]), std::ios::binary);
         const std::string bytes{std::istreambuf_iterator<char>(file), {}};
-        const ControlJob job(L"", L"job_starts");
+        const WinePrinter printer;
+        const ControlJob job(printer.Name(), L"job_starts");
         std::atomic<int> failed = 0;
         std::vector<std::thread> threads;
         for (int i = 3; i < count; ++i) {

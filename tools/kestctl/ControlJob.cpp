@@ -14,10 +14,6 @@ namespace {
 std::mutex liveLock;
 std::vector<ControlJob*> live;
 
-bool UnderWine() {
-    return GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "wine_get_version") != nullptr;
-}
-
 std::wstring DefaultPrinter() {
     DWORD size = 0;
     GetDefaultPrinterW(nullptr, &size);
@@ -46,51 +42,8 @@ bool PrintsDirectly(HANDLE printer) {
 
 }  // namespace
 
-// Named after the process, so that two of them do not share a queue.
-WineQueue::WineQueue(std::wstring port)
-    : name_(L"kestctl-" + std::to_wstring(GetCurrentProcessId())) {
-    wchar_t driverFile[] = L"wineps.drv";
-    wchar_t dataFile[] = L"generic.ppd";
-    wchar_t dataType[] = L"RAW";
-    DRIVER_INFO_3W driver = {};
-    driver.cVersion = 3;
-    driver.pName = name_.data();
-    driver.pDriverPath = driverFile;
-    driver.pDataFile = dataFile;
-    driver.pConfigFile = driverFile;
-    driver.pDefaultDataType = dataType;
-    wchar_t processor[] = L"WinPrint";
-    PRINTER_INFO_2W printer = {};
-    printer.pPrinterName = name_.data();
-    printer.pPortName = port.data();
-    printer.pDriverName = name_.data();
-    printer.pPrintProcessor = processor;
-    printer.pDatatype = dataType;
-    PRINTER_DEFAULTSW access = {nullptr, nullptr, PRINTER_ALL_ACCESS};
-    if (AddPrinterDriverExW(nullptr, 3, reinterpret_cast<BYTE*>(&driver),
-                            APD_COPY_NEW_FILES | APD_COPY_FROM_DIRECTORY)) {
-        printer_.Reset(AddPrinterW(nullptr, 2, reinterpret_cast<BYTE*>(&printer)));
-    }
-    // A process of this number that was killed left it behind.
-    if (!printer_ && GetLastError() == ERROR_PRINTER_ALREADY_EXISTS) {
-        OpenPrinterW(name_.data(), printer_.Out(), &access);
-    }
-    if (!printer_) {
-        throw CommandFailed("Wine makes no printer to control the job with: " +
-                            ErrorText(GetLastError()) + "; name one with --printer");
-    }
-}
-
-WineQueue::~WineQueue() {
-    DeletePrinter(printer_.Get());
-    DeletePrinterDriverExW(nullptr, nullptr, name_.data(), 0, 0);
-}
-
 ControlJob::ControlJob(const std::wstring& printer, const std::wstring& document)
     : printerName_(printer.empty() ? DefaultPrinter() : printer) {
-    if (printerName_.empty() && UnderWine()) {
-        printerName_ = ownQueue_.emplace().Name();
-    }
     if (printerName_.empty()) {
         throw CommandFailed(
             "there is no default printer to control the job with: "
@@ -135,7 +88,6 @@ ControlJob::~ControlJob() {
 void ControlJob::Remove() noexcept {
     SetJobW(printer_.Get(), id_, 0, nullptr, JOB_CONTROL_DELETE);
     AbortPrinter(printer_.Get());
-    ownQueue_.reset();
 }
 
 BOOL WINAPI ControlJob::OnConsoleEvent(DWORD) {

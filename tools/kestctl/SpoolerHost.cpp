@@ -1,6 +1,5 @@
 #include "tools/kestctl/SpoolerHost.h"
 
-#include <fstream>
 #include <utility>
 
 #include "admin/CommandFailed.h"
@@ -10,7 +9,6 @@
 #include "admin/Text.h"
 #include "admin/WindowsMachine.h"
 #include "diag/Log.h"
-#include "monitor/PortList.h"
 #include "tools/kestctl/Command.h"
 #include "tools/kestctl/ControlJob.h"
 
@@ -83,34 +81,6 @@ std::string StartFailure(const PortRecords& before, const PortRecords& after, bo
     return "the printer was found at the same address, and accepts no job there: " + reason + log;
 }
 
-// What the log of this process says from now on. A search tells nobody else whether it found
-// anything: the address that it stores may be the one that was there.
-class LogSince {
-  public:
-    LogSince() : begin_(Size()) {}
-
-    bool Has(const std::string& text) const {
-        std::ifstream log(Path(), std::ios::binary);
-        log.seekg(static_cast<std::streamoff>(begin_));
-        for (std::string line; std::getline(log, line);) {
-            if (line.find(text) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-  private:
-    static std::filesystem::path Path() { return LogPath(); }
-    static uintmax_t Size() {
-        std::error_code none;
-        const uintmax_t size = std::filesystem::file_size(Path(), none);
-        return none ? 0 : size;
-    }
-
-    uintmax_t begin_;
-};
-
 class HostJob : public PrintJob {
   public:
     HostJob(SpoolerHost& host, const std::wstring& port, const PortRecords& records,
@@ -124,14 +94,15 @@ class HostJob : public PrintJob {
         std::wstring documentName = document;
         wchar_t raw[] = L"RAW";
         DOC_INFO_1W info = {documentName.data(), nullptr, raw};
-        const LogSince log;
+        // A job that starts writes nothing but the address that a search has found.
+        const unsigned written = host.ValuesWritten();
         SetLastError(ERROR_SUCCESS);  // the monitor leaves it alone where it knows no code
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
                                     reinterpret_cast<LPBYTE>(&info))) {
             const DWORD error = GetLastError();
             throw CommandFailed(
                 portText_ + " does not start the job: " +
-                StartFailure(records, ReadPort(host, port), log.Has("Successfull!!!"), error));
+                StartFailure(records, ReadPort(host, port), host.ValuesWritten() != written, error));
         }
     }
 
@@ -160,13 +131,16 @@ class HostJob : public PrintJob {
         table_.pfnEndDocPort(port_.Get());
     }
 
-    // The monitor lets a connection linger for two minutes; the one that comes next is not to wait
-    // for that. The port's handle is the monitor's own record.
+    // The monitor lets a connection linger for two minutes, which would hold up the next job. The
+    // caller ends the process, so all of its connections are reset: the job's is among them.
     void Abandon() noexcept override {
-        const SOCKET socket = static_cast<const PortEntry*>(port_.Get())->socket.Get();
+        constexpr SOCKET kHandleStep = 4;
+        constexpr SOCKET kHandleLimit = 0x4000;  // far above what this program opens
         const linger reset = {1, 0};
-        setsockopt(socket, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&reset),
-                   sizeof(reset));
+        for (SOCKET handle = kHandleStep; handle < kHandleLimit; handle += kHandleStep) {
+            setsockopt(handle, SOL_SOCKET, SO_LINGER, reinterpret_cast<const char*>(&reset),
+                       sizeof(reset));  // fails for a handle that is not a socket
+        }
     }
 
     // The monitor tells nobody how the end of an LPR job went.
@@ -229,6 +203,12 @@ SpoolerHost::~SpoolerHost() {
         RegDeleteKeyW(root_.Get(), L"Ports");
         RegDeleteKeyW(HKEY_LOCAL_MACHINE, rootPath_.c_str());
     }
+}
+
+LONG SpoolerHost::WatchedRegistry::SetValue(HKEY key, LPCWSTR name, DWORD type, const BYTE* data,
+                                            DWORD size) {
+    ++valuesWritten;
+    return MonitorRegistry::SetValue(key, name, type, data, size);
 }
 
 std::filesystem::path SpoolerHost::LibraryBesideProgram() {

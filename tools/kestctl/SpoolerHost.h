@@ -9,6 +9,7 @@
 #include <winspool.h>
 #include <winsplp.h>
 
+#include <atomic>
 #include <filesystem>
 #include <string>
 
@@ -51,11 +52,19 @@ class SpoolerHost : public SpoolerChannel {
     const MONITOR2& Table() const { return *table_; }
     HANDLE Monitor() const { return monitor_; }
 
+    // How many registry values the monitor has written so far.
+    unsigned ValuesWritten() const { return registry_.valuesWritten; }
+
   private:
+    struct WatchedRegistry : MonitorRegistry {
+        LONG SetValue(HKEY key, LPCWSTR name, DWORD type, const BYTE* data, DWORD size) override;
+        std::atomic<unsigned> valuesWritten = 0;
+    };
+
     std::wstring rootPath_;
     bool madeRoot_ = false;
     UniqueRegistryKey root_;
-    MonitorRegistry registry_;
+    WatchedRegistry registry_;
     MONITORINIT init_;
     UniqueLibrary library_;
     MONITOR2* table_ = nullptr;

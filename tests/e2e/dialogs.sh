@@ -1,0 +1,115 @@
+#!/usr/bin/env bash
+# The dialogs that Windows opens by AddPort, ConfigurePort and DeletePort, driven by keyboard, and
+# what they leave in Wine's print spooler. Runs itself again in a network namespace, because the
+# dialogs search for printers: dialogs.sh [inside]
+. "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
+. "$root/tests/support/netns.sh"
+. "$root/tests/support/screen.sh"
+. "$root/tests/support/moving.sh"
+. "$root/tests/support/spooler.sh"
+
+if [ $# -eq 0 ]; then
+    netns_need
+    netns_up
+    # shellcheck disable=SC2034 # moving.sh runs the printers there
+    printers_host=(ip netns exec "$peer_ns")
+    work=$(mktemp -d "$build/dialogs.XXXXXX")
+    at_exit "rm -rf '$work'"
+    printers "$work" 10.77.1.20 10.77.1.31
+    agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)" \
+        "service:printer first=10.77.1.31 list=$(announcement 10.77.1.31 00040000004D prn-2 Model_200)"
+    in_client "$0" inside
+    exit
+fi
+
+screen_up
+spooler_on "$screen_prefix" on_screen
+spooler_install
+
+# opens TITLE TEXT COMMAND...: a print function opens this window. Its outcome is for `closes`.
+opens() {
+    exec {outcome}< <(spooler "${@:3}" 2>&1 || true)
+    shows "$1" "$2"
+}
+shows() { expect 0 ok spooler window "$1" "$2"; }
+closes() {
+    local said
+    said=$(cat <&"$outcome")
+    exec {outcome}<&-
+    [ "$said" = "$1" ] || fail "the function ended with '$said' instead of '$1'"
+}
+keys() { DISPLAY=$screen_display xdotool key --delay 50 "$@"; }
+write() { DISPLAY=$screen_display xdotool type --delay 50 "$1"; }
+
+say "add a port: an address is typed, and the printer there is followed"
+opens "Add a printer port" "2 printers answered." add-port kestmon
+keys alt+r
+write 10.77.1.20
+keys alt+n ctrl+a
+write OFFICE
+shows "Add a printer port" "by its MAC address 00:04:00:4A:1B:2C, or by its name prn-1"
+keys alt+a
+closes ok
+expect 0 '"address": "10.77.1.20"' kestctl port show OFFICE --json
+expect 0 '"mac": "0004004A1B2C"' kestctl port show OFFICE --json
+
+say "add a port: one of the list is picked, then all is cancelled"
+opens "Add a printer port" "2 printers answered." add-port kestmon
+keys alt+p Down
+shows "Add a printer port" "It is found again by"
+keys Escape
+closes "error 1223"
+expect 0 $'LPT3:\nOFFICE\nok' spooler ports
+
+say "a name that is taken is refused, another one is not"
+opens "Add a printer port" "2 printers answered." add-port kestmon
+keys alt+r
+write 10.77.1.31
+keys alt+n ctrl+a
+write office
+keys Return
+shows "Add a printer port" "There is a port of this name."
+keys alt+n ctrl+a
+write LABELS
+keys Return
+closes ok
+expect 0 $'LABELS\nOFFICE\nok' spooler ports
+
+say "configure a port"
+opens "Configure port LABELS" "10.77.1.31" configure-port LABELS
+keys alt+l alt+q
+write zebra
+keys Return
+closes ok
+expect 0 "lpr to 10.77.1.31:515, queue zebra" kestctl port list
+expect 0 ok spooler add-printer Laser LABELS
+
+say "a port that a printer uses is not deleted, another one is"
+opens "Delete port" "Laser" delete-port LABELS
+keys Escape
+closes "error 1223"
+opens "Delete port" "Delete the port OFFICE?" delete-port OFFICE
+keys alt+d
+closes ok
+expect 0 $'LPT3:\nLABELS\nok' spooler ports
+
+say "who may not manage ports is told so"
+export SPOOLER_DENIES_ACCESS=1
+refused="This takes the right to manage the print server."
+opens "Add a printer port" "$refused" add-port kestmon
+keys Return
+closes "error 1223"
+opens "Configure port" "$refused" configure-port LABELS
+keys Return
+closes "error 1223"
+opens "Delete port" "$refused" delete-port LABELS
+keys Return
+closes "error 1223"
+unset SPOOLER_DENIES_ACCESS
+expect 0 $'LPT3:\nLABELS\nok' spooler ports
+
+say "a monitor that is not loaded opens no window"
+mv "$screen_prefix/drive_c/windows/system32/kestmon.dll" "$screen_prefix/kept.dll"
+expect 1 "error" spooler add-port kestmon
+expect 1 "error" spooler configure-port LABELS
+expect 1 "error" spooler delete-port LABELS
