@@ -233,7 +233,7 @@ int main(int argumentCount, char** arguments) {
                  .jobs = 1,
                  .mebibytes = 1024,
                  .aim = 0.97},
-                1024 * kMebibyte, 64 * 1024);
+                1024 * kMebibyte, size_t{64} * 1024);
     CompareJobs({.title = "1,000 RAW jobs of 1 KiB, time for each",
                  .name = "monitor",
                  .rounds = 7,

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-constexpr size_t kMebibyte = 1024 * 1024;
+constexpr size_t kMebibyte = size_t{1024} * 1024;
 
 [[noreturn]] inline void Fail(const char* what) {
     fprintf(stderr, "bench: %s (error %lu)\n", what, GetLastError());
@@ -36,13 +36,19 @@ class Sink {
     Sink() : listener_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)) {
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        listen(listener_, SOMAXCONN);
+        if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+            listen(listener_, SOMAXCONN) != 0) {
+            Fail("no loopback listener");
+        }
         int size = sizeof(address);
         getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
         std::thread([this] {
             std::vector<char> buffer(kMebibyte);
-            for (SOCKET job; (job = accept(listener_, nullptr, nullptr)) != INVALID_SOCKET;) {
+            for (;;) {
+                const SOCKET job = accept(listener_, nullptr, nullptr);
+                if (job == INVALID_SOCKET) {
+                    break;
+                }
                 while (recv(job, buffer.data(), static_cast<int>(buffer.size()), 0) > 0) {
                 }
                 closesocket(job);

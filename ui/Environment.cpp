@@ -31,7 +31,8 @@ bool Connects(const std::string& text, WORD port, const GoOn& goOn) {
     const UniqueSocket connection(socket(target.ss_family, SOCK_STREAM, IPPROTO_TCP));
     u_long nonBlocking = 1;
     ioctlsocket(connection.Get(), FIONBIO, &nonBlocking);
-    connect(connection.Get(), reinterpret_cast<sockaddr*>(&target), length);
+    // It has not connected yet when this returns; the loop below waits for that.
+    (void)connect(connection.Get(), reinterpret_cast<sockaddr*>(&target), length);
     const ULONGLONG end = GetTickCount64() + kConnectTime;
     while (connection && goOn() && GetTickCount64() < end) {
         fd_set connected;

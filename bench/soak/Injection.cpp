@@ -70,6 +70,7 @@ void* InjectedRealloc(void* old, size_t size) {
     if (size > 0 && Strikes(Fault::Memory)) {
         return nullptr;
     }
+    // NOLINTNEXTLINE(clang-analyzer-optin.portability.UnixAPI): a size of 0 is the caller's choice.
     void* block = realloc(old, size);
     held.blocks += (old == nullptr && block != nullptr) - (old != nullptr && size == 0);
     return block;

@@ -39,7 +39,8 @@ template <size_t N>
 Behaviour Choose(Random& random, const Chance (&chances)[N]) {
     double draw = random.Below(1'000'000) / 1e6;
     for (const Chance& chance : chances) {
-        if ((draw -= chance.probability) < 0) {
+        draw -= chance.probability;
+        if (draw < 0) {
             return chance.behaviour;
         }
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 
 #include "monitor/Lpr.h"
 #include "monitor/PortConfig.h"
@@ -126,7 +127,9 @@ PrintQueue::PrintQueue(FakeSpooler& spooler, uint64_t seed, uint32_t number)
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(refusing_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    if (bind(refusing_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        throw std::runtime_error("no loopback port is free");
+    }
     int size = sizeof(address);
     getsockname(refusing_, reinterpret_cast<sockaddr*>(&address), &size);
     refusingPort_ = ntohs(address.sin_port);

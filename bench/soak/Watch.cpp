@@ -21,7 +21,8 @@ int64_t Now() {
 // For the work itself, while all the others do theirs.
 constexpr double kSlack = 5;
 // A call that needs the lock may come behind an acknowledgement that every LPR port waits for.
-constexpr double kLock = kAcknowledgeSeconds * (kPorts - kPorts / 3);
+constexpr uint32_t kLprPorts = kPorts - kPorts / 3;
+constexpr double kLock = kAcknowledgeSeconds * kLprPorts;
 // A printer of the soak goes on after a third of a second at the latest.
 constexpr double kPrinter = 1;
 
@@ -138,7 +139,7 @@ LatenessClock::LatenessClock()
           while (!done_) {
               const int64_t begin = Now();
               WaitForSingleObject(never, kWait);
-              lateness += std::max<int64_t>(Now() - begin - 1000 * kWait, 0);
+              lateness += std::max<int64_t>(Now() - begin - int64_t{1000} * kWait, 0);
           }
           CloseHandle(never);
       }) {}

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -88,9 +89,11 @@ class TcpPeer {
         v4.sin_family = AF_INET;
         v4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         const bool is6 = family == AF_INET6;
-        bind(listener_, is6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4),
-             is6 ? sizeof(v6) : sizeof(v4));
-        listen(listener_, SOMAXCONN);
+        const auto* own = is6 ? reinterpret_cast<sockaddr*>(&v6) : reinterpret_cast<sockaddr*>(&v4);
+        if (bind(listener_, own, is6 ? sizeof(v6) : sizeof(v4)) != 0 ||
+            listen(listener_, SOMAXCONN) != 0) {
+            throw std::runtime_error("cannot listen on loopback");
+        }
         addressSize_ = sizeof(address_);
         getsockname(listener_, reinterpret_cast<sockaddr*>(&address_), &addressSize_);
         // The port is at the same place in both families.
@@ -107,7 +110,7 @@ class TcpPeer {
         stopping_ = true;
         // Closing a socket does not wake an accept everywhere; a last connection does.
         const SOCKET last = socket(address_.ss_family, SOCK_STREAM, IPPROTO_TCP);
-        connect(last, reinterpret_cast<sockaddr*>(&address_), addressSize_);
+        (void)connect(last, reinterpret_cast<sockaddr*>(&address_), addressSize_);
         thread_.join();
         std::unique_lock lock(mutex_);
         ended_.wait(lock, [this] { return running_ == 0; });
