@@ -65,9 +65,10 @@ wine_server() { "$(command -v wineserver || echo /usr/lib/wine/wineserver64)" "$
 
 wine_running() { [ -d "$WINEPREFIX" ] && wine_server -k0 2>/dev/null; }
 
-# Makes the template of all prefixes if there is none for this version of Wine (about 8 s). No server
-# opens it afterwards. Programs that would only cost time do not start in its copies: services for USB
-# and input devices, and the event log. No folder of it leads to the user's own files.
+# Makes the template of all prefixes if there is none for this version of Wine (about 8 s). No
+# server opens it afterwards. Programs that would only cost time do not start in its copies:
+# services for USB and input devices, and the event log. No folder of it leads to the user's own
+# files.
 wine_template() {
     local inf=/usr/share/wine/wine.inf service link
     [ -d "$template" ] && [ ! "$inf" -nt "$template" ] && return
@@ -154,8 +155,8 @@ wine_discard() {
     fi
 }
 
-# Starts the server of build/wine unless it runs; the last script that uses it ends it. The server of
-# a machine runs already.
+# Starts the server of build/wine unless it runs; the last script that uses it ends it. The server
+# of a machine runs already.
 wine_up() {
     [ -z "${KEST_WINEPREFIX:-}" ] || return 0
     wine_template

@@ -18,7 +18,8 @@ in_peer ip route add blackhole 10.77.1.2/32
     for n in {1..3}; do echo "DARK-$n,10.77.1.2"; done
 } >"$work/ports.csv"
 in_client "${kestctl[@]}" port import "Z:$work/ports.csv" >/dev/null
-standard='HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\Standard TCP/IP Port\Ports\IP_10.77.1.2'
+monitors='HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors'
+standard=$monitors'\Standard TCP/IP Port\Ports\IP_10.77.1.2'
 in_client wine reg add "$standard" /v HostName /d 10.77.1.2 >/dev/null
 in_client wine reg add "$standard" /v Protocol /t REG_DWORD /d 1 >/dev/null
 

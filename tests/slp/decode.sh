@@ -87,7 +87,8 @@ END
 
 decode srvloc -O srvloc >"$work/decoded"
 ! grep -iE 'malformed|unknown|illegal' "$work/decoded" || fail "tshark cannot read all of it"
-[ "$(grep -c 'Version: 1' "$work/decoded")" -eq "$(grep -c 'Encoding: UTF-8 (106)' "$work/decoded")" ] ||
+count() { grep -c "$1" "$work/decoded"; }
+[ "$(count 'Version: 1')" -eq "$(count 'Encoding: UTF-8 (106)')" ] ||
     fail "a version 1 message is not in UTF-8"
 # A UDP header has 8 bytes; the rest is the message, of which nothing is left over.
 decode 'srvloc and udp' -T fields -e udp.length -e srvloc.pktlen |

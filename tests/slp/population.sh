@@ -55,5 +55,6 @@ shown=$(client_wine "$2" slp find service:shown --interface 10.77.255.1)
 if shown=$(client_wine "$2" slp find service:six 2>&1); then
     fail "agents with IPv6 only answer a search by IPv4: $shown"
 fi
-prints '"ip": "fd77:0:0:1::3"' client_wine "$2" slp find service:six --unicast fd77:0:0:1::3 --json ||
+six=(service:six --unicast fd77:0:0:1::3)
+prints '"ip": "fd77:0:0:1::3"' client_wine "$2" slp find "${six[@]}" --json ||
     fail "kestctl slp find --json does not show the agent"

@@ -6,7 +6,8 @@
 #   spooler_on PREFIX COMMAND...  where it is: a Wine prefix, and a command that runs programs there
 #                                 (a machine of wine_machine without this call)
 #   spooler_install [PROGRAM]     has the spooler load the monitor, installed by `kestctl monitor
-#                                 install` of this kestctl.exe; the one that was built if none is given
+#                                 install` of this kestctl.exe; the one that was built if none is
+# given
 #   spooler_bridge                the same for a monitor that something else has installed
 #   kestctl ARGUMENT...           runs kestctl there
 #   spooler ARGUMENT...           calls a print function there: see Spooler.cpp
