@@ -26,6 +26,13 @@ fail() {
     exit 1
 }
 
+# Prefix of a command that plays a machine in a simulated network. Searches and acknowledgements have
+# time limits, so a busy test machine must not slow it down. Only root may raise a priority, outside
+# some containers.
+priority=()
+# shellcheck disable=SC2034 # for those that source this
+[ -n "$(nice -n -15 true 2>&1)" ] || priority=(nice -n -15)
+
 # Whether a command succeeds and prints a text. Piped to `grep -q`, it could end early and fail.
 prints() {
     local text=$1 output
