@@ -16,11 +16,6 @@ printers_host=()               # a command that runs others where the printers a
 printers_pid=
 agents_pid=
 
-# They stand for machines of their own, which a busy test machine must not slow down. Only root may
-# raise a priority, outside some containers.
-priority=()
-[ -n "$(nice -n -15 true 2>&1)" ] || priority=(nice -n -15)
-
 printers() {
     in_place_of "$printers_pid" printers "$root/tests/support/printers.py" "$@"
     printers_pid=$started

@@ -22,8 +22,8 @@ client_ns=kest-$$-client
 peer_ns=kest-$$-peer
 client_prefix=
 
-in_client() { ip netns exec "$client_ns" "$@"; }
-in_peer() { ip netns exec "$peer_ns" "$@"; }
+in_client() { "${priority[@]}" ip netns exec "$client_ns" "$@"; }
+in_peer() { "${priority[@]}" ip netns exec "$peer_ns" "$@"; }
 client_wine() { WINEPREFIX=$client_prefix in_client wine "$@"; }
 
 netns_allowed() {
