@@ -120,6 +120,7 @@ TEST(MigrateCommand, ThePlanShowsWhatTheNewPortsCannotDo) {
     EXPECT_THAT(plan[0]["remark"].get<std::string>(), HasSubstr("after 2 GiB in total"));
     EXPECT_THAT(plan[1]["remark"].get<std::string>(), HasSubstr("each job takes 4 s longer"));
     EXPECT_EQ(plan[2]["remark"], "");
+    ASSERT_TRUE(plan[2].contains("settings")) << plan[2];
     EXPECT_EQ(plan[2]["settings"]["snmp"]["enabled"], false) << plan[2];
 }
 
