@@ -15,7 +15,7 @@ namespace {
 // Without a port, which C libraries read differently when it is too great for them.
 bool SscanfTakesIPv4(const std::string& text) {
     unsigned octet[4];
-    char more;
+    char more = 0;
     return text.find_first_not_of("0123456789.") == std::string::npos &&
            std::sscanf(text.c_str(), "%3u.%3u.%3u.%3u%c", &octet[0], &octet[1], &octet[2],
                        &octet[3], &more) == 4 &&

@@ -271,10 +271,11 @@ int SnmpSession::GetNetworkSettings(std::string& ipAddress, std::string& gateway
     SnmpValue gatewayValue;
     SnmpValue addressValue;
     SnmpValue methodValue;
-    request->bindings[0] = {kSubnetMaskOid, nullptr, &maskValue};
-    request->bindings[1] = {kGatewayOid, nullptr, &gatewayValue};
-    request->bindings[2] = {kAddressOid, nullptr, &addressValue};
-    request->bindings[3] = {kConfigMethodOid, nullptr, &methodValue};
+    SnmpBinding* const bindings = request->bindings;
+    bindings[0] = {kSubnetMaskOid, nullptr, &maskValue};
+    bindings[1] = {kGatewayOid, nullptr, &gatewayValue};
+    bindings[2] = {kAddressOid, nullptr, &addressValue};
+    bindings[3] = {kConfigMethodOid, nullptr, &methodValue};
     if (const int result = Request(*request); result != kDone) {
         return result;
     }
@@ -302,9 +303,10 @@ int SnmpSession::SetNetworkSettings(const std::string& ipAddress, const std::str
     const AddressValue addressValue(ipAddress);
     const AddressValue gatewayValue(gateway);
     const AddressValue maskValue(subnetMask);
-    request->bindings[0] = {kAddressOid, addressValue.Get(), nullptr};
-    request->bindings[1] = {kGatewayOid, gatewayValue.Get(), nullptr};
-    request->bindings[2] = {kSubnetMaskOid, maskValue.Get(), nullptr};
+    SnmpBinding* const bindings = request->bindings;
+    bindings[0] = {kAddressOid, addressValue.Get(), nullptr};
+    bindings[1] = {kGatewayOid, gatewayValue.Get(), nullptr};
+    bindings[2] = {kSubnetMaskOid, maskValue.Get(), nullptr};
     return Request(*request);
 }
 

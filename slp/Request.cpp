@@ -235,9 +235,11 @@ bool Request::Serve(Fetch& fetch) {
         AttributeRequest message = question_.message;
         message.multicast = false;
         const auto bytes = Encode(message);
+        if (events.iErrorCode[FD_CONNECT_BIT] != 0 || !bytes) {
+            return false;
+        }
         const int size = static_cast<int>(bytes->size());
-        if (events.iErrorCode[FD_CONNECT_BIT] != 0 ||
-            send(fetch.socket.get(), bytes->data(), size, 0) != size) {
+        if (send(fetch.socket.get(), bytes->data(), size, 0) != size) {
             return false;
         }
     }

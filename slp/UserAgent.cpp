@@ -83,8 +83,9 @@ SLPError UserAgent::Ask(const Query& query, Question& question) const {
     std::optional<Address> to = unicast_;
     if (!to && query.to != nullptr) {
         to = Address::From(query.to);
-    } else if (!to) {
-        to = Address::Parse(query.version == 1 ? kGroup1 : kGroup2)->WithPort(kPort);
+    } else if (const auto group = Address::Parse(query.version == 1 ? kGroup1 : kGroup2);
+               !to && group) {
+        to = group->WithPort(kPort);
     }
     if (!to || !(to->IsMulticast() || to->IsHost())) {
         return SLP_PARAMETER_BAD;
