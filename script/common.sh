@@ -35,9 +35,10 @@ source_date() {
     local earliest=315532800
     echo "${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct 2>/dev/null || echo $earliest)}"
 }
-# Prefix of a command that plays a machine in a simulated network. Searches and acknowledgements have
-# time limits, so a busy test machine must not slow it down. Only root may raise a priority, outside
-# some containers.
+
+# Prefix of a command that plays a machine in a simulated network. Searches and acknowledgements
+# have time limits, so a busy test machine must not slow it down. Only root may raise a priority,
+# outside some containers.
 priority=()
 # shellcheck disable=SC2034 # for those that source this
 [ -n "$(nice -n -15 true 2>&1)" ] || priority=(nice -n -15)
