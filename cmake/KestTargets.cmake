@@ -23,8 +23,13 @@ function(kest_test name)
 endfunction()
 
 # kest_shipped(NAME): NAME is part of a release. Its link map lists the libraries that are linked into
-# it; the target `shipped` builds all that is part of a release.
+# it; the target `shipped` builds all that is part of a release. Its resources have the version, and
+# CMake does not find out what a resource script includes.
 function(kest_shipped name)
+    get_target_property(resources ${name} SOURCES)
+    list(FILTER resources INCLUDE REGEX "\\.rc$")
+    set_property(SOURCE ${resources} APPEND PROPERTY OBJECT_DEPENDS
+        ${PROJECT_BINARY_DIR}/generated/Version.h ${PROJECT_SOURCE_DIR}/resources/VersionInfo.inc)
     target_link_options(${name} PRIVATE -Wl,-Map=${PROJECT_BINARY_DIR}/${name}.map)
     add_dependencies(shipped ${name})
 endfunction()
