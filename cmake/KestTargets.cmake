@@ -18,9 +18,10 @@ function(kest_test_program target)
     set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
 endfunction()
 
-# kest_test(NAME [WINE_ONLY] [EACH] [USES library...]) The unit test FOLDER.NAME: the program of
-# NAMETest.cpp, run under Wine on a machine of its own. With EACH, every test of it runs in a
-# process of its own. Unless it is WINE_ONLY it can run on a real Windows, too.
+# kest_test(NAME [WINE_ONLY] [EACH] [USES library...])
+# The unit test FOLDER.NAME: the program of NAMETest.cpp, run under Wine on a machine of its own.
+# With EACH, every test of it runs in a process of its own. Unless it is WINE_ONLY it can run on a
+# real Windows, too.
 function(kest_test name)
     cmake_parse_arguments(ARG "WINE_ONLY;EACH" "" "USES" ${ARGN})
     cmake_path(GET CMAKE_CURRENT_SOURCE_DIR FILENAME folder)
@@ -39,9 +40,9 @@ function(kest_test name)
     set_tests_properties(${test} PROPERTIES LABELS "${labels}" TIMEOUT 900)
 endfunction()
 
-# kest_script_test(NAME SCRIPT [SLOW] [ARGUMENTS argument...]) The end-to-end test e2e.NAME: a
-# script of this folder. A slow one starts early, and no other slow one runs beside it: their
-# simulated printers need the processor.
+# kest_script_test(NAME SCRIPT [SLOW] [ARGUMENTS argument...])
+# The end-to-end test e2e.NAME: a script of this folder. A slow one starts early, and no other slow
+# one runs beside it: their simulated printers need the processor.
 function(kest_script_test name script)
     cmake_parse_arguments(ARG "SLOW" "" "ARGUMENTS" ${ARGN})
     add_test(NAME e2e.${name} COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${ARG_ARGUMENTS})
@@ -53,8 +54,13 @@ function(kest_script_test name script)
 endfunction()
 
 # kest_shipped(NAME): NAME is part of a release. Its link map lists the libraries that are linked
-# into it; the target `shipped` builds all that is part of a release.
+# into it; the target `shipped` builds all that is part of a release. Its resources have the version,
+# and CMake does not find out what a resource script includes.
 function(kest_shipped name)
+    get_target_property(resources ${name} SOURCES)
+    list(FILTER resources INCLUDE REGEX "\\.rc$")
+    set_property(SOURCE ${resources} APPEND PROPERTY OBJECT_DEPENDS
+        ${PROJECT_BINARY_DIR}/generated/Version.h ${PROJECT_SOURCE_DIR}/resources/VersionInfo.inc)
     target_link_options(${name} PRIVATE -Wl,-Map=${PROJECT_BINARY_DIR}/${name}.map)
     add_dependencies(shipped ${name})
 endfunction()
