@@ -59,9 +59,11 @@ BOOL WINAPI StartDocPort(HANDLE port, LPWSTR, DWORD job, DWORD level, LPBYTE doc
     return monitor.pfnStartDocPort(port, printer.data(), job, level, document);
 }
 
+// The spooler itself opens the channel without a name, to load the dialogs.
 BOOL WINAPI XcvOpenPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHANDLE xcv) {
-    if (GetEnvironmentVariableW(L"SPOOLER_DENIES_ACCESS", nullptr, 0) != 0) {
-        granted &= ~static_cast<ACCESS_MASK>(SERVER_ACCESS_ADMINISTER);
+    if (*object != L'\0' && GetEnvironmentVariableW(L"SPOOLER_DENIES_ACCESS", nullptr, 0) != 0) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
     }
     return monitor.pfnXcvOpenPort(handle, object, granted, xcv);
 }
