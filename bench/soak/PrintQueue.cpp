@@ -120,16 +120,7 @@ PrintQueue::PrintQueue(FakeSpooler& spooler, uint64_t seed, uint32_t number)
       protocol_(ProtocolOf(number)),
       name_(L"P" + std::to_wstring(number)),
       nextJob_(number),
-      refusing_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)),
       printer_(std::make_unique<TcpPeer>([this](PeerConnection& job) { ServeVisitor(job); })) {
-    // Bound, but not listening: nobody else gets this port, and who connects to it is refused.
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(refusing_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    int size = sizeof(address);
-    getsockname(refusing_, reinterpret_cast<sockaddr*>(&address), &size);
-    refusingPort_ = ntohs(address.sin_port);
     Replace();
     Reopen();
 }
@@ -312,7 +303,7 @@ bool PrintQueue::Start(Attempt& attempt) {
     const bool refused = attempt.plan.behaviour == Behaviour::Refuses;
     if (refused) {
         staying = std::unique_lock(replacing_);
-        spooler_.SetNumber(name_, L"PortNumber", refusingPort_);
+        spooler_.SetNumber(name_, L"PortNumber", refusing_.number);
     }
     std::wstring printer = Strikes(Fault::UnknownPrinter) ? L"Nobody" : L"Office";
     const uint32_t epoch = epoch_;

@@ -78,8 +78,7 @@ class PrintQueue {
     std::map<uint32_t, std::shared_ptr<Visit>> visits_;  // by the address that they come from
     uint32_t nextVisitor_ = 0;
     std::atomic<int> visitors_ = 0;
-    SOCKET refusing_ = INVALID_SOCKET;
-    WORD refusingPort_ = 0;
+    RefusingPort refusing_;
     std::unique_ptr<TcpPeer> printer_;  // last: its threads use the rest
 };
 

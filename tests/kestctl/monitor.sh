@@ -20,7 +20,7 @@ expect() {
 
 # All that set-up may change.
 machine() {
-    find "$system" -printf '%P %s %t\n' | LC_ALL=C sort # other prefixes link the same files
+    find "$system" -type f -printf '%P %s %t\n' | LC_ALL=C sort # other prefixes link the same files
     wine reg query "$key" /s
 }
 same_as_before() { diff <(printf '%s\n' "$before") <(machine) || fail "$1 left something behind"; }

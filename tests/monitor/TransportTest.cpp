@@ -113,15 +113,15 @@ TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
 
 TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
     TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
-    TcpPeer gone([](PeerConnection&) {});
-    gone.Finish();
+    const RefusingPort refusing;
     HANDLE port = OpenPort(printer.port);
     const struct {
         const char* what;
         std::function<void()> spoil;
         DWORD error;
     } cases[] = {
-        {"refused", [&] { spooler.SetNumber(L"P", L"PortNumber", gone.port); }, WSAECONNREFUSED},
+        {"refused", [&] { spooler.SetNumber(L"P", L"PortNumber", refusing.number); },
+         WSAECONNREFUSED},
         {"no address", [&] { spooler.SetText(L"P", L"IPAddress", L""); }, WSAHOST_NOT_FOUND},
         {"no IPv6 address", [&] { spooler.SetNumber(L"P", L"UseIPV6", 1); }, WSAHOST_NOT_FOUND},
         {"registry",

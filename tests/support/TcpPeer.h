@@ -75,6 +75,28 @@ class PeerConnection {
     SOCKET socket_;
 };
 
+// A port that refuses connections: bound, but not listening. No other program can take it.
+class RefusingPort {
+  public:
+    RefusingPort() : socket_(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP)) {
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        int size = sizeof(address);
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
+        number = ntohs(address.sin_port);
+    }
+    ~RefusingPort() { closesocket(socket_); }
+    RefusingPort(const RefusingPort&) = delete;
+    RefusingPort& operator=(const RefusingPort&) = delete;
+
+    WORD number = 0;
+
+  private:
+    SOCKET socket_;
+};
+
 class TcpPeer {
   public:
     using Script = std::function<void(PeerConnection&)>;
