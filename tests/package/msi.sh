@@ -73,7 +73,7 @@ old=$work/old.msi new=$work/new.msi
 "$root/package/make-msi" 0.9.0 "$old"
 "$root/package/make-msi" 1.0.0 "$new"
 
-# What printing and the bridge leave behind is no matter of the package.
+# Printing and the bridge leave files and registry values that do not belong to the package.
 cp "$build/tests/spooler_bridge.dll" "$system"
 spooler add-printer Laser NUL: >/dev/null
 spooler delete-printer Laser >/dev/null

@@ -24,7 +24,7 @@ MONITOR2 monitor = {};  // the table of kestmon.dll
 std::mutex lock;
 std::map<HANDLE, std::wstring> openedPorts;  // the name of each port handle; guarded by `lock`
 
-// Returns the name of the first printer whose ports include this one; empty if there is none.
+// Returns the name of the first printer on a port; empty if there is none.
 std::wstring PrinterOn(const std::wstring& port) {
     DWORD needed = 0;
     DWORD count = 0;
