@@ -16,8 +16,10 @@ if [ $# -eq 0 ]; then
     work=$(mktemp -d "$build/dialogs.XXXXXX")
     at_exit "rm -rf '$work'"
     printers "$work" 10.77.1.20 10.77.1.31
-    agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)" \
-        "service:printer first=10.77.1.31 list=$(announcement 10.77.1.31 00040000004D prn-2 Model_200)"
+    first=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)
+    second=$(announcement 10.77.1.31 00040000004D prn-2 Model_200)
+    agents "service:printer first=10.77.1.20 list=$first" \
+        "service:printer first=10.77.1.31 list=$second"
     in_client "$0" inside
     exit
 fi
@@ -35,7 +37,8 @@ opens() {
 shows() { expect 0 ok spooler window "$1" "$2"; }
 closes() {
     wait $! || true
-    [ "$(cat "$outcome")" = "$1" ] || fail "the function ended with '$(cat "$outcome")', not with '$1'"
+    [ "$(cat "$outcome")" = "$1" ] ||
+        fail "the function ended with '$(cat "$outcome")', not with '$1'"
 }
 keys() { DISPLAY=$screen_display xdotool key --delay 50 "$@"; }
 write() { DISPLAY=$screen_display xdotool type --delay 50 "$1"; }

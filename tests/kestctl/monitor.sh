@@ -60,8 +60,8 @@ expect 0 "0 ports are kept in" monitor remove --keep-ports "Z:$folder/kept.json"
 same_as_before "remove through the spooler"
 program=$build/bin/kestctl.exe
 
-# Past the spooler, before, while and after Wine's spooler has the monitor to load: it loads the same
-# library into kestctl for itself, where the monitor refuses to start without a registry.
+# Past the spooler, before, while and after Wine's spooler has the monitor to load: it loads the
+# same library into kestctl for itself, where the monitor refuses to start without a registry.
 direct() {
     expect 0 added --direct port add OFFICE --address 127.0.0.1
     expect 0 "1 port" --direct port export 'C:\work\ports.json' --force

@@ -73,7 +73,8 @@ await() {
 await ready
 truncate -s 50M large.bin
 set -m # a group of its own, which hears Ctrl-C
-wine "$build/bin/kestctl.exe" --direct print large.bin --port "$office" --printer Control 2>/dev/null &
+wine "$build/bin/kestctl.exe" --direct print large.bin --port "$office" --printer Control \
+    2>/dev/null &
 job=$!
 set +m
 await printing
