@@ -54,4 +54,4 @@ peer_received lpr arrived && cmp arrived document.bin
 say "they move back"
 expect 0 "" kestctl port migrate --undo undo.json
 [ "$(spooler printers)" = "$before" ] || fail "after --undo the printers are: $(spooler printers)"
-expect 0 "there is no port yet" kestctl port list
+expect 0 "There are no ports" kestctl port list

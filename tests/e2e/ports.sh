@@ -9,7 +9,7 @@ mkdir "$work"
 spooler_install
 
 say "a port without a printer"
-expect 0 "there is no port yet" kestctl port list
+expect 0 "There are no ports" kestctl port list
 expect 0 "added: raw to 127.0.0.1:9100" kestctl port add Büro --address 127.0.0.1
 expect 1 "already there" kestctl port add BÜRO --address 127.0.0.1
 expect 1 "choose another" kestctl port add LPT1: --address 127.0.0.1

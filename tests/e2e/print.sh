@@ -53,7 +53,7 @@ expect 0 "standard input: 3000000 bytes" kestctl print - --port LPR --as Übersi
 arrived lpr document.bin
 
 say "no bytes"
-expect 1 "there is nothing to print" kestctl print empty.bin --port RAW
+expect 1 "empty.bin is empty" kestctl print empty.bin --port RAW
 expect 0 ok spooler print "on RAW" empty.bin
 arrived raw empty.bin
 # A length of 0 is announced here, too.

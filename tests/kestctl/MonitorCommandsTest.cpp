@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "Version.h"
 #include "tests/support/FakeMachine.h"
 #include "tests/support/LogCapture.h"
 #include "tools/kestctl/Interruption.h"
@@ -14,6 +15,9 @@ using testing::HasSubstr;
 using testing::Not;
 
 namespace {
+
+const std::string kThisRelease = KESTMON_VERSION_STRING;
+const std::string kNextRelease = "2" + kThisRelease.substr(1);  // FakeMachine::MakePackage(2)
 
 constexpr wchar_t kPort[] = L"\\Monitors\\kestmon\\Ports\\MY PORT";
 
@@ -62,9 +66,9 @@ TEST(MonitorCommands, InstallUpdateAndInstallAgain) {
     WriteAll(machine.system / "SLPConf.xml", text);
     machine.MakePackage(2);
     EXPECT_THAT(Install(machine),
-                AllOf(HasSubstr("1.0.0 becomes 2.0.0"),
+                AllOf(HasSubstr(kThisRelease + " becomes " + kNextRelease),
                       HasSubstr("stopping Fax\nstopping Spooler\nstarting Spooler\nstarting Fax\n"),
-                      HasSubstr("kestmon 2.0.0 is installed")));
+                      HasSubstr("kestmon " + kNextRelease + " is installed")));
     state[L"SLPConf.xml"] = "<another";
     state[L"kestmon.dll"] = state[L"slp64.dll"] = state[L"loaded"] = "2";
     EXPECT_EQ(machine.State(), state);  // no copy and no old file is left
@@ -144,7 +148,7 @@ TEST(MonitorCommands, InstallRefusesBeforeItChangesAnything) {
     const std::string library = ReadAll(machine.package / "slp64.dll");
     machine.MakePackage(2);
     WriteAll(machine.package / "slp64.dll", library);
-    refuses("different releases, 2.0.0 and 1.0.0");
+    refuses("different releases, " + kNextRelease + " and " + kThisRelease);
     machine.MakePackage(1);
     WriteAll(machine.system / "slp64.dll", "of another product");
     refuses("another product's");
@@ -233,7 +237,7 @@ TEST(MonitorCommands, DryRunsAndJson) {
     EXPECT_EQ(machine.steps, 0);
     document = run({"install", "--from", package});
     EXPECT_EQ(document["report"].back(),
-              "kestmon 1.0.0 is installed, and the print spooler has loaded it");
+              "kestmon " + kThisRelease + " is installed, and the print spooler has loaded it");
     const auto installed = machine.State();
     machine.MakePackage(2);
     EXPECT_THAT(run({"install", "--from", package, "--dry-run"})["report"],
@@ -281,7 +285,7 @@ TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     expect("100000 kB", "-> remove it: net stop spooler, del \"", false);
     machine.MakePackage(2);
     WriteAll(machine.system / "slp64.dll", ReadAll(machine.package / "slp64.dll"));
-    expect("2.0.0", "from different releases", false);
+    expect(kNextRelease, "from different releases", false);
     machine.loaded.clear();
     expect("loaded          no", "restart the spooler", true);
     machine.running.clear();

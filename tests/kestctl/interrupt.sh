@@ -20,6 +20,7 @@ in_peer ip route add blackhole 10.77.1.2/32
 in_client "${kestctl[@]}" port import "Z:$work/ports.csv" >/dev/null
 monitors='HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors'
 standard=$monitors'\Standard TCP/IP Port\Ports\IP_10.77.1.2'
+in_client wine "$build/tests/spooler.exe" add-printer Control NUL: >/dev/null
 in_client wine reg add "$standard" /v HostName /d 10.77.1.2 >/dev/null
 in_client wine reg add "$standard" /v Protocol /t REG_DWORD /d 1 >/dev/null
 
@@ -44,5 +45,5 @@ interrupt asking port set "DARK-*" --follow --yes
 interrupt planning port migrate --follow --dry-run
 interrupt "[y/N]" port migrate
 interrupt "Continue to" port delete "DARK-*"
-interrupt connecting print "Z:$work/ports.csv" --port DARK-1
+interrupt connecting print "Z:$work/ports.csv" --port DARK-1 --printer Control
 [ "$(in_client "${kestctl[@]}" port list | grep -c DARK-)" = 3 ] || fail "the ports were changed"
