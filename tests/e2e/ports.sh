@@ -11,8 +11,8 @@ spooler_install
 say "a port without a printer"
 expect 0 "There are no ports" kestctl port list
 expect 0 "added: raw to 127.0.0.1:9100" kestctl port add Büro --address 127.0.0.1
-expect 1 "already there" kestctl port add BÜRO --address 127.0.0.1
-expect 1 "choose another" kestctl port add LPT1: --address 127.0.0.1
+expect 1 "already exists" kestctl port add BÜRO --address 127.0.0.1
+expect 1 "Choose another" kestctl port add LPT1: --address 127.0.0.1
 expect 0 $'LPT3:\nBüro\nok' spooler ports
 expect 0 "alwaysPrint: false -> true" kestctl port set Büro --mac 0004004A1B2C --always-print
 expect 0 '"mac": "0004004A1B2C"' kestctl port show Büro --json
@@ -34,7 +34,7 @@ expect 0 "1 added" kestctl port import 'C:\work\ports.json'
 expect 0 '"alwaysPrint": true' kestctl port show Büro --json
 
 say "kestctl selftest"
-expect 0 "asked through the print spooler" kestctl selftest
+expect 0 "listed through the print spooler" kestctl selftest
 expect 0 ok spooler printers
 [ "$(spooler printers)" = ok ] || fail "the self-test left a printer behind"
 
