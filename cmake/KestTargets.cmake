@@ -54,8 +54,8 @@ function(kest_script_test name script)
 endfunction()
 
 # kest_shipped(NAME): NAME is part of a release. Its link map lists the libraries that are linked
-# into it; the target `shipped` builds all that is part of a release. Its resources have the version,
-# and CMake does not find out what a resource script includes.
+# into it; the target `shipped` builds all that is part of a release. Its resources have the
+# version, and CMake does not find out what a resource script includes.
 function(kest_shipped name)
     get_target_property(resources ${name} SOURCES)
     list(FILTER resources INCLUDE REGEX "\\.rc$")

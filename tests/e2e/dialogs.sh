@@ -16,8 +16,10 @@ if [ $# -eq 0 ]; then
     work=$(mktemp -d "$build/dialogs.XXXXXX")
     at_exit "rm -rf '$work'"
     printers "$work" 10.77.1.20 10.77.1.31
-    agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)" \
-        "service:printer first=10.77.1.31 list=$(announcement 10.77.1.31 00040000004D prn-2 Model_200)"
+    first=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_100)
+    second=$(announcement 10.77.1.31 00040000004D prn-2 Model_200)
+    agents "service:printer first=10.77.1.20 list=$first" \
+        "service:printer first=10.77.1.31 list=$second"
     in_client "$0" inside
     exit
 fi
@@ -25,18 +27,18 @@ fi
 screen_up
 spooler_on "$screen_prefix" on_screen
 spooler_install
+outcome=$screen_prefix/outcome
 
 # opens TITLE TEXT COMMAND...: a print function opens this window. Its outcome is for `closes`.
 opens() {
-    exec {outcome}< <(spooler "${@:3}" 2>&1 || true)
+    spooler "${@:3}" >"$outcome" 2>&1 &
     shows "$1" "$2"
 }
 shows() { expect 0 ok spooler window "$1" "$2"; }
 closes() {
-    local said
-    said=$(cat <&"$outcome")
-    exec {outcome}<&-
-    [ "$said" = "$1" ] || fail "the function ended with '$said' instead of '$1'"
+    wait $! || true
+    [ "$(cat "$outcome")" = "$1" ] ||
+        fail "the function ended with '$(cat "$outcome")', not with '$1'"
 }
 keys() { DISPLAY=$screen_display xdotool key --delay 50 "$@"; }
 write() { DISPLAY=$screen_display xdotool type --delay 50 "$1"; }
@@ -93,19 +95,27 @@ keys alt+d
 closes ok
 expect 0 $'LPT3:\nLABELS\nok' spooler ports
 
-say "who may not manage ports is told so"
-export SPOOLER_DENIES_ACCESS=1
-refused="This takes the right to manage the print server."
-opens "Add a printer port" "$refused" add-port kestmon
-keys Return
-closes "error 1223"
-opens "Configure port" "$refused" configure-port LABELS
-keys Return
-closes "error 1223"
-opens "Delete port" "$refused" delete-port LABELS
-keys Return
-closes "error 1223"
-unset SPOOLER_DENIES_ACCESS
+# refused TEXT: each dialog reports this, and closes.
+refused() {
+    opens "Add a printer port" "$1" add-port kestmon
+    keys Return
+    closes "error 1223"
+    opens "Configure port" "$1" configure-port LABELS
+    keys Return
+    closes "error 1223"
+    opens "Delete port" "$1" delete-port LABELS
+    keys Return
+    closes "error 1223"
+}
+
+say "access is denied"
+export SPOOLER_REFUSES=access
+refused "This takes the right to manage the print server."
+
+say "the spooler gives no channel to the monitor"
+export SPOOLER_REFUSES=channel
+refused "The print spooler has not loaded kestmon."
+unset SPOOLER_REFUSES
 expect 0 $'LPT3:\nLABELS\nok' spooler ports
 
 say "a monitor that is not loaded opens no window"

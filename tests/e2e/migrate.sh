@@ -15,11 +15,12 @@ spooler_install
 at_exit peers_stop
 peers_start servers
 
+standard_ports='HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\Standard TCP/IP Port\Ports'
 # standard_port NAME PROTOCOL PORT-NUMBER QUEUE
 standard_port() {
     local name type data
     while IFS='|' read -r name type data; do
-        wine reg add 'HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\Standard TCP/IP Port\Ports\'"$1" \
+        wine reg add "$standard_ports\\$1" \
             /v "$name" /t "REG_$type" /d "$data" /f >/dev/null </dev/null
     done <<EOF
 HostName|SZ|$peer_address

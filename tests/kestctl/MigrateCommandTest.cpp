@@ -2,11 +2,8 @@
 
 #include "admin/Migration.h"
 #include "admin/PortStore.h"
-#include "admin/SpoolerService.h"
-#include "diag/Resource.h"
 #include "tests/support/FakeMonitor.h"
 #include "tests/support/TempFile.h"
-#include "tests/support/WinePrinter.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -244,64 +241,6 @@ TEST(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
     // It has followed its printer since.
     Kestctl(monitor, {"port", "set", "OFFICE 10.0.0.1", "--ipv6", "fd00::1"});
     Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
-    EXPECT_TRUE(monitor.ports.empty());
-}
-
-// The monitor behind it is the fake; queues and registry are the system's.
-struct RealQueues : FakeChannel {
-    using FakeChannel::FakeChannel;
-    std::vector<Queue> Queues() override { return spooler.Queues(); }
-    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& to) override {
-        spooler.MoveQueue(queue, to);
-    }
-    std::vector<StandardPort> StandardPorts() override { return spooler.StandardPorts(); }
-    SpoolerService spooler;
-};
-
-// With queues of the system's own spooler, and the registry as the standard monitor writes it.
-TEST(MigrateCommand, MovesRealQueues) {
-    static constexpr wchar_t kKey[] =
-        L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\"
-        L"Standard TCP/IP Port\\Ports\\IP_10.9.9.9";
-    struct Key {
-        ~Key() { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kKey); }
-        UniqueRegistryKey key;
-    } port;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kKey, 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
-                              port.key.Out(), nullptr),
-              ERROR_SUCCESS);
-    const auto text = [&port](const wchar_t* name, const std::wstring& value) {
-        RegSetValueExW(port.key.Get(), name, 0, REG_SZ,
-                       reinterpret_cast<const BYTE*>(value.c_str()),
-                       static_cast<DWORD>((value.size() + 1) * sizeof(wchar_t)));
-    };
-    const auto number = [&port](const wchar_t* name, DWORD value) {
-        RegSetValueExW(port.key.Get(), name, 0, REG_DWORD, reinterpret_cast<const BYTE*>(&value),
-                       sizeof(value));
-    };
-    text(L"HostName", L"10.9.9.9");
-    text(L"IPAddress", L"");
-    text(L"Queue", L"lp9");
-    text(L"SNMP Community", L"public");
-    number(L"Protocol", 2);
-    number(L"PortNumber", 515);
-    number(L"Double Spool", 1);
-    number(L"SNMP Enabled", 0);
-    number(L"SNMP Index", 1);
-    number(L"Version", 2);
-
-    FakeMonitor monitor;
-    RealQueues channel(monitor);
-    const WinePrinter laser(L"IP_10.9.9.9");
-    const std::vector<Migration> plan =
-        PlanMigration(channel, {{L"ip_10.9.*"}, "{name} new", {}, {}}, [](size_t, size_t) {});
-    ASSERT_EQ(plan.size(), 1u);
-    EXPECT_EQ(Destination(plan[0].records), "lpr to 10.9.9.9:515, queue lp9, double spooled");
-    EXPECT_THAT(plan[0].queues, ElementsAre(laser.Name()));
-    EXPECT_EQ(Migrate(channel, plan[0]).failure, "");
-    EXPECT_THAT(QueuesOn(channel.Queues(), L"IP_10.9.9.9 new"), ElementsAre(laser.Name()));
-    EXPECT_EQ(Undo(channel, plan[0]).failure, "");
-    EXPECT_THAT(QueuesOn(channel.Queues(), L"IP_10.9.9.9"), ElementsAre(laser.Name()));
     EXPECT_TRUE(monitor.ports.empty());
 }
 

@@ -72,11 +72,10 @@ TEST_F(SpoolerHostTest, PortsLastInTheRegistry) {
 }
 
 TEST_F(SpoolerHostTest, RenamesPortsAndMovesTheSystemsQueues) {
-    Add(L"RECEPTION", 9100);
-    const WineQueue laser(L"LPT1:,RECEPTION");
-    RenamePort(*host_, PlanRename(*host_, L"reception", L"HALL"));
+    Add(L"OFFICE", 9100);
+    RenamePort(*host_, PlanRename(*host_, L"office", L"HALL"));
     EXPECT_EQ(Destination(ReadPort(*host_, L"HALL")), "raw to 127.0.0.1:9100");
-    EXPECT_THAT(QueuesOn(host_->Queues(), L"HALL"), ElementsAre(laser.Name()));
+    EXPECT_THAT(QueuesOn(host_->Queues(), L"HALL"), ElementsAre(printer_.Name()));
     // One that was never configured, too.
     host_->Xcv(L"AddPort", L"NEW", 8, nullptr, 0);
     RenamePort(*host_, PlanRename(*host_, L"NEW", L"NEWER"));

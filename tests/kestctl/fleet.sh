@@ -14,6 +14,7 @@ at_exit "rm -rf '$work'"
 mkdir "$work/jobs"
 cp -r "$1" "$work/bin"
 kestctl() { client_wine "$work/bin/kestctl.exe" --direct "$@"; }
+client_wine "$build/tests/spooler.exe" add-printer Control NUL: >/dev/null # --direct needs one
 expect() { [ "$2" = "$3" ] || fail "$1: '$2' instead of '$3'"; }
 
 # Printer N had 10.77.1.N when its port was made. 21 to 26 have moved to 10.77.3.N, and 27 to where
@@ -67,7 +68,7 @@ expect "and checked again" "$(kestctl port check 2>/dev/null | tail -1)" \
     "30 ports: 27 ok, 2 unreachable, 1 not recognised"
 echo document >"$work/document"
 rm -f "$work"/jobs/*  # the connections of the checks are jobs of no bytes
-kestctl print - --port PRN-28 <"$work/document" >/dev/null
+kestctl print - --port PRN-28 --printer Control <"$work/document" >/dev/null
 take_job "$work/jobs/10.77.3.28-1" "$work/document"
 [[ $(kestctl port test PRN-28) == *"accepts connections"*"printer there: 00040000001C, prn-28" ]] ||
     fail "kestctl port test says: $(kestctl port test PRN-28)"

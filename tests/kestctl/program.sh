@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# kestctl as a user runs it: exit codes, output, and documents that arrive. program.sh
+# kestctl as a user runs it by script/kestctl: exit codes and output; and jobs past the spooler.
+# program.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/peers.sh"
 
 kestctl() { "$root/script/kestctl" "$@"; }
 office="Büro"
-daemon="LPD"
 
 wine_machine
 
@@ -37,21 +37,53 @@ expect 1 "there is no port $office" port show "$office"
 expect 0 "added" port add "$office" --address "$peer_address"
 expect 1 "already exists" port add "$office" --address "$peer_address"
 expect 0 "\"name\": \"$office\"" port list --json
-expect 0 "3000000 bytes sent" print document.bin --port "$office" --as "Übersicht"
-peer_received raw arrived && cmp arrived document.bin
-expect 0 "3000000 bytes sent" print "$PWD/document.bin" --port "$office"
-peer_received raw arrived && cmp arrived document.bin
+expect 1 "no printer prints to port" print document.bin --port "$office"
 
-# A length of 0 is announced: lpd then keeps the octet that ends the data.
-expect 0 "queue kq" port add "$daemon" --address "$peer_address" --port "$peer_lpd_port" \
-    --protocol lpr --queue kq
-expect 0 "bytes sent" print document.bin --port "$daemon"
-peer_received lpr arrived && cmp arrived <(cat document.bin && printf '\0')
-expect 0 "double spooled" port set "$daemon" --double-spool
-expect 0 "bytes sent" print document.bin --port "$daemon"
-peer_received lpr arrived && cmp arrived document.bin
-
+# Past the spooler, which then only has the job that controls this one.
+wine "$build/tests/spooler.exe" add-printer Control NUL: >/dev/null
+direct() { expect "$1" "$2" --direct print "${@:3}" --port "$office" --printer Control; }
+direct 0 "3000000 bytes sent" document.bin --as "Übersicht"
+peer_received raw arrived && cmp arrived document.bin
+direct 0 "3000000 bytes sent" "$PWD/document.bin"
+peer_received raw arrived && cmp arrived document.bin
 peers_stop
-expect 1 "(10061)" print document.bin --port "$office"
+direct 1 "(10061)" document.bin
+
+# A printer that reads one octet: Ctrl-C ends the job, and the connection at once.
+coproc printer {
+    exec python3 -uc '
+import socket, sys
+listener = socket.create_server((sys.argv[1], 9100))
+print("ready")
+connection = listener.accept()[0]
+connection.recv(1)
+print("printing")
+sys.stdin.readline()
+try:
+    while connection.recv(65536):
+        pass
+    print("closed")
+except ConnectionResetError:
+    print("reset")' "$peer_address"
+}
+await() {
+    read -r line <&"${printer[0]}"
+    [ "$line" = "$1" ] || fail "the printer says '$line' instead of '$1'"
+}
+await ready
+truncate -s 50M large.bin
+set -m # a group of its own, which hears Ctrl-C
+wine "$build/bin/kestctl.exe" --direct print large.bin --port "$office" --printer Control \
+    2>/dev/null &
+job=$!
+set +m
+await printing
+kill -INT -- "-$job"
+code=0
+wait "$job" || code=$?
+[ "$code" -eq 130 ] || fail "an interrupted job ends with exit code $code"
+echo >&"${printer[1]}"
+await reset
+
 expect 0 "deleted" port delete "$office"
 expect 1 "there is no port" port delete "$office"

@@ -20,6 +20,7 @@ touch "$log"
 windows_path() { echo "Z:${1//\//\\}"; }
 
 kestctl() { client_wine "$bin/kestctl.exe" --direct "$@"; }
+client_wine "$build/tests/spooler.exe" add-printer Control NUL: >/dev/null # --direct needs one
 
 # What answers: ATTRIBUTE-LIST..., the first at once, each other one 0.1 s later.
 announce() {
@@ -43,7 +44,7 @@ job() {
     local port=$1 address=$2 before
     before=$(find "$work/jobs" -name "$address-*" | wc -l)
     head -c $((100000 + ++jobs)) /dev/urandom >"$work/document-$port"
-    kestctl print "$work/document-$port" --port "$port" >/dev/null ||
+    kestctl print "$work/document-$port" --port "$port" --printer Control >/dev/null ||
         fail "port $port: the job was not printed"
     take_job "$work/jobs/$address-$((before + 1))" "$work/document-$port"
 }
@@ -51,7 +52,7 @@ job() {
 # no_job PORT TEXT: a job is not printed, and the reason given has the text.
 no_job() {
     local answer
-    if answer=$(kestctl print "$work/document" --port "$1" 2>&1); then
+    if answer=$(kestctl print "$work/document" --port "$1" --printer Control 2>&1); then
         fail "port $1: a job that cannot have been printed"
     fi
     [[ $answer == *"$2"* ]] || fail "port $1: no '$2' in: $answer"

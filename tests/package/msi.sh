@@ -2,6 +2,8 @@
 # The package, taken by the installer of a machine of its own: installed, upgraded, repaired,
 # removed, and the machine compared with what it was before. msi.sh
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
+. "$root/tests/support/spooler.sh"
+. "$root/tests/support/peers.sh"
 
 work=$(mktemp -d "$build/msi.XXXXXX")
 at_exit "rm -rf '$work'"
@@ -38,7 +40,12 @@ machine() {
     done
 }
 
-kestctl() { wine "$program/kestctl.exe" "$@"; }
+kestctl_program=$program/kestctl.exe
+# A library that is in use goes at the next start.
+restart() {
+    wine_stop
+    wine_start
+}
 on_path() {
     wine reg query 'HKLM\SYSTEM\CurrentControlSet\Control\Session Manager\Environment' /v PATH |
         grep -qF 'C:\Program Files\kestmon'
@@ -66,6 +73,10 @@ old=$work/old.msi new=$work/new.msi
 "$root/package/make-msi" 0.9.0 "$old"
 "$root/package/make-msi" "$(project_version)" "$new"
 
+# Printing and the bridge leave files and registry values that do not belong to the package.
+cp "$build/tests/spooler_bridge.dll" "$system"
+spooler add-printer Laser NUL: >/dev/null
+spooler delete-printer Laser >/dev/null
 machine >"$work/before"
 installer 0 /i "Z:$old"
 installed "the first time"
@@ -80,21 +91,35 @@ installed "repaired"
 [ -e "$program/README.md" ] || fail "the repair left README.md away"
 diff -r "$root/docs" "$program/docs" || fail "the documents are not those of docs/"
 
-# A port that a printer prints to keeps the monitor, unless FORCE says otherwise. The ports cannot
-# be kept while no spooler knows them: nothing is removed then.
-print_key='HKLM\SYSTEM\CurrentControlSet\Control\Print'
-wine reg add "$print_key\Monitors\kestmon\Ports\OFFICE" /v 'Double Spool' /t REG_DWORD /d 0 \
-    >/dev/null
-wine reg add "$print_key\Printers\Laser" /v Port /d OFFICE >/dev/null
+# Jobs go through Wine's spooler to the monitor that the package has installed.
+spooler_bridge
+at_exit peers_stop
+peers_start "$work/servers"
+head -c 1000000 /dev/urandom >"$work/document"
+expect 0 added kestctl port add OFFICE --address "$peer_address"
+expect 0 ok spooler add-printer Laser OFFICE
+expect 0 "in queue Laser" kestctl print "$work/document" --port OFFICE
+peer_received raw "$work/arrived" && cmp "$work/arrived" "$work/document"
+
+# A port that a printer prints to keeps the monitor, unless FORCE says otherwise.
 installer $((1627 & 255)) /x "Z:$new"
 grep -q Laser "$program/setup.log" || fail "the printer in the way is not named in setup.log"
-monitor_there "after a refused removal"
+expect 0 $'\nOFFICE\nok' spooler ports
 # This machine's installer takes its own entries away before it asks; Windows puts them back.
+spooler_driver kestmon.dll
 installer 0 /i "Z:$new"
-installer $((1627 & 255)) /x "Z:$new" FORCE=1 'KEEPPORTS=C:\ports.json'
-monitor_there "after a removal that could not keep the ports"
+spooler_bridge
+expect 0 ok spooler delete-printer Laser
+installer 0 /x "Z:$new" 'KEEPPORTS=C:\ports.json'
+grep -q '"address": "'"$peer_address" "$drive/ports.json" || fail "the port was not kept"
+restart
 installer 0 /i "Z:$new"
+spooler_bridge
+expect 0 "1 added" kestctl port import 'C:\ports.json'
+expect 0 ok spooler add-printer Laser OFFICE
 installer 0 /x "Z:$new" FORCE=1
-wine reg delete "$print_key\Printers\Laser" /f >/dev/null
+expect 0 ok spooler delete-printer Laser
+rm "$drive/ports.json"
+restart
 machine >"$work/after"
 diff "$work/before" "$work/after" || fail "the machine is not what it was"

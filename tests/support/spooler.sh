@@ -17,6 +17,7 @@
 export LC_ALL=C.UTF-8
 spooler_prefix=
 spooler_run=(wine)
+spooler_key='HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\kestmon'
 kestctl_program=$build/bin/kestctl.exe
 
 spooler_on() {
@@ -31,20 +32,31 @@ spooler_install() {
     kestctl_program=${1:-$kestctl_program}
     # A spooler that runs loads a monitor before the bridge is there.
     "${spooler_run[@]}" net stop spooler >/dev/null 2>&1 || true
+    if "${spooler_run[@]}" reg query "$spooler_key" >/dev/null 2>&1; then
+        spooler_driver kestmon.dll
+    fi
     kestctl monitor install >/dev/null || fail "the monitor is not installed"
     spooler_bridge
 }
 
 spooler_bridge() {
     cp "$build/tests/spooler_bridge.dll" "${spooler_prefix:-$WINEPREFIX}/drive_c/windows/system32"
-    "${spooler_run[@]}" reg add 'HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors\kestmon' \
-        /v Driver /d spooler_bridge.dll /f >/dev/null
+    spooler_driver spooler_bridge.dll
 }
 
+# The monitor's own library is kestmon.dll; it is not installed over another.
+spooler_driver() {
+    "${spooler_run[@]}" reg add "$spooler_key" /v Driver /d "$1" /f >/dev/null
+}
+
+# Not into a pipe: a desktop that Wine starts on the way holds it open.
 expect() {
-    local code=$1 text=$2 got=0 output
+    local code=$1 text=$2 got=0 file output
     shift 2
-    output=$("$@" 2>&1) || got=$?
+    file=$(mktemp)
+    "$@" >"$file" 2>&1 || got=$?
+    output=$(cat "$file")
+    rm "$file"
     [ "$got" -eq "$code" ] || fail "$*: exit code $got instead of $code: $output"
     [[ $output == *"$text"* ]] || fail "$*: no '$text' in: $output"
 }

@@ -345,7 +345,6 @@ void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
         ->excludes(undo);
     AddDryRunFlag(command, arguments->dryRun);
     AddYesFlag(command, arguments->yes);
-    command.get_option("--yes")->excludes(undo);
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, identify, server] {
         const auto channel = openChannel();

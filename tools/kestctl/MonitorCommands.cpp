@@ -252,6 +252,18 @@ Finding LibraryFinding(const InstalledLibrary& library, bool oneRelease) {
     return finding;
 }
 
+Finding ServiceFinding(ServiceState spooler) {
+    switch (spooler) {
+        case ServiceState::Stopped:
+            return {"print spooler", "stopped", "net start spooler", true};
+        case ServiceState::Disabled:
+            return {"print spooler", "disabled",
+                    "sc config spooler start= auto, then net start spooler", true};
+        default:
+            return {"print spooler", "running"};
+    }
+}
+
 std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
     const std::string driver = ToUtf8(status.driver);
     std::vector<Finding> findings;
@@ -265,18 +277,7 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
     } else {
         findings.push_back({"registered", "yes"});
     }
-    switch (status.spooler) {
-        case ServiceState::Running:
-            findings.push_back({"print spooler", "running"});
-            break;
-        case ServiceState::Stopped:
-            findings.push_back({"print spooler", "stopped", "net start spooler", true});
-            break;
-        case ServiceState::Disabled:
-            findings.push_back({"print spooler", "disabled",
-                                "sc config spooler start= auto, then net start spooler", true});
-            break;
-    }
+    findings.push_back(ServiceFinding(status.spooler));
     if (!status.listed && status.spooler == ServiceState::Running) {
         findings.push_back({"loaded", "unknown: the spooler does not respond",
                             "net stop spooler, then net start spooler", true});
@@ -311,6 +312,29 @@ std::vector<Finding> PortFindings(const MonitorStatus& status) {
     return findings;
 }
 
+// What a well-formed SLPConf.xml has the monitor search for.
+std::vector<Finding> SearchFindings(const MonitorStatus& status, const Finding& file, bool needed) {
+    const Config& values = status.configuration;
+    const auto shown = [](const std::string& value) {
+        return value.empty() ? std::string("(none)") : Printable(value);
+    };
+    Finding search = {"  search", "SLP version " + std::to_string(values.GetVersion()) + ", " +
+                                      shown(values.GetServiceName()) + " at " +
+                                      shown(values.GetMulticastAddress())};
+    if ((values.GetVersion() != 1 && values.GetVersion() != 2) || values.GetServiceName().empty() ||
+        values.GetMulticastAddress().empty()) {
+        search.toDo = "fill in version, service_name and multicast_address (docs/SLPConf.md)";
+        search.broken = needed;
+    }
+    return {file,
+            search,
+            {"  addresses", shown(values.GetIpAddrKey()) + ", " + shown(values.GetIpAddr2Key()) +
+                                ", " + shown(values.GetMacAddrKey())},
+            {"  names",
+             shown(values.GetHostNameKey()) + ", " + shown(values.GetDeviceIdStringKey()) + " (" +
+                 shown(values.GetModelNameKey()) + ", " + shown(values.GetDescriptionKey()) + ")"}};
+}
+
 std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
     const bool needed = std::ranges::any_of(status.ports, &StoredPort::alwaysPrint);
     Finding file = {"SLPConf.xml", ToUtf8(status.configurationFile.native())};
@@ -337,25 +361,7 @@ std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
     if (status.configurationState != ConfigurationState::Good) {
         return {file};
     }
-    const Config& values = status.configuration;
-    const auto shown = [](const std::string& value) {
-        return value.empty() ? std::string("(none)") : Printable(value);
-    };
-    Finding search = {"  search", "SLP version " + std::to_string(values.GetVersion()) + ", " +
-                                      shown(values.GetServiceName()) + " at " +
-                                      shown(values.GetMulticastAddress())};
-    if ((values.GetVersion() != 1 && values.GetVersion() != 2) || values.GetServiceName().empty() ||
-        values.GetMulticastAddress().empty()) {
-        search.toDo = "fill in version, service_name and multicast_address (docs/SLPConf.md)";
-        search.broken = needed;
-    }
-    return {file,
-            search,
-            {"  addresses", shown(values.GetIpAddrKey()) + ", " + shown(values.GetIpAddr2Key()) +
-                                ", " + shown(values.GetMacAddrKey())},
-            {"  names",
-             shown(values.GetHostNameKey()) + ", " + shown(values.GetDeviceIdStringKey()) + " (" +
-                 shown(values.GetModelNameKey()) + ", " + shown(values.GetDescriptionKey()) + ")"}};
+    return SearchFindings(status, file, needed);
 }
 
 std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& machine) {

@@ -47,9 +47,6 @@ std::string RemedyOnServer(Remedy remedy) {
 // The remedy for a failure that is about the port `port`, as a sentence.
 std::string RemedyText(Remedy remedy, const std::string& port) {
     switch (remedy) {
-        case Remedy::None:
-        case Remedy::ChooseName:
-            break;
         case Remedy::RunAsAdministrator:
             return ". Run kestctl as administrator";
         case Remedy::StartSpooler:
@@ -83,8 +80,9 @@ std::string RemedyText(Remedy remedy, const std::string& port) {
             return ". To do it anyway, add --force";
         case Remedy::MoveQueues:
             return ". Move them to other ports, or remove the monitor anyway with --force";
+        default:
+            return {};
     }
-    return {};
 }
 
 // The same document with the member "name" before the others, which are sorted.

@@ -1,12 +1,14 @@
 // Lets Wine's own print spooler load kestmon.dll. The bridge is registered as the monitor's driver,
-// loads the library that is installed in the system folder, and supplies what Wine 8 lacks: registry
-// callbacks, a MONITORINIT that outlives the call, and the name of a job's printer. With the variable
-// SPOOLER_DENIES_ACCESS in its environment a program may not manage ports.
+// loads the library that is installed in the system folder, and supplies what Wine 8 lacks:
+// registry callbacks, a MONITORINIT that outlives the call, and the name of a job's printer. The
+// variable SPOOLER_REFUSES in the environment of a program has the spooler refuse it a `channel` to
+// the monitor, or `access`.
 #include <winsock2.h>
 #include <windows.h>
 #include <winspool.h>
 #include <winsplp.h>
 
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -22,7 +24,7 @@ MONITOR2 monitor = {};  // the table of kestmon.dll
 std::mutex lock;
 std::map<HANDLE, std::wstring> openedPorts;  // the name of each port handle; guarded by `lock`
 
-// Returns the name of the first printer whose ports include this one; empty if there is none.
+// Returns the name of the first printer on a port; empty if there is none.
 std::wstring PrinterOn(const std::wstring& port) {
     DWORD needed = 0;
     DWORD count = 0;
@@ -59,11 +61,25 @@ BOOL WINAPI StartDocPort(HANDLE port, LPWSTR, DWORD job, DWORD level, LPBYTE doc
     return monitor.pfnStartDocPort(port, printer.data(), job, level, document);
 }
 
-BOOL WINAPI XcvOpenPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHANDLE xcv) {
-    if (GetEnvironmentVariableW(L"SPOOLER_DENIES_ACCESS", nullptr, 0) != 0) {
-        granted &= ~static_cast<ACCESS_MASK>(SERVER_ACCESS_ADMINISTER);
-    }
-    return monitor.pfnXcvOpenPort(handle, object, granted, xcv);
+bool Refuses(const std::wstring& what) {
+    WCHAR value[16] = {};
+    GetEnvironmentVariableW(L"SPOOLER_REFUSES", value, 16);
+    return value == what;
+}
+
+// The first channel of a program that opens a dialog is the spooler's: it asks for the library.
+BOOL WINAPI OpenXcvPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHANDLE xcv) {
+    static std::atomic<bool> opened = false;
+    return !(opened.exchange(true) && Refuses(L"channel")) &&
+           monitor.pfnXcvOpenPort(handle, object, granted, xcv);
+}
+
+DWORD WINAPI SendXcvData(HANDLE xcv, LPCWSTR command, PBYTE input, DWORD inputSize, PBYTE output,
+                         DWORD outputSize, PDWORD needed) {
+    static std::atomic<bool> asked = false;
+    return asked.exchange(true) && Refuses(L"access")
+               ? ERROR_ACCESS_DENIED
+               : monitor.pfnXcvDataPort(xcv, command, input, inputSize, output, outputSize, needed);
 }
 
 }  // namespace
@@ -71,8 +87,9 @@ BOOL WINAPI XcvOpenPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHAN
 extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT, PHANDLE handle) {
     static MonitorRegistry registry;
     static UniqueRegistryKey root;
-    RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon",
-                  0, KEY_ALL_ACCESS, root.Out());
+    RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                  L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon", 0,
+                  KEY_ALL_ACCESS, root.Out());
     static MONITORINIT init = registry.MonitorInit(root.Get());
     static MONITOR2 table = {};
     // By its full path: the folder of the program may hold another kestmon.dll.
@@ -89,6 +106,7 @@ extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT, PHANDLE handl
     table = monitor;
     table.pfnOpenPort = OpenPort;
     table.pfnStartDocPort = StartDocPort;
-    table.pfnXcvOpenPort = XcvOpenPort;
+    table.pfnXcvOpenPort = OpenXcvPort;
+    table.pfnXcvDataPort = SendXcvData;
     return &table;
 }
