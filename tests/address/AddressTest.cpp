@@ -4,15 +4,13 @@
 
 #include "address/IPAddress.h"
 #include "address/MacAddress.h"
+#include "tests/support/SocketsStarted.h"
 
 namespace {
 
 using std::string;
 
-const bool socketsStarted = [] {
-    WSADATA data;
-    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
-}();
+const SocketsStarted sockets;
 
 template <class T>
 string Printed(const T& value) {

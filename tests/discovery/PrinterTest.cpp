@@ -3,13 +3,11 @@
 #include <sstream>
 
 #include "discovery/Printer.h"
+#include "tests/support/SocketsStarted.h"
 
 namespace {
 
-const bool socketsStarted = [] {
-    WSADATA data;
-    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
-}();
+const SocketsStarted sockets;
 
 std::string Dump(const Printer& printer) {
     std::ostringstream out;

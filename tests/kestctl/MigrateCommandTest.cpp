@@ -111,8 +111,7 @@ TEST(MigrateCommand, ThePlanShowsWhatTheNewPortsCannotDo) {
     monitor.standardPorts.push_back(lpr);
     // SNMP status without a community is not configured.
     monitor.standardPorts.push_back({L"RAW", "10.0.0.2", "", 9100, 1, "", false, true, "", 1});
-    const auto plan = nlohmann::json::parse(
-        Kestctl(monitor, {"port", "migrate", "--dry-run", "--json"}))["ports"];
+    const auto plan = Json(monitor, {"port", "migrate", "--dry-run"})["ports"];
     ASSERT_EQ(plan.size(), 3u);
     EXPECT_THAT(plan[0]["remark"].get<std::string>(), HasSubstr("after 2 GiB in total"));
     EXPECT_THAT(plan[1]["remark"].get<std::string>(), HasSubstr("each job takes 4 s longer"));
@@ -143,23 +142,23 @@ TEST(MigrateCommand, WrongArgumentsAndNothingToDo) {
         HasSubstr("0 ports migrated, 1 port already migrated\n"));
 }
 
-TEST(RenameCommand, MovesThePrintersOrChangesNothing) {
-    const std::vector<std::string> rename = {"port", "rename", "office", "HALL", "--json"};
-    const auto office = [] {
-        FakeMonitor monitor;
-        Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac", "0004004A1B2C",
-                          "--always-print", "--snmp", "pub"});
-        Kestctl(monitor, {"port", "add", "OTHER", "--address", "10.0.0.2"});
-        monitor.otherPorts = {L"LPT1:"};
-        monitor.queues = {{L"Laser", {L"LPT1:", L"OFFICE"}}, {L"Color", {L"OFFICE"}}};
-        return monitor;
-    };
-    FakeMonitor monitor = office();
+FakeMonitor Office() {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac", "0004004A1B2C",
+                      "--always-print", "--snmp", "pub"});
+    Kestctl(monitor, {"port", "add", "OTHER", "--address", "10.0.0.2"});
+    monitor.otherPorts = {L"LPT1:"};
+    monitor.queues = {{L"Laser", {L"LPT1:", L"OFFICE"}}, {L"Color", {L"OFFICE"}}};
+    return monitor;
+}
+
+TEST(RenameCommand, MovesThePrinters) {
+    FakeMonitor monitor = Office();
     const std::string before = State(monitor);
     EXPECT_THAT(Kestctl(monitor, {"port", "rename", "OFFICE", "HALL", "--dry-run"}),
                 HasSubstr("would be renamed to HALL, with the printers Laser, Color"));
     EXPECT_EQ(State(monitor), before);
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, rename)),
+    EXPECT_EQ(Json(monitor, {"port", "rename", "office", "HALL"}),
               nlohmann::json::parse(R"({"name": "HALL", "before": "OFFICE", "dryRun": false,
                                         "moved": ["Laser", "Color"]})"));
     std::string expected = before;
@@ -170,33 +169,35 @@ TEST(RenameCommand, MovesThePrintersOrChangesNothing) {
     // The new name is the shorter one: nothing of the old one may be left in the records.
     EXPECT_STREQ(monitor.ports[L"HALL"].standard.sztPortName, L"HALL");
     EXPECT_STREQ(monitor.ports[L"HALL"].extended.sztPortName, L"HALL");
+}
 
+TEST(RenameCommand, AFailureChangesNothing) {
     const struct {
-        std::function<void(FakeMonitor&)> prepare;
-        const char* newName;
         const char* failure;
+        std::function<void(FakeMonitor&)> prepare;
+        const char* newName = "HALL";
     } cases[] = {
-        {[](FakeMonitor& m) { m.refused = L"HALL"; }, "HALL", "cannot be added"},
-        {[](FakeMonitor& m) { m.refused = L"OFFICE"; }, "HALL", "all changes were undone"},
-        {[](FakeMonitor& m) { m.unmovable = L"Color"; }, "HALL", "all changes were undone"},
-        {[](FakeMonitor& m) { m.queues[1].jobs = 1; }, "HALL", "print jobs wait in Color"},
-        {[](FakeMonitor& m) { m.added = [&m] { m.queues[1].jobs = 1; }; }, "HALL",
-         "print jobs arrived in Color; all changes were undone"},
-        {[](FakeMonitor& m) { m.added = [&m] {
+        {"cannot be added", [](FakeMonitor& m) { m.refused = L"HALL"; }},
+        {"all changes were undone", [](FakeMonitor& m) { m.refused = L"OFFICE"; }},
+        {"all changes were undone", [](FakeMonitor& m) { m.unmovable = L"Color"; }},
+        {"print jobs wait in Color", [](FakeMonitor& m) { m.queues[1].jobs = 1; }},
+        {"print jobs arrived in Color; all changes were undone",
+         [](FakeMonitor& m) { m.added = [&m] { m.queues[1].jobs = 1; }; }},
+        {"a printer was added to the port: New; all changes were undone",
+         [](FakeMonitor& m) { m.added = [&m] {
                                   m.queues.push_back({L"New", {L"OFFICE"}});
-                              }; },
-         "HALL", "a printer was added to the port: New; all changes were undone"},
-        {[](FakeMonitor&) {}, "other", "port OTHER already exists"},
-        {[](FakeMonitor&) {}, "lpt1:", "belongs to a port of another monitor"},
-        {[](FakeMonitor& m) { m.hidesQueues = true; }, "HALL", "the printers are hidden"},
+                              }; }},
+        {"port OTHER already exists", [](FakeMonitor&) {}, "other"},
+        {"belongs to a port of another monitor", [](FakeMonitor&) {}, "lpt1:"},
+        {"the printers are hidden", [](FakeMonitor& m) { m.hidesQueues = true; }},
     };
-    for (const auto& c : cases) {
-        FakeMonitor failing = office();
-        c.prepare(failing);
-        EXPECT_THAT(Failure(failing, {"port", "rename", "OFFICE", c.newName}),
-                    HasSubstr(c.failure));
-        std::erase_if(failing.queues, [](const Queue& queue) { return queue.name == L"New"; });
-        EXPECT_EQ(State(failing), before) << c.failure;
+    for (const auto& [failure, prepare, newName] : cases) {
+        FakeMonitor monitor = Office();
+        const std::string before = State(monitor);
+        prepare(monitor);
+        EXPECT_THAT(Failure(monitor, {"port", "rename", "OFFICE", newName}), HasSubstr(failure));
+        std::erase_if(monitor.queues, [](const Queue& queue) { return queue.name == L"New"; });
+        EXPECT_EQ(State(monitor), before) << failure;
     }
 }
 
@@ -229,7 +230,7 @@ TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
 
 TEST(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
     FakeMonitor monitor = Server();
-    monitor.printer = {"10.0.0.1", "0004004A1B2C", "prn-1"};
+    monitor.printers = {{"10.0.0.1", {"10.0.0.1", "0004004A1B2C", "prn-1"}}};
     const TempFile file("undo.json");
     Kestctl(monitor, {"port", "migrate", "IP_10.0.0.1", "--follow", "--yes", "--name-format",
                       "OFFICE {address}", "--undo-file", file.Name()});

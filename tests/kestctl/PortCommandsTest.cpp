@@ -4,117 +4,127 @@
 
 #include "tests/support/FakeMonitor.h"
 
+using nlohmann::json;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {
 
-TEST(PortCommands, AddShowSetAndDelete) {
+FakeMonitor RawAndLpr() {
     FakeMonitor monitor;
-    EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr("kestctl port add"));
-    EXPECT_EQ(Kestctl(monitor, {"port", "list", "--json"}), "[]\n");
     EXPECT_EQ(Kestctl(monitor, {"port", "add", "B\u00fcro", "--address", "10.0.0.1", "--mac",
                                 "00-04-00-4a-1b-2c", "--always-print"}),
               "port B\u00fcro added: raw to 10.0.0.1:9100\n");
     Kestctl(monitor, {"port", "add", "LAGER", "--address", "10.0.0.2", "--protocol", "lpr"});
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"})),
-              nlohmann::json::parse(R"({"name": "LAGER", "configured": true, "protocol": "lpr",
+    return monitor;
+}
+
+TEST(PortCommands, AddAndShow) {
+    FakeMonitor monitor;
+    EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr("kestctl port add"));
+    EXPECT_EQ(Kestctl(monitor, {"port", "list", "--json"}), "[]\n");
+    monitor = RawAndLpr();
+    EXPECT_EQ(Json(monitor, {"port", "show", "LAGER"}),
+              json::parse(R"({"name": "LAGER", "configured": true, "protocol": "lpr",
                   "address": "10.0.0.2", "ipv6Host": "", "useIPv6": false, "portNumber": 515,
                   "queue": "lp", "doubleSpool": false, "hostName": "", "mac": "",
                   "alwaysPrint": false, "usedBy": [],
                   "snmp": {"enabled": false, "community": "", "index": 0}})"));
+    EXPECT_EQ(Json(monitor, {"port", "add", "KELLER", "--address", "localhost"})["address"],
+              "127.0.0.1");
+    // Without the right to administer, the names are all there is.
+    monitor.failing[L"GetConfigInfo"] = ERROR_ACCESS_DENIED;
+    EXPECT_EQ(Json(monitor, {"port", "list"})[1],
+              json::parse(R"({"name": "KELLER", "usedBy": []})"));
+}
 
-    // By any letter case; what is not mentioned stays.
+// By any letter case; what is not mentioned stays.
+TEST(PortCommands, SetReportsWhatItChanged) {
+    FakeMonitor monitor = RawAndLpr();
     EXPECT_EQ(Kestctl(monitor,
                       {"port", "set", "b\u00dcro", "--address", "10.0.0.9", "--no-always-print"}),
               "port B\u00fcro set: raw to 10.0.0.9:9100\n"
               "  address: 10.0.0.1 -> 10.0.0.9\n  alwaysPrint: true -> false\n");
     EXPECT_THAT(Kestctl(monitor, {"port", "set", "b\u00dcro", "--address", "10.0.0.9"}),
                 HasSubstr("no change"));
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(
-                  monitor, {"port", "set", "LAGER", "--snmp", "public", "--json"}))["changed"],
-              nlohmann::json::parse(R"({"snmp/community": {"from": "", "to": "public"},
+    EXPECT_EQ(Json(monitor, {"port", "set", "LAGER", "--snmp", "public"})["changed"],
+              json::parse(R"({"snmp/community": {"from": "", "to": "public"},
                   "snmp/enabled": {"from": false, "to": true},
                   "snmp/index": {"from": 0, "to": 1}})"));
-    const auto port =
-        nlohmann::json::parse(Kestctl(monitor, {"port", "show", "b\u00fcro", "--json"}));
+    const json port = Json(monitor, {"port", "show", "b\u00fcro"});
     EXPECT_EQ(port["name"], "B\u00fcro");
     EXPECT_EQ(port["address"], "10.0.0.9");
     EXPECT_EQ(port["mac"], "0004004A1B2C");
     EXPECT_EQ(port["alwaysPrint"], false);
-    const auto list = nlohmann::json::parse(Kestctl(monitor, {"port", "list", "--json"}));
+    const json list = Json(monitor, {"port", "list"});
     ASSERT_EQ(list.size(), 2u);
     EXPECT_EQ(list[0], port);
+}
+
+TEST(PortCommands, PortsThatPrintersUseAreNotDeleted) {
+    FakeMonitor monitor = RawAndLpr();
     monitor.queues = {{L"Laser", {L"b\u00fcro", L"LPT1:"}}, {L"Color", {L"B\u00fcro"}}};
     EXPECT_EQ(
         Kestctl(monitor, {"port", "list"}),
         "PORT   SENDS                          MAC           ALWAYS PRINT  USED BY\n"
-        "B\u00fcro   raw to 10.0.0.9:9100           0004004A1B2C  no            Laser, Color\n"
+        "B\u00fcro   raw to 10.0.0.1:9100           0004004A1B2C  yes           Laser, Color\n"
         "LAGER  lpr to 10.0.0.2:515, queue lp  -             no            -\n");
-
-    // Whoever is in the way of a deletion is named, and nothing is deleted; nor is it where nobody
-    // knows.
     monitor.hidesQueues = true;
     EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr(" no            ?\n"));
-    EXPECT_TRUE(
-        nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"}))["usedBy"]
-            .is_null());
+    EXPECT_TRUE(Json(monitor, {"port", "show", "LAGER"})["usedBy"].is_null());
     EXPECT_THAT(Failure(monitor, {"port", "delete", "LAGER"}),
                 HasSubstr("nothing was deleted: the printers are hidden. Run kestctl as"));
     Kestctl(monitor, {"port", "delete", "NONE", "--if-there"});
     monitor.hidesQueues = false;
     EXPECT_THAT(Failure(monitor, {"port", "delete", "*"}), HasSubstr("printers Laser, Color"));
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "delete", "lager", "--json"})),
-              nlohmann::json::parse(R"({"name": "LAGER", "deleted": true})"));
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "add", "KELLER", "--address",
-                                                      "localhost", "--json"}))["address"],
-              "127.0.0.1");
-    // Without the right to administer, the names are all there is.
-    monitor.failing[L"GetConfigInfo"] = ERROR_ACCESS_DENIED;
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "list", "--json"}))[1],
-              nlohmann::json::parse(R"({"name": "KELLER", "usedBy": []})"));
+    EXPECT_EQ(Json(monitor, {"port", "delete", "lager"}),
+              json::parse(R"({"name": "LAGER", "deleted": true})"));
 }
 
-TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
+FakeMonitor Ports(const std::vector<std::string>& names) {
     FakeMonitor monitor;
-    for (const char* name : {"OFFICE-1", "Office-2", "LAGER"}) {
+    for (const std::string& name : names) {
         Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
     }
-    const auto shown = [&monitor](const std::vector<std::string>& names) {
-        std::vector<std::string> line = {"port", "show", "--json"};
-        line.insert(line.end(), names.begin(), names.end());
-        std::string text;
-        for (const auto& port : nlohmann::json::parse(Kestctl(monitor, line))) {
-            text += port["name"].get<std::string>() + ":" + port["portNumber"].dump() + " ";
-        }
-        return text;
-    };
+    return monitor;
+}
+
+std::string Shown(FakeMonitor& monitor, std::vector<std::string> names) {
+    names.insert(names.begin(), {"port", "show"});
+    std::string text;
+    for (const json& port : Json(monitor, names)) {
+        text += port["name"].get<std::string>() + ":" + port["portNumber"].dump() + " ";
+    }
+    return text;
+}
+
+TEST(PortCommands, PatternsSelectPorts) {
+    FakeMonitor monitor = Ports({"OFFICE-1", "Office-2", "LAGER"});
     // In the monitor's order, and each once.
-    EXPECT_EQ(shown({"office-?", "LAGER", "*"}), "LAGER:9100 OFFICE-1:9100 Office-2:9100 ");
+    EXPECT_EQ(Shown(monitor, {"office-?", "LAGER", "*"}),
+              "LAGER:9100 OFFICE-1:9100 Office-2:9100 ");
     EXPECT_THAT(Failure(monitor, {"port", "show", "LAGER", "HALL-*"}), HasSubstr("HALL-*"));
     Kestctl(monitor, {"port", "set", "office-*", "--port", "9101", "--yes"});
-    EXPECT_EQ(shown({"*"}), "LAGER:9100 OFFICE-1:9101 Office-2:9101 ");
+    EXPECT_EQ(Shown(monitor, {"*"}), "LAGER:9100 OFFICE-1:9101 Office-2:9101 ");
     // One that refuses keeps all as they were.
     Kestctl(monitor, {"port", "set", "LAGER", "--protocol", "lpr"});
     EXPECT_THAT(Failure(monitor, {"port", "set", "*", "--queue", "q"}),
                 HasSubstr("belongs to LPR"));
-    EXPECT_EQ(nlohmann::json::parse(Kestctl(monitor, {"port", "show", "LAGER", "--json"}))["queue"],
-              "lp");
-
+    EXPECT_EQ(Json(monitor, {"port", "show", "LAGER"})["queue"], "lp");
     // A pattern is no list, and a port that is called like one is meant alone.
     EXPECT_THAT(Failure(monitor, {"port", "delete", "X;*"}), HasSubstr("X;*"));
     EXPECT_THAT(Failure(monitor, {"port", "show", "*.*"}), HasSubstr("*.*"));
-    for (const char* name : {"A*", "A1"}) {
-        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
-    }
+    monitor = Ports({"A*", "A1"});
     Kestctl(monitor, {"port", "add", "A?", "--address", "10.0.0.7", "--or-set"});
     Kestctl(monitor, {"port", "delete", "a*"});
-    EXPECT_EQ(shown({"a*"}), "A1:9100 A?:9100 ");
-    Kestctl(monitor, {"port", "delete", "A*", "--yes"});
+    EXPECT_EQ(Shown(monitor, {"a*"}), "A1:9100 A?:9100 ");
+}
 
-    EXPECT_THAT(Kestctl(monitor, {"port", "add", "lager", "--address", "10.0.0.2", "--or-set"}),
-                AllOf(HasSubstr("port LAGER set"), HasSubstr("address: 10.0.0.1 -> 10.0.0.2")));
+TEST(PortCommands, AddOrSet) {
+    FakeMonitor monitor = RawAndLpr();
+    EXPECT_THAT(Kestctl(monitor, {"port", "add", "lager", "--address", "10.0.0.3", "--or-set"}),
+                AllOf(HasSubstr("port LAGER set"), HasSubstr("address: 10.0.0.2 -> 10.0.0.3")));
     EXPECT_THAT(Kestctl(monitor, {"port", "add", "NEW", "--address", "10.0.0.2", "--or-set"}),
                 HasSubstr("port NEW added"));
     // Only a port that is new needs an address, and what is there says which settings fit.
@@ -122,11 +132,14 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
     EXPECT_EQ(FieldText(monitor.ports[L"LAGER"].standard.sztQueue), "lp2");
     EXPECT_THAT(Failure(monitor, {"port", "add", "NEWER", "--port", "9101", "--or-set"}),
                 HasSubstr("--address"));
-    // What was done before a failure is told, and where it ended.
+}
+
+TEST(PortCommands, AFailedDeletionReportsWhatWasDoneBefore) {
+    FakeMonitor monitor = Ports({"OFFICE-1", "Office-2", "LAGER", "NEW"});
     monitor.refused = L"Office-2";
     EXPECT_THAT(Failure(monitor, {"port", "delete", "O*", "LAGER", "--yes", "--json"}),
                 HasSubstr("Office-2 cannot be deleted"));
-    const auto told = nlohmann::json::parse(monitor.printed);
+    const json told = json::parse(monitor.printed);
     ASSERT_EQ(told.size(), 3u) << told;
     EXPECT_EQ(told[0]["name"], "LAGER");
     EXPECT_EQ(told[1]["deleted"], true);
@@ -134,30 +147,27 @@ TEST(PortCommands, SeveralAtOnceAndWhatIsThereAlready) {
     EXPECT_THAT(told[2]["error"].get<std::string>(), HasSubstr("cannot be deleted"));
     monitor.refused.clear();
     Kestctl(monitor, {"port", "delete", "--if-there", "office-*", "NONE", "HALL-*"});
-    EXPECT_EQ(shown({"*"}), "NEW:9100 ");
+    EXPECT_EQ(Shown(monitor, {"*"}), "NEW:9100 ");
 }
 
 TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
     FakeMonitor monitor;
-    const auto show = [&monitor] {
-        return nlohmann::json::parse(Kestctl(monitor, {"port", "show", "OFFICE", "--json"}));
-    };
-    monitor.printer = {"10.0.0.7", "0004004A1B2C", "prn-1"};
+    const auto show = [&monitor] { return Json(monitor, {"port", "show", "OFFICE"}); };
+    monitor.printers = {{"printer.example", {"10.0.0.7", "0004004A1B2C", "prn-1"}},
+                        {"fd00::7", {"fd00::7", "", "prn-2"}},
+                        {"p3", {"10.0.0.8", "000400000008", ""}}};
     EXPECT_EQ(Kestctl(monitor, {"port", "add", "OFFICE", "--follow", "printer.example"}),
               "port OFFICE added: raw to 10.0.0.7:9100, following 0004004A1B2C, prn-1\n");
-    EXPECT_EQ(monitor.identified, "printer.example");
     EXPECT_EQ(show()["hostName"], "prn-1");
     EXPECT_EQ(show()["alwaysPrint"], true);
 
     // Another printer, without a MAC address: the old one's must be gone.
-    monitor.printer = {"fd00::7", "", "prn-2"};
     EXPECT_EQ(Kestctl(monitor, {"port", "set", "OFFICE", "--follow", "fd00::7"}),
               "port OFFICE set: raw to [fd00::7]:9100, following prn-2\n"
               "  hostName: prn-1 -> prn-2\n  ipv6Host: - -> fd00::7\n"
               "  mac: 0004004A1B2C -> -\n  useIPv6: false -> true\n");
     EXPECT_EQ(show()["mac"], "");
     // One without a name of its own: the old one's would stay, and lead to the old printer.
-    monitor.printer = {"10.0.0.8", "000400000008", ""};
     EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--follow", "p3"}),
                 AllOf(HasSubstr("prn-2"), HasSubstr("Delete the port")));
     EXPECT_EQ(show()["address"], "10.0.0.7");
@@ -168,19 +178,16 @@ TEST(PortCommands, FollowStoresWhatThePrinterSaysOfItself) {
 }
 
 TEST(PortCommands, FollowWithoutAddressAsksEachPortsPrinter) {
-    FakeMonitor monitor;
-    for (const char* name : {"A1", "A2", "A3"}) {
-        Kestctl(monitor, {"port", "add", name, "--address", std::string("10.0.0.") + name[1]});
-    }
+    FakeMonitor monitor = Ports({"A1", "A2"});
+    Kestctl(monitor, {"port", "add", "A3", "--address", "10.0.0.3"});
     Kestctl(monitor, {"port", "set", "A2", "--ipv6", "printer.example"});
     monitor.printers = {{"10.0.0.1", {"10.0.0.1", "000400000001", "prn-1"}},
                         {"printer.example", {"fd00::2", "000400000002", ""}}};
-    const std::string failure =
-        Failure(monitor, {"port", "set", "A*", "--follow", "--yes", "--json"});
-    EXPECT_THAT(failure, HasSubstr("1 of 3 printers could not be identified"));
-    const auto ports = nlohmann::json::parse(monitor.printed);
+    EXPECT_THAT(Failure(monitor, {"port", "set", "A*", "--follow", "--yes", "--json"}),
+                HasSubstr("1 of 3 printers could not be identified"));
+    const auto ports = json::parse(monitor.printed);
     ASSERT_EQ(ports.size(), 3u) << ports;
-    EXPECT_EQ(ports[2], nlohmann::json({{"name", "A3"}, {"error", "no answer"}}));
+    EXPECT_EQ(ports[2], json({{"name", "A3"}, {"error", "no answer"}}));
     EXPECT_EQ(FieldText(monitor.ports[L"A1"].extended.sztHWAddress), "000400000001");
     EXPECT_EQ(FieldText(monitor.ports[L"A1"].standard.sztHostAddress), "prn-1");
     EXPECT_EQ(FieldText(monitor.ports[L"A2"].extended.sztHWAddress), "000400000002");
@@ -193,15 +200,13 @@ TEST(PortCommands, FollowWithoutAddressAsksEachPortsPrinter) {
 }
 
 TEST(PortCommands, PatternsAskAndDryRunsChangeNothing) {
-    FakeMonitor monitor;
-    for (const char* name : {"A1", "A2", "B1"}) {
-        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
-    }
+    FakeMonitor monitor = Ports({"A1", "A2", "B1"});
     const std::string before = Kestctl(monitor, {"port", "export"});
-    const struct {
+    struct Case {
         std::vector<std::string> arguments;
-        const char* refusal;
-    } refused[] = {
+        const char* text;
+    };
+    const Case refused[] = {
         {{"delete", "A*"}, "2 ports (A1, A2). There is no terminal to ask on: add --yes to delete"},
         {{"set", "A?", "B1", "--port", "9101"}, "2 ports (A1, A2)"},
         {{"set", "A*", "--address", "10.0.0.2", "--yes"}, "--address"},
@@ -213,10 +218,7 @@ TEST(PortCommands, PatternsAskAndDryRunsChangeNothing) {
         EXPECT_THAT(Failure(monitor, arguments), HasSubstr(refusal));
         EXPECT_THROW(Kestctl(monitor, arguments), CLI::ParseError);
     }
-    const struct {
-        std::vector<std::string> arguments;
-        const char* text;
-    } dry[] = {
+    const Case dry[] = {
         {{"delete", "*"}, "port B1 would be deleted"},
         {{"set", "*", "--port", "9101"}, "port A2 would be set: raw to 10.0.0.1:9101\n  portNum"},
         {{"add", "NEW", "--address", "10.0.0.1"}, "port NEW would be added: raw to 10.0.0.1:9100"},
@@ -265,9 +267,7 @@ TEST(PortCommands, SetRestoresWhatWasThereWhenItFails) {
     EXPECT_THAT(Failure(monitor, {"port", "set", "OFFICE", "--address", "10.0.0.2"}),
                 HasSubstr("kestctl port show OFFICE"));
     monitor.failing.clear();
-    EXPECT_EQ(
-        nlohmann::json::parse(Kestctl(monitor, {"port", "show", "OFFICE", "--json"}))["address"],
-        "10.0.0.1");
+    EXPECT_EQ(Json(monitor, {"port", "show", "OFFICE"})["address"], "10.0.0.1");
 }
 
 TEST(PortCommands, FailuresSayWhatToDo) {

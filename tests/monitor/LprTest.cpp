@@ -2,11 +2,13 @@
 
 #include <gmock/gmock.h>
 
+#include <deque>
 #include <filesystem>
 #include <future>
 
 #include "tests/support/FakeSpooler.h"
-#include "tests/support/TcpPeer.h"
+#include "tests/support/HeldCall.h"
+#include "tests/support/OddPrinter.h"
 
 namespace {
 
@@ -28,58 +30,28 @@ std::string DataCommand(const std::string& text) {
     return "\x03" + text + Host() + "\n";
 }
 
-// What a daemon was told in one connection.
-struct Dialogue {
-    std::vector<std::string> commands;
-    std::string controlFile;
-    std::string data;  // with the closing zero octet
-};
-
-// A line printer daemon. Acknowledges everything, unless told to answer one step (numbered from
-// 0: receive job, control file subcommand, control file, data file subcommand, end of data)
-// otherwise.
+// A line printer daemon that treats each of its connections in the same way.
 class Daemon {
   public:
-    explicit Daemon(int oddStep = -1, std::string oddAnswer = "")
-        : peer_([=, this](PeerConnection& job) { Serve(job, oddStep, oddAnswer); }) {}
+    // Parameters: the size of the jobs, and how the daemon acknowledges one step.
+    explicit Daemon(size_t size = 0, Behaviour behaviour = Behaviour::Takes, int step = 0)
+        : peer_([=, this](PeerConnection& job) {
+              Visit& visit = visits_.emplace_back();
+              visit.lpr = true;
+              visit.size = size;
+              visit.behaviour = behaviour;
+              visit.step = step;
+              Serve(job, visit);
+          }) {}
 
     WORD Port() const { return peer_.port; }
-    std::vector<Dialogue> Finish() {
+    const std::deque<Visit>& Finish() {
         peer_.Finish();
-        return dialogues_;
+        return visits_;
     }
 
   private:
-    void Serve(PeerConnection& job, int oddStep, const std::string& oddAnswer) {
-        Dialogue dialogue;
-        int step = 0;
-        const auto answer = [&] {
-            job.Write(step++ == oddStep ? oddAnswer : std::string(1, '\0'));
-        };
-        const auto command = [&] {
-            const std::string line = job.ReadLine();
-            if (!line.empty()) {
-                dialogue.commands.push_back(line);
-                answer();
-            }
-            return line;
-        };
-        command();
-        if (const std::string line = command(); !line.empty()) {
-            dialogue.controlFile = job.Read(std::stoul(line.substr(1)) + 1);
-            answer();
-            const std::string data = command();
-            const size_t length = data.empty() ? 0 : std::stoul(data.substr(1));
-            dialogue.data = length > 0 ? job.Read(length) : "";
-            if (length == 0 || dialogue.data.size() == length) {
-                dialogue.data += job.Read(length > 0 ? 1 : SIZE_MAX);
-            }
-            answer();
-        }
-        dialogues_.push_back(dialogue);
-    }
-
-    std::vector<Dialogue> dialogues_;
+    std::deque<Visit> visits_;
     TcpPeer peer_;
 };
 
@@ -123,9 +95,9 @@ class LprTest : public testing::Test {
 };
 
 TEST_F(LprTest, AStreamedJobSpeaksTheDialogueOfADaemon) {
-    // A length of 0 leaves the end of the data to the connection's end, so this daemon sees the
-    // closing zero octet as data and never acknowledges it in time: that costs the job nothing.
-    Daemon daemon;
+    // With a length of 0 the data ends where the connection does: daemons take the closing zero
+    // octet as data and do not acknowledge it, and the job succeeds.
+    Daemon daemon(5, Behaviour::AcksNever, kEndOfData);
     HANDLE port = OpenPort(daemon.Port(), false);
     ASSERT_TRUE(spooler.Start(port));
     DWORD count = 7;
@@ -135,14 +107,15 @@ TEST_F(LprTest, AStreamedJobSpeaksTheDialogueOfADaemon) {
     EXPECT_EQ(GetLastError(), 1234u);
     EXPECT_EQ(count, 0u);
     Print(port, "hello");
-    const Dialogue dialogue = daemon.Finish().at(0);
+    const Visit& visit = daemon.Finish().at(0);
     const std::string control = "H" + Host() + "\nP" + User() + "\nldfA001" + Host() + "\n";
-    EXPECT_THAT(dialogue.commands,
+    EXPECT_THAT(visit.commands,
                 testing::ElementsAre(
                     "\x02lp\n", "\x02" + std::to_string(control.size()) + " cfA001" + Host() + "\n",
                     DataCommand("0 dfA001")));
-    EXPECT_EQ(dialogue.controlFile, control + '\0');
-    EXPECT_EQ(dialogue.data, std::string("hello") + '\0');
+    EXPECT_EQ(visit.controlFile, control + '\0');
+    EXPECT_EQ(visit.data, "hello");
+    EXPECT_EQ(visit.complaint, "") << "one zero octet ends the data";
 }
 
 // Each announcement counts the jobs before it again; what is sent ends with the file.
@@ -157,12 +130,13 @@ TEST_F(LprTest, ADoubleSpooledJobAnnouncesTheRunningTotal) {
     } jobs[] = {{"", "0 dfA001"}, {large, "1000003 dfA002"}, {"page", "1000007 dfA003"}};
     HANDLE port = OpenPort(0, true);
     for (const auto& job : jobs) {
-        Daemon daemon;
+        Daemon daemon(job.document.size());
         spooler.ConfigurePort(L"P", 2, daemon.Port(), true);
         Print(port, job.document);
-        const Dialogue dialogue = daemon.Finish().at(0);
-        EXPECT_EQ(dialogue.commands.back(), DataCommand(job.announced));
-        EXPECT_EQ(dialogue.data, job.document + '\0');
+        const Visit& visit = daemon.Finish().at(0);
+        EXPECT_EQ(visit.commands.back(), DataCommand(job.announced));
+        EXPECT_EQ(visit.data, job.document);
+        EXPECT_EQ(visit.complaint, "");
     }
     EXPECT_EQ(TempFiles(), 0u);
     // Opening the port starts the numbers again, but not that of the job that runs.
@@ -179,7 +153,7 @@ TEST_F(LprTest, TheJobNumberIsOneByteAndStartsAgainWhenThePortIsOpened) {
         job.ReadLine();
         job.Write("\x01");
     });
-    Daemon daemon;
+    Daemon daemon(1);
     HANDLE port = OpenPort(refusing.port, true);
     for (int i = 1; i < 256; ++i) {
         EXPECT_FALSE(spooler.Start(port));
@@ -190,27 +164,28 @@ TEST_F(LprTest, TheJobNumberIsOneByteAndStartsAgainWhenThePortIsOpened) {
     spooler.Open(L"p");
     Print(port, "x");
     spooler->pfnClosePort(port);
-    const auto dialogues = daemon.Finish();
-    ASSERT_EQ(dialogues.size(), 3u);
+    const auto& visits = daemon.Finish();
+    ASSERT_EQ(visits.size(), 3u);
     const char* const numbers[] = {"000", "001", "001"};
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_THAT(dialogues[i].commands[1],
+        EXPECT_THAT(visits[i].commands[1],
                     testing::EndsWith(" cfA" + (numbers[i] + Host()) + "\n"));
     }
 }
 
 TEST_F(LprTest, ADaemonThatDoesNotAcknowledgeFailsTheStart) {
-    for (const char* answer : {"\x01", "no queue\n"}) {
-        for (int step = 0; step < 4; ++step) {
-            Daemon daemon(step, answer);
+    for (const Behaviour answer : {Behaviour::AcksNegative, Behaviour::AcksWrong}) {
+        for (int step = kReceiveJob; step <= kDataFileCommand; ++step) {
+            Daemon daemon(0, answer, step);
             HANDLE port = OpenPort(daemon.Port(), false);
             EXPECT_FALSE(spooler.Start(port)) << step;
-            EXPECT_EQ(daemon.Finish().size(), 1u);
+            ASSERT_EQ(daemon.Finish().size(), 1u);
+            EXPECT_EQ(daemon.Finish()[0].complaint, "");
             EXPECT_FALSE(spooler.WriteAll(port, "x"));
         }
     }
     // Announced when it has been spooled, a job that is refused stays on disk.
-    Daemon daemon(3, "\x01");
+    Daemon daemon(0, Behaviour::AcksNegative, kDataFileCommand);
     Print(OpenPort(daemon.Port(), true), "somebody's invoice");
     EXPECT_EQ(TempFiles(), 1u);
 }
@@ -234,22 +209,13 @@ TEST_F(LprTest, ADaemonThatClosesOrStaysSilentFailsTheStart) {
 TEST_F(LprTest, APrinterThatStopsReadingHoldsUpItsOwnJobAlone) {
     for (const bool lpr : {true, false}) {
         SCOPED_TRACE(lpr);
-        HANDLE hung = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-        HANDLE over = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+        HeldCall hung;
+        Visit visit;
+        visit.lpr = lpr;
+        visit.behaviour = Behaviour::ResetsAfter;  // takes no data
         TcpPeer printer([&](PeerConnection& job) {
-            if (lpr) {
-                job.ReadLine();
-                job.Write(std::string(1, '\0'));
-                const std::string line = job.ReadLine();
-                job.Write(std::string(1, '\0'));
-                job.Read(std::stoul(line.substr(1)) + 1);
-                job.Write(std::string(1, '\0'));
-                job.ReadLine();
-                job.Write(std::string(1, '\0'));
-            }
-            SetEvent(hung);
-            WaitForSingleObject(over, INFINITE);
-            job.Reset();
+            Serve(job, visit);
+            hung.Hold();
         });
         HANDLE port = lpr ? OpenPort(printer.port, true) : spooler.OpenNew(L"R", 1, printer.port);
         auto job = std::async(std::launch::async, [&] {
@@ -258,7 +224,7 @@ TEST_F(LprTest, APrinterThatStopsReadingHoldsUpItsOwnJobAlone) {
             EXPECT_EQ(spooler.WriteAll(port, std::string(32'000'000, 'x')), lpr);
             spooler->pfnEndDocPort(port);
         });
-        WaitForSingleObject(hung, INFINITE);
+        hung.Await();
         // What fits the buffers between here and there goes out before it hangs.
         while (job.wait_for(std::chrono::milliseconds(500)) == std::future_status::ready) {
             FAIL() << "the job ended";
@@ -272,11 +238,9 @@ TEST_F(LprTest, APrinterThatStopsReadingHoldsUpItsOwnJobAlone) {
         });
         EXPECT_EQ(others.wait_for(std::chrono::seconds(30)), std::future_status::ready);
         EXPECT_NE(job.wait_for(std::chrono::seconds(0)), std::future_status::ready);
-        SetEvent(over);
+        hung.Release();
         EXPECT_GT(others.get(), 0u);
         job.get();
-        CloseHandle(hung);
-        CloseHandle(over);
     }
 }
 
@@ -293,7 +257,7 @@ TEST_F(LprTest, AJobThatCannotBeReadBackIsNotClosed) {
             }
             return readFile(file, to, size, got, o);
         });
-    Daemon daemon;
+    Daemon daemon(2000);
     Print(OpenPort(daemon.Port(), true), std::string(2000, 'x'));
     EXPECT_EQ(daemon.Finish().at(0).data, std::string(1024, 'x'));
     EXPECT_EQ(TempFiles(), 0u);

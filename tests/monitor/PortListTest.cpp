@@ -41,7 +41,17 @@ class PortListTest : public testing::Test {
     FakeSpooler spooler;
     DWORD needed = 0;
     DWORD returned = 77;
+    HANDLE handle = nullptr;
+    BYTE byte = 0;
 };
+
+auto FailsWith(DWORD error) {
+    return [error](const char* call, BOOL result) {
+        EXPECT_FALSE(result) << call;
+        EXPECT_EQ(GetLastError(), error) << call;
+        SetLastError(0);
+    };
+}
 
 TEST_F(PortListTest, TableHasTheSlotsOfThisMonitorAndNoOthers) {
     Load({});
@@ -191,51 +201,41 @@ TEST_F(PortListTest, OpensPortsByNameInAnyLetterCase) {
 TEST_F(PortListTest, WhatIsNoHandleIsRefused) {
     Load({L"A"});
     HANDLE port = spooler.Open(L"A");
-    DWORD number = 0;
-    HANDLE handle = nullptr;
-    BYTE byte = 0;
     LPCWSTR name = L"B";
     DWORD nothing[64] = {};
-    for (HANDLE wrong : {HANDLE{}, static_cast<HANDLE>(nothing)}) {
-        for (bool otherKind : {false, true}) {
-            HANDLE noMonitor = otherKind ? port : wrong;
-            HANDLE noPort = otherKind ? spooler.monitor : wrong;
-            const auto refused = [](const char* what, BOOL result) {
-                EXPECT_FALSE(result) << what;
-                EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE}) << what;
-                SetLastError(0);
-            };
-            refused("EnumPorts",
-                    spooler->pfnEnumPorts(noMonitor, nullptr, 1, nullptr, 0, &number, &number));
-            refused("OpenPort", spooler->pfnOpenPort(noMonitor, const_cast<LPWSTR>(L"A"), &handle));
-            refused("AddPortEx", spooler->pfnAddPortEx(noMonitor, nullptr, 1,
-                                                       reinterpret_cast<LPBYTE>(&name), nullptr));
-            refused("XcvOpenPort", spooler->pfnXcvOpenPort(noMonitor, L"", 1, &handle));
-            refused("StartDocPort", spooler->pfnStartDocPort(noPort, nullptr, 1, 1, nullptr));
-            refused("WritePort", spooler->pfnWritePort(noPort, &byte, 1, &number));
-            refused("ReadPort", spooler->pfnReadPort(noPort, &byte, 1, &number));
-            EXPECT_TRUE(spooler->pfnEndDocPort(noPort));
-            EXPECT_TRUE(spooler->pfnClosePort(noPort));
-            EXPECT_TRUE(spooler->pfnXcvClosePort(noPort));
-            EXPECT_EQ(
-                spooler->pfnXcvDataPort(noPort, L"MonitorUI", nullptr, 0, nullptr, 0, nullptr),
-                DWORD{ERROR_INVALID_HANDLE});
-            spooler->pfnShutdown(noMonitor);
-        }
+    const std::pair<HANDLE, HANDLE> wrong[] = {{}, {nothing, nothing}, {port, spooler.monitor}};
+    const auto refused = FailsWith(ERROR_INVALID_HANDLE);
+    for (const auto& [noMonitor, noPort] : wrong) {
+        refused("EnumPorts",
+                spooler->pfnEnumPorts(noMonitor, nullptr, 1, nullptr, 0, &needed, &needed));
+        refused("OpenPort", spooler->pfnOpenPort(noMonitor, const_cast<LPWSTR>(L"A"), &handle));
+        refused("AddPortEx", spooler->pfnAddPortEx(noMonitor, nullptr, 1,
+                                                   reinterpret_cast<LPBYTE>(&name), nullptr));
+        refused("XcvOpenPort", spooler->pfnXcvOpenPort(noMonitor, L"", 1, &handle));
+        refused("StartDocPort", spooler->pfnStartDocPort(noPort, nullptr, 1, 1, nullptr));
+        refused("WritePort", spooler->pfnWritePort(noPort, &byte, 1, &needed));
+        refused("ReadPort", spooler->pfnReadPort(noPort, &byte, 1, &needed));
+        EXPECT_TRUE(spooler->pfnEndDocPort(noPort));
+        EXPECT_TRUE(spooler->pfnClosePort(noPort));
+        EXPECT_TRUE(spooler->pfnXcvClosePort(noPort));
+        EXPECT_EQ(spooler->pfnXcvDataPort(noPort, L"MonitorUI", nullptr, 0, nullptr, 0, nullptr),
+                  DWORD{ERROR_INVALID_HANDLE});
+        spooler->pfnShutdown(noMonitor);
     }
-    const auto invalid = [](const char* what, BOOL result) {
-        EXPECT_FALSE(result) << what;
-        EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER}) << what;
-        SetLastError(0);
-    };
+}
+
+TEST_F(PortListTest, MissingArgumentsAreRefused) {
+    Load({L"A"});
+    HANDLE port = spooler.Open(L"A");
+    const auto invalid = FailsWith(ERROR_INVALID_PARAMETER);
     invalid("EnumPorts",
-            spooler->pfnEnumPorts(spooler.monitor, nullptr, 1, nullptr, 0, nullptr, &number));
+            spooler->pfnEnumPorts(spooler.monitor, nullptr, 1, nullptr, 0, nullptr, &needed));
     invalid("EnumPorts",
-            spooler->pfnEnumPorts(spooler.monitor, nullptr, 1, nullptr, 999, &number, &number));
+            spooler->pfnEnumPorts(spooler.monitor, nullptr, 1, nullptr, 999, &needed, &needed));
     invalid("OpenPort", spooler->pfnOpenPort(spooler.monitor, nullptr, &handle));
     invalid("OpenPort", spooler->pfnOpenPort(spooler.monitor, const_cast<LPWSTR>(L"A"), nullptr));
     invalid("WritePort", spooler->pfnWritePort(port, &byte, 1, nullptr));
-    invalid("WritePort", spooler->pfnWritePort(port, nullptr, 1, &number));
+    invalid("WritePort", spooler->pfnWritePort(port, nullptr, 1, &needed));
     invalid("ReadPort", spooler->pfnReadPort(port, &byte, 1, nullptr));
     invalid("XcvOpenPort", spooler->pfnXcvOpenPort(spooler.monitor, nullptr, 1, &handle));
     invalid("XcvOpenPort", spooler->pfnXcvOpenPort(spooler.monitor, L"", 1, nullptr));

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <memory>
 #include <thread>
 
@@ -19,6 +20,21 @@ using testing::Not;
 namespace {
 
 constexpr wchar_t kGone[] = L"127.0.0.2";  // nobody listens there
+
+constexpr char kMoved[] = "(ip-address=127.0.0.1),(mac-address=0004004A1B2C),(host-name=P1)";
+constexpr char kOther[] = "(ip-address=127.0.0.9),(mac-address=000400000009),(host-name=p1)";
+constexpr char kSix[] = "(ip-address=::1),(mac-address=0004004A1B2C)";
+constexpr char kNowhere[] = "(ip-address=nowhere),(mac-address=0004004A1B2C)";
+
+struct Case {
+    const wchar_t *mac, *hostName;
+    std::vector<std::string> answers;
+    int searches;
+    DWORD error = 0;  // of the job; 0 if it starts
+    // What the port has afterwards.
+    const wchar_t *address = L"127.0.0.1", *ipv6 = L"-";
+    int useIPv6 = 0;
+};
 
 INT WSAAPI ResolveNumbers(PCSTR node, PCSTR service, const addrinfo* hints, addrinfo** list) {
     addrinfo numeric = *hints;
@@ -59,10 +75,27 @@ class RediscoveryTest : public testing::Test {
         spooler->pfnEndDocPort(port);
         return started;
     }
-    size_t Searches() {
-        const auto calls = slp.TakeCalls();
-        return static_cast<size_t>(
-            std::count(calls.begin(), calls.end(), "find service:printer 239.255.255.253 v2"));
+    void Print(const std::vector<Case>& cases) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message() << c.mac << ' ' << c.hostName << ' ' << c.ipv6);
+            slp.answers = c.answers;
+            const HANDLE port = OpenPort(L"P", printer.port, c.mac, c.hostName);
+            EXPECT_EQ(PrintOnce(port), c.error == 0);
+            EXPECT_EQ(error, c.error);
+            EXPECT_EQ(Searches(), c.searches);
+            EXPECT_EQ(spooler.Text(L"P", L"IPAddress"), c.address);
+            EXPECT_EQ(spooler.Text(L"P", L"IPv6HostName"), c.ipv6);
+            EXPECT_EQ(spooler.Number(L"P", L"UseIPV6"), c.useIPv6);
+            EXPECT_EQ(spooler.Text(L"P", L"HostName"), c.hostName);
+            if (c.error == 0) {
+                EXPECT_TRUE(PrintOnce(port));
+                EXPECT_EQ(Searches(), 0) << "the next job goes there straight";
+            }
+            spooler->pfnClosePort(port);
+        }
+    }
+    ptrdiff_t Searches() {
+        return std::ranges::count(slp.TakeCalls(), "find service:printer 239.255.255.253 v2");
     }
 
     LogCapture log;
@@ -74,58 +107,28 @@ class RediscoveryTest : public testing::Test {
 };
 
 TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
-    struct Case {
-        const wchar_t *mac, *hostName;
-        std::vector<std::string> answers;
-        bool started;
-        const wchar_t *address, *ipv6;
-        int useIPv6;
-        size_t searches;
-    };
-    const std::string moved = "(ip-address=127.0.0.1),(mac-address=0004004A1B2C),(host-name=P1)";
-    const std::string other = "(ip-address=127.0.0.9),(mac-address=000400000009),(host-name=p1)";
-    const std::string six = "(ip-address=::1),(mac-address=0004004A1B2C)";
-    const std::string nowhere = "(ip-address=nowhere),(mac-address=0004004A1B2C)";
-    const std::vector<Case> cases = {
+    Print({
         // By hardware address, in any letter case, whoever else has the name and answers first.
-        {L"0004004a1b2c", L"p1", {other, moved}, true, L"127.0.0.1", L"-", 0, 1},
-        // One that nobody has: by name, the whole of it.
-        {L"000400000001", L"p1", {moved}, true, L"127.0.0.1", L"-", 0, 2},
-        {L"000400000001", L"p1.example", {moved}, false, kGone, L"-", 0, 2},
+        {L"0004004a1b2c", L"p1", {kOther, kMoved}, 1},
+        // One that nobody has: by name.
+        {L"000400000001", L"p1", {kMoved}, 2},
         // One with separators is none.
-        {L"00:04:00:4a:1", L"P1", {moved}, true, L"127.0.0.1", L"-", 0, 1},
-        {L"00:04:00:4a:1", L"", {moved}, false, kGone, L"-", 0, 0},
-        {L"", L"p1", {moved}, true, L"127.0.0.1", L"-", 0, 1},
-        {L"0004004a1b2c", L"p1", {}, false, kGone, L"-", 0, 2},
-        // No address that could be used: the port has none either, and the job fails.
-        {L"0004004a1b2c", L"p1", {nowhere}, false, kGone, L"", 1, 1},
+        {L"00:04:00:4a:1", L"P1", {kMoved}, 1},
+        {L"", L"p1", {kMoved}, 1},
+    });
+}
+
+TEST_F(RediscoveryTest, AJobFailsIfItsPrinterIsNotFoundOrNotReached) {
+    Print({
+        {L"0004004a1b2c", L"p1", {}, 2, WSAECONNREFUSED, kGone},
+        // By the whole of its name.
+        {L"000400000001", L"p1.example", {kMoved}, 2, WSAECONNREFUSED, kGone},
+        {L"00:04:00:4a:1", L"", {kMoved}, 0, WSAECONNREFUSED, kGone},
+        // No address that could be used: the port has none either, and an empty one is no host's.
+        {L"0004004a1b2c", L"p1", {kNowhere}, 1, WSAHOST_NOT_FOUND, kGone, L"", 1},
         // IPv6 only; the peer listens on IPv4 alone, so the job fails where it connects.
-        {L"0004004a1b2c", L"p1", {six}, false, kGone, L"::1", 1, 1},
-    };
-    int number = 0;
-    for (const auto& [mac, hostName, answers, started, address, ipv6, useIPv6, searches] : cases) {
-        const std::wstring name = L"P" + std::to_wstring(++number);
-        SCOPED_TRACE(number);
-        slp.answers = answers;
-        const HANDLE port = OpenPort(name, printer.port, mac, hostName);
-        EXPECT_EQ(PrintOnce(port), started);
-        EXPECT_EQ(Searches(), searches);
-        if (!started) {
-            // Why it was searched for, or what became of it where it was found: an empty address
-            // is no host's.
-            EXPECT_EQ(error, ipv6 == std::wstring(L"") ? DWORD{WSAHOST_NOT_FOUND}
-                                                       : DWORD{WSAECONNREFUSED});
-        }
-        EXPECT_EQ(spooler.Text(name, L"IPAddress"), address);
-        EXPECT_EQ(spooler.Text(name, L"IPv6HostName"), ipv6);
-        EXPECT_EQ(spooler.Number(name, L"UseIPV6"), useIPv6);
-        EXPECT_EQ(spooler.Text(name, L"HostName"), hostName);
-        if (started) {
-            EXPECT_TRUE(PrintOnce(port));
-            EXPECT_EQ(Searches(), 0u) << "the next job goes there straight";
-        }
-        spooler->pfnClosePort(port);
-    }
+        {L"0004004a1b2c", L"p1", {kSix}, 1, WSAECONNREFUSED, kGone, L"::1", 1},
+    });
 }
 
 // The text of the announced address is stored, as far as the field goes. One with padded octets, or
@@ -140,14 +143,9 @@ TEST_F(RediscoveryTest, TheAnnouncedTextIsStored) {
         {"10.1.2.3:9100", L"10.1.2.3:9100"},     {"192.168.001.009:9100", L"192.168.001.009"},
         {"127.0.0.1:65535", L"127.0.0.1:65535"}, {"100.100.100.8:9100", L"100.100.100.8:9"}};
     for (const auto& [announced, stored] : cases) {
-        SCOPED_TRACE(announced);
-        slp.answers = {std::string("(ip-address=") + announced + "),(mac-address=0004004A1B2C)"};
-        const HANDLE port = OpenPort(L"P", printer.port, L"0004004a1b2c", L"");
-        EXPECT_FALSE(PrintOnce(port));
-        EXPECT_EQ(error, DWORD{WSAHOST_NOT_FOUND});
-        EXPECT_EQ(spooler.Text(L"P", L"IPAddress"), stored);
-        EXPECT_EQ(spooler.Number(L"P", L"UseIPV6"), 0);
-        spooler->pfnClosePort(port);
+        const std::string answer =
+            std::string("(mac-address=0004004A1B2C),(ip-address=") + announced + ")";
+        Print({{L"0004004a1b2c", L"", {answer}, 1, WSAHOST_NOT_FOUND, stored}});
     }
 }
 
@@ -161,7 +159,7 @@ TEST_F(RediscoveryTest, PortsThatDoNotFollowAskNobody) {
         });
     EXPECT_FALSE(PrintOnce(OpenPort(L"Q", printer.port, L"0004004a1b2c", L"")));
     EXPECT_EQ(error, DWORD{WSAECONNREFUSED});
-    EXPECT_EQ(Searches(), 0u);
+    EXPECT_EQ(Searches(), 0);
     EXPECT_EQ(log.Text(), "");
 }
 

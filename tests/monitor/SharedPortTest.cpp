@@ -4,14 +4,13 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <atomic>
 #include <future>
 #include <thread>
 
 #include "tests/support/FakeSpooler.h"
 #include "tests/support/HeldCall.h"
-#include "tests/support/TcpPeer.h"
+#include "tests/support/OddPrinter.h"
 
 using testing::ElementsAre;
 
@@ -101,16 +100,6 @@ class SharedPortTest : public testing::Test {
         callsToHold = calls;
     }
 
-    std::vector<std::string> JobCalls() {
-        auto calls = spooler.TakeCalls();
-        calls.erase(std::remove_if(calls.begin(), calls.end(),
-                                   [](const std::string& text) {
-                                       return text.find("Printer") == text.npos &&
-                                              text.find("SetJob") == text.npos;
-                                   }),
-                    calls.end());
-        return calls;
-    }
     bool ReadFails(HANDLE port) {
         BYTE byte = 0;
         DWORD count = 0;
@@ -127,6 +116,20 @@ class SharedPortTest : public testing::Test {
         EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", name), 0u);
         spooler->pfnXcvClosePort(xcv);
     }
+    // A job by a caller of its own. Returns whether it started.
+    bool PrintOnce() {
+        HANDLE port = spooler.Open(L"P");
+        const bool started = port != nullptr && spooler.Start(port);
+        if (started) {
+            spooler.WriteAll(port, "page");
+            spooler->pfnEndDocPort(port);
+        }
+        if (port != nullptr) {
+            spooler->pfnClosePort(port);
+        }
+        return started;
+    }
+    void PrintOnAPortThatComesAndGoes(DWORD protocol);
 
     HeldCall call;
     FakeSpooler spooler;
@@ -145,7 +148,7 @@ TEST_F(SharedPortTest, NobodyEndsAJobThatStarts) {
         std::promise<std::string> received;
         TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
         HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-        JobCalls();
+        spooler.TakeJobCalls();
         HoldNext();
         auto start = std::async(std::launch::async, [&] { return spooler.Start(port); });
         waiting.Await();
@@ -161,7 +164,8 @@ TEST_F(SharedPortTest, NobodyEndsAJobThatStarts) {
         EXPECT_TRUE(spooler.WriteAll(port, "the whole job"));
         EXPECT_TRUE(spooler->pfnEndDocPort(port));
         EXPECT_EQ(received.get_future().get(), "the whole job");
-        EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
+        EXPECT_THAT(spooler.TakeJobCalls(),
+                    ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
     }
 }
 
@@ -181,7 +185,7 @@ TEST_F(SharedPortTest, AStartThatFailsUnderAnEndLeavesThePortIdle) {
     EXPECT_FALSE(start.get());
     EXPECT_EQ(openSockets, 0);
     EXPECT_EQ(openLists, 0);
-    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
     EXPECT_TRUE(spooler.Start(port));
     EXPECT_TRUE(spooler.WriteAll(port, "page"));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
@@ -204,7 +208,7 @@ TEST_F(SharedPortTest, AnLprStartThatFailsUnderAnEndClosesItsConnection) {
     EXPECT_FALSE(start.get());
     EXPECT_EQ(rest.get_future().get(), "") << "the dialogue goes no further";
     EXPECT_EQ(openSockets, 0);
-    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
 }
 
 // The port is deleted, added and used anew while the end of a job still waits for its printer.
@@ -228,18 +232,19 @@ TEST_F(SharedPortTest, AnEndThatWaitsKeepsNobodyFromTheNextPort) {
     EXPECT_TRUE(ReadFails(port));
     Delete(L"P");
     EXPECT_TRUE(spooler->pfnClosePort(port));
-    JobCalls();
+    spooler.TakeJobCalls();
 
     HANDLE next = spooler.OpenNew(L"P", 1, printer.port);
     EXPECT_NE(next, port);
     ASSERT_TRUE(spooler.Start(next, L"Office", 43));
     EXPECT_TRUE(spooler.WriteAll(next, "page"));
     EXPECT_TRUE(spooler->pfnEndDocPort(next));
-    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 43 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(),
+                ElementsAre("OpenPrinter Office", "SetJob 43 6", "ClosePrinter"));
     EXPECT_EQ(openSockets, 1);
     waiting.Release();
     EXPECT_TRUE(end.get());
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 // What a write uses stays open until it returns, though the printer has closed its side.
@@ -257,15 +262,15 @@ TEST_F(SharedPortTest, AnEndWaitsForTheWriteThatRuns) {
     auto write =
         std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
     call.Await();
-    JobCalls();
+    spooler.TakeJobCalls();
     auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
     closed.get_future().wait();
     EXPECT_EQ(end.wait_for(kMoment), std::future_status::timeout);
-    EXPECT_THAT(JobCalls(), ElementsAre());
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre());
     call.Release();
     EXPECT_FALSE(write.get()) << "the end of the job came first";
     EXPECT_TRUE(end.get());
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 // ReadPort has found bytes and receives them next: the end of the job must not take them first.
@@ -296,15 +301,10 @@ TEST_F(SharedPortTest, AnEndLeavesAReadItsBytes) {
 
 TEST_F(SharedPortTest, AnLprJobIsClosedBehindAllOfItsData) {
     Patch("send", HeldSend);
-    std::promise<std::string> received;
-    TcpPeer daemon([&](PeerConnection& job) {
-        std::string all;
-        for (std::string some = job.ReadSome(); !some.empty(); some = job.ReadSome()) {
-            all += some;
-            job.Write(std::string(1, '\0'));
-        }
-        received.set_value(all.substr(all.rfind('\n') + 1));
-    });
+    Visit visit;
+    visit.lpr = true;
+    visit.size = 4;
+    TcpPeer daemon([&](PeerConnection& job) { Serve(job, visit); });
     HANDLE port = spooler.OpenNew(L"P", 2, daemon.port);
     ASSERT_TRUE(spooler.Start(port));
     HoldNext();
@@ -320,7 +320,9 @@ TEST_F(SharedPortTest, AnLprJobIsClosedBehindAllOfItsData) {
     call.Release();
     EXPECT_TRUE(write.get());
     EXPECT_TRUE(end.get());
-    EXPECT_EQ(received.get_future().get(), std::string("page") + '\0');
+    daemon.Finish();
+    EXPECT_EQ(visit.data, "page");
+    EXPECT_EQ(visit.complaint, "");
 }
 
 TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
@@ -328,7 +330,7 @@ TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
     TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
     HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
     ASSERT_TRUE(spooler.Start(port));
-    JobCalls();
+    spooler.TakeJobCalls();
     const auto write = [&] {
         DWORD written = 7;
         const BOOL done = spooler.Write(port, "page", written);
@@ -344,10 +346,10 @@ TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
     call.Release();
     EXPECT_FALSE(first.get());
     EXPECT_FALSE(second.get());
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
     EXPECT_EQ(openSockets, 0);
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 // A write that fails while another one still runs waits with closing what that uses.
@@ -372,7 +374,7 @@ TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
     DWORD none = 7;
     EXPECT_TRUE(spooler->pfnReadPort(port, buffer, sizeof(buffer), &none)) << "one reads already";
     EXPECT_EQ(none, 0u);
-    JobCalls();
+    spooler.TakeJobCalls();
 
     injected = WSAECONNRESET;
     HeldCall writing;
@@ -383,70 +385,62 @@ TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
     auto write =
         std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
     EXPECT_EQ(write.wait_for(kMoment), std::future_status::timeout);
-    EXPECT_THAT(JobCalls(), ElementsAre());
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre());
     EXPECT_EQ(openSockets, 1);
     injected = 0;
     call.Release();
     read.get();
     EXPECT_FALSE(write.get());
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
 }
 
 // Callers that know nothing of each other. The port's printer, its connections and its memory are
 // given back to the last one, and the port prints on.
-TEST_F(SharedPortTest, SeveralCallersUseAPortThatComesAndGoes) {
+void SharedPortTest::PrintOnAPortThatComesAndGoes(DWORD protocol) {
     constexpr int kCallers = 3;
     constexpr int kRounds = 150;
-    for (const DWORD protocol : {kProtocolRaw, kProtocolLpr}) {
-        SCOPED_TRACE(protocol);
-        TcpPeer printer([&](PeerConnection& job) {
-            while (!job.ReadSome().empty()) {
-                job.Write(protocol == kProtocolLpr ? std::string(1, '\0') : "");
+    TcpPeer printer([&](PeerConnection& job) {
+        while (!job.ReadSome().empty()) {
+            job.Write(protocol == kProtocolLpr ? std::string(1, '\0') : "");
+        }
+    });
+    std::atomic<int> printers = 0;
+    std::atomic<int> jobs = 0;
+    spooler.listener = [&](const std::string& text) {
+        printers += (text == "OpenPrinter Office") - (text == "ClosePrinter");
+        return LONG{0};
+    };
+    std::vector<std::thread> threads;
+    spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
+    for (int i = 0; i < kCallers; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < kRounds; ++round) {
+                jobs += PrintOnce();
             }
         });
-        std::atomic<int> printers = 0;
-        std::atomic<int> jobs = 0;
-        spooler.listener = [&](const std::string& text) {
-            printers += (text == "OpenPrinter Office") - (text == "ClosePrinter");
-            return LONG{0};
-        };
-        const auto print = [&] {
-            HANDLE port = spooler.Open(L"P");
-            const bool started = port != nullptr && spooler.Start(port);
-            if (started) {
-                spooler.WriteAll(port, "page");
-                spooler->pfnEndDocPort(port);
-            }
-            if (port != nullptr) {
-                spooler->pfnClosePort(port);
-            }
-            jobs += started;
-            return started;
-        };
-        std::vector<std::thread> threads;
-        spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
-        for (int i = 0; i < kCallers; ++i) {
-            threads.emplace_back([&] {
-                for (int round = 0; round < kRounds; ++round) {
-                    print();
-                }
-            });
-        }
-        for (int round = 0; round < kRounds / 3; ++round) {
-            Delete(L"P");
-            spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_TRUE(print());
-        EXPECT_GT(jobs, 1);
-        EXPECT_EQ(printers, 0);
-        EXPECT_EQ(openSockets, 0);
-        Delete(L"P");
     }
+    for (int round = 0; round < kRounds / 3; ++round) {
+        Delete(L"P");
+        spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(PrintOnce());
+    EXPECT_GT(jobs, 0);
+    EXPECT_EQ(printers, 0);
+    EXPECT_EQ(openSockets, 0);
+    Delete(L"P");
     spooler.listener = nullptr;
+}
+
+TEST_F(SharedPortTest, SeveralCallersUseARawPortThatComesAndGoes) {
+    PrintOnAPortThatComesAndGoes(kProtocolRaw);
+}
+
+TEST_F(SharedPortTest, SeveralCallersUseAnLprPortThatComesAndGoes) {
+    PrintOnAPortThatComesAndGoes(kProtocolLpr);
 }
 
 }  // namespace

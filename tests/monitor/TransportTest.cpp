@@ -21,17 +21,6 @@ class TransportTest : public testing::Test {
 
     HANDLE OpenPort(WORD tcpPort) { return spooler.OpenNew(L"P", 1, tcpPort); }
 
-    std::vector<std::string> JobCalls() {
-        std::vector<std::string> calls;
-        for (const auto& call : spooler.TakeCalls()) {
-            if (call.find("Printer ") != call.npos || call == "ClosePrinter" ||
-                call.rfind("SetJob", 0) == 0) {
-                calls.push_back(call);
-            }
-        }
-        return calls;
-    }
-
     FakeSpooler spooler;
 };
 
@@ -57,11 +46,12 @@ TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
     EXPECT_TRUE(spooler.WriteAll(port, document));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_EQ(received.get_future().get(), document);
-    EXPECT_THAT(JobCalls(), ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(),
+                ElementsAre("OpenPrinter Office", "SetJob 42 6", "ClosePrinter"));
     EXPECT_EQ(lingering.l_onoff, 1);
     EXPECT_EQ(lingering.l_linger, 120);
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    EXPECT_THAT(JobCalls(), ElementsAre());
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre());
 }
 
 // Two who end one job at once end it once.
@@ -83,7 +73,7 @@ TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
     HANDLE port = OpenPort(printer.port);
     ASSERT_TRUE(spooler.Start(port));
     EXPECT_TRUE(spooler.WriteAll(port, "page"));
-    JobCalls();
+    spooler.TakeJobCalls();
     auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
     EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
@@ -92,7 +82,7 @@ TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
     EXPECT_TRUE(end.get());
     EXPECT_TRUE(waited);
     EXPECT_EQ(closed, 1);
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
@@ -107,7 +97,7 @@ TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
         EXPECT_FALSE(spooler->pfnReadPort(port, &byte, 1, &count));
         EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
         EXPECT_TRUE(spooler->pfnEndDocPort(port));
-        EXPECT_THAT(JobCalls(), Not(Contains("ClosePrinter")));
+        EXPECT_THAT(spooler.TakeJobCalls(), Not(Contains("ClosePrinter")));
     }
 }
 
@@ -140,7 +130,7 @@ TEST_F(TransportTest, AJobThatCannotStartLeavesThePortIdleAndSaysWhy) {
         SetLastError(0);
         EXPECT_FALSE(spooler.Start(port)) << c.what;
         EXPECT_EQ(GetLastError(), c.error) << c.what;
-        const auto calls = JobCalls();
+        const auto calls = spooler.TakeJobCalls();
         EXPECT_EQ(std::count(calls.begin(), calls.end(), "OpenPrinter Office"),
                   std::count(calls.begin(), calls.end(), "ClosePrinter"))
             << c.what;
@@ -216,7 +206,7 @@ TEST_F(TransportTest, ALostConnectionRestartsTheJob) {
     });
     HANDLE port = OpenPort(printer.port);
     ASSERT_TRUE(spooler.Start(port));
-    JobCalls();
+    spooler.TakeJobCalls();
     DWORD written = 0;
     const std::string chunk(65536, 'x');
     while (spooler.Write(port, chunk, written)) {
@@ -224,11 +214,11 @@ TEST_F(TransportTest, ALostConnectionRestartsTheJob) {
     }
     EXPECT_EQ(written, 0u);
     EXPECT_THAT(GetLastError(), testing::AnyOf(WSAECONNRESET, WSAECONNABORTED));
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 4"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
     EXPECT_FALSE(spooler.Write(port, chunk, written));
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    EXPECT_THAT(JobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
+    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {

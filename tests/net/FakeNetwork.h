@@ -9,19 +9,12 @@
 
 #include "net/Network.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/SocketsStarted.h"
 
 class FakeNetwork : public Network {
   public:
     // Every function of the platform is the real one, except what `platform` replaces.
     explicit FakeNetwork(const NetworkPlatform& platform) : Network(platform) {}
-};
-
-struct SocketsStarted {
-    SocketsStarted() {
-        WSADATA data;
-        WSAStartup(MAKEWORD(2, 2), &data);
-    }
-    ~SocketsStarted() { WSACleanup(); }
 };
 
 // Libraries that count their references and have the entries that a test puts into them.

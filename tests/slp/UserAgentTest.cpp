@@ -3,7 +3,6 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <windows.h>
-#include <tlhelp32.h>
 
 #include <gmock/gmock.h>
 
@@ -18,7 +17,9 @@
 #include "tests/slp/Caller.h"
 #include "tests/slp/Replies.h"
 #include "tests/support/HandleCount.h"
+#include "tests/support/HeldCall.h"
 #include "tests/support/ScarceMemory.h"
+#include "tests/support/SocketsStarted.h"
 
 namespace {
 
@@ -30,13 +31,7 @@ constexpr char kService[] = "service:printer";
 constexpr char kHere[] = "127.0.0.1";
 constexpr char kAnyHost[] = "0.0.0.0";
 
-// Windows Sockets for the agents of this program; the library has its own reference.
-struct Sockets {
-    Sockets() {
-        WSADATA data;
-        WSAStartup(MAKEWORD(2, 2), &data);
-    }
-} const sockets;
+const SocketsStarted sockets;  // for the agents; the library has its own reference
 
 uint16_t XidOf(std::string_view request) {
     return static_cast<uint16_t>(static_cast<unsigned char>(request[10]) << 8 |
@@ -122,18 +117,6 @@ class Agent {
     std::atomic<bool> ending_ = false;
     std::thread thread_;
 };
-
-size_t ThreadCount() {
-    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
-    THREADENTRY32 entry{};
-    entry.dwSize = sizeof entry;
-    size_t count = 0;
-    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
-        count += entry.th32OwnerProcessID == GetCurrentProcessId();
-    }
-    CloseHandle(snapshot);
-    return count;
-}
 
 // A function of the DLL, which this program has by the same name of its own.
 template <typename F>
@@ -297,74 +280,81 @@ TEST(UserAgent, ReportsNothingAfterItsEnd) {
 
 // However a request is ended, it ends promptly, with one last call, and leaves no thread and no
 // handle behind.
-TEST(UserAgent, EndsWhenItIsTold) {
-    const HANDLE asked = CreateEventW(nullptr, FALSE, FALSE, nullptr);
-    const Agent talker(Agent::Talk);
-    const Agent silent([&](const std::string& request) {
-        SetEvent(asked);
-        return Agent::Silence(request);
-    });
-    size_t threads = 0, handles = 0;
-    const auto stop = [](SLPHandle h, SLPError) { return SLPStopFind(h) == SLP_OK; };
-    const auto close = [](SLPHandle h, SLPError) {
-        SLPClose(h);
-        return SLP_TRUE;
-    };
-    const auto closeLast = [](SLPHandle h, SLPError code) {
-        if (code == SLP_LAST_CALL) {
-            SLPClose(h);
+class EndedRequest : public testing::Test {
+  protected:
+    using Act = SLPBoolean(SLPHandle, SLPError);
+
+    void SetUp() override { asked.Release(); }
+    void TearDown() override {
+        // A thread that closed its own handle has just a few steps left to go.
+        for (int i = 0; i < 100 && CountThreads() != threads; ++i) {
+            Sleep(20);
         }
-        return SLP_TRUE;
-    };
-    const auto noMore = [](SLPHandle, SLPError) { return SLP_FALSE; };
-    const struct {
-        const char* name;
-        bool outside;
-        std::function<SLPBoolean(SLPHandle, SLPError)> act;
-    } cases[] = {
-        {"stopped from outside", true, stop},          {"closed from outside", true, close},
-        {"stopped in the callback", false, stop},      {"closed in the callback", false, close},
-        {"closed in the last call", false, closeLast}, {"no more wanted", false, noMore}};
-    for (const SLPBoolean async : {SLP_TRUE, SLP_FALSE}) {
-        for (const auto& c : cases) {
-            SCOPED_TRACE(testing::Message() << c.name << ", asynchronous: " << async);
+        EXPECT_EQ(CountThreads(), threads);
+        EXPECT_LE(CountHandles(), handles + 2);  // what the system keeps for its threads varies
+    }
+    void ExpectEnd(const char* how, Act* act, bool outside) {
+        for (const SLPBoolean async : {SLP_TRUE, SLP_FALSE}) {
+            SCOPED_TRACE(testing::Message() << how << ", asynchronous: " << async);
             const SLPHandle handle = Open(async);
             Answers answers;
-            answers.then = c.outside ? nullptr : c.act;
+            answers.then = outside ? nullptr : act;
             auto begin = steady_clock::now();
-            std::thread outside([&] {
-                if (c.outside) {
-                    WaitForSingleObject(asked, INFINITE);
+            std::thread other([&] {
+                if (outside) {
+                    asked.Await();
                     begin = steady_clock::now();
-                    c.act(handle, SLP_OK);
+                    act(handle, SLP_OK);
                 }
             });
-            EXPECT_EQ(Find(handle, answers, (c.outside ? silent : talker).address()), SLP_OK);
+            EXPECT_EQ(Find(handle, answers, (outside ? silent : talker).address()), SLP_OK);
             answers.AwaitEnd();
-            outside.join();
+            other.join();
             // A request that goes on takes 3.4 s.
             EXPECT_LT(steady_clock::now() - begin, milliseconds(3000));
             SLPClose(handle);
             EXPECT_EQ(answers.lastCalls(), 1);
-            EXPECT_EQ(answers.lists().size(), c.outside ? 0u : 1u);
+            EXPECT_EQ(answers.lists().size(), outside ? 0u : 1u);
             if (threads == 0) {  // from here on the system has started what it starts for itself
-                threads = ThreadCount();
+                threads = CountThreads();
                 handles = CountHandles();
             }
         }
     }
-    // A thread that closed its own handle has just a few steps left to go.
-    for (int i = 0; i < 100 && ThreadCount() != threads; ++i) {
-        Sleep(20);
+    static SLPBoolean Stop(SLPHandle handle, SLPError) { return SLPStopFind(handle) == SLP_OK; }
+    static SLPBoolean Close(SLPHandle handle, SLPError) {
+        SLPClose(handle);
+        return SLP_TRUE;
     }
-    EXPECT_EQ(ThreadCount(), threads);
-    EXPECT_LE(CountHandles(), handles + 2);  // what the system keeps for its threads varies
-    CloseHandle(asked);
+    static SLPBoolean CloseLast(SLPHandle handle, SLPError code) {
+        return code != SLP_LAST_CALL || Close(handle, code);
+    }
+    static SLPBoolean WantNoMore(SLPHandle, SLPError) { return SLP_FALSE; }
+
+    HeldCall asked;
+    const Agent talker{Agent::Talk};
+    const Agent silent{[this](const std::string& request) {
+        asked.Hold();
+        return Agent::Silence(request);
+    }};
+    size_t threads = 0, handles = 0;
+};
+
+TEST_F(EndedRequest, EndsWhenAnotherThreadSaysSo) {
+    ExpectEnd("stopped", Stop, true);
+    ExpectEnd("closed", Close, true);
+}
+
+TEST_F(EndedRequest, EndsWhenItsCallbackSaysSo) {
+    ExpectEnd("stopped", Stop, false);
+    ExpectEnd("closed", Close, false);
+    ExpectEnd("closed in the last call", CloseLast, false);
+    ExpectEnd("no more wanted", WantNoMore, false);
 }
 
 TEST(UserAgent, OneRequestAtATimeOnAHandleAndManyHandlesAtOnce) {
     const Agent silent(Agent::Silence), talker(Agent::Talk);
-    const size_t threads = ThreadCount();
+    const size_t threads = CountThreads();
     constexpr int kHandles = 20;
     SLPHandle handles[kHandles];
     std::vector<Answers> answers(kHandles);
@@ -374,7 +364,7 @@ TEST(UserAgent, OneRequestAtATimeOnAHandleAndManyHandlesAtOnce) {
         EXPECT_EQ(Find(handles[i], answers[i], talker.address()), SLP_HANDLE_IN_USE);
         EXPECT_EQ(answers[i].lastCalls(), 0);
     }
-    EXPECT_EQ(ThreadCount(), threads + kHandles);
+    EXPECT_EQ(CountThreads(), threads + kHandles);
 
     // The last call makes the next request, and that one's the one after it.
     std::atomic<int> more = 2;
@@ -390,10 +380,10 @@ TEST(UserAgent, OneRequestAtATimeOnAHandleAndManyHandlesAtOnce) {
     for (int i = 0; i < kHandles; ++i) {
         EXPECT_EQ(answers[i].lastCalls(), i == 0 ? 3 : 1);
     }
-    EXPECT_EQ(ThreadCount(), threads);
+    EXPECT_EQ(CountThreads(), threads);
 }
 
-TEST(UserAgent, RefusesWhatCannotBe) {
+TEST(UserAgent, RefusesWrongSettings) {
     SLPHandle handle = &handle;
     for (const char* lang : {"e n", "1x", "en-", "-en", "en--us", "abcdefghi", "\xE4"}) {
         EXPECT_EQ(SLPOpen(lang, SLP_FALSE, &handle), SLP_PARAMETER_BAD) << lang;
@@ -401,54 +391,60 @@ TEST(UserAgent, RefusesWhatCannotBe) {
     }
     EXPECT_EQ(SLPOpen("en", SLP_FALSE, nullptr), SLP_PARAMETER_BAD);
 
-    EXPECT_EQ(SLPOpen("en-US", SLP_FALSE, &handle), SLP_OK);
+    handle = Open(SLP_FALSE);
     for (const char* host : {"0.0.0.0", "255.255.255.255", "239.255.255.253", "::", "ff02::116"}) {
         EXPECT_EQ(SLPSetUnicastIP(handle, Endpoint(host, 427).get()), SLP_PARAMETER_BAD) << host;
     }
+    EXPECT_EQ(SLPSetUnicastIP(handle, nullptr), SLP_PARAMETER_BAD);
     const char* const none = nullptr;
     for (const char* list :
          {none, "", " ", "127.0.0.1,", "127.0.0.1,,::1", "localhost", "127.1", "::1%1"}) {
         EXPECT_EQ(SLPAssociateIFList(handle, list), SLP_PARAMETER_BAD);
     }
-    EXPECT_EQ(SLPAssociateIFList(handle, " 127.0.0.1 ,::1"), SLP_OK);
-    EXPECT_EQ(SLPSetUnicastIP(handle, nullptr), SLP_PARAMETER_BAD);
+    SLPClose(handle);
+}
 
+TEST(UserAgent, RefusesWrongRequests) {
+    SLPHandle handle = nullptr;
+    EXPECT_EQ(SLPOpen("en-US", SLP_FALSE, &handle), SLP_OK);
+    EXPECT_EQ(SLPAssociateIFList(handle, " 127.0.0.1 ,::1"), SLP_OK);
     Answers answers;
     const Endpoint good(kHere, 427), broadcast("255.255.255.255", 0), group(kGroup, 0);
-    const auto find = [&](const char* service, const Endpoint& to = Endpoint(kHere, 427),
-                          unsigned version = 2, SLPAttrCallback callback = Answers::Callback) {
-        return SLPFindAttrs(handle, service, nullptr, nullptr, callback, &answers, to.get(),
-                            version);
-    };
     Endpoint unknown = good;
     unknown.storage.ss_family = 0;
     for (const auto& service : {std::string(), std::string(1400, 's'), std::string(70000, 's')}) {
-        EXPECT_EQ(find(service.c_str()), SLP_PARAMETER_BAD) << service.size();
+        EXPECT_EQ(Find(handle, answers, good.get(), 2, service.c_str()), SLP_PARAMETER_BAD);
     }
-    EXPECT_EQ(find(nullptr), SLP_PARAMETER_BAD);
-    EXPECT_EQ(find(kService, unknown), SLP_PARAMETER_BAD);
-    EXPECT_EQ(find(kService, broadcast), SLP_PARAMETER_BAD);
-    EXPECT_EQ(find(kService, good, 0), SLP_PARAMETER_BAD);
-    EXPECT_EQ(find(kService, good, 3), SLP_PARAMETER_BAD);
-    EXPECT_EQ(find(kService, good, 2, nullptr), SLP_PARAMETER_BAD);
+    EXPECT_EQ(Find(handle, answers, good.get(), 2, nullptr), SLP_PARAMETER_BAD);
+    EXPECT_EQ(Find(handle, answers, unknown.get()), SLP_PARAMETER_BAD);
+    EXPECT_EQ(Find(handle, answers, broadcast.get()), SLP_PARAMETER_BAD);
+    EXPECT_EQ(Find(handle, answers, good.get(), 0), SLP_PARAMETER_BAD);
+    EXPECT_EQ(Find(handle, answers, good.get(), 3), SLP_PARAMETER_BAD);
+    EXPECT_EQ(SLPFindAttrs(handle, kService, nullptr, nullptr, nullptr, &answers, good.get(), 2),
+              SLP_PARAMETER_BAD);
 
     // An address of no interface here: nothing can be sent. Version 1 leaves the country out.
     EXPECT_EQ(SLPAssociateIFList(handle, "192.0.2.1"), SLP_OK);
-    EXPECT_EQ(find(kService, group, 1), SLP_NETWORK_ERROR);
-    EXPECT_EQ(find(kService, group, 2), SLP_NETWORK_ERROR);
+    EXPECT_EQ(Find(handle, answers, group.get(), 1), SLP_NETWORK_ERROR);
+    EXPECT_EQ(Find(handle, answers, group.get(), 2), SLP_NETWORK_ERROR);
     EXPECT_EQ(SLPStopFind(handle), SLP_OK);
     SLPClose(handle);
-    for (const SLPHandle closed : {handle, SLPHandle(nullptr), SLPHandle(&handle)}) {
-        handle = closed;
-        EXPECT_EQ(find(kService), SLP_PARAMETER_BAD);
-        EXPECT_EQ(SLPStopFind(handle), SLP_PARAMETER_BAD);
-        SLPClose(handle);
+    EXPECT_EQ(SLPOpen("haw", SLP_FALSE, &handle), SLP_OK);  // no code of two letters
+    EXPECT_EQ(Find(handle, answers, good.get(), 1), SLP_LANGUAGE_NOT_SUPPORTED);
+    SLPClose(handle);
+    EXPECT_EQ(answers.lastCalls(), 0);
+}
+
+TEST(UserAgent, RefusesWhatIsNoHandle) {
+    SLPHandle handle = Open(SLP_FALSE);
+    SLPClose(handle);
+    Answers answers;
+    for (const SLPHandle wrong : {handle, SLPHandle(nullptr), SLPHandle(&handle)}) {
+        EXPECT_EQ(Find(wrong, answers, Endpoint(kHere, 427).get()), SLP_PARAMETER_BAD);
+        EXPECT_EQ(SLPStopFind(wrong), SLP_PARAMETER_BAD);
+        SLPClose(wrong);
     }
     EXPECT_EQ(answers.lastCalls(), 0);
-
-    EXPECT_EQ(SLPOpen("haw", SLP_FALSE, &handle), SLP_OK);  // no code of two letters
-    EXPECT_EQ(find(kService, good, 1), SLP_LANGUAGE_NOT_SUPPORTED);
-    SLPClose(handle);
 }
 
 // Each time on a thread of its own, because a thread has its first exception only once.

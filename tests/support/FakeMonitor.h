@@ -26,9 +26,7 @@ struct FakeMonitor {
     std::wstring unmovable;               // queue
     std::vector<StandardPort> standardPorts;
     int opened = 0;
-    PrinterIdentity printer;                          // that is asked who it is
-    std::string identified;                           // where
-    std::map<std::string, PrinterIdentity> printers;  // by host, instead of the one above
+    std::map<std::string, PrinterIdentity> printers;  // that answer who they are, by host
 
     std::wstring document;      // name of the last job
     std::string received;       // its bytes
@@ -143,13 +141,9 @@ inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> argume
     AddPortCommands(
         app, monitor.Factory(),
         [&monitor](const std::string& host) {
-            if (!monitor.printers.empty()) {
-                const auto found = monitor.printers.find(host);
-                return found != monitor.printers.end() ? found->second
-                                                       : throw CommandFailed("no answer");
-            }
-            monitor.identified = host;
-            return monitor.printer;
+            const auto found = monitor.printers.find(host);
+            return found != monitor.printers.end() ? found->second
+                                                   : throw CommandFailed("no answer");
         },
         [] { return std::wstring(); });
     AddPrintCommand(app, monitor.Factory());
@@ -167,6 +161,12 @@ inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> argume
     std::reverse(arguments.begin(), arguments.end());
     app.parse(arguments);
     return output.str();
+}
+
+// Runs a command line with --json. Returns what it printed.
+inline nlohmann::json Json(FakeMonitor& monitor, std::vector<std::string> arguments) {
+    arguments.emplace_back("--json");
+    return nlohmann::json::parse(Kestctl(monitor, std::move(arguments)));
 }
 
 // What a command line fails with, or nothing.

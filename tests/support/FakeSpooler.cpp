@@ -245,6 +245,14 @@ std::vector<std::string> FakeSpooler::TakeCalls() {
     return std::exchange(calls_, {});
 }
 
+std::vector<std::string> FakeSpooler::TakeJobCalls() {
+    auto calls = TakeCalls();
+    std::erase_if(calls, [](const std::string& call) {
+        return call.find("Printer") == call.npos && call.find("SetJob") == call.npos;
+    });
+    return calls;
+}
+
 void FakeSpooler::Record(const std::string& call) {
     if (listener) {
         listener(call);

@@ -62,6 +62,7 @@ class FakeSpooler : public MonitorRegistry {
 
     // What was called since the last TakeCalls, one text a call, such as "open Ports 20006".
     std::vector<std::string> TakeCalls();
+    std::vector<std::string> TakeJobCalls();  // those on printers and their jobs
     void Record(const std::string& call);
 
     HMODULE dll = nullptr;

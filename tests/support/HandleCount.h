@@ -1,7 +1,8 @@
-// How many handles (sockets, files, keys) this process has open.
+// How many handles (sockets, files, keys) and threads this process has.
 #pragma once
 
 #include <windows.h>
+#include <tlhelp32.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -18,4 +19,16 @@ inline size_t CountHandles() {
         open += GetHandleInformation(reinterpret_cast<HANDLE>(number * kStep), &flags) != 0;
     }
     return open;
+}
+
+inline size_t CountThreads() {
+    const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+    THREADENTRY32 entry{};
+    entry.dwSize = sizeof entry;
+    size_t count = 0;
+    for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
+        count += entry.th32OwnerProcessID == GetCurrentProcessId();
+    }
+    CloseHandle(snapshot);
+    return count;
 }

@@ -69,20 +69,21 @@ class Dialogue {
     Dialogue(const PeerConnection& job, Visit& visit) : job_(job), visit_(visit) {}
 
     void Run() {
-        const std::string receive = job_.ReadLine();
+        const std::string receive = ReadCommand();
         if (!Take(receive == "\x02lp\n", receive, kReceiveJob)) {
             return;
         }
-        const std::string command = job_.ReadLine();
+        const std::string command = ReadCommand();
         const std::string name = FileName(command, '\x02', " cf");
         if (!Take(!name.empty(), command, kControlFileCommand)) {
             return;
         }
-        const std::string control = job_.Read(std::min(Number(command), 1000L) + 1);
-        if (!Take(control.find("\nldf" + name + "\n\0"s) != control.npos, control, kControlFile)) {
+        visit_.controlFile = job_.Read(std::min(Number(command), 1000L) + 1);
+        if (!Take(visit_.controlFile.find("\nldf" + name + "\n\0"s) != std::string::npos,
+                  visit_.controlFile, kControlFile)) {
             return;
         }
-        const std::string data = job_.ReadLine();
+        const std::string data = ReadCommand();
         visit_.announced = Number(data);
         if (!Take(FileName(data, '\x03', " df") == name, data, kDataFileCommand) ||
             !TakeDataOrEnd(job_, visit_, visit_.size)) {
@@ -90,12 +91,24 @@ class Dialogue {
         }
         const std::string end = job_.Read(1);
         if (Take(end == "\0"s, end, kEndOfData)) {
-            const std::string more = job_.ReadAll();
-            Check(more.empty(), more, kSteps);
+            ExpectEnd();
         }
     }
 
   private:
+    std::string ReadCommand() {
+        const std::string line = job_.ReadLine();
+        if (!line.empty()) {
+            visit_.commands.push_back(line);
+        }
+        return line;
+    }
+
+    void ExpectEnd() {
+        const std::string more = job_.ReadAll();
+        Check(more.empty(), more, kSteps);
+    }
+
     static long Number(const std::string& command) {
         return command.empty() ? -1 : std::atol(command.c_str() + 1);
     }
@@ -136,14 +149,14 @@ class Dialogue {
             case Behaviour::AcksNegative:
             case Behaviour::AcksWrong:
                 job_.Write(visit_.behaviour == Behaviour::AcksNegative ? "\x01" : "lpd: no room\n");
-                job_.ReadAll();
+                ExpectEnd();
                 return false;
             case Behaviour::AcksNever:
-                job_.ReadAll();
+                ExpectEnd();
                 return false;
             case Behaviour::HalfCloses:
                 job_.HalfClose();
-                job_.ReadAll();
+                ExpectEnd();
                 return false;
             default:
                 break;

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "tests/support/TcpPeer.h"
 
@@ -46,6 +47,8 @@ struct Visit {
     }
 
     // What came. Complete once the visit has ended.
+    std::vector<std::string> commands;  // lines of the dialogue
+    std::string controlFile;            // with its closing zero octet
     std::string data;
     std::string complaint;  // what was wrong with the dialogue; empty when nothing was
     long announced = 0;     // bytes, by the data file subcommand
