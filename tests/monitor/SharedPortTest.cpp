@@ -384,6 +384,9 @@ TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
     DWORD written = 0;
     auto write =
         std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    while (static_cast<PortEntry*>(port)->socket) {  // until the write has failed
+        Sleep(1);
+    }
     EXPECT_EQ(write.wait_for(kMoment), std::future_status::timeout);
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre());
     EXPECT_EQ(openSockets, 1);

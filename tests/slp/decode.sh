@@ -52,7 +52,7 @@ columns() { decode "$1" -T fields -E 'separator=;' "${@:2}" | LC_ALL=C sort -u; 
 # Repetitions of the same request count once: how many there are is a matter of time.
 diff - <(columns 'srvloc.function == 6' -e ip.dst -e ipv6.dst -e tcp.dstport -e srvloc.version \
     -e srvloc.flags_v1 -e srvloc.flags_v2 -e srvloc.langtag -e srvloc.attrreq.url \
-    -e srvloc.attrreq.scopelist -e srvloc.attrreq.prlist | sed 's/;fd77.*,.*/;.../') <<'END' ||
+    -e srvloc.attrreq.scopelist -e srvloc.attrreq.prlist | sed 's/;fd77[^;]*$/;.../') <<'END' ||
 10.77.1.1;;;2;;0x0000;en;service:wire;DEFAULT;
 10.77.1.4;;427;2;;0x0000;en;service:long;DEFAULT;
 10.77.1.5;;427;1;0x00;;;service:oldlong;;
