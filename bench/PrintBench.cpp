@@ -96,8 +96,7 @@ bool ComparePrinting(const std::filesystem::path& self, const std::wstring& docu
          .jobs = 1,
          .mebibytes = 0,
          .aim = 1.2},
-        [&] { done = Run(bare) && done; },
-        [&] { done = Run(print) && done; });
+        [&] { done = Run(bare) && done; }, [&] { done = Run(print) && done; });
     return Run(kestctl + L"port delete " + port) && done;
 }
 

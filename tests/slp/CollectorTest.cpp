@@ -54,8 +54,8 @@ TEST(Collector, AsksAgainUntilNobodyIsNew) {
         std::string rounds;
         int milliseconds;
     } cases[] = {{"....", 3500}, {"n.", 1000},   {".n.", 2000},  {"..n.", 3500}, {"...n", 3500},
-                 {"nn.", 2000},  {"nnnn", 3500}, {"e...", 3500}, {"en.", 2000},
-                 {"nc", 1000},   {"o...", 3500}, {"of", 1000},   {"no.", 2000}};
+                 {"nn.", 2000},  {"nnnn", 3500}, {"e...", 3500}, {"en.", 2000},  {"nc", 1000},
+                 {"o...", 3500}, {"of", 1000},   {"no.", 2000}};
     const std::string list = ListReply(2, kXid, "(a=1)");
     for (const auto& c : cases) {
         Collector heard(2, kXid);

@@ -7,7 +7,8 @@
 //   spooler.exe add-port MONITOR         opens the monitor's dialog
 //   spooler.exe configure-port NAME      opens the dialog of the port
 //   spooler.exe delete-port NAME         opens the dialog of the port
-//   spooler.exe window TITLE TEXT        waits for a window that has the keyboard and shows the text
+//   spooler.exe window TITLE TEXT        waits for a window that has the keyboard and shows the
+//   text
 // Prints "ok", or the last error of the function that failed; ends with 1 then.
 #include <windows.h>
 #include <winspool.h>

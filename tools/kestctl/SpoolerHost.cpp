@@ -100,9 +100,9 @@ class HostJob : public PrintJob {
         if (!table_.pfnStartDocPort(port_.Get(), printerName.data(), control_.Id(), 1,
                                     reinterpret_cast<LPBYTE>(&info))) {
             const DWORD error = GetLastError();
-            throw CommandFailed(
-                portText_ + " does not start the job: " +
-                StartFailure(records, ReadPort(host, port), host.ValuesWritten() != written, error));
+            throw CommandFailed(portText_ + " does not start the job: " +
+                                StartFailure(records, ReadPort(host, port),
+                                             host.ValuesWritten() != written, error));
         }
     }
 

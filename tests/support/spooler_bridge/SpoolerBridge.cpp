@@ -1,7 +1,7 @@
 // Lets Wine's own print spooler load kestmon.dll. The bridge is registered as the monitor's driver,
-// loads the library that is installed in the system folder, and supplies what Wine 8 lacks: registry
-// callbacks, a MONITORINIT that outlives the call, and the name of a job's printer. With the variable
-// SPOOLER_DENIES_ACCESS in its environment a program may not manage ports.
+// loads the library that is installed in the system folder, and supplies what Wine 8 lacks:
+// registry callbacks, a MONITORINIT that outlives the call, and the name of a job's printer. With
+// the variable SPOOLER_DENIES_ACCESS in its environment a program may not manage ports.
 #include <winsock2.h>
 #include <windows.h>
 #include <winspool.h>
@@ -71,8 +71,9 @@ BOOL WINAPI XcvOpenPort(HANDLE handle, LPCWSTR object, ACCESS_MASK granted, PHAN
 extern "C" LPMONITOR2 WINAPI InitializePrintMonitor2(PMONITORINIT, PHANDLE handle) {
     static MonitorRegistry registry;
     static UniqueRegistryKey root;
-    RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon",
-                  0, KEY_ALL_ACCESS, root.Out());
+    RegOpenKeyExW(HKEY_LOCAL_MACHINE,
+                  L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon", 0,
+                  KEY_ALL_ACCESS, root.Out());
     static MONITORINIT init = registry.MonitorInit(root.Get());
     static MONITOR2 table = {};
     // By its full path: the folder of the program may hold another kestmon.dll.
