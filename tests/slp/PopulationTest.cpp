@@ -101,18 +101,6 @@ TEST(Population, BadTcpServersHoldNobodyUp) {
     EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
-// They would all be asked for 9 s: four times as long as the request has.
-TEST(Population, FetchesEndWithTheRequest) {
-    const Outcome outcome = Ask("service:stalling");
-    EXPECT_EQ(outcome.addresses, Agents(1, 0x4000));
-    EXPECT_LT(outcome.took, kMuchTooLong);
-}
-
-// Twice as many printers as are asked at a time take longer than one may while others wait.
-TEST(Population, SlowTcpServersAreFound) {
-    EXPECT_EQ(Ask("service:slow").addresses, Agents(128, 0x100));
-}
-
 // One host answers as five thousand.
 TEST(Population, ACrowdOfImpostorsIsBounded) {
     const Outcome outcome = Ask("service:crowd");
@@ -155,6 +143,18 @@ TEST(Population, SixIsAskedByItsGroupAndByItsAddress) {
     EXPECT_THAT(Ask("service:six", 2, one.get()).addresses, testing::ElementsAre("fd77:0:0:1::5"));
     const Endpoint four("10.77.1.7", 0);
     EXPECT_THAT(Ask("service:many", 2, four.get()).addresses, testing::ElementsAre("10.77.1.7"));
+}
+
+// They would all be asked for 9 s: four times as long as the request has.
+TEST(Population, FetchesEndWithTheRequest) {
+    const Outcome outcome = Ask("service:stalling");
+    EXPECT_EQ(outcome.addresses, Agents(1, 0x4000));
+    EXPECT_LT(outcome.took, kMuchTooLong);
+}
+
+// Twice as many printers as are asked at a time take longer than one may while others wait.
+TEST(Population, SlowTcpServersAreFound) {
+    EXPECT_EQ(Ask("service:slow").addresses, Agents(128, 0x100));
 }
 
 }  // namespace
