@@ -210,8 +210,8 @@ DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept {
     *out = {};
     const SpoolerContext context;
     Key ports;
-    // For writing, though only the port's key is read: who may not write ports cannot have a job
-    // started. Kept on purpose, here and in ReadPortConfigEx.
+    // Compatibility: here and in ReadPortConfigEx, the key is opened for writing although it is
+    // only read; access control relies on it: an account without write access starts no job.
     if (const DWORD error = ports.Open(Key::Root(), kPortsKey, KEY_WRITE); error != ERROR_SUCCESS) {
         return error;
     }

@@ -15,7 +15,7 @@ constexpr DWORD kPortSignature = 0x00005450;     // "PT"
 
 constexpr DWORD kPortDeleted = 4;     // skipped by enumeration and removal; nothing here sets it
 constexpr DWORD kJobInProgress = 8;   // from the beginning of StartDocPort to the end of EndDocPort
-constexpr DWORD kJobEnding = 16;      // EndDocPort runs: one caller's alone
+constexpr DWORD kJobEnding = 16;      // EndDocPort runs; set by the one caller that ends the job
 constexpr DWORD kJobStarting = 32;    // StartDocPort runs: nobody else uses or ends the job
 constexpr size_t kMaxPortName = 247;  // characters, without the terminator
 
@@ -47,8 +47,8 @@ struct PortEntry {
     PortEntry* next = nullptr;
     LPWSTR name = nullptr;
     SharedSocket socket;
-    // Job bytes written to temporary files: a running total over the entry's whole life, never
-    // reset between jobs, and announced as it is. Kept on purpose.
+    // Compatibility: the job bytes written to temporary files are counted over the entry's whole
+    // life and announced as this total; print daemons have always received it.
     std::atomic<LONG> byteCount = 0;
     std::atomic<DWORD> flags = 0;
     UniqueBlock<WCHAR> printerName;
@@ -101,8 +101,9 @@ struct MonitorHandle {
 
     PortEntry* lastPort = nullptr;  // so that adding a port does not walk the list
     uint64_t additions = 0;         // ports added so far
-    // Holds the list of channels while it is changed. Not PortListLock: opening a channel has never
-    // waited for that, only closing one does. Kept on purpose.
+    // Guards changes of the list of channels.
+    // Compatibility: opening a channel does not wait for PortListLock, closing one does; tools rely
+    // on opening channels while a slow print daemon holds the lock.
     SRWLOCK xcvLock = SRWLOCK_INIT;
 };
 static_assert(offsetof(MonitorHandle, init) == 8);

@@ -13,7 +13,8 @@
 namespace {
 
 constexpr int kNotFound = 1;
-constexpr size_t kRoomForSearch = 1 << 20;  // bytes, generously
+// Bytes, generously: the SLP library alone remembers up to 4 MiB of answers.
+constexpr size_t kRoomForSearch = 8 << 20;
 
 // Not for a search that would end the process because there is no memory. The first stream of all,
 // the log's, takes some as well, and the compiler's library does not look whether it gets it.
@@ -53,8 +54,8 @@ bool FindPrinter(IPrinterDiscovery& search, const MacAddress& mac, const std::st
 // Stores the address in the records and in the registry, as the text that the printer announced.
 // An answer without any valid address counts as an IPv6 one: it empties the field, and the job
 // fails where it connects. Returns 0 or the registry's error.
-// Compatibility: padded octets and a port number are stored as well, and the text is cut where the
-// field ends; whoever reads the value finds what the printer announces.
+// Compatibility: padded octets and a port number are stored as well, and the text is truncated to
+// the field; tools that read the value rely on finding the announced text.
 DWORD StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& portData,
                    PortDataEx& portDataEx) {
     const std::wstring text = system_helper::ToWide(address.GetText());

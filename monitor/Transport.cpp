@@ -36,7 +36,7 @@ LPWSTR CopyName(LPCWSTR name) {
 enum class Beginning { Begun, Busy, Deleted };
 
 // Marks the port as busy, unless it already is or has been deleted. Until the start of the job
-// ends, the port's fields are the caller's alone.
+// ends, no other call uses the port's fields.
 Beginning BeginJob(PortEntry* port) {
     LockGuard lock(PortListLock);
     if ((port->flags & kJobInProgress) != 0) {
@@ -59,7 +59,8 @@ bool IsJobRunning(DWORD flags) {
 class JobUse {
   public:
     explicit JobUse(PortEntry* port) noexcept : port_(port) {
-        // Counts first and looks then: the end of the job sets its flag first and counts then.
+        // Count before reading the flags: the end of the job sets its flag before it reads the
+        // count, so one of the two sees the other.
         ++port->callers;
         isRunning_ = IsJobRunning(port->flags);
     }
@@ -212,12 +213,15 @@ void ControlJob(const PortEntry* port, DWORD control) {
 }
 
 // Closes a connection that was lost, and has the spooler restart the job. Does nothing when another
-// call has lost it, too, or when the job ends.
+// call has lost it, too, or when the job ends. Some errors of send leave the connection up: the
+// shutdown fails the sends that follow, and the cancellation ends those that the printer blocks.
 void LoseConnection(PortEntry* port) {
     UniqueSocket lost = port->socket.Take();
     if (!lost) {
         return;
     }
+    shutdown(lost.Get(), SD_BOTH);
+    CancelIoEx(reinterpret_cast<HANDLE>(lost.Get()), nullptr);
     WaitForCallers(port, 1);
     lost.Reset();
     ControlJob(port, JOB_CONTROL_RESTART);
@@ -330,8 +334,8 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
     if (port->protocol == kProtocolLpr) {
         return FALSE;
     }
-    // Of two callers that find the same bytes, one would wait for the next ones. The end of the job
-    // reads, too.
+    // One reader at a time: if two calls saw the same bytes, the second recv would block. The end
+    // of the job reads as well.
     if (port->isReading.exchange(true)) {
         return TRUE;
     }
@@ -346,12 +350,12 @@ BOOL WINAPI EndDocPort(HANDLE hPort) {
         return TRUE;
     }
     if (port->protocol == kProtocolLpr) {
-        WaitForCallers(port, 0);  // the octet that closes the data goes behind all of it
+        WaitForCallers(port, 0);  // the octet that ends the data must follow all of it
         EndLprJob(port);
     }
     UniqueSocket socket = port->socket.Take();
     if (socket) {
-        // Takes the reader's place: bytes that ReadPort has found are ReadPort's to receive.
+        // Wait for a running ReadPort: it receives the bytes that its select has reported.
         while (port->isReading.exchange(true)) {
             Sleep(1);
         }
@@ -361,8 +365,8 @@ BOOL WINAPI EndDocPort(HANDLE hPort) {
     port->isReading = false;
     socket.Reset();
     port->addresses.Reset();
-    // Also for a job whose connection was lost: the restart that WritePort asked for is what the
-    // spooler goes by then. Kept on purpose.
+    // Compatibility: a job whose connection was lost is reported as sent, too; the spooler relies
+    // on the restart that WritePort requested.
     ControlJob(port, JOB_CONTROL_SENT_TO_PRINTER);
     ReleaseJob(port);
     return TRUE;

@@ -24,7 +24,8 @@ BOOL WINAPI StartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD L
 //   pcbWritten: receives how many bytes were taken, possibly fewer than cbBuf; the spooler sends
 //   the rest.
 // Returns FALSE when the connection is lost (the socket's error; the job is then restarted) or
-// there is none (ERROR_INVALID_HANDLE), also while the job starts or ends.
+// there is none (ERROR_INVALID_HANDLE), also while the job starts or ends. When the connection is
+// lost, it ends the other WritePort and ReadPort calls on the port and waits until they return.
 BOOL WINAPI WritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWritten);
 
 // Polls for what the printer sends back; never waits.

@@ -176,8 +176,8 @@ DWORD SetRecord(const XcvCall& call) {
     }
     Record record;
     memcpy(&record, call.input, sizeof(record));
-    // Whatever the registry did: clients of this channel have always been told 0, and read the
-    // record back if they want to know. Kept on purpose.
+    // Compatibility: the result is 0 even if the registry write failed; clients of this channel
+    // rely on it, and read the record back to verify it.
     write(&record);
     return ERROR_SUCCESS;
 }
@@ -375,8 +375,8 @@ BOOL WINAPI AddPortEx(HANDLE hMonitor, LPWSTR pName, DWORD Level, LPBYTE lpBuffe
         error = AddPortWithKey(monitor, name, additions) ? ERROR_SUCCESS : GetLastError();
     }
     if (error == ERROR_ALREADY_EXISTS) {
-        // Not as the channel's AddPort says: this is what callers of the older interface have
-        // always got. Kept on purpose.
+        // Compatibility: an existing port gives ERROR_INVALID_PARAMETER, unlike the channel's
+        // AddPort; callers of this older interface rely on it.
         error = ERROR_INVALID_PARAMETER;
     }
     return error == ERROR_SUCCESS ? TRUE : Refuse(error);

@@ -15,7 +15,6 @@ Collector::Answer Collector::TakeDatagram(const Agent& agent, std::string_view d
     if (reply->overflow ? !Fetch(agent) : !Report(agent.address, reply->attributes)) {
         return {};
     }
-    found_ = newcomers_ = true;
     if (reply->overflow) {
         return {Verdict::Overflow, {}};
     }
@@ -34,7 +33,8 @@ std::optional<std::string_view> Collector::TakeFetched(std::string_view agent,
 // Whether to report a list: it is new from this agent and within the limits. Counts it if so.
 bool Collector::Report(std::string_view agent, std::string_view attributes) {
     const auto known = heard_.find(agent);
-    if (known != heard_.end() && known->second.lists.contains(attributes)) {
+    if (known != heard_.end() && (known->second.lists.size() == kMaxListsOfAgent ||
+                                  known->second.lists.contains(attributes))) {
         return false;
     }
     const size_t size = attributes.size();
@@ -44,6 +44,7 @@ bool Collector::Report(std::string_view agent, std::string_view attributes) {
         return false;
     }
     Remember(agent).lists.emplace(attributes);
+    found_ = true;
     ++lists_;
     reported_ += size;
     reportedLarge_ += large ? size : 0;
@@ -65,6 +66,7 @@ bool Collector::Fetch(const Agent& agent) {
 
 Collector::Heard& Collector::Remember(std::string_view agent) {
     const auto [heard, isNew] = heard_.try_emplace(std::string(agent));
+    newcomers_ |= isNew;
     if (isNew && responders_.size() <= kMaxRequest) {
         if (!responders_.empty()) {
             responders_ += ',';

@@ -37,8 +37,8 @@ class Collector {
         std::string_view attributes;  // part of the datagram
     };
 
-    // Judges a datagram. An agent's list is reported once; a second list that differs from the
-    // first is reported as well, because one of the two may be forged.
+    // Judges a datagram. An agent's list is reported once; lists that differ from it are reported
+    // as well, up to kMaxListsOfAgent, because any of them may be forged.
     Answer TakeDatagram(const Agent& agent, std::string_view datagram);
 
     // Judges a whole message that was fetched from an agent. Returns the attribute list to report,
@@ -53,7 +53,7 @@ class Collector {
     std::chrono::milliseconds WaitingTime() const { return kWaitingTimes[round_]; }
 
     // Ends a waiting time. Returns whether another follows: not after the last one, and not when
-    // this one brought no new answer and something was found before (RFC 2608, 6.3).
+    // this one brought no new agent and a list has been reported (RFC 2608, 6.3).
     bool NextRound();
 
   private:
@@ -77,8 +77,8 @@ class Collector {
     size_t fetches_ = 0;
     size_t remoteFetches_ = 0;
     size_t round_ = 0;
-    bool found_ = false;
-    bool newcomers_ = false;
+    bool found_ = false;      // a list was reported
+    bool newcomers_ = false;  // an agent was accepted in this waiting time
 };
 
 }  // namespace slp

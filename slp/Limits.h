@@ -24,6 +24,10 @@ inline constexpr std::chrono::milliseconds kMaxTime(15000);
 inline constexpr size_t kMaxLists = 2048;
 inline constexpr size_t kMaxReported = 4 << 20;
 
+// Different lists that one request reports from one agent. One host could otherwise use up
+// kMaxLists under its own address.
+inline constexpr size_t kMaxListsOfAgent = 8;
+
 // Lists longer than kLargeList share kMaxReportedLarge bytes, so that a few of 63 KB do not use up
 // what ordinary printers need. An ordinary printer announces 0.5 to 3 KB.
 inline constexpr size_t kLargeList = 8 << 10;
@@ -36,9 +40,11 @@ inline constexpr size_t kMaxFetches = 512;
 inline constexpr size_t kMaxRemoteFetches = 64;
 
 // Fetches at the same time, and how long one of them may take while others wait: agents that stall
-// must not keep out the others. Together at least 256 fetches a second.
+// must not keep out the others. Together at least 256 fetches a second. A fetch that is cut off
+// starts again once, after all others; kFetchTimeAgain applies while only such fetches wait.
 inline constexpr size_t kFetchesAtOnce = 64;
 inline constexpr std::chrono::milliseconds kFetchTimeInQueue(250);
+inline constexpr std::chrono::milliseconds kFetchTimeAgain(750);
 
 // How long one fetch may take when no other waits, and how long fetches may continue after the last
 // waiting time.

@@ -113,7 +113,7 @@ void Request::Rounds() {
 
 void Request::FinishFetches() {
     const auto end = Now() + kFetchTime;
-    while (!Ended() && (!fetches_.empty() || !waiting_.empty()) && Now() < end) {
+    while (!Ended() && (!fetches_.empty() || fetchesWait()) && Now() < end) {
         Turn(end);
     }
 }
@@ -127,17 +127,21 @@ void Request::Turn(Clock::time_point until) {
     Wait(until);
     ReadDatagrams();
     ServeFetches();
+    CutFetchesOff();
     StartFetches();
 }
 
 // How long the oldest fetch may go on.
 milliseconds Request::FetchTime() const {
-    return !waiting_.empty() && fetches_.size() >= kFetchesAtOnce ? kFetchTimeInQueue : kFetchTime;
+    if (!fetchesWait() || fetches_.size() < kFetchesAtOnce) {
+        return kFetchTime;
+    }
+    return waiting_.empty() ? kFetchTimeAgain : kFetchTimeInQueue;
 }
 
 void Request::Wait(Clock::time_point until) {
     const HANDLE events[] = {stop_.get(), datagrams_.get(), streams_.get()};
-    const bool busy = unread_ || (!waiting_.empty() && fetches_.size() < kFetchesAtOnce);
+    const bool busy = unread_ || (fetchesWait() && fetches_.size() < kFetchesAtOnce);
     const auto left = std::min(until - Now(), deadline_ - Clock::now());
     const auto time = std::chrono::ceil<milliseconds>(left).count();
     WaitForMultipleObjects(3, events, FALSE, busy || time <= 0 ? 0 : static_cast<DWORD>(time));
@@ -192,20 +196,29 @@ bool Request::IsRemote(const Address& agent) const {
     });
 }
 
-void Request::StartFetches() {
+// Ends the fetches that have taken their time. One that had less than kFetchTime, because others
+// waited, starts again once: a slow agent is a responder by now, and answers no repetition.
+void Request::CutFetchesOff() {
     while (!fetches_.empty() && Now() >= fetches_.front().begin + FetchTime()) {
+        if (FetchTime() < kFetchTime && !fetches_.front().again) {
+            cutOff_.push_back(fetches_.front().agent);
+        }
         fetches_.pop_front();
-    }
-    for (int count = 0;
-         count < kConnectsPerTurn && !waiting_.empty() && fetches_.size() < kFetchesAtOnce;
-         ++count) {
-        Connect(waiting_.front());
-        waiting_.pop_front();
     }
 }
 
-void Request::Connect(const Address& agent) {
-    Fetch fetch{Socket(agent.family(), SOCK_STREAM), agent.Text(), Now(), {}};
+void Request::StartFetches() {
+    for (int count = 0;
+         count < kConnectsPerTurn && fetchesWait() && fetches_.size() < kFetchesAtOnce; ++count) {
+        const bool again = waiting_.empty();
+        auto& next = again ? cutOff_ : waiting_;
+        Connect(next.front(), again);
+        next.pop_front();
+    }
+}
+
+void Request::Connect(const Address& agent, bool again) {
+    Fetch fetch{Socket(agent.family(), SOCK_STREAM), agent, Now(), again, {}};
     if (!fetch.socket || !fetch.socket.Signal(streams_.get(), FD_CONNECT | FD_READ | FD_CLOSE)) {
         return;
     }
@@ -261,7 +274,7 @@ bool Request::Read(Fetch& fetch) {
             return false;
         }
     }
-    if (const auto attributes = collector_.TakeFetched(fetch.agent, fetch.reply.bytes())) {
+    if (const auto attributes = collector_.TakeFetched(fetch.agent.Text(), fetch.reply.bytes())) {
         Report(*attributes);
     }
     return false;

@@ -50,8 +50,9 @@ class Request {
     // A reply on its way by TCP.
     struct Fetch {
         Socket socket;
-        std::string agent;
+        Address agent;
         Clock::time_point begin;
+        bool again = false;  // it was cut off before
         StreamMessage reply;
     };
 
@@ -75,8 +76,10 @@ class Request {
     void ReadDatagrams();
     void TakeDatagram(const Address& from, std::string_view bytes);
     std::chrono::milliseconds FetchTime() const;
+    void CutFetchesOff();
     void StartFetches();
-    void Connect(const Address& agent);
+    void Connect(const Address& agent, bool again);
+    bool fetchesWait() const { return !waiting_.empty() || !cutOff_.empty(); }
     void ServeFetches();
     bool Serve(Fetch& fetch);
     bool Read(Fetch& fetch);
@@ -92,6 +95,7 @@ class Request {
     std::vector<Interface> outlets_;
     std::vector<char> datagram_;
     std::deque<Address> waiting_;  // agents whose lists are to be fetched when there is room
+    std::deque<Address> cutOff_;   // agents whose fetch was cut off; they follow those that wait
     std::list<Fetch> fetches_;     // the oldest first
     std::atomic<bool> stopped_ = false;
     bool answered_ = false;  // by the one agent that was asked

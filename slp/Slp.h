@@ -51,13 +51,13 @@ enum {
  *   handle    the handle that the request was made on.
  *   attrList  one agent's attribute list, valid until the callback returns; null unless `code`
  *             is SLP_OK.
- *   code      SLP_OK once for each agent that answered; SLP_LAST_CALL exactly once, when the
+ *   code      SLP_OK once for each list reported; SLP_LAST_CALL exactly once, when the
  *             request is over. Should memory run out on the way, that code comes before it.
  *   cookie    what SLPFindAttrs was given.
  * SLP_FALSE ends the request early; the last call still comes. The result of the last call does
  * not count. A callback must not throw. The time that it takes does not count as waiting time of
- * the request, so a slow one loses no answers. It may call any function of this library on its
- * own handle, SLPClose included. */
+ * the request, so a slow one loses no answers unless the request reaches 15 s. It may call any
+ * function of this library on its own handle, SLPClose included. */
 typedef SLPBoolean (*SLPAttrCallback)(SLPHandle handle, const char* attrList, SLPError code,
                                       void* cookie);
 

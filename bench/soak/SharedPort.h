@@ -1,6 +1,7 @@
-// A port of the soak that several callers use at once, as the spooler never does: each opens it,
+// A port of the soak that several callers use at once, which the spooler never does: each opens it,
 // starts a job, writes, ends the job (some of them early) and closes it, while the port is deleted
-// and added again. Which caller's bytes a job gets is not defined; that nothing breaks is.
+// and added again. The bytes of a job may come
+// from any caller; nothing may break.
 #pragma once
 
 #include <array>

@@ -131,9 +131,9 @@ TEST_F(RediscoveryTest, AJobFailsIfItsPrinterIsNotFoundOrNotReached) {
     });
 }
 
-// The text of the announced address is stored, as far as the field goes. One with padded octets, or
-// with a port, is no address that the resolver takes: such a printer is not followed, and the job
-// goes nowhere else.
+// The text of the announced address is stored, truncated to the field. The resolver takes no text
+// with a port, nor with a padded octet that contains 8 or 9, so the job fails. It reads other
+// padded octets as octal numbers.
 TEST_F(RediscoveryTest, TheAnnouncedTextIsStored) {
     const struct {
         const char* announced;

@@ -398,8 +398,33 @@ TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
 }
 
-// Callers that know nothing of each other. The port's printer, its connections and its memory are
-// given back to the last one, and the port prints on.
+// A send that fails without ending the connection also ends the send that a stalled printer blocks.
+TEST_F(SharedPortTest, AFailedWriteEndsAWriteThatIsBlocked) {
+    Patch(
+        "send", +[](SOCKET socket, const char* bytes, int size, int flags) -> int WSAAPI {
+            WSASetLastError(WSAENOBUFS);
+            return size == 1 ? SOCKET_ERROR : send(socket, bytes, size, flags);
+        });
+    HeldCall stalling;
+    TcpPeer printer([&](PeerConnection&) { stalling.Hold(); });
+    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
+    ASSERT_TRUE(spooler.Start(port));
+    auto blocked = std::async(std::launch::async,
+                              [&] { return spooler.WriteAll(port, std::string(64 << 20, 'x')); });
+    EXPECT_EQ(blocked.wait_for(kMoment), std::future_status::timeout);
+    auto failing = std::async(std::launch::async, [&] {
+        DWORD written = 0;
+        return !spooler.Write(port, "x", written) && GetLastError() == DWORD{WSAENOBUFS};
+    });
+    EXPECT_EQ(blocked.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    stalling.Release();
+    EXPECT_FALSE(blocked.get());
+    EXPECT_TRUE(failing.get());
+    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+}
+
+// Several callers use the port without knowing of each other. The printer handle, connections and
+// memory are freed with the last one, and the port still prints.
 void SharedPortTest::PrintOnAPortThatComesAndGoes(DWORD protocol) {
     constexpr int kCallers = 3;
     constexpr int kRounds = 150;

@@ -49,10 +49,13 @@ TEST(Collector, AForgedReplyDoesNotHideTheAgentsOwn) {
 
 TEST(Collector, AsksAgainUntilNobodyIsNew) {
     const struct {
-        std::string rounds;  // what each brings: '.' nothing new, 'n' a new agent, 'e' an error
+        // What each brings: '.' nothing new, 'n' a new agent, 'c' another list from the first one,
+        // 'o' a new agent whose list has to be fetched, 'f' that list, 'e' an error.
+        std::string rounds;
         int milliseconds;
     } cases[] = {{"....", 3500}, {"n.", 1000},   {".n.", 2000},  {"..n.", 3500}, {"...n", 3500},
-                 {"nn.", 2000},  {"nnnn", 3500}, {"e...", 3500}, {"en.", 2000}};
+                 {"nn.", 2000},  {"nnnn", 3500}, {"e...", 3500}, {"en.", 2000},  {"nc", 1000},
+                 {"o...", 3500}, {"of", 1000},   {"no.", 2000}};
     const std::string list = ListReply(2, kXid, "(a=1)");
     for (const auto& c : cases) {
         Collector heard(2, kXid);
@@ -61,6 +64,15 @@ TEST(Collector, AsksAgainUntilNobodyIsNew) {
             const std::string agent = "10.0.0." + std::to_string(i);
             if (c.rounds[i] == 'n') {
                 heard.TakeDatagram({agent}, list);
+            }
+            if (c.rounds[i] == 'c') {
+                heard.TakeDatagram({"10.0.0.0"}, ListReply(2, kXid, "(a=2)"));
+            }
+            if (c.rounds[i] == 'o') {
+                heard.TakeDatagram({agent}, OverflowReply(2, kXid));
+            }
+            if (c.rounds[i] == 'f') {
+                heard.TakeFetched("10.0.0.0", list);
             }
             if (c.rounds[i] == 'e') {
                 heard.TakeDatagram({agent}, ErrorReply(2, kXid, 1));
@@ -115,7 +127,20 @@ TEST(Collector, LimitsWhatItReports) {
     EXPECT_EQ(Flood(large, "b", 1, ListOf(1000)).lists, 1u);
 }
 
-// They cost nothing to send, 20,000 are soon there, and an agent that was busy may answer later.
+TEST(Collector, LimitsTheListsOfOneAgent) {
+    Collector heard(2, kXid);
+    size_t lists = 0;
+    for (int i = 0; i < 3000; ++i) {
+        const std::string list = ListReply(2, kXid, std::to_string(i));
+        lists += heard.TakeDatagram({"10.0.0.1"}, list).verdict == Verdict::Attributes;
+        lists += heard.TakeFetched("10.0.0.1", list).has_value();
+    }
+    EXPECT_EQ(lists, 8u);
+    EXPECT_EQ(Flood(heard, "a", 500, ListOf(2000)).lists, 500u);
+}
+
+// An error costs a host nothing to forge: 20,000 of them must not use up the limits. An agent that
+// answered "busy" may send its list later.
 TEST(Collector, ErrorsAndAnswersAboveTheLimitsKeepNobodyOut) {
     Collector heard(2, kXid);
     Flood(heard, "error", 20000, ErrorReply(2, kXid, 6));

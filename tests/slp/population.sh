@@ -29,6 +29,9 @@ population=(
     "service:hostile first=10.77.5.0 count=10 tcp=refuse"
     "service:hostile first=10.77.64.0 count=10"
     "service:hostile first=10.77.64.10 count=10 tcp=whole list=$long"
+    "service:stalling first=10.77.1.0 count=512 tcp=stall"
+    "service:stalling first=10.77.64.0"
+    "service:slow first=10.77.1.0 count=128 tcp=late"
     "service:crowd first=10.77.1.0 count=5000"
     "service:office first=10.77.1.0 count=500 delay=0.2-0.38 list=$ordinary"
     "service:office first=10.77.64.0 count=60 list=$giant"
@@ -47,11 +50,11 @@ agents "${population[@]}"
 client_wine "$1"
 
 shown=$(client_wine "$2" slp find service:shown --interface 10.77.255.1)
-[ "$shown" = "agent 1
+[ "$shown" = "list 1
   ip     10.77.1.7
   empty
   place  2nd, left?[2J
-1 agent answered" ] || fail "kestctl slp find shows: $shown"
+1 list received" ] || fail "kestctl slp find shows: $shown"
 if shown=$(client_wine "$2" slp find service:six 2>&1); then
     fail "agents with IPv6 only answer a search by IPv4: $shown"
 fi

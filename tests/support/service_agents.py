@@ -18,7 +18,8 @@ Each argument is a group of agents that answer requests for one service type. Th
   unicast          they hear only what is sent to them alone
   tcp=whole        the datagram is marked as cut short, and the list comes by TCP: `whole`, or
                    `stall` (nothing comes), `drip` (a byte now and then), `endless` (bytes
-                   without end), `cut` (half of it), `refuse` (of no connection: none is taken)
+                   without end), `cut` (half of it), `late` (after 0.4 s), `refuse` (of no
+                   connection: none is taken)
 
 Agents hear 239.255.255.253, 224.0.1.22 and FF02::116 on every interface, and their own addresses,
 at port 427; they are silent when they find themselves among the responders of a request. A blank
@@ -157,6 +158,9 @@ class Agents:
         """Answers a request that came by TCP."""
         reply = request.attribute_reply(self.list_of(address))
         if self.tcp == "whole":
+            connection.sendall(reply)
+        elif self.tcp == "late":
+            time.sleep(0.4)
             connection.sendall(reply)
         elif self.tcp == "cut":
             connection.sendall(reply[:len(reply) // 2])

@@ -67,7 +67,7 @@ void PrintAgent(size_t number, const Attributes& attributes) {
     for (const auto& [tag, value] : attributes) {
         width = std::max(width, tag.size());
     }
-    std::cout << "agent " << number << '\n';
+    std::cout << "list " << number << '\n';
     for (const auto& [tag, value] : attributes) {
         std::cout << "  " << Printable(tag);
         if (!value.empty()) {
@@ -154,8 +154,8 @@ void RunFind(const FindArguments& arguments) {
             ", and that no firewall blocks UDP port 427; --unicast asks one address only");
     }
     if (!arguments.json) {
-        std::cout << findings.agents.size() << (findings.agents.size() == 1 ? " agent" : " agents")
-                  << " answered\n";
+        std::cout << findings.agents.size()
+                  << (findings.agents.size() == 1 ? " list received\n" : " lists received\n");
     }
 }
 
