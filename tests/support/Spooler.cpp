@@ -8,6 +8,7 @@
 //   spooler.exe configure-port NAME      opens the dialog of the port
 //   spooler.exe delete-port NAME         opens the dialog of the port
 //   spooler.exe window TITLE TEXT        waits for a window that has the focus and shows TEXT
+//   spooler.exe desktop                  keeps the desktop until it is ended
 // Prints "ok", or the last error of the function that failed; ends with 1 then.
 #include <windows.h>
 #include <winspool.h>
@@ -120,6 +121,10 @@ bool Run(const std::wstring& command, std::wstring name, const std::wstring& arg
     }
     if (command == L"ports") {
         return PrintPorts();
+    }
+    if (command == L"desktop") {
+        GetDesktopWindow();
+        Sleep(INFINITE);
     }
     if (command == L"window") {
         return WaitForWindow(name, argument);
