@@ -1,7 +1,6 @@
 #include "admin/Following.h"
 
 #include "address/AddressText.h"
-#include "admin/CommandFailed.h"
 #include "admin/Parallel.h"
 
 namespace {
@@ -36,6 +35,9 @@ std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& 
     const auto identifyOne = [&](size_t at) {
         try {
             printers[at].printer = identify(hosts[at]);
+        } catch (const CommandFailed& failed) {
+            printers[at].failure = failed.what();
+            printers[at].remedy = failed.remedy;
         } catch (const std::exception& failed) {
             printers[at].failure = failed.what();
         }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "admin/CommandFailed.h"
 #include "admin/PortSettings.h"
 #include "admin/PrinterIdentity.h"
 
@@ -21,6 +22,7 @@ void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, Po
 struct IdentifiedPrinter {
     PrinterIdentity printer;
     std::string failure;  // why the printer could not be identified; empty: it was
+    Remedy remedy = Remedy::None;
 };
 
 // Asks the printers at these hosts for their identity, 32 at a time.

@@ -144,7 +144,8 @@ void Move(SpoolerChannel& channel, const Queue& queue, const std::wstring& from,
 
 // Moves those of the queues that print to a port; which have jobs now is asked for each.
 void MoveAll(SpoolerChannel& channel, const std::vector<std::wstring>& names,
-             const std::wstring& from, const std::wstring& to, MigrationResult& result) {
+             const std::wstring& from, const std::wstring& to, MigrationResult& result,
+             bool dryRun = false) {
     for (const std::wstring& name : names) {
         const std::vector<Queue> queues = channel.Queues();
         const Queue* queue = FindQueue(queues, name);
@@ -155,7 +156,9 @@ void MoveAll(SpoolerChannel& channel, const std::vector<std::wstring>& names,
             result.waiting.push_back(queue->name);
             continue;
         }
-        Move(channel, *queue, from, to);
+        if (!dryRun) {
+            Move(channel, *queue, from, to);
+        }
         result.moved.push_back(queue->name);
     }
 }
@@ -260,59 +263,91 @@ std::vector<Migration> PlanMigration(SpoolerChannel& channel, const MigrationWis
         migration.busy = BusyQueues(queues, migration.queues);
         if (migration.obstacle.empty() && !migration.busy.empty()) {
             AddRemark(migration.remark,
-                      "print jobs wait in " + JoinedNames(migration.busy) + ", which stays");
+                      "not moved: print jobs wait in " + JoinedNames(migration.busy));
         }
     }
     return plan;
 }
 
+namespace {
+
+// Moves the queues back that Migrate has moved and deletes the port that it added. Returns what
+// became of that, for the message; `moved` keeps the queues that could not be moved back.
+std::string RollBack(SpoolerChannel& channel, const Migration& migration, bool added,
+                     std::vector<std::wstring>& moved) {
+    std::vector<std::wstring> remaining;
+    std::string failure;
+    MigrationResult back;
+    for (const std::wstring& queue : moved) {
+        try {
+            MoveAll(channel, {queue}, migration.to, migration.from, back);
+        } catch (const CommandFailed& failed) {
+            remaining.push_back(queue);
+            failure = failed.what();
+        }
+    }
+    moved = back.waiting;
+    moved.insert(moved.end(), remaining.begin(), remaining.end());
+    try {
+        if (added && moved.empty()) {
+            DeletePort(channel, migration.to);
+        }
+    } catch (const CommandFailed& failed) {
+        failure = failed.what();
+    }
+    if (!failure.empty()) {
+        return "; not all changes could be undone: " + failure;
+    }
+    return back.waiting.empty()
+               ? "; all changes were undone"
+               : "; not moved back: print jobs arrived in " + JoinedNames(back.waiting);
+}
+
+}  // namespace
+
 MigrationResult Migrate(SpoolerChannel& channel, const Migration& migration) {
     MigrationResult result;
-    bool made = false;
     try {
         if (!migration.isThere) {
             AddPort(channel, migration.to, migration.records);
-            made = true;
         }
+    } catch (const CommandFailed& failed) {
+        result.failure = failed.what();  // which also tells whether the port remains
+        return result;
+    }
+    try {
         MoveAll(channel, migration.queues, migration.from, migration.to, result);
     } catch (const CommandFailed& failed) {
         result.failure = failed.what();
-        MigrationResult back;
-        try {
-            MoveAll(channel, result.moved, migration.to, migration.from, back);
-            if (made && back.waiting.empty()) {
-                DeletePort(channel, migration.to);
-            }
-            result.failure += back.waiting.empty()
-                                  ? "; all changes were undone"
-                                  : "; print jobs arrived in " + JoinedNames(back.waiting) +
-                                        ", which stays moved";
-        } catch (const CommandFailed& stays) {
-            result.failure += "; not all changes could be undone: " + std::string(stays.what());
-        }
-        result.moved = back.waiting;
+        result.failure += RollBack(channel, migration, !migration.isThere, result.moved);
     }
     return result;
 }
 
-MigrationResult Undo(SpoolerChannel& channel, const Migration& migration) {
+MigrationResult Undo(SpoolerChannel& channel, const Migration& migration, bool dryRun) {
     MigrationResult result;
     try {
-        MoveAll(channel, migration.queues, migration.to, migration.from, result);
+        MoveAll(channel, migration.queues, migration.to, migration.from, result, dryRun);
         result.changed = !result.moved.empty();
         const std::optional<std::wstring> there = PortCalled(channel, migration.to);
         if (migration.isThere || !there) {
             return result;
         }
-        if (const auto users = QueuesOn(channel.Queues(), migration.to); !users.empty()) {
+        auto users = QueuesOn(channel.Queues(), migration.to);
+        std::erase_if(users, [&result](const std::wstring& queue) {
+            return std::ranges::find(result.moved, queue) != result.moved.end();
+        });
+        if (!users.empty()) {
             result.failure = "port " + ToUtf8(migration.to) + " stays: " + JoinedNames(users) +
                              (users.size() == 1 ? " prints" : " print") + " to it";
         } else if (!IsAsMade(ReadPort(channel, *there), migration.records)) {
             result.failure = "port " + ToUtf8(migration.to) +
                              " stays: its settings were changed since the migration";
         } else {
-            DeletePort(channel, *there);
-            result.changed = true;
+            if (!dryRun) {
+                DeletePort(channel, *there);
+            }
+            result.changed = result.deleted = true;
         }
     } catch (const CommandFailed& failed) {
         result.failure = failed.what();

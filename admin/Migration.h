@@ -50,13 +50,16 @@ struct MigrationResult {
     std::vector<std::wstring> waiting;  // queues that have jobs, and were left alone
     std::string failure;                // why all was taken back; empty: it is done
     bool changed = false;               // whether there was anything to do; set by Undo
+    bool deleted = false;               // whether Undo has deleted the port
 };
 
 // Makes the port and moves its queues. Where that fails, the queues are moved back and the port is
-// taken away again. A queue with jobs stays where it is.
+// taken away again; `moved` then has the queues that could not be moved back. A queue with jobs
+// stays where it is.
 MigrationResult Migrate(SpoolerChannel& channel, const Migration& migration);
 
 // Takes a migration back, as far as it was done: moves the queues to the standard port again and
 // deletes the port, unless it has other settings by now or somebody else prints to it.
+//   dryRun: only determines the result, and changes nothing.
 //   result: as of Migrate; a queue that has jobs, or a port that stays, is its failure.
-MigrationResult Undo(SpoolerChannel& channel, const Migration& migration);
+MigrationResult Undo(SpoolerChannel& channel, const Migration& migration, bool dryRun = false);

@@ -53,8 +53,8 @@ void RenamePort(SpoolerChannel& channel, const Migration& plan) {
         const MigrationResult back = Undo(channel, plan);
         failure += !back.failure.empty() ? "; not all changes could be undone: " + back.failure
                    : !back.waiting.empty()
-                       ? "; print jobs arrived in " + JoinedNames(back.waiting) +
-                             ", which still prints to port " + ToUtf8(plan.to)
+                       ? "; not moved back from port " + ToUtf8(plan.to) +
+                             ": print jobs arrived in " + JoinedNames(back.waiting)
                        : "; all changes were undone";
     }
     throw CommandFailed("port " + ToUtf8(plan.from) + " cannot be renamed: " + failure);

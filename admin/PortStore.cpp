@@ -262,7 +262,9 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
         try {
             WritePort(channel, name, before);
         } catch (const CommandFailed&) {
-            throw CommandFailed(failed.what(), Remedy::ShowPort, name);
+            throw CommandFailed(
+                std::string(failed.what()) + "; the previous settings could not be restored",
+                Remedy::ShowPort, name);
         }
         throw CommandFailed(std::string(failed.what()) + "; the previous settings were restored",
                             failed.remedy);
@@ -285,7 +287,7 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
     } catch (const CommandFailed& failed) {
         const std::string stay = TakeBack(channel, steps, done);
         throw CommandFailed(std::string(failed.what()) + "; " +
-                                (stay.empty() ? "all changes were undone"
+                                (stay.empty() ? "the changes of the other ports were undone"
                                               : "these changes could not be undone: " + stay),
                             failed.remedy, failed.subject);
     } catch (...) {

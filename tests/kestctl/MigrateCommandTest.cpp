@@ -89,7 +89,7 @@ TEST(MigrateCommand, APrinterWithOneWaitingJobStays) {
     FakeMonitor monitor = Server();
     monitor.queues[0].jobs = 1;
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "IP_10.0.0.1", "--dry-run"}),
-                HasSubstr("print jobs wait in Laser, which stays"));
+                HasSubstr("not moved: print jobs wait in Laser"));
     // The job comes between the plan and the move.
     monitor.queues[0].jobs = 0;
     monitor.added = [&monitor] { monitor.queues[0].jobs = 1; };
@@ -242,6 +242,52 @@ TEST(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
     Kestctl(monitor, {"port", "set", "OFFICE 10.0.0.1", "--ipv6", "fd00::1"});
     Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
     EXPECT_TRUE(monitor.ports.empty());
+}
+
+// Moves printers away from standard ports only.
+struct RefusesToMoveBack : FakeChannel {
+    using FakeChannel::FakeChannel;
+    void MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& to) override {
+        if (QueuesOn({{queue, to}}, L"IP_10.0.0.1").size() == 1) {
+            throw CommandFailed("printer cannot be moved back");
+        }
+        FakeChannel::MoveQueue(queue, to);
+    }
+};
+
+TEST(MigrateCommand, AFailedRollbackReportsWhatRemains) {
+    FakeMonitor monitor = Server();
+    const TempFile file("undo.json");
+    const std::vector<std::string> migrate = {"port",  "migrate",     "IP_10.0.0.1", "--json",
+                                              "--yes", "--undo-file", file.Name()};
+    // Laser is moved, Pool cannot be, and then Laser cannot be moved back.
+    monitor.unmovable = L"Pool";
+    RefusesToMoveBack channel(monitor);
+    const auto plan =
+        PlanMigration(channel, {{L"IP_10.0.0.1"}, "{name} new", {}, {}}, [](size_t, size_t) {});
+    const MigrationResult result = Migrate(channel, plan[0]);
+    EXPECT_THAT(result.moved, ElementsAre(L"Laser"));
+    EXPECT_THAT(result.failure, HasSubstr("not all changes could be undone"));
+    // The port itself cannot be configured, and cannot be deleted.
+    FakeMonitor other = Server();
+    other.failing = {{L"SetConfigExData", ERROR_ACCESS_DENIED}, {L"DeletePort", ERROR_BUSY}};
+    Failure(other, migrate);
+    const auto port = nlohmann::json::parse(other.printed)["ports"][0];
+    EXPECT_EQ(port["name"], "IP_10.0.0.1-kestmon");
+    EXPECT_THAT(port["error"].get<std::string>(),
+                AllOf(HasSubstr("incomplete port remains"), Not(HasSubstr("were undone"))));
+}
+
+TEST(MigrateCommand, UndoDryRunShowsThePresentState) {
+    FakeMonitor monitor = Server();
+    const TempFile file("undo.json");
+    Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()});
+    // Nothing is left to do, and no terminal is needed to hear that.
+    EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "LABELS"}), HasSubstr("already migrated"));
+    const std::vector<std::string> undo = {"port", "migrate", "--undo", file.Name(), "--dry-run"};
+    EXPECT_THAT(Kestctl(monitor, undo), HasSubstr("Pool      is deleted"));
+    monitor.queues[0].ports = {L"LABELS-kestmon"};
+    EXPECT_THAT(Kestctl(monitor, undo), HasSubstr("no change  port LABELS-kestmon stays: Laser"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/FakeMonitor.h"
+#include "tools/kestctl/Interruption.h"
 
 using nlohmann::json;
 using testing::AllOf;
@@ -316,6 +317,31 @@ TEST(PortCommands, WrongUsageReachesNoMonitor) {
         EXPECT_THROW(Kestctl(monitor, line), CLI::ParseError) << line.back();
         EXPECT_EQ(monitor.opened, 0) << line.back();
     }
+}
+
+TEST(PortCommands, FollowAsksTheNewAddressAndTakesNoPortForAHost) {
+    FakeMonitor monitor;
+    for (const char* name : {"PRN-1", "PRN-2"}) {
+        Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
+    }
+    monitor.printer = {"10.0.0.9", "000400000009", "prn-9"};
+    Kestctl(monitor, {"port", "set", "PRN-1", "--address", "10.0.0.9", "--follow"});
+    EXPECT_EQ(monitor.identified, "10.0.0.9");
+    EXPECT_EQ(AddressInUse(monitor.ports[L"PRN-1"]), "10.0.0.9");
+    EXPECT_THROW(Kestctl(monitor, {"port", "set", "--follow", "prn-1", "PRN-2"}),
+                 CLI::ValidationError);
+    Kestctl(monitor, {"port", "set", "PRN-2", "--follow", "PRN-2"});
+    EXPECT_EQ(monitor.identified, "PRN-2");
+}
+
+// The last one: the process keeps the Ctrl-C.
+TEST(PortCommands, CtrlCLeavesNoPortHalfMade) {
+    FakeMonitor monitor;
+    monitor.added = [] { Interruption::Note(CTRL_C_EVENT); };
+    Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1"});
+    EXPECT_EQ(AddressInUse(monitor.ports[L"OFFICE"]), "10.0.0.1");
+    EXPECT_THROW(Kestctl(monitor, {"port", "rename", "OFFICE", "HALL"}), Interrupted);
+    EXPECT_EQ(monitor.ports.count(L"OFFICE"), 1u);
 }
 
 }  // namespace

@@ -214,12 +214,26 @@ TEST(PortTransfer, AFailureTakesTheOthersBack) {
     const std::vector<std::string> import = {"port", "import", file.Name(), "--replace"};
     monitor.refused = L"C";
     EXPECT_THAT(Failure(monitor, import),
-                AllOf(HasSubstr("port C cannot be added"), HasSubstr("all changes were undone")));
+                AllOf(HasSubstr("port C cannot be added"),
+                      HasSubstr("the changes of the other ports were undone")));
     EXPECT_EQ(monitor.ports.size(), 1u);
     EXPECT_EQ(AddressInUse(monitor.ports[L"A"]), "10.0.0.1");
     monitor.failing[L"DeletePort"] = ERROR_ACCESS_DENIED;
     EXPECT_THAT(Failure(monitor, import),
                 AllOf(HasSubstr("undone: B"), Not(HasSubstr("undone: B, A"))));
+}
+
+TEST(PortTransfer, ARollbackThatFailsIsReported) {
+    FakeMonitor monitor;
+    Kestctl(monitor, {"port", "add", "A", "--address", "10.0.0.1"});
+    monitor.failing[L"SetConfigExData"] = ERROR_ACCESS_DENIED;
+    const TempFile file("", "name,address,configured,follow\nA,10.0.0.9,,\n");
+    EXPECT_THAT(Failure(monitor, {"port", "import", file.Name(), "--replace"}),
+                AllOf(HasSubstr("the previous settings could not be restored"),
+                      Not(HasSubstr("all changes were undone"))));
+    file.Write("name,address,configured,follow\nB,10.0.0.2,no,yes\n");
+    EXPECT_THAT(Failure(monitor, {"port", "import", file.Name()}),
+                HasSubstr("line 2: follow is not possible for a port that is not configured"));
 }
 
 // The last one: the process keeps the Ctrl-C.

@@ -40,6 +40,7 @@ TEST(SearchSettings, SayWhatIsWrongAndWhere) {
         {"<version>2<", "<version>3<", "6: <version> is '3': SLP has 1 and 2"},
         {"<version>2<", "<version>1<", "10: <multicast_address> is the group of the other version"},
         {"<version>2<", "<version>\n2<", "6: <version> has blanks or a line end"},
+        {">ip-address-2<", "> <", "15: <ip_addr2_key> has blanks"},
         {">service:printer<", ">printer<", "8: <service_name> is 'printer'"},
         {">239.255.255.253<", ">239.255.255.053<", "10: <multicast_address> has leading zeros"},
         {">239.255.255.253<", ">10.0.0.7<", "10~ <multicast_address> is the address of a single"},
@@ -51,7 +52,7 @@ TEST(SearchSettings, SayWhatIsWrongAndWhere) {
         {">DES<", "><", "25: <description_key> is ''"},
         {"<host_name_key>host-name</host_name_key>", "", "11: <host_name_key> is missing"},
         {"<version>2</version>", "<version>2</version><version>1</version>",
-         "6: <version> is there already, in line 6"},
+         "6: <version> is already in line 6: only that one is used"},
         {"mac_addr_key>", "mac_adr_key>",
          "17: an element is not closed, or its closing tag has another name"},
         {"</slp_config>", "", "27: an element is not closed"},
@@ -112,6 +113,15 @@ TEST(SearchSettings, AKeptFileIsNeverWrittenOver) {
         EXPECT_THROW(replace("five"), CommandFailed);
         EXPECT_THROW(RestorePreviousFile(path), CommandFailed);
     }
+    const std::filesystem::path aside = path.native() + L".new";
+    {
+        const UniqueFile held(CreateFileW(aside.c_str(), GENERIC_READ,
+                                          FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                          CREATE_ALWAYS, 0, nullptr));
+        EXPECT_THROW(RestorePreviousFile(path), CommandFailed);
+    }
+    std::filesystem::remove(aside);
+    EXPECT_EQ(content(folder / "SLPConf.xml.old3"), "three");
     EXPECT_EQ(content(path), "four");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 3);
     // Nested properly, and yet no XML.

@@ -18,6 +18,11 @@ in_peer ip route add blackhole 10.77.1.2/32
     for n in {1..3}; do echo "DARK-$n,10.77.1.2"; done
 } >"$work/ports.csv"
 in_client "${kestctl[@]}" port import "Z:$work/ports.csv" >/dev/null
+{
+    echo name,address,follow
+    for n in {1..3}; do echo "LATE-$n,10.77.1.2,yes"; done
+} >"$work/late.csv"
+in_client "${kestctl[@]}" port export >"$work/before.json"
 monitors='HKLM\SYSTEM\CurrentControlSet\Control\Print\Monitors'
 standard=$monitors'\Standard TCP/IP Port\Ports\IP_10.77.1.2'
 in_client wine "$build/tests/spooler.exe" add-printer Control NUL: >/dev/null
@@ -42,8 +47,11 @@ interrupt asking port test DARK-1
 interrupt "of 3 ports" port check
 interrupt asking port add NEW --follow 10.77.1.2
 interrupt asking port set "DARK-*" --follow --yes
+interrupt "asking the network" port import "Z:$work/late.csv"
 interrupt planning port migrate --follow --dry-run
 interrupt "[y/N]" port migrate
 interrupt "Continue to" port delete "DARK-*"
 interrupt connecting print "Z:$work/ports.csv" --port DARK-1 --printer Control
-[ "$(in_client "${kestctl[@]}" port list | grep -c DARK-)" = 3 ] || fail "the ports were changed"
+in_client "${kestctl[@]}" port export >"$work/after.json"
+[ "$(grep -c '"name": "DARK-' "$work/before.json")" = 3 ] || fail "the ports were not exported"
+cmp "$work/before.json" "$work/after.json" || fail "the ports were changed"

@@ -12,6 +12,7 @@
 #include "admin/PrinterSearch.h"
 #include "admin/Text.h"
 #include "tools/kestctl/Command.h"
+#include "tools/kestctl/Interruption.h"
 #include "tools/kestctl/PortPrinters.h"
 #include "tools/kestctl/SearchSettings.h"
 
@@ -19,6 +20,7 @@ namespace {
 
 struct ConfigArguments {
     std::string file;
+    bool dryRun = false;
     bool json = false;
 };
 
@@ -37,8 +39,8 @@ void RunShow(const ConfigArguments& arguments) {
     const std::wstring path = PathOf(arguments);
     const SearchFile file = ReadSearchFile(path);
     if (!file.wellFormed) {
-        throw CommandFailed(ToUtf8(path) +
-                            " is not well-formed XML: `kestctl config check` says where");
+        throw CommandFailed(ToUtf8(path) + " is not well-formed XML. " + Advised("config check") +
+                            " shows the line");
     }
     auto values = nlohmann::json::object();
     std::vector<std::vector<std::string>> rows;
@@ -54,12 +56,12 @@ void RunShow(const ConfigArguments& arguments) {
         PrintTable({"ELEMENT", "VALUE"}, rows);
     }
     if (const size_t problems = Problems(file); problems != 0) {
-        std::cerr << "kestctl: it has " << Count(problems, "problem")
-                  << ": `kestctl config check` shows what is wrong\n";
+        std::cerr << "kestctl: the file has " << Count(problems, "problem") << ". "
+                  << Advised("config check") << " shows what is wrong\n";
     }
 }
 
-// How many printers of ports that follow them a search by the installed file finds.
+// How many printers of ports that follow them a search with the installed file finds.
 struct Recognition {
     size_t printers = 0;
     size_t found = 0;
@@ -75,8 +77,7 @@ Recognition Recognise(const ChannelFactory& openChannel) {
             result.found = CountFound(ports, FindIdentities([] { return true; }));
         }
     } catch (const CommandFailed& failed) {
-        // Without the monitor there are no ports.
-        result.failure = failed.remedy == Remedy::InstallMonitor ? "" : Explained(failed);
+        result.failure = MayHavePorts(failed) ? Explained(failed) : "";
     }
     return result;
 }
@@ -86,7 +87,7 @@ void PrintRecognition(const Recognition& result) {
         std::cout << "note: the printers of the ports were not searched for: " << result.failure
                   << '\n';
     } else if (result.printers != 0) {
-        std::cout << "a search by it finds " << result.found << " of "
+        std::cout << "a search with this file finds " << result.found << " of "
                   << Count(result.printers, "printer") << " that ports are to follow\n";
     }
 }
@@ -107,7 +108,9 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
     if (arguments.json) {
         nlohmann::json document = {
             {"file", ToUtf8(path)}, {"wellFormed", file.wellFormed}, {"findings", findings}};
-        if (searched && recognised.failure.empty()) {
+        if (!recognised.failure.empty()) {
+            document["notSearched"] = recognised.failure;
+        } else if (searched) {
             document["printers"] = recognised.printers;
             document["recognised"] = recognised.found;
         }
@@ -116,14 +119,15 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
         PrintRecognition(recognised);
     }
     if (problems != 0) {
-        throw CommandFailed(ToUtf8(path) + ": " + Count(problems, "problem") +
-                            (file.wellFormed ? "" : "; nothing of it is read until it is mended"));
+        throw CommandFailed(
+            ToUtf8(path) + ": " + Count(problems, "problem") +
+            (file.wellFormed ? "" : ". The file is not used until it is corrected"));
     }
     if (recognised.failure.empty() && recognised.printers != 0 && recognised.found == 0) {
         throw CommandFailed(ToUtf8(path) +
-                            ": a search by it recognises no port's printer. Check that the "
-                            "printers are on, and with `kestctl config learn ADDRESS` what one of "
-                            "them announces");
+                            ": a search with this file recognises no port's printer. Check that "
+                            "the printers are on. " +
+                            Advised("config learn ADDRESS") + " shows what one of them announces");
     }
     if (!arguments.json) {
         std::cout << ToUtf8(path) << ": no problem\n";
@@ -132,7 +136,17 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
 
 void RunRestore(const ConfigArguments& arguments) {
     const std::wstring path = PathOf(arguments);
-    const std::wstring kept = RestorePreviousFile(path);
+    const Interruption untilDone;  // half an exchange would leave no file
+    const std::wstring kept = PreviousFile(path);
+    if (arguments.dryRun) {
+        if (arguments.json) {
+            PrintJson({{"file", ToUtf8(path)}, {"restoredFrom", ToUtf8(kept)}, {"dryRun", true}});
+        } else {
+            std::cout << "would be restored: " << ToUtf8(path) << " from " << ToUtf8(kept) << '\n';
+        }
+        return;
+    }
+    RestorePreviousFile(path);
     const bool exchanged = GetFileAttributesW(kept.c_str()) != INVALID_FILE_ATTRIBUTES;
     if (arguments.json) {
         PrintJson({{"file", ToUtf8(path)},
@@ -165,16 +179,19 @@ void AddConfigCommands(CLI::App& app, const ChannelFactory& openChannel) {
     const auto arguments = std::make_shared<ConfigArguments>();
     AddCommand(group, "show", "Show which file is read, and what it says", "config show", arguments,
                RunShow);
-    AddCommand(group, "check",
-               "Report errors in the file, with line numbers, and how many printers of ports with "
-               "--always-print a search by it finds; exit code 1 for an error, or if it finds none",
-               "config check --file SLPConf.new.xml", arguments,
-               [openChannel](const ConfigArguments& given) { RunCheck(given, openChannel); })
+    AddCommand(
+        group, "check",
+        "Report errors in the file, with line numbers, and how many printers of ports with "
+        "--always-print a search with it finds; exit code 1 for an error, or if it finds none",
+        "config check --file SLPConf.new.xml", arguments,
+        [openChannel](const ConfigArguments& given) { RunCheck(given, openChannel); })
         .add_option("--file", arguments->file,
                     "Check this file, before it is installed, without a search")
         ->check(NotEmpty());
     AddConfigLearn(group, openChannel);
-    AddCommand(group, "restore",
-               "Exchange the file with its previous version, which `config learn --write` kept",
-               "config restore", arguments, RunRestore);
+    CLI::App& restore =
+        AddCommand(group, "restore",
+                   "Exchange the file with its previous version, which `config learn --write` kept",
+                   "config restore", arguments, RunRestore);
+    AddDryRunFlag(restore, arguments->dryRun);
 }

@@ -78,7 +78,7 @@ Tried TryOut(const Sought& sought, const std::vector<PrinterIdentity>& printers)
 }
 
 std::string Verdict(const std::optional<bool>& found) {
-    return !found   ? "not tried: it announces none that can be used"
+    return !found   ? "not tried: the printer announces no usable value"
            : *found ? "found"
                     : "not found";
 }
@@ -90,7 +90,7 @@ void PrintLearned(const LearnedSettings& learned) {
         rows.push_back(
             {NameOf(static_cast<SearchElement>(i)), Cell(value), Cell(says), Printable(why)});
     }
-    PrintTable({"ELEMENT", "VALUE", "THE PRINTER SAYS", "WHY"}, rows);
+    PrintTable({"ELEMENT", "VALUE", "PRINTER ANNOUNCES", "WHY"}, rows);
     for (const std::string& remark : learned.remarks) {
         std::cout << "note: " << Printable(remark) << '\n';
     }
@@ -226,19 +226,19 @@ void PrintWritten(const std::wstring& path, const Written& written, const Search
         }
     } else if (written.lost == 0 && !written.worse) {
         std::cout << ToUtf8(path)
-                  << (kept.empty() ? " says so already, and stays\n"
-                                   : " finds this printer, too, and stays\n");
+                  << (kept.empty() ? ": no change, the file already has these values\n"
+                                   : ": no change, the file already finds this printer\n");
     }
     std::cout << "a search by MAC address: " << Verdict(written.tried.byMac)
               << "\na search by host name:   " << Verdict(written.tried.byName) << '\n';
 }
 
-// The printers of all ports, none if there is no monitor.
+// The printers of all ports, none if there is no monitor and no stored port.
 std::vector<PortRecords> PortsToKeep(const ChannelFactory& openChannel, bool force) {
     try {
         return PrintersOfPorts(*openChannel(), false);
     } catch (const CommandFailed& failed) {
-        if (failed.remedy == Remedy::InstallMonitor || force) {
+        if (force || !MayHavePorts(failed)) {
             return {};
         }
         throw CommandFailed("Cannot read the ports whose printers the new file has to find: " +
@@ -322,8 +322,9 @@ std::vector<SearchAnswer> Asked(const IPAddress& address,
     if (answers.empty()) {
         throw CommandFailed(address.GetText() + " did not answer under any of " +
                             Count(services.size(), "service type") +
-                            " in either version of SLP: see that SLP is turned on there, and name "
-                            "its own service type, from its manual or web page, with --service");
+                            " in either version of SLP. Check that SLP is enabled on the "
+                            "printer, and specify its service type (see its manual or web page) "
+                            "with --service");
     }
     return answers;
 }
@@ -350,7 +351,7 @@ void PrintAnswers(const std::vector<SearchAnswer>& answers, const SearchAnswer* 
 // Why a printer cannot be followed, whatever the file says; empty if it can.
 std::string Obstacle(const LearnedSettings& learned, const Sought& sought) {
     if (!learned.elements[kIpAddrKey].recognised) {
-        return "that printer cannot be followed: it announces its own address nowhere";
+        return "that printer cannot be followed: it does not announce its own address";
     }
     if (const std::string problem = AddressProblem(learned.elements[kIpAddrKey].says);
         !problem.empty()) {
@@ -392,7 +393,8 @@ void ReportWritten(const LearnArguments& arguments, const std::wstring& path,
     if (!written.tried.Any()) {
         throw CommandFailed(
             "the search by multicast does not find that printer, although it answers at its "
-            "address: see that both are in one subnet, and that multicast passes between them");
+            "address. Check that both are in the same subnet and that multicast is forwarded "
+            "between them");
     }
 }
 
@@ -429,10 +431,10 @@ void RunLearn(const LearnArguments& arguments, const ChannelFactory& openChannel
         PrintJson(document);
     }
     if (!obstacle.empty()) {
-        throw CommandFailed(obstacle + (arguments.write ? "; nothing is written" : ""));
+        throw CommandFailed(obstacle + (arguments.write ? "; nothing was written" : ""));
     }
     if (!arguments.json) {
-        std::cout << "nothing is written: --write puts this into " << ToUtf8(path) << '\n';
+        std::cout << "nothing was written; --write writes these values to " << ToUtf8(path) << '\n';
     }
 }
 

@@ -105,6 +105,35 @@ Printer FindOne(const FindArguments& arguments) {
     return FindPrinterAt(arguments.ip, arguments.model);
 }
 
+// Finds one printer. Ctrl-C ends the process: the search itself cannot be stopped.
+Printer FindOneOrEnd(const FindArguments& arguments, const Interruption& interruption,
+                     Progress& progress) {
+    auto search = std::async(std::launch::async, FindOne, arguments);
+    while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
+        if (interruption.Requested()) {
+            progress.Clear();
+            EndInterrupted();
+        }
+    }
+    return search.get();
+}
+
+// Reports printers that answered without an address. Throws CommandFailed if nothing was found.
+void ReportIncomplete(bool nothingFound, size_t withoutAddress) {
+    if (withoutAddress != 0) {
+        const std::string incomplete =
+            std::to_string(withoutAddress) +
+            " answered, but without an address in the attributes that SLPConf.xml names: compare "
+            "them with what `kestctl slp find` shows";
+        if (nothingFound) {
+            throw CommandFailed(incomplete);
+        }
+        std::cerr << "kestctl: " << incomplete << '\n';
+    } else if (nothingFound) {
+        throw CommandFailed("no printer answered", Remedy::CheckSearch);
+    }
+}
+
 void RunFind(const FindArguments& arguments) {
     Table table;
     Progress progress(!arguments.json);
@@ -123,15 +152,7 @@ void RunFind(const FindArguments& arguments) {
         interrupted = interruption.Requested();
     } else {
         progress.Show("searching");
-        // Such a search cannot be stopped, and is left behind: the process ends without it.
-        auto search = std::async(std::launch::async, FindOne, arguments);
-        while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
-            if (interruption.Requested()) {
-                progress.Clear();
-                EndInterrupted();
-            }
-        }
-        found.push_back(search.get());
+        found.push_back(FindOneOrEnd(arguments, interruption, progress));
         show(found.front());
     }
     progress.Clear();
@@ -145,18 +166,12 @@ void RunFind(const FindArguments& arguments) {
     if (interrupted) {
         throw Interrupted();
     }
-    if (withoutAddress != 0) {
-        const std::string incomplete =
-            std::to_string(withoutAddress) +
-            " answered, but without an address in the attributes that SLPConf.xml names: compare "
-            "them with what `kestctl slp find` shows";
-        if (found.empty()) {
-            throw CommandFailed(incomplete);
-        }
-        std::cerr << "kestctl: " << incomplete << '\n';
-    } else if (found.empty()) {
-        throw CommandFailed("no printer answered", Remedy::CheckSearch);
-    }
+    ReportIncomplete(found.empty(), withoutAddress);
+}
+
+std::string CheckWantedMac(std::string& text) {
+    const std::string problem = CheckMacAddress(text);
+    return problem.empty() && text.empty() ? "must not be empty" : problem;
 }
 
 }  // namespace
@@ -168,12 +183,7 @@ void AddFindCommand(CLI::App& app) {
     AddExample(command, "find --mac 00:04:00:4a:1b:2c");
     CLI::Option* mac =
         command.add_option("--mac", arguments->mac, "Find the printer with this hardware address");
-    mac->transform(CLI::Validator(
-        [](std::string& text) {
-            const std::string problem = CheckMacAddress(text);
-            return problem.empty() && text.empty() ? std::string("which one?") : problem;
-        },
-        ""));
+    mac->transform(CLI::Validator(CheckWantedMac, ""));
     CLI::Option* hostName = command.add_option("--host-name", arguments->hostName,
                                                "Find the printer that announces this host name");
     CLI::Option* ip = command.add_option("--ip", arguments->ip,

@@ -37,7 +37,8 @@ nlohmann::json ToJson(const std::vector<std::wstring>& names) {
 }
 
 nlohmann::json ToJson(const Migration& migration) {
-    nlohmann::json document = {{"from", ToUtf8(migration.from)},
+    nlohmann::json document = {{"name", ToUtf8(migration.to)},
+                               {"from", ToUtf8(migration.from)},
                                {"to", ToUtf8(migration.to)},
                                {"queues", ToJson(migration.queues)},
                                {"remark", migration.remark}};
@@ -124,18 +125,19 @@ class Outcome {
             migration.obstacle.empty() ? result.failure : migration.obstacle;
         const bool complete = failure.empty() && result.waiting.empty();
         ++(!complete ? incomplete_ : changed ? complete_ : already_);
-        documents_.push_back({{"from", ToUtf8(migration.from)},
+        documents_.push_back({{"name", ToUtf8(migration.to)},
+                              {"from", ToUtf8(migration.from)},
                               {"to", ToUtf8(migration.to)},
                               {"moved", ToJson(result.moved)},
                               {"waiting", ToJson(result.waiting)},
                               {"changed", changed},
                               {"error", failure}});
         if (!complete) {
-            text_ += "  " + ToUtf8(migration.from) + ": " +
-                     (failure.empty()
-                          ? "print jobs wait in " + JoinedNames(result.waiting) + ", which stays"
-                          : Printable(failure)) +
-                     '\n';
+            text_ +=
+                "  " + ToUtf8(migration.from) + ": " +
+                (failure.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
+                                 : Printable(failure)) +
+                '\n';
         }
     }
 
@@ -225,9 +227,6 @@ void PrintDryRun(const MigrateArguments& arguments, const std::vector<Migration>
 
 void RunMigrate(const MigrateArguments& arguments, SpoolerChannel& channel,
                 const PrinterIdentifier& identify, const std::wstring& server) {
-    if (!arguments.dryRun && !arguments.yes && !InputIsTerminal()) {
-        throw CLI::RequiredError("--yes (there is no terminal to ask on), or --dry-run");
-    }
     const std::vector<Migration> plan = Planned(arguments, channel, identify);
     if (plan.empty()) {
         throw CommandFailed("there is no standard TCP/IP port");
@@ -281,22 +280,28 @@ std::vector<Migration> ReadUndoFile(const std::string& file, const std::wstring&
 }
 
 // Shows which printers would move back and which ports would be deleted.
-void PrintUndoPlan(const std::vector<Migration>& plan, bool json) {
+void PrintUndoPlan(const std::vector<Migration>& plan, SpoolerChannel& channel, bool json) {
+    nlohmann::json documents = nlohmann::json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const Migration& migration : plan) {
+        const MigrationResult result = Undo(channel, migration, true);
+        documents.push_back(ToJson(migration));
+        documents.back()["moved"] = ToJson(result.moved);
+        documents.back()["waiting"] = ToJson(result.waiting);
+        documents.back()["deleted"] = result.deleted;
+        documents.back()["error"] = result.failure;
+        const std::string remark =
+            !result.waiting.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
+                                    : result.failure;
+        rows.push_back({ToUtf8(migration.to), ToUtf8(migration.from),
+                        result.moved.empty() ? "-" : JoinedNames(result.moved),
+                        result.deleted ? "is deleted" : "no change", Cell(remark)});
+    }
     if (json) {
-        nlohmann::json documents = nlohmann::json::array();
-        for (const Migration& migration : plan) {
-            documents.push_back(ToJson(migration));
-        }
         PrintJson({{"dryRun", true}, {"ports", documents}});
         return;
     }
-    std::vector<std::vector<std::string>> rows;
-    for (const Migration& migration : plan) {
-        rows.push_back({ToUtf8(migration.to), ToUtf8(migration.from),
-                        migration.queues.empty() ? "-" : JoinedNames(migration.queues),
-                        migration.isThere ? "stays" : "is deleted"});
-    }
-    PrintTable({"PORT", "BECOMES", "PRINTERS", "PORT THEN"}, rows);
+    PrintTable({"PORT", "BECOMES", "PRINTERS", "PORT THEN", "REMARK"}, rows);
     std::cout << "Dry run: nothing was changed\n";
 }
 
@@ -304,7 +309,7 @@ void RunUndo(const MigrateArguments& arguments, SpoolerChannel& channel,
              const std::wstring& server) {
     const std::vector<Migration> plan = ReadUndoFile(arguments.undo, server);
     if (arguments.dryRun) {
-        PrintUndoPlan(plan, arguments.json);
+        PrintUndoPlan(plan, channel, arguments.json);
         return;
     }
     Outcome outcome(kUndone);

@@ -19,6 +19,7 @@ struct CheckArguments {
     std::vector<std::string> names;
     double timeout = 3;  // seconds
     bool repair = false;
+    bool dryRun = false;
     bool json = false;
 };
 
@@ -30,7 +31,8 @@ std::chrono::milliseconds Timeout(const CheckArguments& arguments) {
 struct Result {
     CheckedPort port;
     bool repaired = false;
-    std::string failure = {};  // why it was not repaired
+    bool wouldBeRepaired = false;  // in a dry run
+    std::string failure = {};      // why it was not repaired
 };
 
 std::string StateText(PortState state) {
@@ -70,7 +72,10 @@ std::string Remark(const Result& result) {
         text += (text.empty() ? "" : "; ") + more;
     };
     if (!result.port.found.empty()) {
-        add((result.repaired ? "now sends to " : "found at ") + result.port.found);
+        add((result.repaired          ? "now sends to "
+             : result.wouldBeRepaired ? "would send to "
+                                      : "found at ") +
+            result.port.found);
     }
     if (!result.failure.empty()) {
         add("not repaired: " + result.failure);
@@ -90,6 +95,9 @@ nlohmann::json ToJson(const Result& result) {
                                {"found", port.found},
                                {"repaired", result.repaired},
                                {"detail", port.detail}};
+    if (result.wouldBeRepaired) {
+        document["dryRun"] = true;
+    }
     if (!result.failure.empty()) {
         document["error"] = result.failure;
     }
@@ -98,13 +106,22 @@ nlohmann::json ToJson(const Result& result) {
 
 // Sends the ports whose printers were found to where these are; one that fails keeps no other from
 // it.
-void Repair(SpoolerChannel& channel, std::vector<Result>& results) {
+void Repair(SpoolerChannel& channel, bool dryRun, const Interruption& interruption,
+            std::vector<Result>& results) {
     for (Result& result : results) {
         if (result.port.found.empty()) {
             continue;
         }
         if (result.port.records.extended.dwAlwaysPrint == 0) {
-            result.failure = "the port is not to follow its printer (--always-print)";
+            result.failure = "the port does not follow its printer (--always-print)";
+            continue;
+        }
+        if (interruption.Requested()) {
+            result.failure = "not started because of Ctrl-C";
+            continue;
+        }
+        if (dryRun) {
+            result.wouldBeRepaired = true;
             continue;
         }
         try {
@@ -146,48 +163,64 @@ void Print(const std::vector<Result>& results) {
     std::cout << Summary(results) << '\n';
 }
 
-void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
-              const CheckNetwork& network) {
-    const Interruption interruption;
-    Progress progress(!arguments.json);
-    std::vector<Result> results;
-    for (CheckedPort& port :
-         CheckPorts(channel, WideNames(arguments.names), network, Timeout(arguments),
-                    [&](size_t done, size_t all) {
-                        if (interruption.Requested()) {
-                            progress.Clear();
-                            EndInterrupted();  // nothing was changed yet
-                        }
-                        progress.Show(done < all ? Bar(done, all) + "  " + std::to_string(done) +
-                                                       " of " + std::to_string(all) + " ports"
-                                                 : "searching for those that are not there");
-                    })) {
-        results.push_back({std::move(port)});
+// The command line that repairs the checked ports.
+std::string RepairLine(const CheckArguments& arguments) {
+    std::string line = "port check ";
+    for (const std::string& name : arguments.names) {
+        line += Quoted(ToWide(name)) + ' ';
     }
-    progress.Clear();
-    if (arguments.repair) {
-        Repair(channel, results);
-    }
+    return Advised(line + "--repair");
+}
+
+// Throws CommandFailed unless all ports are ok.
+void Report(const CheckArguments& arguments, const std::vector<Result>& results) {
     if (arguments.json) {
         nlohmann::json documents = nlohmann::json::array();
         std::transform(results.begin(), results.end(), std::back_inserter(documents), ToJson);
         PrintJson(documents);
     } else if (results.empty()) {
-        std::cout << "there is no port yet: " << Advised("port add") << " makes one\n";
+        std::cout << "There are no ports. Add one with " << Advised("port add") << '\n';
     } else {
         Print(results);
     }
-    const auto isFound = [](const Result& result) {
-        return !result.port.found.empty() && !result.repaired;
-    };
-    if (!std::all_of(results.begin(), results.end(), IsWell)) {
-        throw CommandFailed(
-            std::string("not all ports are well") +
-            (!arguments.repair && std::any_of(results.begin(), results.end(), isFound)
-                 ? ": " + Advised("port check --repair") +
-                       " has those whose printer was found send there"
-                 : ""));
+    const auto failed =
+        results.size() - static_cast<size_t>(std::count_if(results.begin(), results.end(), IsWell));
+    if (failed == 0) {
+        return;
     }
+    const bool found = std::any_of(results.begin(), results.end(), [](const Result& result) {
+        return !result.port.found.empty() && !result.repaired;
+    });
+    throw CommandFailed(
+        Count(failed, "port") + " did not pass the check" +
+        (!arguments.repair && found
+             ? ". " + RepairLine(arguments) + " changes the ports whose printer was found elsewhere"
+             : ""));
+}
+
+void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
+              const CheckNetwork& network) {
+    const Interruption interruption;
+    Progress progress(!arguments.json);
+    std::vector<Result> results;
+    for (CheckedPort& port : CheckPorts(
+             channel, WideNames(arguments.names), network, Timeout(arguments),
+             [&](size_t done, size_t all) {
+                 if (interruption.Requested()) {
+                     progress.Clear();
+                     EndInterrupted();  // nothing was changed yet
+                 }
+                 progress.Show(done < all ? Bar(done, all) + "  " + std::to_string(done) + " of " +
+                                                std::to_string(all) + " ports"
+                                          : "searching for the printers that did not answer");
+             })) {
+        results.push_back({std::move(port)});
+    }
+    progress.Clear();
+    if (arguments.repair) {
+        Repair(channel, arguments.dryRun, interruption, results);
+    }
+    Report(arguments, results);
 }
 
 void PrintTest(const CheckedPort& port) {
@@ -210,6 +243,10 @@ void PrintTest(const CheckedPort& port) {
                   << (port.detail.empty() ? "reports neither MAC address nor host name"
                                           : port.detail)
                   << '\n';
+    }
+    if (port.state == PortState::NotRecognised && !IdentityText(port.printer).empty() &&
+        !port.detail.empty()) {
+        std::cout << "not recognised: the printer " << port.detail << '\n';
     }
     if (port.state == PortState::CannotFollow) {
         std::cout << "the port " << port.detail << '\n';
@@ -254,7 +291,7 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     CLI::App& check = *port.add_subcommand(
         "check",
         "Check that printers answer where their ports send to, and are still the same; search for "
-        "those that are not; exit code 1 unless all are well");
+        "those that are not; exit code 1 unless all are ok");
     AddExample(check, "port check \"OFFICE-*\" --repair");
     const auto checked = std::make_shared<CheckArguments>();
     AddNames(check, checked->names, "The ports, or patterns with * and ?; all if there is none");
@@ -262,6 +299,8 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     check.add_flag("--repair", checked->repair,
                    "Have ports that are to follow (--always-print) send to where their printer was "
                    "found");
+    AddDryRunFlag(check, checked->dryRun);
+    check.get_option("--dry-run")->needs("--repair");
     AddJsonFlag(check, checked->json);
     check.callback(
         [checked, openChannel] { RunCheck(*checked, *openChannel(), RealCheckNetwork()); });

@@ -1,7 +1,9 @@
 // kestctl port list|show|add|set|delete
+#include <algorithm>
 #include <iostream>
 #include <memory>
 
+#include "address/AddressText.h"
 #include "admin/Following.h"
 #include "admin/PortStore.h"
 #include "admin/PrinterSearch.h"
@@ -200,6 +202,7 @@ struct PlannedPort {
     PortRecords after = {};
     std::string following = {};  // for the report
     std::string failure = {};    // why nothing is changed
+    Remedy remedy = Remedy::None;
 };
 
 nlohmann::json ChangesOf(const PlannedPort& port) {
@@ -239,6 +242,12 @@ PlannedPort PlanPort(SpoolerChannel& channel, const std::wstring& name,
     return port;
 }
 
+// The address that a change gives to a port; empty if it gives none.
+std::string NewAddress(const PortChange& change) {
+    const std::string address = change.address.value_or("");
+    return address.empty() ? change.ipv6.value_or("") : address;
+}
+
 // Plans that each port follows the printer at its own address. A port whose printer cannot be
 // identified is not changed.
 std::vector<PlannedPort> PlanInPlace(SpoolerChannel& channel,
@@ -247,7 +256,10 @@ std::vector<PlannedPort> PlanInPlace(SpoolerChannel& channel,
                                      const PrinterIdentifier& identify) {
     std::vector<std::string> hosts;
     for (const std::wstring& name : names) {
-        hosts.push_back(AddressInUse(ReadPort(channel, name)));
+        hosts.push_back(NewAddress(arguments.change));
+        if (hosts.back().empty()) {
+            hosts.back() = AddressInUse(ReadPort(channel, name));
+        }
     }
     Progress progress(!arguments.json);
     const auto printers = IdentifyPrinters(hosts, identify, [&](size_t done) {
@@ -257,6 +269,7 @@ std::vector<PlannedPort> PlanInPlace(SpoolerChannel& channel,
     std::vector<PlannedPort> plan;
     for (size_t i = 0; i < names.size(); ++i) {
         std::string failure = hosts[i].empty() ? "the port has no address" : printers[i].failure;
+        const Remedy remedy = hosts[i].empty() ? Remedy::None : printers[i].remedy;
         try {
             if (failure.empty()) {
                 plan.push_back(PlanPort(channel, names[i], arguments, printers[i].printer));
@@ -265,7 +278,7 @@ std::vector<PlannedPort> PlanInPlace(SpoolerChannel& channel,
             failure = failed.what();
         }
         if (!failure.empty()) {
-            plan.push_back({names[i], {}, {}, {}, failure});
+            plan.push_back({names[i], {}, {}, {}, failure, remedy});
         }
     }
     return plan;
@@ -318,6 +331,7 @@ void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
         ApplyArguments(arguments, printer, unused);  // wrong usage opens nothing
     }
     const auto channel = openChannel();
+    const Interruption untilDone;  // a port without settings would remain
     const auto there = arguments.tolerant ? PortCalled(*channel, name) : std::nullopt;
     const nlohmann::json document =
         there
@@ -347,20 +361,26 @@ void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
         [arguments, openChannel, identify] { RunAdd(*arguments, openChannel, identify); });
 }
 
-// Reports the ports whose printers could not be identified. Throws CommandFailed if there are any.
-void ReportUnidentified(const std::vector<PlannedPort>& plan, const PortArguments& arguments) {
-    size_t failures = 0;
-    for (const PlannedPort& port : plan) {
-        if (!port.failure.empty()) {
-            ++failures;
-            std::cerr << (arguments.json ? ""
-                                         : "port " + ToUtf8(port.name) +
-                                               " not set: " + Printable(port.failure) + '\n');
-        }
+// Throws CommandFailed if printers could not be identified, with the remedy for the first of them.
+void RequireIdentified(const std::vector<PlannedPort>& plan) {
+    const auto failed = [](const PlannedPort& port) { return !port.failure.empty(); };
+    if (const auto first = std::ranges::find_if(plan, failed); first != plan.end()) {
+        throw CommandFailed(std::to_string(std::ranges::count_if(plan, failed)) + " of " +
+                                std::to_string(plan.size()) +
+                                " printers could not be identified; their ports were not changed",
+                            first->remedy);
     }
-    if (failures != 0) {
-        throw CommandFailed(std::to_string(failures) + " of " + std::to_string(plan.size()) +
-                            " printers could not be identified; their ports were not changed");
+}
+
+// Refuses the name of a port that CLI11 has taken for the value of --follow.
+void RequireHost(SpoolerChannel& channel, const std::string& follow,
+                 const std::vector<std::wstring>& names) {
+    const auto port =
+        IsIPv4AddressText(follow) ? std::nullopt : PortCalled(channel, ToWide(follow));
+    if (port && std::ranges::find(names, *port) == names.end()) {
+        throw CLI::ValidationError("--follow", ToUtf8(*port) +
+                                                   " is the name of a port. Write the names of "
+                                                   "ports before --follow");
     }
 }
 
@@ -368,6 +388,7 @@ void RunSet(PortArguments& arguments, const ChannelFactory& openChannel,
             const PrinterIdentifier& identify) {
     const auto channel = openChannel();
     const auto names = FindPorts(*channel, WideNames(arguments.names));
+    RequireHost(*channel, arguments.follow, names);
     RequireOnePort(arguments, names);
     const std::string resolved = ResolveAddress(arguments.change);
     const auto plan = PlanPorts(*channel, names, arguments, identify);
@@ -383,12 +404,15 @@ void RunSet(PortArguments& arguments, const ChannelFactory& openChannel,
     size_t at = 0;
     ForEachPort(arguments, names, [&](const std::wstring& name) -> nlohmann::json {
         const PlannedPort& port = plan[at++];
-        if (!port.failure.empty()) {
-            return {{"name", ToUtf8(name)}, {"error", port.failure}};
+        if (port.failure.empty()) {
+            return SetPort(*channel, port, arguments, resolved);
         }
-        return SetPort(*channel, port, arguments, resolved);
+        if (!arguments.json) {
+            std::cerr << "port " << ToUtf8(name) << " not set: " << Printable(port.failure) << '\n';
+        }
+        return {{"name", ToUtf8(name)}, {"error", port.failure}};
     });
-    ReportUnidentified(plan, arguments);
+    RequireIdentified(plan);
 }
 
 void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {

@@ -227,6 +227,9 @@ RowLookup LookupFor(const PortRow& row, const PortRecords& before,
     if (!follow || IsNo(*follow)) {
         return lookup;
     }
+    if (!RowReader(row, reportedByApply).Truth("configured").value_or(true)) {
+        reader.Problem(kFollowColumn, "is not possible for a port that is not configured");
+    }
     lookup.keepsAddress = IsYes(*follow);
     lookup.printer = !lookup.keepsAddress ? *follow
                      : address

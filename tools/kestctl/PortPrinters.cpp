@@ -6,8 +6,10 @@
 #include <utility>
 
 #include "address/IPAddress.h"
+#include "admin/MonitorKey.h"
 #include "admin/PortCheck.h"
 #include "admin/PortStore.h"
+#include "admin/WindowsMachine.h"
 
 std::vector<PortRecords> PrintersOfPorts(SpoolerChannel& channel, bool following) {
     std::vector<PortRecords> ports;
@@ -23,6 +25,11 @@ std::vector<PortRecords> PrintersOfPorts(SpoolerChannel& channel, bool following
         }
     }
     return ports;
+}
+
+bool MayHavePorts(const CommandFailed& failed) {
+    WindowsMachine machine;
+    return failed.remedy != Remedy::InstallMonitor || !StoredPorts(machine).empty();
 }
 
 size_t CountFound(const std::vector<PortRecords>& ports,

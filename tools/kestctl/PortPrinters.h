@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "admin/CommandFailed.h"
 #include "admin/PortSettings.h"
 #include "admin/PrinterIdentity.h"
 #include "admin/SpoolerChannel.h"
@@ -12,6 +13,11 @@
 //   following: only ports with AlwaysPrint.
 // Throws CommandFailed.
 std::vector<PortRecords> PrintersOfPorts(SpoolerChannel& channel, bool following);
+
+// Returns whether the monitor has ports although they could not be listed: only without the monitor
+// and without stored ports there are certainly none.
+//   failed: why they could not be listed.
+bool MayHavePorts(const CommandFailed& failed);
 
 // Returns how many of these printers a search has found.
 size_t CountFound(const std::vector<PortRecords>& ports,

@@ -220,8 +220,9 @@ void RunPrint(const PrintArguments& arguments, const ChannelFactory& openChannel
     progress.Clear();
     const std::string outcome = printed.get();
     if (arguments.json) {
-        PrintJson({{"file", arguments.file},
+        PrintJson({{"name", arguments.port},
                    {"port", arguments.port},
+                   {"file", arguments.file},
                    {"bytes", state.sent.load()},
                    {"outcome", outcome}});
     } else {

@@ -41,6 +41,9 @@ void Report(const RenameArguments& arguments, const Migration& plan) {
 void RunRename(const RenameArguments& arguments, SpoolerChannel& channel) {
     const Interruption untilDone;  // half a rename would leave two ports
     const Migration plan = PlanRename(channel, ToWide(arguments.name), ToWide(arguments.newName));
+    if (untilDone.Requested()) {
+        throw Interrupted();
+    }
     if (!arguments.dryRun) {
         RenamePort(channel, plan);
     }

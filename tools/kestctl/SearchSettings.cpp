@@ -77,7 +77,8 @@ class Elements {
 
     // Returns them in their order; with a finding where it is no document.
     std::vector<Element> Read(std::vector<SearchFinding>& findings) {
-        constexpr unsigned kFlags = pugi::parse_default | pugi::parse_doctype;
+        constexpr unsigned kFlags =
+            pugi::parse_default | pugi::parse_doctype | pugi::parse_ws_pcdata;
         const pugi::xml_parse_result result =
             document_.load_buffer(xml_.data(), xml_.size(), kFlags, pugi::encoding_utf8);
         if (!result) {
@@ -264,12 +265,13 @@ std::array<size_t, kSearchElements> TakeValues(const std::vector<Element>& eleme
             if (element.path != "/slp_config" && element.path != "/slp_config/attr_parsing_info") {
                 file.findings.push_back(
                     {element.line, false,
-                     Named(element.name) + " is ignored: it means nothing, here at least"});
+                     Named(element.name) +
+                         " is ignored: it is not a known element, or not known at this place"});
             }
         } else if (lines[i] != 0) {
             file.findings.push_back({element.line, true,
-                                     Named(element.name) + " is there already, in line " +
-                                         std::to_string(lines[i]) + ": that one counts"});
+                                     Named(element.name) + " is already in line " +
+                                         std::to_string(lines[i]) + ": only that one is used"});
         } else {
             lines[i] = element.line;
             file.values[i] = element.text;
@@ -492,13 +494,17 @@ std::wstring NewSearchFile::Install() {
     return kept;
 }
 
-std::wstring RestorePreviousFile(const std::wstring& path) {
+std::wstring PreviousFile(const std::wstring& path) {
     const int number = LatestKept(path);
     if (number == 0) {
         throw CommandFailed("There is no previous version of " + ToUtf8(path) + ": no file " +
                             ToUtf8(KeptPath(path, 1)));
     }
-    const std::wstring kept = KeptPath(path, number);
+    return KeptPath(path, number);
+}
+
+std::wstring RestorePreviousFile(const std::wstring& path) {
+    const std::wstring kept = PreviousFile(path);
     if (!Exists(path)) {
         Move(kept, path);
         return kept;
@@ -513,6 +519,13 @@ std::wstring RestorePreviousFile(const std::wstring& path) {
         DeleteFileW(aside.c_str());
         throw;
     }
-    Move(aside, kept);
+    try {
+        Move(aside, kept);
+    } catch (...) {
+        Move(path, kept);
+        CopyFileW(aside.c_str(), path.c_str(), FALSE);
+        DeleteFileW(aside.c_str());
+        throw;
+    }
     return kept;
 }

@@ -77,7 +77,10 @@ class NewSearchFile {
     const std::wstring fresh_;
 };
 
+// Returns the path of a file's previous version. Throws CommandFailed if there is none.
+std::wstring PreviousFile(const std::wstring& path);
+
 // Exchanges a file with its previous version, the kept one with the highest number, so that a
-// second call undoes the first. Returns the path of the kept file. Throws CommandFailed, also if
-// there is no previous version.
+// second call undoes the first. Returns the path of the kept file. Throws CommandFailed, with
+// nothing changed, also if there is no previous version.
 std::wstring RestorePreviousFile(const std::wstring& path);
