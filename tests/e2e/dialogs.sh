@@ -28,7 +28,8 @@ screen_up
 spooler_on "$screen_prefix" on_screen
 spooler_install
 outcome=$screen_prefix/outcome
-# Wine ends a desktop that no program uses, and a window that opens meanwhile does not get the keyboard.
+# Wine ends a desktop that no program uses, and a window that opens meanwhile does not get the
+# keyboard.
 spooler desktop >/dev/null 2>&1 &
 
 # opens TITLE TEXT COMMAND...: a print function opens this window. Its outcome is for `closes`.

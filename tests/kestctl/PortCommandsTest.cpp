@@ -324,14 +324,15 @@ TEST(PortCommands, FollowAsksTheNewAddressAndTakesNoPortForAHost) {
     for (const char* name : {"PRN-1", "PRN-2"}) {
         Kestctl(monitor, {"port", "add", name, "--address", "10.0.0.1"});
     }
-    monitor.printer = {"10.0.0.9", "000400000009", "prn-9"};
+    monitor.printers = {{"10.0.0.9", {"10.0.0.9", "000400000009", "prn-9"}},
+                        {"PRN-2", {"10.0.0.2", "000400000002", "prn-2"}}};
     Kestctl(monitor, {"port", "set", "PRN-1", "--address", "10.0.0.9", "--follow"});
-    EXPECT_EQ(monitor.identified, "10.0.0.9");
+    EXPECT_STREQ(monitor.ports[L"PRN-1"].extended.sztHWAddress, L"000400000009");
     EXPECT_EQ(AddressInUse(monitor.ports[L"PRN-1"]), "10.0.0.9");
     EXPECT_THROW(Kestctl(monitor, {"port", "set", "--follow", "prn-1", "PRN-2"}),
                  CLI::ValidationError);
     Kestctl(monitor, {"port", "set", "PRN-2", "--follow", "PRN-2"});
-    EXPECT_EQ(monitor.identified, "PRN-2");
+    EXPECT_STREQ(monitor.ports[L"PRN-2"].extended.sztHWAddress, L"000400000002");
 }
 
 // The last one: the process keeps the Ctrl-C.
