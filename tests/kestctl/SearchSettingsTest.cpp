@@ -63,7 +63,7 @@ TEST(SearchSettings, SayWhatIsWrongAndWhere) {
         std::string text = good;
         text.replace(text.find(c.from), std::string(c.from).size(), c.to);
         if (std::string(c.from) == "-->") {
-            for (size_t at; (at = text.find("-->")) != std::string::npos;) {
+            for (size_t at = text.find("-->"); at != std::string::npos; at = text.find("-->")) {
                 text.erase(at, 3);
             }
         }
