@@ -179,6 +179,7 @@ TEST_F(LprTest, ADaemonThatDoesNotAcknowledgeFailsTheStart) {
             Daemon daemon(0, answer, step);
             HANDLE port = OpenPort(daemon.Port(), false);
             EXPECT_FALSE(spooler.Start(port)) << step;
+            spooler->pfnEndDocPort(port);
             ASSERT_EQ(daemon.Finish().size(), 1u);
             EXPECT_EQ(daemon.Finish()[0].complaint, "");
             EXPECT_FALSE(spooler.WriteAll(port, "x"));
