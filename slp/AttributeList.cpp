@@ -70,7 +70,7 @@ std::string Unescape(std::string_view escaped) {
 std::optional<std::string> FindAttribute(std::string_view list, std::string_view tag) {
     tag = Trim(tag);
     Cursor rest(list);
-    for (auto attribute = NextAttribute(rest); attribute; attribute = NextAttribute(rest)) {
+    while (const auto attribute = NextAttribute(rest)) {
         if (SameTag(attribute->tag, tag)) {
             return attribute->whole ? std::optional(Unescape(attribute->value)) : std::nullopt;
         }

@@ -83,7 +83,9 @@ class RefusingPort {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        if (bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+            throw std::runtime_error("no loopback port is free");
+        }
         int size = sizeof(address);
         getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size);
         number = ntohs(address.sin_port);
