@@ -93,7 +93,7 @@ TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
         EXPECT_FALSE(spooler.Write(port, "x", count));
         EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
         EXPECT_EQ(count, 0u);
-        BYTE byte;
+        BYTE byte = 0;
         EXPECT_FALSE(spooler->pfnReadPort(port, &byte, 1, &count));
         EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
         EXPECT_TRUE(spooler->pfnEndDocPort(port));

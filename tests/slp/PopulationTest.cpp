@@ -24,7 +24,7 @@ constexpr milliseconds kMuchTooLong = slp::kMaxTime * 3 / 5;
 std::string Value(const std::string& list, const char* tag) {
     char* value = nullptr;
     EXPECT_EQ(SLPParseAttrs(list.c_str(), tag, &value), SLP_OK) << list.substr(0, 200);
-    const std::string copy = value != nullptr ? value : "";
+    std::string copy = value != nullptr ? value : "";
     SLPFree(value);
     return copy;
 }

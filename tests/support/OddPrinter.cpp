@@ -97,7 +97,7 @@ class Dialogue {
 
   private:
     std::string ReadCommand() {
-        const std::string line = job_.ReadLine();
+        std::string line = job_.ReadLine();
         if (!line.empty()) {
             visit_.commands.push_back(line);
         }
