@@ -178,8 +178,12 @@ int Run() {
 }  // namespace
 
 int main() {
-    Interruption::HandleCtrlC();
-    const Utf8Output output(std::cout, STD_OUTPUT_HANDLE, stdout);
-    const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
-    return Run();
+    try {
+        Interruption::HandleCtrlC();
+        const Utf8Output output(std::cout, STD_OUTPUT_HANDLE, stdout);
+        const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
+        return Run();
+    } catch (...) {  // no memory to start with
+        return kFailed;
+    }
 }
