@@ -19,8 +19,8 @@ ESCAPES = re.compile(rb"\x1b\[[0-9;?]*[A-Za-z]|\x1b\][^\x07]*\x07")
 
 
 def await_rest(process):
-    """Waits until no thread of the process runs, for 2 s at most. Wine starts a thread in the handler
-    of the terminal's signal, and hangs if the signal comes while another thread is being started."""
+    """Waits until no thread of the process runs, for 2 s at most. Wine starts a thread in the
+    handler of the terminal's signal, and hangs if that interrupts the start of another thread."""
     quiet = 0
     end = time.monotonic() + 2
     before = None
