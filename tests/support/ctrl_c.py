@@ -3,8 +3,9 @@
 
   ctrl_c.py TEXT COMMAND...
 
-Presses it when TEXT is on the screen and the program waits. Exits with the program's exit code; with 125, and what was on
-the screen, when TEXT does not appear or the program does not end within a minute.
+Presses it when TEXT is on the screen and the program waits. Exits with the program's exit code;
+with 125, and what was on the screen, when TEXT does not appear or the program does not end within
+a minute.
 """
 import glob
 import os
