@@ -49,10 +49,11 @@ done
 
 columns() { decode "$1" -T fields -E 'separator=;' "${@:2}" | LC_ALL=C sort -u; }
 
-# Repetitions of the same request count once: how many there are is a matter of time.
+# Repetitions of the same request count once: how many there are is a matter of time. So are the
+# responders of a repetition over IPv6, which are left out.
 diff - <(columns 'srvloc.function == 6' -e ip.dst -e ipv6.dst -e tcp.dstport -e srvloc.version \
     -e srvloc.flags_v1 -e srvloc.flags_v2 -e srvloc.langtag -e srvloc.attrreq.url \
-    -e srvloc.attrreq.scopelist -e srvloc.attrreq.prlist | sed 's/;fd77[^;]*$/;.../') <<'END' ||
+    -e srvloc.attrreq.scopelist -e srvloc.attrreq.prlist | sed '/;fd77[^;]*$/d') <<'END' ||
 10.77.1.1;;;2;;0x0000;en;service:wire;DEFAULT;
 10.77.1.4;;427;2;;0x0000;en;service:long;DEFAULT;
 10.77.1.5;;427;1;0x00;;;service:oldlong;;
@@ -68,7 +69,6 @@ diff - <(columns 'srvloc.function == 6' -e ip.dst -e ipv6.dst -e tcp.dstport -e 
 239.255.255.253;;;2;;0x2000;en;service:wire;DEFAULT;10.77.1.1
 ;fd77:0:0:1::5;;2;;0x0000;en;service:six;DEFAULT;
 ;ff02::116;;2;;0x2000;en;service:six;DEFAULT;
-;ff02::116;;2;;0x2000;en;service:six;DEFAULT;...
 END
     fail "tshark reads the requests differently"
 
