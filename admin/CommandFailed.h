@@ -19,7 +19,7 @@ enum class Remedy {
     InstallMonitor,     // the spooler has not loaded the monitor
     ListPorts,          // there is no port of this name
     ListStandardPorts,  // there is no standard TCP/IP port of this name
-    ChangePort,         // the port `subject` is there already
+    ChangePort,         // the port `subject` already exists
     ChooseName,         // another monitor has a port of this name
     ShowPort,           // the port `subject` may be half changed
     DeletePort,         // the port `subject` was to be taken away again, and stays

@@ -195,7 +195,7 @@ void Reach(CheckedPort& port, const CheckNetwork& network, milliseconds timeout)
     }
 }
 
-// Asks the address of these ports who is there.
+// Queries the address of these ports for the identity of the printer there.
 void Identify(const std::vector<CheckedPort*>& ports, const CheckNetwork& network) {
     PrinterIdentity printer;
     std::string failure;
@@ -229,7 +229,7 @@ std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
                : "announces " + who + " at its address, but does not answer the search";
 }
 
-// Tells the state of a port that takes connections, when it is known who is there.
+// Returns the state of a port that accepts connections and whose printer is identified.
 void Judge(CheckedPort& port, const SearchOutcome& search) {
     if (IsAnother(Keys(port.records), port.printer)) {
         port.state = PortState::AnotherPrinter;

@@ -39,7 +39,7 @@ enum class PortState {
     Ok,
     Unreachable,      // takes no connection, and was found nowhere else
     Moved,            // takes no connection, and was found elsewhere
-    AnotherPrinter,   // somebody else is at its address
+    AnotherPrinter,   // another printer is at its address
     NotRecognised,    // is to be followed, but the search does not recognise the printer there
     CannotFollow,     // is to be followed, but the port does not know how to recognise it
     NoConfiguration,  // is to be followed, but SLPConf.xml is missing or broken
@@ -71,8 +71,8 @@ std::string FindOwnPrinter(const PortRecords& records,
 // Returns whether the port has a MAC address or a host name to find its printer by.
 bool HasKeys(const PortRecords& records);
 
-// Connects to the port's address and asks who is there. A port that follows its printer has to be
-// recognised by that answer.
+// Connects to the port's address and queries the printer for its identity. The printer of a
+// port that follows it must be recognised by that answer.
 //   timeout: how long the connection may take.
 CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
                      const CheckNetwork& network, std::chrono::milliseconds timeout);

@@ -16,7 +16,7 @@ constexpr DWORD kPortSignature = 0x00005450;     // "PT"
 constexpr DWORD kPortDeleted = 4;     // skipped by enumeration and removal; nothing here sets it
 constexpr DWORD kJobInProgress = 8;   // from the beginning of StartDocPort to the end of EndDocPort
 constexpr DWORD kJobEnding = 16;      // EndDocPort runs; set by the one caller that ends the job
-constexpr DWORD kJobStarting = 32;    // StartDocPort runs: nobody else uses or ends the job
+constexpr DWORD kJobStarting = 32;    // StartDocPort runs: no other call uses or ends the job
 constexpr size_t kMaxPortName = 247;  // characters, without the terminator
 
 // A port's connection. Several callers may use it at once; the one that takes it out closes it.

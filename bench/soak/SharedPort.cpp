@@ -102,7 +102,7 @@ void SharedPort::UseOnce(uint32_t caller) {
         return;  // it is being replaced
     }
     if (random.Happens(0.2)) {
-        End(port);  // somebody else's job, which may start or end at this moment
+        End(port);  // another caller's job, which may start or end at this moment
         ++tally.endedEarly;
     }
     if (Start(port, static_cast<DWORD>(rounds_[caller]))) {

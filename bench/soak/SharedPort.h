@@ -23,7 +23,7 @@ class SharedPort {
 
     // Some jobs of one caller (from 0), on a thread that is new.
     void Use(uint32_t caller);
-    // Prints a page while nobody else uses the port, and verifies that the port is idle after it.
+    // Prints a page while no other caller uses the port, and verifies that the port is idle then.
     void PrintQuietly();
 
   private:
