@@ -10,7 +10,7 @@
 #include <array>
 #include <vector>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 #include "mdns/Browser.h"
 #include "mdns/Limits.h"
 
