@@ -142,8 +142,8 @@ std::vector<Printer> Collector::Printers() const {
         AddAddresses(printer, host, Type::A);
         AddAddresses(printer, host, Type::Aaaa);
         std::ranges::sort(printer.services);
-        const auto repeated = std::ranges::unique(printer.services);
-        printer.services.erase(repeated.begin(), repeated.end());
+        printer.services.erase(std::unique(printer.services.begin(), printer.services.end()),
+                               printer.services.end());
         if (!printer.addresses.empty()) {
             printers.push_back(std::move(printer));
         }
@@ -190,8 +190,8 @@ void Collector::AddAddresses(Printer& printer, const std::string& host, Type typ
     for (const Found& record : Find(host, type)) {
         addresses.push_back(AddressText(record.data));
     }
-    std::ranges::stable_partition(
-        addresses, [&](const std::string& address) { return sources.contains(address); });
+    std::stable_partition(addresses.begin(), addresses.end(),
+                          [&](const std::string& address) { return sources.contains(address); });
     printer.addresses.insert(printer.addresses.end(), addresses.begin(), addresses.end());
 }
 
