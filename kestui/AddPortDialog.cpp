@@ -175,7 +175,7 @@ void AddPortDialog::SuggestName(const FoundPrinter& printer) {
         for (int number = 1; number < 1000; ++number) {
             const std::wstring name =
                 number == 1 ? base : base + L" (" + std::to_wstring(number) + L")";
-            std::string checked = ToUtf8(name);
+            std::string checked = WideToUtf8(name);
             if (!CheckPortName(checked).empty()) {
                 break;
             }
@@ -198,11 +198,11 @@ void AddPortDialog::Refuse(UINT field, UINT text) {
 bool AddPortDialog::CollectName() {
     std::string name = Utf8(IDC_NAME);
     if (!CheckPortName(name).empty()) {
-        const bool pseudo = IsSpoolerPseudoPort(ToWide(name).c_str());
+        const bool pseudo = IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
         Refuse(IDC_NAME, pseudo ? IDS_PSEUDO_NAME : IDS_BAD_NAME);
         return false;
     }
-    name_ = ToWide(name);
+    name_ = Utf8ToWide(name);
     return true;
 }
 

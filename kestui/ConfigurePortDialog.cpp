@@ -12,7 +12,7 @@ constexpr size_t kReasonLength = 200;  // characters; what there is room for
 constexpr UINT kButtons[] = {IDC_TEST, IDC_FIND, IDC_STOP, IDOK};
 
 bool SameHostName(const std::string& one, const std::string& other) {
-    return !one.empty() && lstrcmpiW(ToWide(one).c_str(), ToWide(other).c_str()) == 0;
+    return !one.empty() && lstrcmpiW(Utf8ToWide(one).c_str(), Utf8ToWide(other).c_str()) == 0;
 }
 
 // True when a printer is the one that is meant: by its MAC address, or by its name where one of
@@ -154,7 +154,7 @@ void ConfigurePortDialog::Test() {
                 environment.connects(address, port, [&task] { return task.GoOn(); });
             task.Post([this, address, port, answers] {
                 AddResult(texts_(answers ? IDS_ANSWERS : IDS_ANSWERS_NOT,
-                                 {ToWide(address), std::to_wstring(port)}));
+                                 {Utf8ToWide(address), std::to_wstring(port)}));
             });
             std::optional<PrinterIdentity> found;
             try {
@@ -198,7 +198,7 @@ void ConfigurePortDialog::FindAgain() {
                     TakePrinter(printer);
                 }
                 AddResult(
-                    texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {ToWide(found->address)}));
+                    texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {Utf8ToWide(found->address)}));
             });
         },
         [this](const CommandFailed& failure) { ShowCheckFailed(failure); });

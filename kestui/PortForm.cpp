@@ -71,14 +71,14 @@ void PortForm::FillSettings(const PortRecords& records) {
     printer_ = {AddressInUse(records), FieldText(records.extended.sztHWAddress),
                 FieldText(records.standard.sztHostAddress)};
     shownAddress_ = printer_.address;
-    SetText(IDC_ADDRESS, ToWide(printer_.address));
+    SetText(IDC_ADDRESS, Utf8ToWide(printer_.address));
     const bool lpr = port.dwProtocol == kProtocolLpr;
     CheckRadioButton(Window(), IDC_RAW, IDC_LPR, lpr ? IDC_LPR : IDC_RAW);
     SetText(IDC_PORT, std::to_wstring(port.dwPortNumber));
-    SetText(IDC_QUEUE, ToWide(FieldText(port.sztQueue)));
+    SetText(IDC_QUEUE, Utf8ToWide(FieldText(port.sztQueue)));
     Check(IDC_DOUBLE_SPOOL, port.dwDoubleSpool != 0);
     Check(IDC_SNMP, port.dwSNMPEnabled != 0);
-    SetText(IDC_COMMUNITY, ToWide(FieldText(port.sztSNMPCommunity)));
+    SetText(IDC_COMMUNITY, Utf8ToWide(FieldText(port.sztSNMPCommunity)));
     SetText(IDC_INDEX, std::to_wstring(port.dwSNMPDevIndex == 0 ? 1 : port.dwSNMPDevIndex));
     filling_ = false;
     OnProtocol();
@@ -121,7 +121,7 @@ void PortForm::ChangeProtocol() {
         SetText(IDC_PORT, std::to_wstring(usual.dwPortNumber));
     }
     if (lpr && Text(IDC_QUEUE).empty()) {
-        SetText(IDC_QUEUE, ToWide(FieldText(usual.sztQueue)));
+        SetText(IDC_QUEUE, Utf8ToWide(FieldText(usual.sztQueue)));
     }
     OnProtocol();
 }
@@ -148,7 +148,7 @@ void PortForm::TakePrinter(const PrinterIdentity& printer) {
     printer_ = printer;
     shownAddress_ = printer.address;
     filling_ = true;
-    SetText(IDC_ADDRESS, ToWide(printer.address));
+    SetText(IDC_ADDRESS, Utf8ToWide(printer.address));
     filling_ = false;
     phase_ = printer.address.empty() ? Phase::NoAddress : Phase::Known;
     ShowFollow();
