@@ -36,6 +36,10 @@ source_date() {
     echo "${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct 2>/dev/null || echo $earliest)}"
 }
 
+# Whether build/ is configured with a compiler cache. A cache does not notice that the folder names
+# which programs contain have changed, and returns what was compiled with other ones.
+has_compiler_cache() { grep -qs '^CMAKE_CXX_COMPILER_LAUNCHER:.*=.' "$build/CMakeCache.txt"; }
+
 # Prefix of a command that plays a machine in a simulated network. Searches and acknowledgements
 # have time limits, so a busy test machine must not slow it down. Only root may raise a priority,
 # outside some containers.
