@@ -5,7 +5,7 @@
 #include <new>
 #include <string>
 
-#include "diag/MemoryReserve.h"
+#include "base/MemoryReserve.h"
 #include "diag/SystemUtils.h"
 #include "discovery/PrinterDiscoveryClass.h"
 #include "monitor/Library.h"

@@ -6,7 +6,7 @@
 #include <random>
 #include <string_view>
 
-#include "diag/MemoryReserve.h"
+#include "base/MemoryReserve.h"
 
 namespace slp {
 namespace {

@@ -1,8 +1,8 @@
-#include "admin/PortSettings.h"
+#include "admin/ports/PortSettings.h"
 
 #include <gmock/gmock.h>
 
-#include "admin/Text.h"
+#include "base/Text.h"
 
 using testing::HasSubstr;
 

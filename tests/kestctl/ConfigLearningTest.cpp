@@ -1,16 +1,16 @@
 #include <winsock2.h>
 
-#include "tools/kestctl/ConfigLearning.h"
+#include "admin/search/ConfigLearning.h"
 
 #include <gmock/gmock.h>
 #include <windows.h>
 
 #include <iostream>
 
-#include "admin/Hosts.h"
+#include "admin/search/Hosts.h"
 #include "tests/support/FakeMonitor.h"
-#include "tools/kestctl/FindWatch.h"
-#include "tools/kestctl/PortPrinters.h"
+#include "kestctl/FindWatch.h"
+#include "admin/ports/PortPrinters.h"
 
 namespace {
 

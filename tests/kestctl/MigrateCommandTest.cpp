@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 
-#include "admin/Migration.h"
-#include "admin/PortStore.h"
+#include "admin/ports/Migration.h"
+#include "admin/ports/PortStore.h"
 #include "tests/support/FakeMonitor.h"
 #include "tests/support/TempFile.h"
 

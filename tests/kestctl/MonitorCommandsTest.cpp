@@ -1,4 +1,4 @@
-#include "admin/Installation.h"
+#include "admin/setup/Installation.h"
 
 #include <gmock/gmock.h>
 
@@ -7,7 +7,7 @@
 #include "Version.h"
 #include "tests/support/FakeMachine.h"
 #include "tests/support/LogCapture.h"
-#include "tools/kestctl/Interruption.h"
+#include "kestctl/Interruption.h"
 
 using testing::AllOf;
 using testing::Contains;

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/LogCapture.h"
-#include "tools/kestctl/Command.h"
+#include "kestctl/Command.h"
 
 namespace {
 

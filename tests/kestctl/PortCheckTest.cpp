@@ -1,10 +1,10 @@
-#include "admin/PortCheck.h"
+#include "admin/ports/PortCheck.h"
 
 #include <gmock/gmock.h>
 
 #include <atomic>
 
-#include "admin/PrinterSearch.h"
+#include "admin/search/PrinterSearch.h"
 #include "tests/support/FakeMonitor.h"
 
 using namespace std::chrono_literals;

@@ -1,9 +1,9 @@
 #include <gmock/gmock.h>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 #include "tests/support/FakeMonitor.h"
 #include "tests/support/TempFile.h"
-#include "tools/kestctl/Interruption.h"
+#include "kestctl/Interruption.h"
 
 using testing::AllOf;
 using testing::HasSubstr;

@@ -3,7 +3,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "admin/Text.h"
+#include "base/Text.h"
 #include "tests/support/FakeMonitor.h"
 
 using testing::AllOf;

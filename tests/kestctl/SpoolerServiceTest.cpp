@@ -1,5 +1,5 @@
 // Against the spooler of the machine that runs the tests, with the monitor that every one has.
-#include "admin/SpoolerService.h"
+#include "admin/channel/SpoolerService.h"
 
 #include <gmock/gmock.h>
 
@@ -7,12 +7,12 @@
 #include <fstream>
 #include <iterator>
 
-#include "admin/CommandFailed.h"
-#include "admin/PortStore.h"
-#include "admin/Text.h"
+#include "base/CommandFailed.h"
+#include "admin/ports/PortStore.h"
+#include "base/Text.h"
 #include "tests/support/ImportPatch.h"
 #include "tests/support/WinePrinter.h"
-#include "tools/kestctl/Command.h"
+#include "kestctl/Command.h"
 
 using testing::AllOf;
 using testing::Contains;

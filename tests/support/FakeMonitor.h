@@ -10,8 +10,8 @@
 #include <map>
 #include <sstream>
 
-#include "admin/PortSettings.h"
-#include "tools/kestctl/Command.h"
+#include "admin/ports/PortSettings.h"
+#include "kestctl/Command.h"
 
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;

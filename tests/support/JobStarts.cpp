@@ -11,14 +11,14 @@
 #include <iterator>
 #include <thread>
 
-#include "admin/Text.h"
+#include "base/Text.h"
 #include "tests/support/WinePrinter.h"
-#include "tools/kestctl/ControlJob.h"
-#include "tools/kestctl/SpoolerHost.h"
+#include "admin/channel/ControlJob.h"
+#include "admin/channel/DirectChannel.h"
 
 namespace {
 
-bool PrintThrough(SpoolerHost& spooler, const ControlJob& job, std::wstring port,
+bool PrintThrough(DirectChannel& spooler, const ControlJob& job, std::wstring port,
                   std::string bytes) {
     const MONITOR2& monitor = spooler.Table();
     HANDLE handle = nullptr;
@@ -46,7 +46,7 @@ bool PrintThrough(SpoolerHost& spooler, const ControlJob& job, std::wstring port
 
 int wmain(int count, wchar_t** arguments) {
     try {
-        SpoolerHost spooler(arguments[1]);
+        DirectChannel spooler(arguments[1]);
         std::ifstream file(std::filesystem::path(arguments[2]), std::ios::binary);
         const std::string bytes{std::istreambuf_iterator<char>(file), {}};
         const WinePrinter printer;

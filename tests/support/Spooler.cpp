@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "admin/Text.h"
+#include "base/Text.h"
 #include "tests/support/WinePrinter.h"
 
 namespace {

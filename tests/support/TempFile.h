@@ -7,7 +7,7 @@
 #include <fstream>
 #include <string>
 
-#include "admin/Text.h"
+#include "base/Text.h"
 
 class TempFile {
   public:

@@ -1,0 +1,68 @@
+// The choice between the channels.
+#include <algorithm>
+
+#include "admin/channel/SpoolerService.h"
+#include "base/Text.h"
+#include "kestctl/Command.h"
+#include "admin/channel/DirectChannel.h"
+
+namespace {
+constexpr char kDirect[] = "--direct";
+constexpr char kServer[] = "--server";
+
+// Brings a machine's name into the spooler's form, \\SERVER (CLI11's convention).
+std::string CheckServer(std::string& text) {
+    const std::string name = text.substr(std::min(text.find_first_not_of('\\'), text.size()));
+    if (name.empty() || name.find_first_of("\\/, ") != std::string::npos) {
+        return "'" + text + "' is not a computer name. Use, for example, PRINT1";
+    }
+    text = R"(\\)" + name;
+    return {};
+}
+}  // namespace
+
+void AddDirectFlag(CLI::App& app) {
+    const std::string description =
+        "Bypass the print spooler: load kestmon.dll from this program's folder and use the ports "
+        "in the monitor's registry key. The spooler sees new ports after its next start";
+    app.add_flag_callback(kDirect, SpeakOfDirect, description);
+}
+
+void AddServerOption(CLI::App& app) {
+    app.add_option(
+           kServer,
+           "Print server to administer, for `port` and `print`. Network requests are sent from "
+           "this computer")
+        ->transform(CLI::Validator(CheckServer, ""))
+        ->excludes(app.get_option(kDirect));
+    app.parse_complete_callback([&app] {
+        const CLI::Option* server = app.get_option(kServer);
+        if (server->empty()) {
+            return;
+        }
+        for (const CLI::App* command : app.get_subcommands()) {
+            if (command->get_name() != "port" && command->get_name() != "print") {
+                throw CLI::ValidationError(
+                    kServer,
+                    "only works with `port` and `print`, not with `" + command->get_name() + "`");
+            }
+        }
+        SpeakOfServer(server->as<std::string>());
+    });
+}
+
+bool IsDirect(const CLI::App& app) {
+    return app.get_option(kDirect)->count() > 0;
+}
+
+std::wstring ServerName(const CLI::App& app) {
+    const CLI::Option* server = app.get_option(kServer);
+    return server->empty() ? std::wstring() : ToWide(server->as<std::string>());
+}
+
+std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app) {
+    if (IsDirect(app)) {
+        return std::make_unique<DirectChannel>(DirectChannel::LibraryBesideProgram());
+    }
+    return std::make_unique<SpoolerService>(L"kestmon", ServerName(app));
+}

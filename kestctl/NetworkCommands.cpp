@@ -1,0 +1,136 @@
+// kestctl resolve, ping and interfaces: the network as the monitor sees it.
+#include <winsock2.h>
+#include <windows.h>
+
+#include <iostream>
+#include <memory>
+#include <string>
+
+#include "admin/search/Hosts.h"
+#include "kestctl/Command.h"
+#include "kestctl/Progress.h"
+
+namespace {
+
+struct NetworkArguments {
+    std::string target;
+    bool json = false;
+};
+
+const char* Family(const IPAddress& address) {
+    return address.GetType() == IPV6 ? "IPv6" : "IPv4";
+}
+
+void RunResolve(const NetworkArguments& arguments) {
+    const IPAddress address = Resolve(StartedNetwork(), arguments.target);
+    if (arguments.json) {
+        PrintJson({{"name", arguments.target},
+                   {"address", address.GetText()},
+                   {"family", Family(address)}});
+    } else {
+        std::cout << address << '\n';
+    }
+}
+
+void RunPing(const NetworkArguments& arguments) {
+    const Network& network = StartedNetwork();
+    const IPAddress address = AddressOf(network, arguments.target);
+    Progress progress(!arguments.json);
+    progress.Show("asking " + address.GetText());
+    const bool answered = network.Ping(address) == 0;
+    progress.Clear();
+    if (arguments.json) {
+        PrintJson({{"address", address.GetText()}, {"answered", answered}});
+    } else if (answered) {
+        std::cout << address << " answers\n";
+    }
+    if (!answered) {
+        throw CommandFailed(address.GetText() +
+                            " does not answer. Check that the printer is on and connected, and "
+                            "that no firewall blocks ICMP echo requests");
+    }
+}
+
+const char* Reason(AddressVerdict verdict) {
+    switch (verdict) {
+        case AddressVerdict::Taken:
+            return "";
+        case AddressVerdict::NoAddress:
+            return "the interface has no address";
+        case AddressVerdict::NoMask:
+            return "it has no subnet mask";
+        case AddressVerdict::ZeroNetwork:
+            return "it is in 0.0.0.0/8";
+        case AddressVerdict::Loopback:
+            return "it is the loopback address";
+        case AddressVerdict::SelfAssigned:
+            return "it is self-assigned: the interface received no address";
+        case AddressVerdict::GatewayUnusable:
+            return "the default gateway's address is unusable";
+        case AddressVerdict::IsGateway:
+            return "it is the address of the default gateway";
+        case AddressVerdict::BeyondLimit:
+            return "ten other addresses are already used";
+    }
+    return "";
+}
+
+std::string Dotted(DWORD address) {
+    in_addr bytes = {};
+    bytes.s_addr = address;
+    return IPAddress(bytes).GetText();
+}
+
+void RunInterfaces(const NetworkArguments& arguments) {
+    const Network& network = StartedNetwork();
+    if (network.GetAddressTable() == nullptr) {
+        throw CommandFailed(
+            "the system does not report its addresses and routes. Check with `ipconfig` and "
+            "`route print` that it has any");
+    }
+    auto addresses = nlohmann::json::array();
+    std::vector<std::vector<std::string>> rows;
+    for (const auto& [address, mask, verdict] : network.GetJudgedAddresses()) {
+        const bool used = verdict == AddressVerdict::Taken;
+        nlohmann::json row = {{"address", Dotted(address)}, {"mask", Dotted(mask)}, {"used", used}};
+        if (!used) {
+            row["reason"] = Reason(verdict);
+        }
+        addresses.push_back(std::move(row));
+        rows.push_back(
+            {Dotted(address), Dotted(mask), used ? "yes" : std::string("no: ") + Reason(verdict)});
+    }
+    if (arguments.json) {
+        PrintJson({{"interfaces", network.GetNumInterfaces()}, {"addresses", addresses}});
+    } else {
+        PrintTable({"ADDRESS", "MASK", "USED"}, rows);
+    }
+}
+
+// Adds a command and, unless `target` is null, its argument.
+void AddCommand(CLI::App& app, const char* name, const char* text, const char* target,
+                const char* targetText, const char* example, void (*run)(const NetworkArguments&)) {
+    const auto arguments = std::make_shared<NetworkArguments>();
+    CLI::App& command = *app.add_subcommand(name, text);
+    AddExample(command, example);
+    if (target != nullptr) {
+        command.add_option(target, arguments->target, targetText)->required()->check(NotEmpty());
+    }
+    AddJsonFlag(command, arguments->json);
+    command.callback([arguments, run] { run(*arguments); });
+}
+
+}  // namespace
+
+void AddNetworkCommands(CLI::App& app) {
+    AddCommand(app, "resolve", "Show the address to which the monitor resolves a host name", "NAME",
+               "Host name", "resolve printer-2.example.com", RunResolve);
+    AddCommand(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
+               "ADDRESS", "IPv4 address, IPv6 address or host name of the printer",
+               "ping 192.168.1.20", RunPing);
+    AddCommand(
+        app, "interfaces",
+        "Show which IPv4 addresses of this computer the printer search uses, and why it does not "
+        "use the others",
+        nullptr, nullptr, "interfaces", RunInterfaces);
+}

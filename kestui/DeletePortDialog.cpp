@@ -1,0 +1,72 @@
+#include "kestui/DeletePortDialog.h"
+
+#include "admin/ports/PortStore.h"
+#include "base/Text.h"
+#include "kestui/PortForm.h"
+
+void DeletePortDialog::OnInit() {
+    SetText(IDC_QUESTION, texts_(IDS_DELETE_LOOKS, {port_}));
+    Enable(IDC_DELETE, false);
+    Work(
+        worker_,
+        [this, open = environment_.openChannel, server = server_,
+         port = port_](const Worker::Task& task) {
+            const auto channel = open(server);
+            RequireAccess(*channel);
+            const std::wstring name = FindPort(*channel, port);
+            task.Post([this, name, queues = QueuesOn(channel->Queues(), name)] {
+                port_ = name;
+                ShowQueues(queues);
+            });
+        },
+        [this](const CommandFailed& failure) {
+            Report(IDS_DELETE_FAILED, failure);
+            End(ERROR_CANCELLED);
+        });
+}
+
+void DeletePortDialog::ShowQueues(const std::vector<std::wstring>& queues) {
+    std::wstring lines;
+    for (const std::wstring& queue : queues) {
+        lines += (lines.empty() ? L"" : L"\r\n") + Shown(ToUtf8(queue));
+    }
+    SetText(IDC_QUESTION, texts_(queues.empty() ? IDS_DELETE_ASKS : IDS_DELETE_USED, {port_}));
+    SetText(IDC_QUEUES, lines);
+    Show(IDC_QUEUES, !queues.empty());
+    Enable(IDC_DELETE, queues.empty());
+    const UINT next = queues.empty() ? IDC_DELETE : IDCANCEL;
+    SendMessageW(Window(), WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(next)), TRUE);
+}
+
+void DeletePortDialog::OnCommand(UINT id, UINT code) {
+    if ((id == IDC_DELETE || id == IDOK) && code == BN_CLICKED &&
+        IsWindowEnabled(Control(IDC_DELETE))) {
+        Delete();
+    }
+}
+
+// What is being deleted cannot be taken back: the outcome is waited for.
+void DeletePortDialog::OnCancel() {
+    if (!deleting_) {
+        End(ERROR_CANCELLED);
+    }
+}
+
+void DeletePortDialog::Delete() {
+    deleting_ = true;
+    Enable(IDC_DELETE, false);
+    Enable(IDCANCEL, false);
+    Work(
+        worker_,
+        [this, open = environment_.openChannel, server = server_,
+         port = port_](const Worker::Task& task) {
+            DeletePort(*open(server), port);
+            task.Post([this] { End(ERROR_SUCCESS); });
+        },
+        [this](const CommandFailed& failure) {
+            deleting_ = false;
+            Enable(IDC_DELETE, true);
+            Enable(IDCANCEL, true);
+            Report(IDS_DELETE_FAILED, failure);
+        });
+}

@@ -1,0 +1,84 @@
+#include "kestui/Texts.h"
+
+#include "base/Text.h"
+
+namespace {
+
+// One of the sixteen counted texts that a resource holds. Nothing when there is no such resource.
+std::wstring TableText(UINT id, LANGID language) {
+    const HMODULE module = OwnModule();
+    const HRSRC found = FindResourceExW(module, RT_STRING, MAKEINTRESOURCEW(id / 16 + 1), language);
+    const HGLOBAL loaded = found != nullptr ? LoadResource(module, found) : nullptr;
+    if (loaded == nullptr) {
+        return {};
+    }
+    const auto* text = static_cast<const WCHAR*>(LockResource(loaded));
+    for (UINT before = id % 16; before > 0; --before) {
+        text += 1 + *text;
+    }
+    return std::wstring(text + 1, *text);
+}
+
+// Characters that are not seen, or change how others are.
+bool Deceives(wchar_t c) {
+    return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0xAD || c == 0x61C ||
+           (c >= 0x200B && c <= 0x200F) || (c >= 0x2028 && c <= 0x202E) ||
+           (c >= 0x2060 && c <= 0x206F) || c == 0xFEFF;
+}
+
+}  // namespace
+
+HMODULE OwnModule() noexcept {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(
+        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+        reinterpret_cast<LPCWSTR>(&OwnModule), &module);
+    return module;
+}
+
+std::wstring Texts::operator()(UINT id, std::initializer_list<std::wstring> inserts) const {
+    const bool german = PRIMARYLANGID(language_) == LANG_GERMAN;
+    const std::wstring text = TableText(id, german ? MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN)
+                                                   : MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US));
+    std::wstring result;
+    // In one pass: what is put in may look like a place to put something in.
+    for (size_t i = 0; i < text.size(); ++i) {
+        const size_t insert =
+            text[i] == L'%' && i + 1 < text.size() ? text[i + 1] - L'1' : SIZE_MAX;
+        if (insert < inserts.size()) {
+            result += inserts.begin()[insert];
+            ++i;
+        } else {
+            result += text[i];
+        }
+    }
+    return result;
+}
+
+std::wstring Texts::Count(UINT one, size_t count) const {
+    return count == 1 ? (*this)(one) : (*this)(one + 1, {std::to_wstring(count)});
+}
+
+std::wstring Shown(std::string_view utf8, size_t most) {
+    // Converted in full, a text of megabytes would be so for nothing.
+    std::wstring text = ToWide(utf8.substr(0, most * 4));
+    for (wchar_t& c : text) {
+        if (Deceives(c)) {
+            c = L'?';
+        }
+    }
+    if (text.size() > most) {
+        const bool pair = IS_HIGH_SURROGATE(text[most - 1]);
+        text = text.substr(0, most - (pair ? 1 : 0)) + L"\u2026";
+    }
+    return text;
+}
+
+std::wstring ShownMac(const std::string& digits) {
+    std::wstring text;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        text += i > 0 && i % 2 == 0 ? L":" : L"";
+        text += ToWide(digits.substr(i, 1));
+    }
+    return text;
+}
