@@ -4,7 +4,7 @@
 
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -79,7 +79,7 @@ void ConfigurePortDialog::Load() {
                           FieldText(records.standard.sztHostAddress)};
                 Idle();
                 if (!server_.empty()) {
-                    SetText(IDC_RESULT, texts_(IDS_SEARCHES_HERE, {server_}));
+                    SetText(IDC_RESULT, texts_(IDS_SEARCHED_LOCALLY, {server_}));
                 }
             });
         },
@@ -153,7 +153,7 @@ void ConfigurePortDialog::Test() {
             const bool answers =
                 environment.connects(address, port, [&task] { return task.GoOn(); });
             task.Post([this, address, port, answers] {
-                AddResult(texts_(answers ? IDS_ANSWERS : IDS_ANSWERS_NOT,
+                AddResult(texts_(answers ? IDS_CONNECTED : IDS_NOT_CONNECTED,
                                  {Utf8ToWide(address), std::to_wstring(port)}));
             });
             std::optional<PrinterIdentity> found;
@@ -165,7 +165,7 @@ void ConfigurePortDialog::Test() {
             task.Post([this, found, means] {
                 Idle();
                 if (!found) {
-                    AddResult(texts_(IDS_NOT_IDENTIFIED));
+                    AddResult(texts_(IDS_UNIDENTIFIED));
                 } else if (means.mac.empty() && means.hostName.empty()) {
                     AddResult(texts_(IDS_UNKNOWN_PRINTER, {Described(*found)}));
                 } else if (SamePrinter(means, *found)) {
@@ -213,7 +213,7 @@ void ConfigurePortDialog::OnSubmit() {
     Idle();
     Enable(IDOK, false);
     Moving(true);
-    SetText(IDC_RESULT, texts_(IDS_WRITING));
+    SetText(IDC_RESULT, texts_(IDS_SAVING));
     Write([name = port_, before = before_,
            after](SpoolerChannel& channel) { ChangePort(channel, name, before, after); },
           [name = port_, before = before_, after](SpoolerChannel& channel) {

@@ -5,7 +5,7 @@
 
 #include "base/Ascii.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -262,9 +262,9 @@ void Dialog::Report(UINT what, const CommandFailed& failure) {
         {Remedy::RunAsAdministrator, IDS_REMEDY_ADMINISTRATOR},
         {Remedy::StartSpooler, IDS_REMEDY_SPOOLER},
         {Remedy::InstallMonitor, IDS_REMEDY_MONITOR},
-        {Remedy::ListPorts, IDS_REMEDY_GONE},
-        {Remedy::ShowPort, IDS_REMEDY_HALF},
-        {Remedy::DeletePort, IDS_REMEDY_STAYS},
+        {Remedy::ListPorts, IDS_REMEDY_REFRESH},
+        {Remedy::ShowPort, IDS_REMEDY_RECONFIGURE},
+        {Remedy::DeletePort, IDS_REMEDY_DELETE},
         {Remedy::MovePrinter, IDS_REMEDY_MOVE},
     };
     std::wstring message = texts_(what);

@@ -4,7 +4,7 @@
 
 #include "address/AddressText.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -205,7 +205,7 @@ void PortForm::LookUpEnded(Phase phase) {
     ShowFollow();
     const bool submits = std::exchange(submits_, false);
     if (phase == Phase::Unresolved) {
-        ShowProblem(IDC_ADDRESS, IDS_NO_SUCH_HOST, submits);
+        ShowProblem(IDC_ADDRESS, IDS_UNRESOLVED_HOST, submits);
     } else if (submits && (CanFollow() || !wantsToFollow_)) {
         OnSubmit();
     }
@@ -225,11 +225,11 @@ void PortForm::ShowFollow() {
     const std::string oldName = FieldText(before_.standard.sztHostAddress);
     std::wstring note;
     if (phase_ == Phase::NoAddress || phase_ == Phase::Unresolved) {
-        note = texts_(IDS_FOLLOW_PICK);
+        note = texts_(IDS_FOLLOW_NO_ADDRESS);
     } else if (phase_ == Phase::Asking) {
-        note = texts_(IDS_FOLLOW_ASKING);
+        note = texts_(IDS_FOLLOW_QUERYING);
     } else if (phase_ == Phase::Silent && !CanFollow()) {
-        note = texts_(IDS_FOLLOW_SILENT);
+        note = texts_(IDS_FOLLOW_UNIDENTIFIED);
     } else if (mac.empty() && name.empty()) {
         note = texts_(IDS_FOLLOW_NEITHER);
     } else if (!CanFollow()) {
@@ -262,7 +262,7 @@ std::optional<PortChange> PortForm::Collect() {
         return std::nullopt;
     }
     if (phase_ == Phase::Unresolved) {
-        Refuse(IDC_ADDRESS, IDS_NO_SUCH_HOST);
+        Refuse(IDC_ADDRESS, IDS_UNRESOLVED_HOST);
         return std::nullopt;
     }
     if (host != AddressInUse(before_)) {
