@@ -150,7 +150,8 @@ void AddPortDialog::SearchEnded(size_t withoutAddress) {
 }
 
 void AddPortDialog::ShowStatus(const std::wstring& text) {
-    const std::wstring here = server_.empty() ? L"" : L" " + texts_(IDS_SEARCHED_LOCALLY, {server_});
+    const std::wstring here =
+        server_.empty() ? L"" : L" " + texts_(IDS_SEARCHED_LOCALLY, {server_});
     SetText(IDC_STATUS, text + here);
 }
 
