@@ -42,7 +42,7 @@ in_peer unshare --mount bash -c "
 
 # publish ARGUMENT...: has Avahi announce something, and waits until it does
 publish() {
-    local log line
+    local log
     log=$(mktemp "$work/publish.XXXXXX")
     in_peer avahi-publish "$@" >"$log" 2>&1 &
     for ((tries = 0; tries < 400; tries++)); do
