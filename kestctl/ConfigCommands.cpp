@@ -37,7 +37,7 @@ struct LearnArguments {
 
 std::wstring PathOf(const ConfigArguments& arguments) {
     return arguments.file.empty() ? SearchFilePath()
-                                  : std::filesystem::absolute(ToWide(arguments.file)).native();
+                                  : std::filesystem::absolute(Utf8ToWide(arguments.file)).native();
 }
 
 size_t Problems(const SearchFile& file) {
@@ -60,17 +60,17 @@ void RunShow(const ConfigArguments& arguments) {
     const std::wstring path = PathOf(arguments);
     const SearchFile file = ReadSearchFile(path);
     if (!file.wellFormed) {
-        throw CommandFailed(ToUtf8(path) + " is not well-formed XML. " + Advised("config check") +
-                            " shows the line");
+        throw CommandFailed(WideToUtf8(path) + " is not well-formed XML. " +
+                            Advised("config check") + " shows the line");
     }
     if (arguments.json) {
-        PrintJson({{"file", ToUtf8(path)}, {"values", ToJson(file.values)}});
+        PrintJson({{"file", WideToUtf8(path)}, {"values", ToJson(file.values)}});
     } else {
         std::vector<Row> rows;
         for (size_t i = 0; i < kSearchElements; ++i) {
             rows.push_back({NameAt(i), Cell(file.values[i])});
         }
-        std::cout << ToUtf8(path) << "\n\n";
+        std::cout << WideToUtf8(path) << "\n\n";
         PrintTable({"ELEMENT", "VALUE"}, rows);
     }
     if (const size_t problems = Problems(file); problems != 0) {
@@ -125,7 +125,7 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
     }
     if (arguments.json) {
         nlohmann::json document = {
-            {"file", ToUtf8(path)}, {"wellFormed", file.wellFormed}, {"findings", findings}};
+            {"file", WideToUtf8(path)}, {"wellFormed", file.wellFormed}, {"findings", findings}};
         if (!recognised.failure.empty()) {
             document["notSearched"] = recognised.failure;
         } else if (searched) {
@@ -138,17 +138,17 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
     }
     if (problems != 0) {
         throw CommandFailed(
-            ToUtf8(path) + ": " + Count(problems, "problem") +
+            WideToUtf8(path) + ": " + Count(problems, "problem") +
             (file.wellFormed ? "" : ". The file is not used until it is corrected"));
     }
     if (recognised.failure.empty() && recognised.printers != 0 && recognised.found == 0) {
-        throw CommandFailed(ToUtf8(path) +
+        throw CommandFailed(WideToUtf8(path) +
                             ": a search with this file recognises no port's printer. Check that "
                             "the printers are on. " +
                             Advised("config learn ADDRESS") + " shows what one of them announces");
     }
     if (!arguments.json) {
-        std::cout << ToUtf8(path) << ": no problem\n";
+        std::cout << WideToUtf8(path) << ": no problem\n";
     }
 }
 
@@ -158,23 +158,25 @@ void RunRestore(const ConfigArguments& arguments) {
     const std::wstring kept = PreviousFile(path);
     if (arguments.dryRun) {
         if (arguments.json) {
-            PrintJson({{"file", ToUtf8(path)}, {"restoredFrom", ToUtf8(kept)}, {"dryRun", true}});
+            PrintJson(
+                {{"file", WideToUtf8(path)}, {"restoredFrom", WideToUtf8(kept)}, {"dryRun", true}});
         } else {
-            std::cout << "would be restored: " << ToUtf8(path) << " from " << ToUtf8(kept) << '\n';
+            std::cout << "would be restored: " << WideToUtf8(path) << " from " << WideToUtf8(kept)
+                      << '\n';
         }
         return;
     }
     RestorePreviousFile(path);
     const bool exchanged = GetFileAttributesW(kept.c_str()) != INVALID_FILE_ATTRIBUTES;
     if (arguments.json) {
-        PrintJson({{"file", ToUtf8(path)},
-                   {"restoredFrom", ToUtf8(kept)},
-                   {"kept", ToUtf8(exchanged ? kept : L"")}});
+        PrintJson({{"file", WideToUtf8(path)},
+                   {"restoredFrom", WideToUtf8(kept)},
+                   {"kept", WideToUtf8(exchanged ? kept : L"")}});
         return;
     }
-    std::cout << "restored: " << ToUtf8(path) << '\n';
+    std::cout << "restored: " << WideToUtf8(path) << '\n';
     if (exchanged) {
-        std::cout << "the file that it replaced is kept: " << ToUtf8(kept) << '\n';
+        std::cout << "the file that it replaced is kept: " << WideToUtf8(kept) << '\n';
     }
 }
 
@@ -231,12 +233,12 @@ void PrintWritten(const std::wstring& path, const TrialResult& result,
         std::cout << LossText(result.lost) << '\n';
     }
     if (result.written) {
-        std::cout << "written: " << ToUtf8(path) << '\n';
+        std::cout << "written: " << WideToUtf8(path) << '\n';
         if (!result.kept.empty()) {
-            std::cout << "the old file is kept: " << ToUtf8(result.kept) << '\n';
+            std::cout << "the old file is kept: " << WideToUtf8(result.kept) << '\n';
         }
     } else if (result.lost == 0 && !result.worse) {
-        std::cout << ToUtf8(path)
+        std::cout << WideToUtf8(path)
                   << (kept.empty() ? ": no change, the file already has these values\n"
                                    : ": no change, the file already finds this printer\n");
     }
@@ -289,7 +291,7 @@ void ReportWritten(const LearnArguments& arguments, const std::wstring& path,
                    nlohmann::json document) {
     if (arguments.json) {
         document["written"] = result.written;
-        document["kept"] = ToUtf8(result.kept);
+        document["kept"] = WideToUtf8(result.kept);
         document["lost"] = result.lost;
         document["byMac"] = result.found.mac.value_or(false);
         document["byName"] = result.found.hostName.value_or(false);
@@ -360,7 +362,7 @@ void RunLearn(const LearnArguments& arguments, const ChannelFactory& openChannel
     const SearchFile present = PresentFile(path);
     const LearnedPrinter printer = AskPrinter(arguments, present.values);
     nlohmann::json document = ToJson(printer.learned);
-    document["file"] = ToUtf8(path);
+    document["file"] = WideToUtf8(path);
     document["address"] = printer.address.GetText();
     document["answers"] = ToJson(printer.answers);
     if (!arguments.json) {
@@ -379,7 +381,8 @@ void RunLearn(const LearnArguments& arguments, const ChannelFactory& openChannel
         throw CommandFailed(printer.obstacle + (arguments.write ? "; nothing was written" : ""));
     }
     if (!arguments.json) {
-        std::cout << "nothing was written; --write writes these values to " << ToUtf8(path) << '\n';
+        std::cout << "nothing was written; --write writes these values to " << WideToUtf8(path)
+                  << '\n';
     }
 }
 

@@ -42,7 +42,7 @@ void PrintPlan(const std::vector<Migration>& plan, std::ostream& out) {
         if (done && migration.isThere) {
             remark = "port exists" + (remark.empty() ? "" : "; " + remark);
         }
-        rows.push_back({ToUtf8(migration.from), done ? ToUtf8(migration.to) : "-",
+        rows.push_back({WideToUtf8(migration.from), done ? WideToUtf8(migration.to) : "-",
                         done ? Destination(migration.records) : "-",
                         Cell(JoinedNames(migration.queues)), Cell(remark)});
     }
@@ -66,16 +66,16 @@ class Outcome {
             migration.obstacle.empty() ? result.failure : migration.obstacle;
         const bool complete = failure.empty() && result.waiting.empty();
         ++(!complete ? incomplete_ : changed ? complete_ : already_);
-        documents_.push_back({{"name", ToUtf8(migration.to)},
-                              {"from", ToUtf8(migration.from)},
-                              {"to", ToUtf8(migration.to)},
+        documents_.push_back({{"name", WideToUtf8(migration.to)},
+                              {"from", WideToUtf8(migration.from)},
+                              {"to", WideToUtf8(migration.to)},
                               {"moved", NamesAsJson(result.moved)},
                               {"waiting", NamesAsJson(result.waiting)},
                               {"changed", changed},
                               {"error", failure}});
         if (!complete) {
             text_ +=
-                "  " + ToUtf8(migration.from) + ": " +
+                "  " + WideToUtf8(migration.from) + ": " +
                 (failure.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
                                  : Printable(failure)) +
                 '\n';
@@ -96,7 +96,7 @@ class Outcome {
                       << text_;
             if (!undoFile.empty()) {
                 std::cout << "To undo the migration: " << CommandLine("port migrate --undo ")
-                          << Quoted(ToWide(undoFile)) << '\n';
+                          << Quoted(Utf8ToWide(undoFile)) << '\n';
             }
         }
         if (incomplete_ != 0) {
@@ -208,7 +208,7 @@ void PrintUndoPlan(const std::vector<Migration>& plan, SpoolerChannel& channel, 
         const std::string remark =
             !result.waiting.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
                                     : result.failure;
-        rows.push_back({ToUtf8(migration.to), ToUtf8(migration.from),
+        rows.push_back({WideToUtf8(migration.to), WideToUtf8(migration.from),
                         Cell(JoinedNames(result.moved)),
                         result.deleted ? "is deleted" : "no change", Cell(remark)});
     }
@@ -235,14 +235,14 @@ void RunUndo(const MigrateArguments& arguments, SpoolerChannel& channel,
 
 void ReportRename(const RenameArguments& arguments, const Migration& plan) {
     if (arguments.json) {
-        PrintJson({{"name", ToUtf8(plan.to)},
-                   {"before", ToUtf8(plan.from)},
+        PrintJson({{"name", WideToUtf8(plan.to)},
+                   {"before", WideToUtf8(plan.from)},
                    {"moved", NamesAsJson(plan.queues)},
                    {"dryRun", arguments.dryRun}});
         return;
     }
-    std::cout << "port " << ToUtf8(plan.from) << (arguments.dryRun ? " would be" : "")
-              << " renamed to " << ToUtf8(plan.to);
+    std::cout << "port " << WideToUtf8(plan.from) << (arguments.dryRun ? " would be" : "")
+              << " renamed to " << WideToUtf8(plan.to);
     if (!plan.queues.empty()) {
         std::cout << (plan.queues.size() == 1 ? ", with the printer " : ", with the printers ")
                   << JoinedNames(plan.queues);
@@ -252,7 +252,8 @@ void ReportRename(const RenameArguments& arguments, const Migration& plan) {
 
 void RunRename(const RenameArguments& arguments, SpoolerChannel& channel) {
     const Interruption untilDone;  // half a rename would leave two ports
-    const Migration plan = PlanRename(channel, ToWide(arguments.name), ToWide(arguments.newName));
+    const Migration plan =
+        PlanRename(channel, Utf8ToWide(arguments.name), Utf8ToWide(arguments.newName));
     if (untilDone.Requested()) {
         throw Interrupted();
     }

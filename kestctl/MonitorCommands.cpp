@@ -40,7 +40,7 @@ class SetupReport {
     // Throws CommandFailed when the log cannot be written.
     explicit SetupReport(const SetupArguments& arguments) : arguments_(arguments) {
         if (!arguments.log.empty()) {
-            log_.open(fs::path(ToWide(arguments.log)), std::ios::app);
+            log_.open(fs::path(Utf8ToWide(arguments.log)), std::ios::app);
             if (!log_) {
                 throw CommandFailed("the log " + arguments.log + " cannot be written");
             }
@@ -117,7 +117,7 @@ void RunInstall(const SetupArguments& arguments, Machine& machine) {
     SetupReport(arguments).Run([&](const Report& report) {
         const fs::path package = arguments.from.empty()
                                      ? DirectChannel::LibraryBesideProgram().parent_path()
-                                     : fs::absolute(ToWide(arguments.from));
+                                     : fs::absolute(Utf8ToWide(arguments.from));
         InstallMonitor(machine, package, arguments.options, report);
     });
 }
@@ -184,13 +184,13 @@ void PrintFindings(const std::vector<Finding>& findings) {
 nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& findings) {
     nlohmann::json libraries = nlohmann::json::array();
     for (const InstalledLibrary& library : status.libraries) {
-        libraries.push_back({{"file", ToUtf8(library.file.native())},
+        libraries.push_back({{"file", WideToUtf8(library.file.native())},
                              {"present", library.present},
                              {"version", library.version ? library.version->Text() : ""}});
     }
     nlohmann::json logs = nlohmann::json::array();
     for (const auto& [file, bytes] : status.logs) {
-        logs.push_back({{"file", ToUtf8(file.native())}, {"bytes", bytes.value_or(0)}});
+        logs.push_back({{"file", WideToUtf8(file.native())}, {"bytes", bytes.value_or(0)}});
     }
     nlohmann::json problems = nlohmann::json::array();
     for (const Finding& finding : findings) {
@@ -203,12 +203,12 @@ nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& f
     }
     return {{"kestctl", KESTMON_VERSION_STRING},
             {"libraries", libraries},
-            {"driver", ToUtf8(status.driver)},
+            {"driver", WideToUtf8(status.driver)},
             {"spoolerRuns", status.spooler == ServiceState::Running},
             {"loaded", status.listed ? nlohmann::json(*status.listed) : nlohmann::json()},
             {"ports", status.ports.size()},
             {"configuration",
-             {{"file", ToUtf8(status.configurationFile.native())},
+             {{"file", WideToUtf8(status.configurationFile.native())},
               {"good", status.configurationState == ConfigurationState::Good},
               {"version", status.configuration.GetVersion()},
               {"serviceName", status.configuration.GetServiceName()},
@@ -267,10 +267,10 @@ void RunSelfTest(const SelfTestArguments& arguments, const ChannelFactory& openC
             std::cout << Padded(result, 8) << Padded(step.name, 10) << text << std::endl;
         }
     };
-    const bool succeeded = RunSelfTest(
-        openChannel,
-        {queues, ToWide(arguments.printer), [&interruption] { return !interruption.Requested(); }},
-        report);
+    const bool succeeded = RunSelfTest(openChannel,
+                                       {queues, Utf8ToWide(arguments.printer),
+                                        [&interruption] { return !interruption.Requested(); }},
+                                       report);
     if (arguments.json) {
         PrintJson({{"succeeded", succeeded}, {"steps", steps}});
     }

@@ -27,13 +27,13 @@ struct ImportArguments {
 };
 
 bool IsCsvName(const std::string& file) {
-    return SameName(std::filesystem::path(ToWide(file)).extension().native(), L".csv");
+    return SameName(std::filesystem::path(Utf8ToWide(file)).extension().native(), L".csv");
 }
 
 void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     const bool toFile = !arguments.file.empty() && arguments.file != kStandardStream;
     const bool csv = arguments.csv || IsCsvName(arguments.file);
-    if (toFile && !arguments.force && std::filesystem::exists(ToWide(arguments.file))) {
+    if (toFile && !arguments.force && std::filesystem::exists(Utf8ToWide(arguments.file))) {
         throw CommandFailed(arguments.file + " already exists", Remedy::Force);
     }
     const std::vector<NamedPort> ports = ReadAllPorts(channel);
@@ -65,7 +65,7 @@ void Report(const ImportArguments& arguments, const ImportPlan& plan) {
         }
         (step.before ? changed : added).push_back(std::move(port));
         if (!arguments.json) {
-            std::cout << "port " << ToUtf8(step.name) << (arguments.dryRun ? " would be " : " ")
+            std::cout << "port " << WideToUtf8(step.name) << (arguments.dryRun ? " would be " : " ")
                       << (step.before ? "changed: " + ChangesText(step)
                                       : "added: " + Destination(step.after))
                       << '\n';

@@ -66,10 +66,11 @@ std::string StoppedText(const JobState& state, const Document& document) {
 std::string Print(const PrintArguments& arguments, Document& document, SpoolerChannel& channel,
                   JobState& state) {
     const std::wstring name =
-        arguments.name.empty() ? std::filesystem::path(ToWide(document.Name())).filename().native()
-                               : ToWide(arguments.name);
-    const auto job = channel.StartJob(FindPort(channel, ToWide(arguments.port)), name,
-                                      ToWide(arguments.printer));
+        arguments.name.empty()
+            ? std::filesystem::path(Utf8ToWide(document.Name())).filename().native()
+            : Utf8ToWide(arguments.name);
+    const auto job = channel.StartJob(FindPort(channel, Utf8ToWide(arguments.port)), name,
+                                      Utf8ToWide(arguments.printer));
     const std::shared_ptr<void> unpublish(nullptr, [&state](void*) { state.SetJob(nullptr); });
     state.SetJob(job.get());
     state.started = true;

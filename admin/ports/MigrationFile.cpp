@@ -23,11 +23,11 @@ std::string DefaultName() {
 // Throws CommandFailed if the port's settings in the file are wrong.
 Migration FromJson(const nlohmann::json& document) {
     Migration migration;
-    migration.from = ToWide(document.at("from").get<std::string>());
-    migration.to = ToWide(document.at("to").get<std::string>());
+    migration.from = Utf8ToWide(document.at("from").get<std::string>());
+    migration.to = Utf8ToWide(document.at("to").get<std::string>());
     migration.isThere = document.at("wasThere").get<bool>();
     for (const auto& queue : document.at("queues")) {
-        migration.queues.push_back(ToWide(queue.get<std::string>()));
+        migration.queues.push_back(Utf8ToWide(queue.get<std::string>()));
     }
     const PortTable table = ReadPortTable(document.at("settings").dump());
     std::vector<std::string> problems = table.problems;
@@ -35,7 +35,7 @@ Migration FromJson(const nlohmann::json& document) {
         Apply(table.rows[0], migration.records, problems);
     }
     if (!problems.empty() || table.rows.size() != 1) {
-        throw CommandFailed("the settings of port " + ToUtf8(migration.to) +
+        throw CommandFailed("the settings of port " + WideToUtf8(migration.to) +
                             " are wrong: " + (problems.empty() ? "none" : Printable(problems[0])));
     }
     return migration;
@@ -44,9 +44,9 @@ Migration FromJson(const nlohmann::json& document) {
 }  // namespace
 
 nlohmann::json ToJson(const Migration& migration) {
-    nlohmann::json document = {{"name", ToUtf8(migration.to)},
-                               {"from", ToUtf8(migration.from)},
-                               {"to", ToUtf8(migration.to)},
+    nlohmann::json document = {{"name", WideToUtf8(migration.to)},
+                               {"from", WideToUtf8(migration.from)},
+                               {"to", WideToUtf8(migration.to)},
                                {"queues", NamesAsJson(migration.queues)},
                                {"remark", migration.remark}};
     if (migration.obstacle.empty()) {
@@ -69,7 +69,7 @@ std::string SaveMigration(std::string file, const std::vector<Migration>& plan,
             ports.push_back(ToJson(migration));
         }
     }
-    SaveFile(file, JsonText({{"server", ToUtf8(server)}, {"ports", ports}}), false);
+    SaveFile(file, JsonText({{"server", WideToUtf8(server)}, {"ports", ports}}), false);
     return file;
 }
 
@@ -78,7 +78,7 @@ std::vector<Migration> LoadMigration(const std::string& file, const std::wstring
     try {
         const nlohmann::json document = nlohmann::json::parse(text);
         if (const auto other = document.at("server").get<std::string>();
-            !SameName(ToWide(other), server)) {
+            !SameName(Utf8ToWide(other), server)) {
             throw CommandFailed("the migration was run " +
                                 (other.empty() ? "without --server" : "with --server " + other) +
                                 ". Undo it in the same way");

@@ -64,12 +64,12 @@ class Import {
         const std::set<std::wstring, LessByName> taken(others.begin(), others.end());
         std::map<std::wstring, size_t, LessByName> lines;
         for (const PortRow& row : table.rows) {
-            const std::wstring name = ToWide(NameOf(row, plan_.problems));
+            const std::wstring name = Utf8ToWide(NameOf(row, plan_.problems));
             if (name.empty()) {
                 continue;
             }
             if (const auto [other, first] = lines.emplace(name, row.line); !first) {
-                Problem(row, "port " + ToUtf8(name) + " is already in line " +
+                Problem(row, "port " + WideToUtf8(name) + " is already in line " +
                                  std::to_string(other->second));
                 continue;
             }
@@ -125,7 +125,7 @@ class Import {
         if (step.before && SameSettings(*step.before, step.after)) {
             ++plan_.unchanged;
         } else if (step.before && !replace_) {
-            Problem(*imported.row, "port " + ToUtf8(step.name) +
+            Problem(*imported.row, "port " + WideToUtf8(step.name) +
                                        " already exists with other settings (" + ChangesText(step) +
                                        "). --replace changes it");
         } else {

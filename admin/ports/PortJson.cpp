@@ -34,7 +34,7 @@ nlohmann::ordered_json NameFirst(const nlohmann::json& document) {
 nlohmann::json ToJson(const std::wstring& name, const PortRecords& records) {
     const PORT_DATA_1& standard = records.standard;
     const PortDataEx& extended = records.extended;
-    return {{"name", ToUtf8(name)},
+    return {{"name", WideToUtf8(name)},
             {"configured", standard.dwProtocol != 0},
             {"protocol", ProtocolName(standard.dwProtocol)},
             {"address", FieldText(standard.sztIPAddress)},
@@ -77,7 +77,7 @@ std::string ChangeText(const std::string& key, const nlohmann::json& values) {
 nlohmann::json NamesAsJson(const std::vector<std::wstring>& names) {
     nlohmann::json list = nlohmann::json::array();
     for (const std::wstring& name : names) {
-        list.push_back(ToUtf8(name));
+        list.push_back(WideToUtf8(name));
     }
     return list;
 }

@@ -102,8 +102,8 @@ void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& por
     std::string used;
     for (const std::wstring& port : ports) {
         if (const auto names = QueuesOn(queues, port); !names.empty()) {
-            used += (used.empty() ? "port " : "; port ") + ToUtf8(port) + " is used by printer" +
-                    (names.size() == 1 ? " " : "s ") + JoinedNames(names);
+            used += (used.empty() ? "port " : "; port ") + WideToUtf8(port) +
+                    " is used by printer" + (names.size() == 1 ? " " : "s ") + JoinedNames(names);
         }
     }
     if (!used.empty()) {

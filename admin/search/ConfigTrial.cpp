@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <utility>
 
-#include "admin/ports/PortStore.h"
 #include "admin/search/Hosts.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/CommandFailed.h"
 #include "base/Text.h"
-#include "diag/SystemUtils.h"
 
 namespace {
 
@@ -35,7 +33,7 @@ LearnedSettings LearnFrom(const SearchAnswer& answer, const IPAddress& address,
                           const SearchSettings& present) {
     return Learn(answer, address, present, [](const std::string& name) {
         IPAddress found;
-        StartedNetwork().GetIpAddress(system_helper::ToNarrow(ToWide(name)), found);
+        StartedNetwork().GetIpAddress(WideToAnsi(Utf8ToWide(name)), found);
         return found;
     });
 }
@@ -98,9 +96,10 @@ FoundBy Find(const LearnedPrinter& sought, const std::vector<PrinterIdentity>& p
         });
     }
     if (!sought.hostName.empty()) {
-        found.hostName = finds([name = ToWide(sought.hostName)](const PrinterIdentity& printer) {
-            return SameName(ToWide(printer.hostName), name);
-        });
+        found.hostName =
+            finds([name = Utf8ToWide(sought.hostName)](const PrinterIdentity& printer) {
+                return SameName(Utf8ToWide(printer.hostName), name);
+            });
     }
     return found;
 }

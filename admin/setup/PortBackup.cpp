@@ -35,13 +35,13 @@ std::vector<NamedPort> ReadStoredPorts(Machine& machine, const ChannelFactory& o
 
 void KeepPorts(const std::string& file, Machine& machine, const ChannelFactory& openChannel,
                const Report& report) {
-    const fs::path path(ToWide(file));
+    const fs::path path(Utf8ToWide(file));
     const fs::path configuration(fs::path(path).replace_extension(kConfigurationFile));
     const bool keepConfiguration = HasOwnConfiguration(machine);
     for (const fs::path& taken : {path, configuration}) {
         std::error_code ignored;
         if (fs::exists(taken, ignored) && (taken == path || keepConfiguration)) {
-            throw CommandFailed(ToUtf8(taken.native()) +
+            throw CommandFailed(WideToUtf8(taken.native()) +
                                 " already exists, nothing was removed. Choose another name");
         }
     }
@@ -54,8 +54,8 @@ void KeepPorts(const std::string& file, Machine& machine, const ChannelFactory& 
     report(Count(ports.size(), "port") + (ports.size() == 1 ? " is" : " are") + " kept in " + file);
     if (keepConfiguration) {
         const DWORD code = machine.Copy(machine.SystemFolder() / kConfigurationFile, configuration);
-        Require(code,
-                "nothing was removed: " + ToUtf8(configuration.native()) + " cannot be written");
-        report("the modified SLPConf.xml is kept in " + ToUtf8(configuration.native()));
+        Require(code, "nothing was removed: " + WideToUtf8(configuration.native()) +
+                          " cannot be written");
+        report("the modified SLPConf.xml is kept in " + WideToUtf8(configuration.native()));
     }
 }

@@ -123,7 +123,8 @@ class TestQueue {
         if (!printer_) {
             const DWORD error = GetLastError();
             throw CommandFailed(
-                "no queue can be made with the driver " + ToUtf8(driver) + ": " + ErrorText(error),
+                "no queue can be made with the driver " + WideToUtf8(driver) + ": " +
+                    ErrorText(error),
                 error == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
         }
     }

@@ -12,7 +12,7 @@ namespace {
 constexpr char kInstall[] = "kestctl monitor install";
 
 Finding LibraryFinding(const InstalledLibrary& library, bool oneRelease) {
-    Finding finding = {ToUtf8(library.file.filename().native()), "not installed"};
+    Finding finding = {WideToUtf8(library.file.filename().native()), "not installed"};
     if (library.version && library.version->ours) {
         finding.state = library.version->Text();
         if (!oneRelease) {
@@ -44,7 +44,7 @@ Finding ServiceFinding(ServiceState spooler) {
 }
 
 std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
-    const std::string driver = ToUtf8(status.driver);
+    const std::string driver = WideToUtf8(status.driver);
     std::vector<Finding> findings;
     if (driver.empty()) {
         findings.push_back({"registered", "no", kInstall, true});
@@ -77,7 +77,7 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
 std::vector<Finding> PortFindings(const MonitorStatus& status, const SetPortCommand& setPort) {
     std::vector<Finding> findings = {{"ports", std::to_string(status.ports.size())}};
     for (const StoredPort& port : status.ports) {
-        const std::string what = "port " + ToUtf8(port.name);
+        const std::string what = "port " + WideToUtf8(port.name);
         const std::string set = setPort(port.name);
         if (!port.configured) {
             findings.push_back({what, "not configured: print jobs cannot start",
@@ -116,7 +116,7 @@ std::vector<Finding> SearchFindings(const MonitorStatus& status, const Finding& 
 
 std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
     const bool needed = std::ranges::any_of(status.ports, &StoredPort::alwaysPrint);
-    Finding file = {"SLPConf.xml", ToUtf8(status.configurationFile.native())};
+    Finding file = {"SLPConf.xml", WideToUtf8(status.configurationFile.native())};
     switch (status.configurationState) {
         case ConfigurationState::Good:
             break;
@@ -124,9 +124,10 @@ std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
             file = {file.what, "missing: no port follows its printer", kInstall, needed};
             break;
         case ConfigurationState::Unreadable:
-            file = {file.what, "cannot be read",
-                    "check its permissions: icacls " + ToUtf8(status.configurationFile.native()),
-                    needed};
+            file = {
+                file.what, "cannot be read",
+                "check its permissions: icacls " + WideToUtf8(status.configurationFile.native()),
+                needed};
             break;
         case ConfigurationState::NotWellFormed:
             file = {file.what, "not well-formed XML: no port follows its printer",
@@ -154,19 +155,20 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
     std::vector<Finding> findings = {addresses};
     for (const auto& [file, bytes] : status.logs) {
         const bool spoolers = &file == &status.logs.front().file;
-        Finding log = {
-            spoolers ? "log, spooler's" : "log, yours",
-            ToUtf8(file.native()) + (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
-                                           : ": no file that this user may read")};
+        Finding log = {spoolers ? "log, spooler's" : "log, yours",
+                       WideToUtf8(file.native()) +
+                           (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
+                                  : ": no file that this user may read")};
         if (bytes.value_or(0) >= kLargeLog) {
-            const std::string remove = "del \"" + ToUtf8(file.native()) + '"';
+            const std::string remove = "del \"" + WideToUtf8(file.native()) + '"';
             log.toDo = "remove it: " +
                        (spoolers ? "net stop spooler, " + remove + ", net start spooler" : remove);
         }
         findings.push_back(log);
     }
     for (const auto& [folder, count] : LeftoverJobs(machine)) {
-        findings.push_back({"NPM*.tmp", std::to_string(count) + " in " + ToUtf8(folder.native()),
+        findings.push_back({"NPM*.tmp",
+                            std::to_string(count) + " in " + WideToUtf8(folder.native()),
                             "data of jobs that no daemon accepted, unless another program created "
                             "them: check and delete them"});
     }
