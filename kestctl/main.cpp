@@ -18,11 +18,9 @@
 #include "admin/setup/WindowsMachine.h"
 #include "kestctl/Command.h"
 #include "kestctl/Interruption.h"
-#include "kestctl/UnknownArgument.h"
 
 namespace {
 
-constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 // A console's side of a stream: whole characters of UTF-8 become the console's own text, whatever
@@ -97,10 +95,6 @@ std::vector<std::string> Arguments() {
         result.push_back(WideToUtf8(arguments[i]));
     }
     return result;
-}
-
-int FailureCode() {
-    return Interruption::WasRequested() ? kInterrupted : kFailed;
 }
 
 // Reports a failure: as text, or as a JSON document where JSON was asked for and none was printed.
@@ -184,6 +178,6 @@ int main() {
         const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
         return Run();
     } catch (...) {  // no memory to start with
-        return kFailed;
+        return FailureCode();
     }
 }

@@ -9,7 +9,7 @@
 
 #include "admin/search/Hosts.h"
 #include "tests/support/FakeMonitor.h"
-#include "kestctl/FindWatch.h"
+#include "kestctl/Output.h"
 #include "admin/ports/PortPrinters.h"
 
 namespace {
