@@ -4,6 +4,8 @@
 #include <windows.h>
 #include <shellapi.h>
 
+#include <nlohmann/json.hpp>
+
 #include <fcntl.h>
 #include <io.h>
 
