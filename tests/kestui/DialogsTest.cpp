@@ -376,7 +376,9 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
         user.Await(IDC_ADDRESS, L"10.1.0.2");
         user.Await(IDC_FOLLOW_NOTE, L"00:04:00:4A:00:4A or its host name prn-2");
         user.Click(IDC_TEST);
-        user.Await(IDC_RESULT, L"10.1.0.2 accepts connections on TCP port 515.\r\nThe printer at this address is 00:04");
+        user.Await(IDC_RESULT,
+                   L"10.1.0.2 accepts connections on TCP port 515.\r\nThe printer at this address "
+                   L"is 00:04");
         scene.silent = true;
         user.Click(IDC_TEST);
         user.Await(IDC_RESULT, L"accepts connections");
@@ -388,7 +390,9 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
         EXPECT_STREQ(scene.monitor.ports[L"OFFICE"].standard.sztIPAddress, L"10.1.0.2");
         scene.answers = false;
         user.Click(IDC_TEST);
-        user.Await(IDC_RESULT, L"does not accept connections on TCP port 515.\r\nThe printer at this address is the one");
+        user.Await(IDC_RESULT,
+                   L"does not accept connections on TCP port 515.\r\nThe printer at this address "
+                   L"is the one");
         user.Press(IDOK);
     });
     wcscpy(port.standard.sztIPAddress, L"10.1.0.3");
