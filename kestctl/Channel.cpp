@@ -57,7 +57,7 @@ bool IsDirect(const CLI::App& app) {
 
 std::wstring ServerName(const CLI::App& app) {
     const CLI::Option* server = app.get_option(kServer);
-    return server->empty() ? std::wstring() : ToWide(server->as<std::string>());
+    return server->empty() ? std::wstring() : Utf8ToWide(server->as<std::string>());
 }
 
 std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app) {

@@ -26,7 +26,7 @@ struct ConfigArguments {
 
 std::wstring PathOf(const ConfigArguments& arguments) {
     return arguments.file.empty() ? SearchFilePath()
-                                  : std::filesystem::absolute(ToWide(arguments.file)).native();
+                                  : std::filesystem::absolute(Utf8ToWide(arguments.file)).native();
 }
 
 size_t Problems(const SearchFile& file) {
@@ -39,8 +39,8 @@ void RunShow(const ConfigArguments& arguments) {
     const std::wstring path = PathOf(arguments);
     const SearchFile file = ReadSearchFile(path);
     if (!file.wellFormed) {
-        throw CommandFailed(ToUtf8(path) + " is not well-formed XML. " + Advised("config check") +
-                            " shows the line");
+        throw CommandFailed(WideToUtf8(path) + " is not well-formed XML. " +
+                            Advised("config check") + " shows the line");
     }
     auto values = nlohmann::json::object();
     std::vector<std::vector<std::string>> rows;
@@ -50,9 +50,9 @@ void RunShow(const ConfigArguments& arguments) {
         rows.push_back({name, Cell(file.values[i])});
     }
     if (arguments.json) {
-        PrintJson({{"file", ToUtf8(path)}, {"values", values}});
+        PrintJson({{"file", WideToUtf8(path)}, {"values", values}});
     } else {
-        std::cout << ToUtf8(path) << "\n\n";
+        std::cout << WideToUtf8(path) << "\n\n";
         PrintTable({"ELEMENT", "VALUE"}, rows);
     }
     if (const size_t problems = Problems(file); problems != 0) {
@@ -107,7 +107,7 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
     }
     if (arguments.json) {
         nlohmann::json document = {
-            {"file", ToUtf8(path)}, {"wellFormed", file.wellFormed}, {"findings", findings}};
+            {"file", WideToUtf8(path)}, {"wellFormed", file.wellFormed}, {"findings", findings}};
         if (!recognised.failure.empty()) {
             document["notSearched"] = recognised.failure;
         } else if (searched) {
@@ -120,17 +120,17 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
     }
     if (problems != 0) {
         throw CommandFailed(
-            ToUtf8(path) + ": " + Count(problems, "problem") +
+            WideToUtf8(path) + ": " + Count(problems, "problem") +
             (file.wellFormed ? "" : ". The file is not used until it is corrected"));
     }
     if (recognised.failure.empty() && recognised.printers != 0 && recognised.found == 0) {
-        throw CommandFailed(ToUtf8(path) +
+        throw CommandFailed(WideToUtf8(path) +
                             ": a search with this file recognises no port's printer. Check that "
                             "the printers are on. " +
                             Advised("config learn ADDRESS") + " shows what one of them announces");
     }
     if (!arguments.json) {
-        std::cout << ToUtf8(path) << ": no problem\n";
+        std::cout << WideToUtf8(path) << ": no problem\n";
     }
 }
 
@@ -140,23 +140,25 @@ void RunRestore(const ConfigArguments& arguments) {
     const std::wstring kept = PreviousFile(path);
     if (arguments.dryRun) {
         if (arguments.json) {
-            PrintJson({{"file", ToUtf8(path)}, {"restoredFrom", ToUtf8(kept)}, {"dryRun", true}});
+            PrintJson(
+                {{"file", WideToUtf8(path)}, {"restoredFrom", WideToUtf8(kept)}, {"dryRun", true}});
         } else {
-            std::cout << "would be restored: " << ToUtf8(path) << " from " << ToUtf8(kept) << '\n';
+            std::cout << "would be restored: " << WideToUtf8(path) << " from " << WideToUtf8(kept)
+                      << '\n';
         }
         return;
     }
     RestorePreviousFile(path);
     const bool exchanged = GetFileAttributesW(kept.c_str()) != INVALID_FILE_ATTRIBUTES;
     if (arguments.json) {
-        PrintJson({{"file", ToUtf8(path)},
-                   {"restoredFrom", ToUtf8(kept)},
-                   {"kept", ToUtf8(exchanged ? kept : L"")}});
+        PrintJson({{"file", WideToUtf8(path)},
+                   {"restoredFrom", WideToUtf8(kept)},
+                   {"kept", WideToUtf8(exchanged ? kept : L"")}});
         return;
     }
-    std::cout << "restored: " << ToUtf8(path) << '\n';
+    std::cout << "restored: " << WideToUtf8(path) << '\n';
     if (exchanged) {
-        std::cout << "the file that it replaced is kept: " << ToUtf8(kept) << '\n';
+        std::cout << "the file that it replaced is kept: " << WideToUtf8(kept) << '\n';
     }
 }
 

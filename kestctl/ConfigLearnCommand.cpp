@@ -13,7 +13,6 @@
 #include "admin/ports/PortStore.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
-#include "diag/SystemUtils.h"
 #include "kestctl/Command.h"
 #include "admin/search/ConfigLearning.h"
 #include "kestctl/Interruption.h"
@@ -70,8 +69,8 @@ Tried TryOut(const Sought& sought, const std::vector<PrinterIdentity>& printers)
         });
     }
     if (!sought.hostName.empty()) {
-        tried.byName = finds([name = ToWide(sought.hostName)](const PrinterIdentity& printer) {
-            return SameName(ToWide(printer.hostName), name);
+        tried.byName = finds([name = Utf8ToWide(sought.hostName)](const PrinterIdentity& printer) {
+            return SameName(Utf8ToWide(printer.hostName), name);
         });
     }
     return tried;
@@ -220,12 +219,12 @@ void PrintWritten(const std::wstring& path, const Written& written, const Search
         std::cout << LossText(written.lost) << '\n';
     }
     if (written.changed) {
-        std::cout << "written: " << ToUtf8(path) << '\n';
+        std::cout << "written: " << WideToUtf8(path) << '\n';
         if (!written.kept.empty()) {
-            std::cout << "the old file is kept: " << ToUtf8(written.kept) << '\n';
+            std::cout << "the old file is kept: " << WideToUtf8(written.kept) << '\n';
         }
     } else if (written.lost == 0 && !written.worse) {
-        std::cout << ToUtf8(path)
+        std::cout << WideToUtf8(path)
                   << (kept.empty() ? ": no change, the file already has these values\n"
                                    : ": no change, the file already finds this printer\n");
     }
@@ -255,7 +254,7 @@ LearnedSettings LearnFrom(const SearchAnswer& answer, const IPAddress& address,
                           const SearchSettings& present) {
     return Learn(answer, address, present, [](const std::string& name) {
         IPAddress found;
-        StartedNetwork().GetIpAddress(system_helper::ToNarrow(ToWide(name)), found);
+        StartedNetwork().GetIpAddress(WideToAnsi(Utf8ToWide(name)), found);
         return found;
     });
 }
@@ -370,7 +369,7 @@ void ReportWritten(const LearnArguments& arguments, const std::wstring& path,
                    const Written& written, const SearchSettings& learned, nlohmann::json document) {
     if (arguments.json) {
         document["written"] = written.changed;
-        document["kept"] = ToUtf8(written.kept);
+        document["kept"] = WideToUtf8(written.kept);
         document["lost"] = written.lost;
         document["byMac"] = written.tried.byMac.value_or(false);
         document["byName"] = written.tried.byName.value_or(false);
@@ -412,7 +411,7 @@ void RunLearn(const LearnArguments& arguments, const ChannelFactory& openChannel
     progress.Clear();
 
     nlohmann::json document = ToJson(learned);
-    document["file"] = ToUtf8(path);
+    document["file"] = WideToUtf8(path);
     document["address"] = address.GetText();
     document["answers"] = ToJson(answers);
     if (!arguments.json) {
@@ -434,7 +433,8 @@ void RunLearn(const LearnArguments& arguments, const ChannelFactory& openChannel
         throw CommandFailed(obstacle + (arguments.write ? "; nothing was written" : ""));
     }
     if (!arguments.json) {
-        std::cout << "nothing was written; --write writes these values to " << ToUtf8(path) << '\n';
+        std::cout << "nothing was written; --write writes these values to " << WideToUtf8(path)
+                  << '\n';
     }
 }
 

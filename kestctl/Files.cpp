@@ -14,7 +14,7 @@ std::string SourceName(const std::string& file) {
 }
 
 void SaveFile(const std::string& file, const std::string& text, bool replace) {
-    const std::filesystem::path path(ToWide(file));
+    const std::filesystem::path path(Utf8ToWide(file));
     std::filesystem::path part = path;
     part += L"." + std::to_wstring(GetCurrentProcessId()) + L".part";
     std::ofstream stream(part, std::ios::binary);
@@ -35,7 +35,7 @@ std::string ReadFileOrInput(const std::string& file) {
     UniqueFile opened;
     HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
     if (file != kStandardStream) {
-        opened.Reset(CreateFileW(ToWide(file).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+        opened.Reset(CreateFileW(Utf8ToWide(file).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
                                  OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
         input = opened.Get();
         if (!opened) {

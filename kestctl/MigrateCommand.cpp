@@ -31,15 +31,15 @@ struct MigrateArguments {
 nlohmann::json ToJson(const std::vector<std::wstring>& names) {
     nlohmann::json list = nlohmann::json::array();
     for (const std::wstring& name : names) {
-        list.push_back(ToUtf8(name));
+        list.push_back(WideToUtf8(name));
     }
     return list;
 }
 
 nlohmann::json ToJson(const Migration& migration) {
-    nlohmann::json document = {{"name", ToUtf8(migration.to)},
-                               {"from", ToUtf8(migration.from)},
-                               {"to", ToUtf8(migration.to)},
+    nlohmann::json document = {{"name", WideToUtf8(migration.to)},
+                               {"from", WideToUtf8(migration.from)},
+                               {"to", WideToUtf8(migration.to)},
                                {"queues", ToJson(migration.queues)},
                                {"remark", migration.remark}};
     if (migration.obstacle.empty()) {
@@ -54,11 +54,11 @@ nlohmann::json ToJson(const Migration& migration) {
 // Throws CommandFailed if the port's settings in the file are wrong.
 Migration FromJson(const nlohmann::json& document) {
     Migration migration;
-    migration.from = ToWide(document.at("from").get<std::string>());
-    migration.to = ToWide(document.at("to").get<std::string>());
+    migration.from = Utf8ToWide(document.at("from").get<std::string>());
+    migration.to = Utf8ToWide(document.at("to").get<std::string>());
     migration.isThere = document.at("wasThere").get<bool>();
     for (const auto& queue : document.at("queues")) {
-        migration.queues.push_back(ToWide(queue.get<std::string>()));
+        migration.queues.push_back(Utf8ToWide(queue.get<std::string>()));
     }
     const PortTable table = ReadPortTable(document.at("settings").dump());
     std::vector<std::string> problems = table.problems;
@@ -66,7 +66,7 @@ Migration FromJson(const nlohmann::json& document) {
         Apply(table.rows[0], migration.records, problems);
     }
     if (!problems.empty() || table.rows.size() != 1) {
-        throw CommandFailed("the settings of port " + ToUtf8(migration.to) +
+        throw CommandFailed("the settings of port " + WideToUtf8(migration.to) +
                             " are wrong: " + (problems.empty() ? "none" : Printable(problems[0])));
     }
     return migration;
@@ -80,7 +80,7 @@ void PrintPlan(const std::vector<Migration>& plan, std::ostream& out) {
         if (done && migration.isThere) {
             remark = "port exists" + (remark.empty() ? "" : "; " + remark);
         }
-        rows.push_back({ToUtf8(migration.from), done ? ToUtf8(migration.to) : "-",
+        rows.push_back({WideToUtf8(migration.from), done ? WideToUtf8(migration.to) : "-",
                         done ? Destination(migration.records) : "-",
                         migration.queues.empty() ? "-" : JoinedNames(migration.queues),
                         remark.empty() ? "-" : Printable(remark)});
@@ -104,7 +104,7 @@ std::string WriteUndoFile(const MigrateArguments& arguments, const std::vector<M
             ports.push_back(ToJson(migration));
         }
     }
-    SaveFile(file, JsonText({{"server", ToUtf8(server)}, {"ports", ports}}), false);
+    SaveFile(file, JsonText({{"server", WideToUtf8(server)}, {"ports", ports}}), false);
     return file;
 }
 
@@ -125,16 +125,16 @@ class Outcome {
             migration.obstacle.empty() ? result.failure : migration.obstacle;
         const bool complete = failure.empty() && result.waiting.empty();
         ++(!complete ? incomplete_ : changed ? complete_ : already_);
-        documents_.push_back({{"name", ToUtf8(migration.to)},
-                              {"from", ToUtf8(migration.from)},
-                              {"to", ToUtf8(migration.to)},
+        documents_.push_back({{"name", WideToUtf8(migration.to)},
+                              {"from", WideToUtf8(migration.from)},
+                              {"to", WideToUtf8(migration.to)},
                               {"moved", ToJson(result.moved)},
                               {"waiting", ToJson(result.waiting)},
                               {"changed", changed},
                               {"error", failure}});
         if (!complete) {
             text_ +=
-                "  " + ToUtf8(migration.from) + ": " +
+                "  " + WideToUtf8(migration.from) + ": " +
                 (failure.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
                                  : Printable(failure)) +
                 '\n';
@@ -153,7 +153,7 @@ class Outcome {
                       << text_;
             if (!undoFile.empty()) {
                 std::cout << "To undo the migration: " << CommandLine("port migrate --undo ")
-                          << Quoted(ToWide(undoFile)) << '\n';
+                          << Quoted(Utf8ToWide(undoFile)) << '\n';
             }
         }
         if (incomplete_ != 0) {
@@ -262,7 +262,7 @@ std::vector<Migration> ReadUndoFile(const std::string& file, const std::wstring&
     try {
         const nlohmann::json document = nlohmann::json::parse(text);
         if (const auto other = document.at("server").get<std::string>();
-            !SameName(ToWide(other), server)) {
+            !SameName(Utf8ToWide(other), server)) {
             throw CommandFailed("the migration was run " +
                                 (other.empty() ? "without --server" : "with --server " + other) +
                                 ". Undo it in the same way");
@@ -293,7 +293,7 @@ void PrintUndoPlan(const std::vector<Migration>& plan, SpoolerChannel& channel, 
         const std::string remark =
             !result.waiting.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
                                     : result.failure;
-        rows.push_back({ToUtf8(migration.to), ToUtf8(migration.from),
+        rows.push_back({WideToUtf8(migration.to), WideToUtf8(migration.from),
                         result.moved.empty() ? "-" : JoinedNames(result.moved),
                         result.deleted ? "is deleted" : "no change", Cell(remark)});
     }

@@ -39,7 +39,7 @@ class SetupReport {
     // Throws CommandFailed when the log cannot be written.
     explicit SetupReport(const SetupArguments& arguments) : arguments_(arguments) {
         if (!arguments.log.empty()) {
-            log_.open(fs::path(ToWide(arguments.log)), std::ios::app);
+            log_.open(fs::path(Utf8ToWide(arguments.log)), std::ios::app);
             if (!log_) {
                 throw CommandFailed("the log " + arguments.log + " cannot be written");
             }
@@ -131,7 +131,7 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
         SetupReport(*arguments).Run([&](const Report& report) {
             const fs::path package = arguments->from.empty()
                                          ? DirectChannel::LibraryBesideProgram().parent_path()
-                                         : fs::absolute(ToWide(arguments->from));
+                                         : fs::absolute(Utf8ToWide(arguments->from));
             InstallMonitor(machine, package, arguments->options, report);
         });
     });
@@ -165,8 +165,9 @@ void WriteNewFile(const fs::path& file, const std::string& text) {
     DWORD written = 0;
     if (!kept ||
         !WriteFile(kept.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr)) {
-        throw CommandFailed(ToUtf8(file.native()) + " cannot be written, nothing was removed: " +
-                            ErrorText(GetLastError()));
+        throw CommandFailed(
+            WideToUtf8(file.native()) +
+            " cannot be written, nothing was removed: " + ErrorText(GetLastError()));
     }
 }
 
@@ -174,13 +175,13 @@ void WriteNewFile(const fs::path& file, const std::string& text) {
 // file.
 void KeepPorts(const std::string& name, Machine& machine, const ChannelFactory& openChannel,
                const Report& report) {
-    const fs::path file(ToWide(name));
+    const fs::path file(Utf8ToWide(name));
     const fs::path configuration(fs::path(file).replace_extension(kConfigurationFile));
     const bool keepConfiguration = HasOwnConfiguration(machine);
     for (const fs::path& path : {file, configuration}) {
         std::error_code ignored;
         if (fs::exists(path, ignored) && (path == file || keepConfiguration)) {
-            throw CommandFailed(ToUtf8(path.native()) +
+            throw CommandFailed(WideToUtf8(path.native()) +
                                 " already exists, nothing was removed. Choose another name");
         }
     }
@@ -190,10 +191,10 @@ void KeepPorts(const std::string& name, Machine& machine, const ChannelFactory& 
     if (keepConfiguration) {
         const DWORD code = machine.Copy(machine.SystemFolder() / kConfigurationFile, configuration);
         if (code != ERROR_SUCCESS) {
-            throw CommandFailed(ToUtf8(configuration.native()) +
+            throw CommandFailed(WideToUtf8(configuration.native()) +
                                 " cannot be written, nothing was removed: " + ErrorText(code));
         }
-        report("the modified SLPConf.xml is kept in " + ToUtf8(configuration.native()));
+        report("the modified SLPConf.xml is kept in " + WideToUtf8(configuration.native()));
     }
 }
 
@@ -233,7 +234,7 @@ struct Finding {
 constexpr char kInstall[] = "kestctl monitor install";
 
 Finding LibraryFinding(const InstalledLibrary& library, bool oneRelease) {
-    Finding finding = {ToUtf8(library.file.filename().native()), "not installed"};
+    Finding finding = {WideToUtf8(library.file.filename().native()), "not installed"};
     if (library.version && library.version->ours) {
         finding.state = library.version->Text();
         if (!oneRelease) {
@@ -265,7 +266,7 @@ Finding ServiceFinding(ServiceState spooler) {
 }
 
 std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
-    const std::string driver = ToUtf8(status.driver);
+    const std::string driver = WideToUtf8(status.driver);
     std::vector<Finding> findings;
     if (driver.empty()) {
         findings.push_back({"registered", "no", kInstall, true});
@@ -298,7 +299,7 @@ std::vector<Finding> SpoolerFindings(const MonitorStatus& status) {
 std::vector<Finding> PortFindings(const MonitorStatus& status) {
     std::vector<Finding> findings = {{"ports", std::to_string(status.ports.size())}};
     for (const StoredPort& port : status.ports) {
-        const std::string what = "port " + ToUtf8(port.name);
+        const std::string what = "port " + WideToUtf8(port.name);
         const std::string set = CommandLine("port set " + Quoted(port.name));
         if (!port.configured) {
             findings.push_back({what, "not configured: print jobs cannot start",
@@ -337,7 +338,7 @@ std::vector<Finding> SearchFindings(const MonitorStatus& status, const Finding& 
 
 std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
     const bool needed = std::ranges::any_of(status.ports, &StoredPort::alwaysPrint);
-    Finding file = {"SLPConf.xml", ToUtf8(status.configurationFile.native())};
+    Finding file = {"SLPConf.xml", WideToUtf8(status.configurationFile.native())};
     switch (status.configurationState) {
         case ConfigurationState::Good:
             break;
@@ -345,9 +346,10 @@ std::vector<Finding> ConfigurationFindings(const MonitorStatus& status) {
             file = {file.what, "missing: no port follows its printer", kInstall, needed};
             break;
         case ConfigurationState::Unreadable:
-            file = {file.what, "cannot be read",
-                    "check its permissions: icacls " + ToUtf8(status.configurationFile.native()),
-                    needed};
+            file = {
+                file.what, "cannot be read",
+                "check its permissions: icacls " + WideToUtf8(status.configurationFile.native()),
+                needed};
             break;
         case ConfigurationState::NotWellFormed:
             file = {file.what, "not well-formed XML: no port follows its printer",
@@ -375,19 +377,20 @@ std::vector<Finding> SurroundingFindings(const MonitorStatus& status, Machine& m
     std::vector<Finding> findings = {addresses};
     for (const auto& [file, bytes] : status.logs) {
         const bool spoolers = &file == &status.logs.front().file;
-        Finding log = {
-            spoolers ? "log, spooler's" : "log, yours",
-            ToUtf8(file.native()) + (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
-                                           : ": no file that this user may read")};
+        Finding log = {spoolers ? "log, spooler's" : "log, yours",
+                       WideToUtf8(file.native()) +
+                           (bytes ? ", " + std::to_string((*bytes + 999) / 1000) + " kB"
+                                  : ": no file that this user may read")};
         if (bytes.value_or(0) >= kLargeLog) {
-            const std::string remove = "del \"" + ToUtf8(file.native()) + '"';
+            const std::string remove = "del \"" + WideToUtf8(file.native()) + '"';
             log.toDo = "remove it: " +
                        (spoolers ? "net stop spooler, " + remove + ", net start spooler" : remove);
         }
         findings.push_back(log);
     }
     for (const auto& [folder, count] : LeftoverJobs(machine)) {
-        findings.push_back({"NPM*.tmp", std::to_string(count) + " in " + ToUtf8(folder.native()),
+        findings.push_back({"NPM*.tmp",
+                            std::to_string(count) + " in " + WideToUtf8(folder.native()),
                             "data of jobs that no daemon accepted, unless another program created "
                             "them: check and delete them"});
     }
@@ -430,13 +433,13 @@ void PrintFindings(const std::vector<Finding>& findings) {
 nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& findings) {
     nlohmann::json libraries = nlohmann::json::array();
     for (const InstalledLibrary& library : status.libraries) {
-        libraries.push_back({{"file", ToUtf8(library.file.native())},
+        libraries.push_back({{"file", WideToUtf8(library.file.native())},
                              {"present", library.present},
                              {"version", library.version ? library.version->Text() : ""}});
     }
     nlohmann::json logs = nlohmann::json::array();
     for (const auto& [file, bytes] : status.logs) {
-        logs.push_back({{"file", ToUtf8(file.native())}, {"bytes", bytes.value_or(0)}});
+        logs.push_back({{"file", WideToUtf8(file.native())}, {"bytes", bytes.value_or(0)}});
     }
     nlohmann::json problems = nlohmann::json::array();
     for (const Finding& finding : findings) {
@@ -449,12 +452,12 @@ nlohmann::json ToJson(const MonitorStatus& status, const std::vector<Finding>& f
     }
     return {{"kestctl", KESTMON_VERSION_STRING},
             {"libraries", libraries},
-            {"driver", ToUtf8(status.driver)},
+            {"driver", WideToUtf8(status.driver)},
             {"spoolerRuns", status.spooler == ServiceState::Running},
             {"loaded", status.listed ? nlohmann::json(*status.listed) : nlohmann::json()},
             {"ports", status.ports.size()},
             {"configuration",
-             {{"file", ToUtf8(status.configurationFile.native())},
+             {{"file", WideToUtf8(status.configurationFile.native())},
               {"good", status.configurationState == ConfigurationState::Good},
               {"version", status.configuration.GetVersion()},
               {"serviceName", status.configuration.GetServiceName()},

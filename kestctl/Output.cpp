@@ -120,7 +120,7 @@ std::string Padded(std::string text, size_t width) {
 }
 
 std::string Quoted(const std::wstring& name) {
-    const std::string text = ToUtf8(name);
+    const std::string text = WideToUtf8(name);
     return text.find(' ') == std::string::npos ? text : '"' + text + '"';
 }
 

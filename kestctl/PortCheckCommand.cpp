@@ -85,7 +85,7 @@ std::string Remark(const Result& result) {
 
 nlohmann::json ToJson(const Result& result) {
     const CheckedPort& port = result.port;
-    nlohmann::json document = {{"name", ToUtf8(port.name)},
+    nlohmann::json document = {{"name", WideToUtf8(port.name)},
                                {"address", AddressInUse(port.records)},
                                {"portNumber", port.records.standard.dwPortNumber},
                                {"state", StateText(port.state)},
@@ -156,8 +156,8 @@ std::string Summary(const std::vector<Result>& results) {
 void Print(const std::vector<Result>& results) {
     std::vector<std::vector<std::string>> rows;
     for (const Result& result : results) {
-        rows.push_back({ToUtf8(result.port.name), Target(result.port), StateText(result.port.state),
-                        Remark(result)});
+        rows.push_back({WideToUtf8(result.port.name), Target(result.port),
+                        StateText(result.port.state), Remark(result)});
     }
     PrintTable({"PORT", "ADDRESS", "STATE", "REMARK"}, rows);
     std::cout << Summary(results) << '\n';
@@ -167,7 +167,7 @@ void Print(const std::vector<Result>& results) {
 std::string RepairLine(const CheckArguments& arguments) {
     std::string line = "port check ";
     for (const std::string& name : arguments.names) {
-        line += Quoted(ToWide(name)) + ' ';
+        line += Quoted(Utf8ToWide(name)) + ' ';
     }
     return Advised(line + "--repair");
 }
@@ -225,11 +225,11 @@ void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
 
 void PrintTest(const CheckedPort& port) {
     if (port.state == PortState::NotConfigured) {
-        std::cout << "port " << ToUtf8(port.name) << ": not configured\n";
+        std::cout << "port " << WideToUtf8(port.name) << ": not configured\n";
         return;
     }
     const bool connected = port.connection.error.empty();
-    std::cout << "port " << ToUtf8(port.name) << ": " << Target(port)
+    std::cout << "port " << WideToUtf8(port.name) << ": " << Target(port)
               << (connected ? " accepts connections, after " : " accepts no connection, after ")
               << port.connection.took.count() << " ms"
               << (connected ? "" : ": " + port.connection.error) << '\n';
@@ -268,7 +268,7 @@ void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
             PrintTest(result.port);
         }
         if (result.port.state != PortState::Ok) {
-            failures += (failures.empty() ? "port " : "; port ") + ToUtf8(name) + ": " +
+            failures += (failures.empty() ? "port " : "; port ") + WideToUtf8(name) + ": " +
                         StateText(result.port.state);
         }
     }

@@ -36,7 +36,7 @@ nlohmann::json UsedBy(const std::optional<std::vector<Queue>>& queues, const std
     }
     nlohmann::json names = nlohmann::json::array();
     for (const std::wstring& name : QueuesOn(*queues, port)) {
-        names.push_back(ToUtf8(name));
+        names.push_back(WideToUtf8(name));
     }
     return names;
 }
@@ -77,7 +77,7 @@ void ForEachPort(const PortArguments& arguments, const std::vector<std::wstring>
             if (interruption.Requested()) {
                 break;
             }
-            documents.push_back({{"name", ToUtf8(name)}});
+            documents.push_back({{"name", WideToUtf8(name)}});
             documents.back() = work(name);
         }
     } catch (const CommandFailed& failed) {
@@ -117,7 +117,7 @@ PortTableRows ListPorts(SpoolerChannel& channel) {
         try {
             const PortRecords port = ReadPort(channel, name);
             list.documents.push_back(ToJson(name, port));
-            list.rows.push_back({ToUtf8(name), Destination(port),
+            list.rows.push_back({WideToUtf8(name), Destination(port),
                                  OrNone(list.documents.back()["mac"]),
                                  port.extended.dwAlwaysPrint != 0 ? "yes" : "no", Joined(usedBy)});
         } catch (const CommandFailed& failed) {
@@ -126,8 +126,8 @@ PortTableRows ListPorts(SpoolerChannel& channel) {
                 throw;
             }
             list.namesOnly = Explained(failed);
-            list.documents.push_back({{"name", ToUtf8(name)}});
-            list.rows.push_back({ToUtf8(name), "?", "?", "?", Joined(usedBy)});
+            list.documents.push_back({{"name", WideToUtf8(name)}});
+            list.rows.push_back({WideToUtf8(name), "?", "?", "?", Joined(usedBy)});
         }
         list.documents.back()["usedBy"] = usedBy;
     }
@@ -222,8 +222,9 @@ nlohmann::json SetPort(SpoolerChannel& channel, const PlannedPort& port,
     if (arguments.json) {
         return document;
     }
-    std::cout << "port " << ToUtf8(port.name) << (arguments.dryRun ? " would be set: " : " set: ")
-              << Destination(port.after) << resolved << port.following << '\n';
+    std::cout << "port " << WideToUtf8(port.name)
+              << (arguments.dryRun ? " would be set: " : " set: ") << Destination(port.after)
+              << resolved << port.following << '\n';
     for (const auto& [key, values] : changes.items()) {
         std::cout << "  " << ChangeText(key, values) << '\n';
     }
@@ -314,7 +315,7 @@ nlohmann::json AddNewPort(SpoolerChannel& channel, const std::wstring& name,
     nlohmann::json document = ToJson(name, records);
     MarkDryRun(arguments, document);
     if (!arguments.json) {
-        std::cout << "port " << ToUtf8(name)
+        std::cout << "port " << WideToUtf8(name)
                   << (arguments.dryRun ? " would be added: " : " added: ") << Destination(records)
                   << resolved << following << '\n';
     }
@@ -325,7 +326,7 @@ void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
             const PrinterIdentifier& identify) {
     const std::string resolved = ResolveAddress(arguments.change);
     const auto printer = PrinterToFollow(arguments, identify);
-    const std::wstring name = ToWide(arguments.names[0]);
+    const std::wstring name = Utf8ToWide(arguments.names[0]);
     if (!arguments.tolerant) {
         PortRecords unused;
         ApplyArguments(arguments, printer, unused);  // wrong usage opens nothing
@@ -376,9 +377,9 @@ void RequireIdentified(const std::vector<PlannedPort>& plan) {
 void RequireHost(SpoolerChannel& channel, const std::string& follow,
                  const std::vector<std::wstring>& names) {
     const auto port =
-        IsIPv4AddressText(follow) ? std::nullopt : PortCalled(channel, ToWide(follow));
+        IsIPv4AddressText(follow) ? std::nullopt : PortCalled(channel, Utf8ToWide(follow));
     if (port && std::ranges::find(names, *port) == names.end()) {
-        throw CLI::ValidationError("--follow", ToUtf8(*port) +
+        throw CLI::ValidationError("--follow", WideToUtf8(*port) +
                                                    " is the name of a port. Write the names of "
                                                    "ports before --follow");
     }
@@ -408,9 +409,10 @@ void RunSet(PortArguments& arguments, const ChannelFactory& openChannel,
             return SetPort(*channel, port, arguments, resolved);
         }
         if (!arguments.json) {
-            std::cerr << "port " << ToUtf8(name) << " not set: " << Printable(port.failure) << '\n';
+            std::cerr << "port " << WideToUtf8(name) << " not set: " << Printable(port.failure)
+                      << '\n';
         }
-        return {{"name", ToUtf8(name)}, {"error", port.failure}};
+        return {{"name", WideToUtf8(name)}, {"error", port.failure}};
     });
     RequireIdentified(plan);
 }
@@ -455,8 +457,8 @@ void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& por
     for (const std::wstring& port : ports) {
         const nlohmann::json usedBy = UsedBy(queues, port);
         if (!usedBy.empty()) {
-            used += (used.empty() ? "port " : "; port ") + ToUtf8(port) + " is used by printer" +
-                    (usedBy.size() == 1 ? " " : "s ") + Joined(usedBy);
+            used += (used.empty() ? "port " : "; port ") + WideToUtf8(port) +
+                    " is used by printer" + (usedBy.size() == 1 ? " " : "s ") + Joined(usedBy);
         }
     }
     if (!used.empty()) {
@@ -477,10 +479,10 @@ void RunDelete(const PortArguments& arguments, SpoolerChannel& channel) {
             DeletePort(channel, name);
         }
         if (!arguments.json) {
-            std::cout << "port " << ToUtf8(name)
+            std::cout << "port " << WideToUtf8(name)
                       << (arguments.dryRun ? " would be deleted\n" : " deleted\n");
         }
-        nlohmann::json document = {{"name", ToUtf8(name)}, {"deleted", !arguments.dryRun}};
+        nlohmann::json document = {{"name", WideToUtf8(name)}, {"deleted", !arguments.dryRun}};
         MarkDryRun(arguments, document);
         return document;
     });

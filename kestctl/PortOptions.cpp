@@ -91,7 +91,7 @@ CLI::Option& AddNames(CLI::App& command, std::vector<std::string>& names,
 
 std::vector<std::wstring> WideNames(const std::vector<std::string>& names) {
     std::vector<std::wstring> wide;
-    std::transform(names.begin(), names.end(), std::back_inserter(wide), ToWide);
+    std::transform(names.begin(), names.end(), std::back_inserter(wide), Utf8ToWide);
     return wide;
 }
 

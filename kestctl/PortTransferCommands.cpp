@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 
+#include "base/Ascii.h"
 #include "base/Parallel.h"
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
@@ -34,16 +35,14 @@ struct ImportArguments {
 };
 
 bool IsCsvName(const std::string& file) {
-    std::string extension = ToUtf8(std::filesystem::path(ToWide(file)).extension().native());
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    return extension == ".csv";
+    return EqualsIgnoreCase(
+        WideToUtf8(std::filesystem::path(Utf8ToWide(file)).extension().native()), ".csv");
 }
 
 void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     const bool toFile = !arguments.file.empty() && arguments.file != kStandardStream;
     const bool csv = arguments.csv || IsCsvName(arguments.file);
-    if (toFile && !arguments.force && std::filesystem::exists(ToWide(arguments.file))) {
+    if (toFile && !arguments.force && std::filesystem::exists(Utf8ToWide(arguments.file))) {
         throw CommandFailed(arguments.file + " already exists", Remedy::Force);
     }
     nlohmann::json documents = nlohmann::json::array();
@@ -111,12 +110,12 @@ void TakeRows(const PortTable& table, SpoolerChannel& channel, ImportPlan& plan)
     const std::set<std::wstring, LessByName> taken(others.begin(), others.end());
     std::map<std::wstring, size_t, LessByName> lines;
     for (const PortRow& row : table.rows) {
-        const std::wstring name = ToWide(NameOf(row, plan.problems));
+        const std::wstring name = Utf8ToWide(NameOf(row, plan.problems));
         if (name.empty()) {
             continue;
         }
         if (const auto [other, first] = lines.emplace(name, row.line); !first) {
-            plan.Problem(row, "port " + ToUtf8(name) + " is already in line " +
+            plan.Problem(row, "port " + WideToUtf8(name) + " is already in line " +
                                   std::to_string(other->second));
             continue;
         }
@@ -179,7 +178,7 @@ void PlanPort(ImportedRow& imported, bool replace, ImportPlan& plan) {
     if (step.before && SameSettings(*step.before, step.after)) {
         ++plan.unchanged;
     } else if (step.before && !replace) {
-        plan.Problem(*imported.row, "port " + ToUtf8(step.name) +
+        plan.Problem(*imported.row, "port " + WideToUtf8(step.name) +
                                         " already exists with other settings (" +
                                         ChangesText(step) + "). --replace changes it");
     } else {
@@ -223,7 +222,7 @@ void Report(const ImportArguments& arguments, const ImportPlan& plan) {
         }
         (step.before ? changed : added).push_back(std::move(port));
         if (!arguments.json) {
-            std::cout << "port " << ToUtf8(step.name) << (arguments.dryRun ? " would be " : " ")
+            std::cout << "port " << WideToUtf8(step.name) << (arguments.dryRun ? " would be " : " ")
                       << (step.before ? "changed: " + ChangesText(step)
                                       : "added: " + Destination(step.after))
                       << '\n';

@@ -39,8 +39,8 @@ class Document {
             first_.resize(kSmallestChunk);
             first_.resize(ReadInput(first_.data(), first_.size()));
         } else {
-            file_.Reset(CreateFileW(ToWide(file).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
-                                    OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
+            file_.Reset(CreateFileW(Utf8ToWide(file).c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                    nullptr, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN, nullptr));
             input_ = file_.Get();
             LARGE_INTEGER size = {};
             if (!file_ || !GetFileSizeEx(file_.Get(), &size)) {
@@ -158,10 +158,11 @@ struct PrintArguments {
 std::string Print(const PrintArguments& arguments, Document& document, SpoolerChannel& channel,
                   JobState& state) {
     const std::wstring name =
-        arguments.name.empty() ? std::filesystem::path(ToWide(document.Name())).filename().native()
-                               : ToWide(arguments.name);
-    const auto job = channel.StartJob(FindPort(channel, ToWide(arguments.port)), name,
-                                      ToWide(arguments.printer));
+        arguments.name.empty()
+            ? std::filesystem::path(Utf8ToWide(document.Name())).filename().native()
+            : Utf8ToWide(arguments.name);
+    const auto job = channel.StartJob(FindPort(channel, Utf8ToWide(arguments.port)), name,
+                                      Utf8ToWide(arguments.printer));
     struct Published {
         Published(JobState& where, PrintJob* what) : state(where) { Set(what); }
         ~Published() { Set(nullptr); }

@@ -22,16 +22,16 @@ void Report(const RenameArguments& arguments, const Migration& plan) {
     if (arguments.json) {
         nlohmann::json queues = nlohmann::json::array();
         for (const std::wstring& queue : plan.queues) {
-            queues.push_back(ToUtf8(queue));
+            queues.push_back(WideToUtf8(queue));
         }
-        PrintJson({{"name", ToUtf8(plan.to)},
-                   {"before", ToUtf8(plan.from)},
+        PrintJson({{"name", WideToUtf8(plan.to)},
+                   {"before", WideToUtf8(plan.from)},
                    {"moved", queues},
                    {"dryRun", arguments.dryRun}});
         return;
     }
-    std::cout << "port " << ToUtf8(plan.from) << (arguments.dryRun ? " would be" : "")
-              << " renamed to " << ToUtf8(plan.to);
+    std::cout << "port " << WideToUtf8(plan.from) << (arguments.dryRun ? " would be" : "")
+              << " renamed to " << WideToUtf8(plan.to);
     if (!plan.queues.empty()) {
         std::cout << ", with the printers " << JoinedNames(plan.queues);
     }
@@ -40,7 +40,8 @@ void Report(const RenameArguments& arguments, const Migration& plan) {
 
 void RunRename(const RenameArguments& arguments, SpoolerChannel& channel) {
     const Interruption untilDone;  // half a rename would leave two ports
-    const Migration plan = PlanRename(channel, ToWide(arguments.name), ToWide(arguments.newName));
+    const Migration plan =
+        PlanRename(channel, Utf8ToWide(arguments.name), Utf8ToWide(arguments.newName));
     if (untilDone.Requested()) {
         throw Interrupted();
     }

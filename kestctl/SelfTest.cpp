@@ -124,7 +124,8 @@ class TestQueue {
         if (!printer_) {
             const DWORD error = GetLastError();
             throw CommandFailed(
-                "no queue can be made with the driver " + ToUtf8(driver) + ": " + ErrorText(error),
+                "no queue can be made with the driver " + WideToUtf8(driver) + ": " +
+                    ErrorText(error),
                 error == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
         }
     }
@@ -324,7 +325,7 @@ void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel) {
         ->check(NotEmpty());
     AddJsonFlag(command, arguments->json);
     command.callback([arguments, openChannel, &app] {
-        SelfTest test(!IsDirect(app), ToWide(arguments->printer), arguments->json);
+        SelfTest test(!IsDirect(app), Utf8ToWide(arguments->printer), arguments->json);
         const bool succeeded = test.Run(openChannel);
         if (arguments->json) {
             PrintJson({{"succeeded", succeeded}, {"steps", test.Steps()}});

@@ -44,7 +44,7 @@ class ConsoleBuffer : public std::streambuf {
     }
     int sync() override {
         constexpr size_t kAtOnce = 8192;  // some consoles take no more than 64 KiB
-        const std::wstring wide = ToWide(text_);
+        const std::wstring wide = Utf8ToWide(text_);
         text_.clear();
         for (size_t at = 0; at < wide.size(); at += kAtOnce) {
             DWORD written = 0;
@@ -94,7 +94,7 @@ std::vector<std::string> Arguments() {
         CommandLineToArgvW(GetCommandLineW(), &count), LocalFree);
     std::vector<std::string> result;
     for (int i = count - 1; i > 0; --i) {
-        result.push_back(ToUtf8(arguments[i]));
+        result.push_back(WideToUtf8(arguments[i]));
     }
     return result;
 }

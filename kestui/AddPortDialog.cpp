@@ -180,11 +180,11 @@ void AddPortDialog::RejectField(UINT field, UINT text) {
 bool AddPortDialog::ReadName() {
     std::string name = TrimmedText(IDC_NAME);
     if (!CheckPortName(name).empty()) {
-        const bool isReserved = IsSpoolerPseudoPort(ToWide(name).c_str());
+        const bool isReserved = IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
         RejectField(IDC_NAME, isReserved ? IDS_RESERVED_NAME : IDS_BAD_NAME);
         return false;
     }
-    name_ = ToWide(name);
+    name_ = Utf8ToWide(name);
     return true;
 }
 

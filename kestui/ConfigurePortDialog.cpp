@@ -118,7 +118,7 @@ void ConfigurePortDialog::TestConnection() {
         const bool accepts = environment.connect(address, port, kConnectTimeout).error.empty();
         task.Post([this, address, port, accepts] {
             AddResult(texts_(accepts ? IDS_CONNECTED : IDS_NOT_CONNECTED,
-                             {ToWide(address), std::to_wstring(port)}));
+                             {Utf8ToWide(address), std::to_wstring(port)}));
         });
         PrinterIdentity printer;
         try {
@@ -173,7 +173,7 @@ void ConfigurePortDialog::ShowFoundAddress(const std::string& address) {
         printer.address = address;
         SetPrinter(printer);
     }
-    AddResult(texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {ToWide(address)}));
+    AddResult(texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {Utf8ToWide(address)}));
 }
 
 void ConfigurePortDialog::Save() {

@@ -28,7 +28,7 @@ void DeletePortDialog::OnInit() {
 void DeletePortDialog::ShowQueues(const std::vector<std::wstring>& queues) {
     std::wstring lines;
     for (const std::wstring& queue : queues) {
-        lines += (lines.empty() ? L"" : L"\r\n") + DisplayText(ToUtf8(queue));
+        lines += (lines.empty() ? L"" : L"\r\n") + DisplayText(WideToUtf8(queue));
     }
     SetText(IDC_QUESTION, texts_(queues.empty() ? IDS_DELETE_CONFIRM : IDS_DELETE_IN_USE, {port_}));
     SetText(IDC_QUEUES, lines);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "base/Ascii.h"
 #include "base/Text.h"
 #include "kestui/DialogIds.h"
 
@@ -208,11 +209,7 @@ std::wstring Dialog::Text(UINT id) const {
 }
 
 std::string Dialog::TrimmedText(UINT id) const {
-    const std::string text = ToUtf8(Text(id));
-    const size_t first = text.find_first_not_of(" \t");
-    return first == std::string::npos
-               ? ""
-               : text.substr(first, text.find_last_not_of(" \t") + 1 - first);
+    return std::string(Trim(WideToUtf8(Text(id)), " \t"));
 }
 
 void Dialog::SetText(UINT id, const std::wstring& text) {

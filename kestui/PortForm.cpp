@@ -20,10 +20,10 @@ void PortForm::FillFields(const PortRecords& stored) {
     const bool lpr = port.dwProtocol == kProtocolLpr;
     CheckRadioButton(Window(), IDC_RAW, IDC_LPR, lpr ? IDC_LPR : IDC_RAW);
     SetText(IDC_PORT, std::to_wstring(port.dwPortNumber));
-    SetText(IDC_QUEUE, ToWide(FieldText(port.sztQueue)));
+    SetText(IDC_QUEUE, Utf8ToWide(FieldText(port.sztQueue)));
     Check(IDC_DOUBLE_SPOOL, port.dwDoubleSpool != 0);
     Check(IDC_SNMP, port.dwSNMPEnabled != 0);
-    SetText(IDC_COMMUNITY, ToWide(FieldText(port.sztSNMPCommunity)));
+    SetText(IDC_COMMUNITY, Utf8ToWide(FieldText(port.sztSNMPCommunity)));
     SetText(IDC_INDEX, std::to_wstring(port.dwSNMPDevIndex == 0 ? 1 : port.dwSNMPDevIndex));
     EnableFields();
     if (!printer.address.empty()) {
@@ -63,7 +63,7 @@ void PortForm::ChangeProtocol() {
         SetText(IDC_PORT, std::to_wstring(now.dwPortNumber));
     }
     if (lpr && Text(IDC_QUEUE).empty()) {
-        SetText(IDC_QUEUE, ToWide(FieldText(now.sztQueue)));
+        SetText(IDC_QUEUE, Utf8ToWide(FieldText(now.sztQueue)));
     }
     EnableFields();
 }
@@ -93,7 +93,7 @@ void PortForm::SetPrinter(const PrinterIdentity& printer) {
     lookupWorker_.Stop();
     ClearProblem();
     host_ = printer.address;
-    SetText(IDC_ADDRESS, ToWide(host_));
+    SetText(IDC_ADDRESS, Utf8ToWide(host_));
     Enter(host_.empty() ? Lookup(NoAddress()) : Resolved{printer, true});
 }
 

@@ -38,7 +38,7 @@ class OpenedPort {
         std::wstring text = name;
         SetLastError(ERROR_FILE_NOT_FOUND);
         if (!table_.pfnOpenPort(monitor, text.data(), &handle_)) {
-            throw CommandFailed("port " + ToUtf8(name) +
+            throw CommandFailed("port " + WideToUtf8(name) +
                                 " cannot be opened: " + ErrorText(GetLastError()));
         }
     }
@@ -66,7 +66,7 @@ std::string StartFailure(const PortRecords& before, const PortRecords& after, bo
     if (after.extended.dwAlwaysPrint == 0 || (silent && !found)) {
         return reason;
     }
-    const std::string log = ". The requests and replies are in " + ToUtf8(LogPath());
+    const std::string log = ". The requests and replies are in " + WideToUtf8(LogPath());
     if (!found) {
         return reason + ", and the search for it did not find it" + log;
     }
@@ -82,7 +82,7 @@ class HostJob : public PrintJob {
     HostJob(DirectChannel& host, const std::wstring& port, const PortRecords& records,
             const std::wstring& document, const std::wstring& printer)
         : table_(host.Table()),
-          portText_("port " + ToUtf8(port) + " (" + Destination(records) + ")"),
+          portText_("port " + WideToUtf8(port) + " (" + Destination(records) + ")"),
           lpr_(records.standard.dwProtocol == kProtocolLpr),
           port_(table_, host.Monitor(), port),
           control_(printer, document) {
@@ -183,14 +183,14 @@ DirectChannel::DirectChannel(const std::filesystem::path& library, LPCWSTR rootK
     const auto path = std::filesystem::absolute(library).make_preferred();
     library_.Reset(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
     if (!library_) {
-        throw CommandFailed(ToUtf8(library.native()) +
+        throw CommandFailed(WideToUtf8(library.native()) +
                             " cannot be loaded: " + ErrorText(GetLastError()));
     }
     const auto initialize = reinterpret_cast<decltype(&InitializePrintMonitor2)>(
         reinterpret_cast<void (*)()>(GetProcAddress(library_.Get(), "InitializePrintMonitor2")));
     table_ = initialize != nullptr ? initialize(&init_, &monitor_) : nullptr;
     if (table_ == nullptr) {
-        throw CommandFailed(ToUtf8(library.native()) +
+        throw CommandFailed(WideToUtf8(library.native()) +
                             " does not start as a monitor: " + ErrorText(GetLastError()));
     }
 }

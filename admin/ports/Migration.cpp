@@ -121,8 +121,8 @@ std::string Replaced(std::string text, const std::string& what, const std::strin
 std::wstring NewName(const StandardPort& port, const std::string& format,
                      const PortRecords& records) {
     const std::string name = Replaced(Replaced(format, kAddressPlaceholder, AddressInUse(records)),
-                                      kNamePlaceholder, ToUtf8(port.name));
-    return ToWide(Checked(("the name '" + name + "'").c_str(), name, CheckPortName));
+                                      kNamePlaceholder, WideToUtf8(port.name));
+    return Utf8ToWide(Checked(("the name '" + name + "'").c_str(), name, CheckPortName));
 }
 
 const Queue* FindQueue(const std::vector<Queue>& queues, const std::wstring& name) {
@@ -192,13 +192,13 @@ void CompareWithPorts(SpoolerChannel& channel, std::vector<Migration>& plan) {
         });
         const auto there = std::find_if(names.begin(), names.end(), sameName);
         if (twice != plan.end()) {
-            migration.obstacle = ToUtf8(twice->from) + " would have the same name";
+            migration.obstacle = WideToUtf8(twice->from) + " would have the same name";
         } else if (there != names.end()) {
             migration.to = *there;
             migration.isThere = SameSettings(ReadPort(channel, *there), migration.records);
             if (!migration.isThere) {
                 migration.obstacle =
-                    "port " + ToUtf8(*there) + " already exists with other settings";
+                    "port " + WideToUtf8(*there) + " already exists with other settings";
             }
         } else if (std::any_of(others.begin(), others.end(), sameName)) {
             migration.obstacle = NameTaken(migration.to).what();
@@ -216,7 +216,7 @@ std::vector<StandardPort> WantedPorts(SpoolerChannel& channel,
     }
     for (const std::wstring& pattern : wanted) {
         if (Meant(names, {pattern}, true).empty()) {
-            throw CommandFailed("there is no standard TCP/IP port " + ToUtf8(pattern),
+            throw CommandFailed("there is no standard TCP/IP port " + WideToUtf8(pattern),
                                 Remedy::ListStandardPorts);
         }
     }
@@ -338,10 +338,10 @@ MigrationResult Undo(SpoolerChannel& channel, const Migration& migration, bool d
             return std::ranges::find(result.moved, queue) != result.moved.end();
         });
         if (!users.empty()) {
-            result.failure = "port " + ToUtf8(migration.to) + " stays: " + JoinedNames(users) +
+            result.failure = "port " + WideToUtf8(migration.to) + " stays: " + JoinedNames(users) +
                              (users.size() == 1 ? " prints" : " print") + " to it";
         } else if (!IsAsMade(ReadPort(channel, *there), migration.records)) {
-            result.failure = "port " + ToUtf8(migration.to) +
+            result.failure = "port " + WideToUtf8(migration.to) +
                              " stays: its settings were changed since the migration";
         } else {
             if (!dryRun) {

@@ -38,7 +38,8 @@ bool IsStoredPrinter(const PortRecords& records, const PrinterIdentity& printer)
     if (!stored.mac.empty() && !printer.mac.empty()) {
         return stored.mac == printer.mac;
     }
-    return !stored.hostName.empty() && SameName(ToWide(stored.hostName), ToWide(printer.hostName));
+    return !stored.hostName.empty() &&
+           SameName(Utf8ToWide(stored.hostName), Utf8ToWide(printer.hostName));
 }
 
 std::wstring SuggestPortName(const std::vector<std::wstring>& candidates,
@@ -50,7 +51,7 @@ std::wstring SuggestPortName(const std::vector<std::wstring>& candidates,
     for (const std::wstring& candidate : candidates) {
         std::wstring name = candidate;
         for (size_t number = 2; number <= taken.size() + 2; ++number) {
-            std::string checked = ToUtf8(name);
+            std::string checked = WideToUtf8(name);
             if (!CheckPortName(checked).empty()) {
                 break;
             }
@@ -66,7 +67,7 @@ std::wstring SuggestPortName(const std::vector<std::wstring>& candidates,
 void DeleteUnusedPort(SpoolerChannel& channel, const std::wstring& name) {
     const std::wstring port = FindPort(channel, name);
     if (!QueuesOn(channel.Queues(), port).empty()) {
-        throw CommandFailed("printers use port " + ToUtf8(port), Remedy::MovePrinter);
+        throw CommandFailed("printers use port " + WideToUtf8(port), Remedy::MovePrinter);
     }
     DeletePort(channel, port);
 }

@@ -7,7 +7,7 @@
 nlohmann::json ToJson(const std::wstring& name, const PortRecords& records) {
     const PORT_DATA_1& standard = records.standard;
     const PortDataEx& extended = records.extended;
-    return {{"name", ToUtf8(name)},
+    return {{"name", WideToUtf8(name)},
             {"configured", standard.dwProtocol != 0},
             {"protocol", ProtocolName(standard.dwProtocol)},
             {"address", FieldText(standard.sztIPAddress)},

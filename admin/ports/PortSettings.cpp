@@ -25,7 +25,7 @@ constexpr size_t kPortNameRoom = Room(kEmpty.standard.sztPortName);
 
 template <size_t Size>
 void SetField(WCHAR (&field)[Size], const std::string& text) {
-    const std::wstring wide = ToWide(text);
+    const std::wstring wide = Utf8ToWide(text);
     std::fill(std::begin(field), std::end(field), L'\0');
     wide.copy(field, Room(field));
 }
@@ -43,7 +43,7 @@ std::string CheckText(const std::string& text, size_t room) {
     if (text.empty()) {
         return "must not be empty";
     }
-    const size_t length = ToWide(text).size();
+    const size_t length = Utf8ToWide(text).size();
     if (length > room) {
         return "is too long: " + std::to_string(length) + " characters, " + std::to_string(room) +
                " fit";
@@ -159,7 +159,7 @@ std::string CheckPortName(std::string& text) {
     if (text.find(',') != std::string::npos) {
         return "must not contain a comma, because the spooler separates ports by commas";
     }
-    if (IsSpoolerPseudoPort(ToWide(text).c_str())) {
+    if (IsSpoolerPseudoPort(Utf8ToWide(text).c_str())) {
         return "is a name of the spooler's own network ports, which the monitor skips when it "
                "starts";
     }

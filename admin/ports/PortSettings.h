@@ -70,7 +70,7 @@ bool SameSettings(const PortRecords& one, const PortRecords& other);
 // The text of a record's field, which may lack a terminator.
 template <size_t Size>
 std::string FieldText(const WCHAR (&field)[Size]) {
-    return ToUtf8({field, wcsnlen(field, Size)});
+    return WideToUtf8({field, wcsnlen(field, Size)});
 }
 
 // Where jobs go, in one line: "lpr to 192.168.1.20:515, queue lp, double spooled".

@@ -9,40 +9,6 @@
 #include "base/Text.h"
 
 namespace {
-wchar_t Upper(wchar_t character) {
-    CharUpperBuffW(&character, 1);
-    return character;
-}
-}  // namespace
-
-bool SameName(const std::wstring& one, const std::wstring& other) {
-    return lstrcmpiW(one.c_str(), other.c_str()) == 0;
-}
-
-bool MatchesPattern(const std::wstring& name, const std::wstring& pattern) {
-    size_t at = 0;
-    size_t next = 0;
-    size_t star = std::wstring::npos;  // the last '*'
-    size_t taken = 0;                  // where the text begins that it does not stand for
-    while (at < name.size()) {
-        if (next < pattern.size() && pattern[next] == L'*') {
-            star = next++;
-            taken = at;
-        } else if (next < pattern.size() &&
-                   (pattern[next] == L'?' || Upper(pattern[next]) == Upper(name[at]))) {
-            ++next;
-            ++at;
-        } else if (star != std::wstring::npos) {
-            next = star + 1;
-            at = ++taken;
-        } else {
-            return false;
-        }
-    }
-    return pattern.find_first_not_of(L'*', next) == std::wstring::npos;
-}
-
-namespace {
 
 void Require(DWORD code, const std::string& failure) {
     if (code != ERROR_SUCCESS) {
@@ -64,7 +30,7 @@ auto WithName(const std::vector<std::wstring>& names, const std::wstring& name) 
 }
 
 void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords records) {
-    const std::string failure = "port " + ToUtf8(name) + " cannot be configured";
+    const std::string failure = "port " + WideToUtf8(name) + " cannot be configured";
     if (name.size() >= std::size(records.standard.sztPortName)) {
         throw CommandFailed(failure + ": its name is too long for the configuration record");
     }
@@ -96,7 +62,7 @@ std::string TakeBack(SpoolerChannel& channel, const std::vector<PortStep>& steps
                 DeletePort(channel, steps[count].name);
             }
         } catch (const CommandFailed&) {
-            stay += (stay.empty() ? "" : ", ") + ToUtf8(steps[count].name);
+            stay += (stay.empty() ? "" : ", ") + WideToUtf8(steps[count].name);
         }
     }
     return stay;
@@ -113,7 +79,7 @@ std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstri
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
     const auto found = PortCalled(channel, name);
     if (!found) {
-        throw CommandFailed("there is no port " + ToUtf8(name), Remedy::ListPorts);
+        throw CommandFailed("there is no port " + WideToUtf8(name), Remedy::ListPorts);
     }
     return *found;
 }
@@ -135,7 +101,7 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
             }
         }
         if (!any && !mayMiss) {
-            throw CommandFailed("there is no port " + ToUtf8(pattern), Remedy::ListPorts);
+            throw CommandFailed("there is no port " + WideToUtf8(pattern), Remedy::ListPorts);
         }
     }
     std::vector<std::wstring> ports;
@@ -164,7 +130,7 @@ std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& port
 std::string JoinedNames(const std::vector<std::wstring>& names) {
     std::string text;
     for (const std::wstring& name : names) {
-        text += (text.empty() ? "" : ", ") + ToUtf8(name);
+        text += (text.empty() ? "" : ", ") + WideToUtf8(name);
     }
     return text;
 }
@@ -200,7 +166,7 @@ std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
 }
 
 PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
-    const std::string failure = "port " + ToUtf8(name) + " cannot be read";
+    const std::string failure = "port " + WideToUtf8(name) + " cannot be read";
     PortRecords records;
     Require(SendName(channel, L"GetConfigInfo", name, &records.standard, sizeof(records.standard)),
             failure);
@@ -211,15 +177,15 @@ PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
 }
 
 CommandFailed NameTaken(const std::wstring& name) {
-    return CommandFailed(
-        "the name " + ToUtf8(name) + " belongs to a port of another monitor. Choose another name",
-        Remedy::ChooseName);
+    return CommandFailed("the name " + WideToUtf8(name) +
+                             " belongs to a port of another monitor. Choose another name",
+                         Remedy::ChooseName);
 }
 
 namespace {
 void RequireNoOwnPort(SpoolerChannel& channel, const std::wstring& name, Remedy remedy) {
     if (const auto there = PortCalled(channel, name)) {
-        throw CommandFailed("port " + ToUtf8(*there) + " already exists", remedy, *there);
+        throw CommandFailed("port " + WideToUtf8(*there) + " already exists", remedy, *there);
     }
 }
 }  // namespace
@@ -238,7 +204,7 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
     if (code == ERROR_ALREADY_EXISTS) {
         throw NameTaken(name);
     }
-    Require(code, "port " + ToUtf8(name) + " cannot be added");
+    Require(code, "port " + WideToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
     } catch (const CommandFailed& failed) {
@@ -301,8 +267,8 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
     const DWORD code = SendName(channel, L"DeletePort", name);
     if (code == ERROR_BUSY) {
-        throw CommandFailed("port " + ToUtf8(name) + " is in use by a printer",
+        throw CommandFailed("port " + WideToUtf8(name) + " is in use by a printer",
                             Remedy::MovePrinter);
     }
-    Require(code, "port " + ToUtf8(name) + " cannot be deleted");
+    Require(code, "port " + WideToUtf8(name) + " cannot be deleted");
 }

@@ -9,13 +9,6 @@
 #include "admin/ports/PortSettings.h"
 #include "admin/channel/SpoolerChannel.h"
 
-// True for two spellings of one port's, queue's or printer's name: letter case does not count.
-bool SameName(const std::wstring& one, const std::wstring& other);
-
-// True when the pattern has '*' for any text or '?' for any character and the name is like it.
-// Letter case does not count.
-bool MatchesPattern(const std::wstring& name, const std::wstring& pattern);
-
 // The port of a name in any letter case, as the monitor has it. Throws CommandFailed.
 std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstring& name);
 

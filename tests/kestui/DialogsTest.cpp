@@ -90,7 +90,7 @@ class User {
     int Rows() const { return ListView_GetItemCount(Control(IDC_LIST)); }
     void Await(UINT id, const std::wstring& part) const {
         EXPECT_TRUE(Eventually([&] { return Text(id).find(part) != std::wstring::npos; }))
-            << id << " says " << ToUtf8(Text(id)) << ", not " << ToUtf8(part);
+            << id << " says " << WideToUtf8(Text(id)) << ", not " << WideToUtf8(part);
     }
     void AwaitProblem(UINT text) const { Await(IDC_PROBLEM, kEnglish(text)); }
     // Closes the message box that says this.
@@ -106,7 +106,7 @@ class User {
         const HWND text = GetDlgItem(Window(), 0xFFFF);
         WCHAR shown[2048] = {};
         SendMessageW(text, WM_GETTEXT, 2048, reinterpret_cast<LPARAM>(shown));
-        return text == nullptr ? "" : ToUtf8(shown);
+        return text == nullptr ? "" : WideToUtf8(shown);
     }
 
   private:
@@ -514,15 +514,16 @@ TEST_F(Dialogs, NoTextIsCutAndNoMnemonicIsTwice) {
                 if (id >= IDC_PROGRESS && id < IDS_COLUMN_NAME) {
                     continue;
                 }
-                EXPECT_TRUE(Fits(control, shown)) << language << ": " << ToUtf8(shown);
+                EXPECT_TRUE(Fits(control, shown)) << language << ": " << WideToUtf8(shown);
                 if (const size_t at = shown.find(L'&'); at != std::wstring::npos) {
-                    EXPECT_TRUE(mnemonics.insert(towlower(shown[at + 1])).second) << ToUtf8(shown);
+                    EXPECT_TRUE(mnemonics.insert(towlower(shown[at + 1])).second)
+                        << WideToUtf8(shown);
                 }
             }
             const auto fits = [&](UINT control, UINT first, UINT last) {
                 for (UINT id = first; user.Control(control) != nullptr && id <= last; ++id) {
                     EXPECT_TRUE(Fits(user.Control(control), text(id)))
-                        << language << ": " << ToUtf8(text(id));
+                        << language << ": " << WideToUtf8(text(id));
                 }
             };
             fits(IDC_PROBLEM, IDS_BAD_ADDRESS, IDS_BAD_WORD);
