@@ -14,7 +14,7 @@
 
 #include "bench/SideBySide.h"
 #include "tests/support/ImportPatch.h"
-#include "tools/kestctl/MonitorRegistry.h"
+#include "admin/channel/MonitorRegistry.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "bench/SideBySide.h"
-#include "diag/Resource.h"
+#include "base/Handles.h"
 #include "tests/support/WinePrinter.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "diag/KestLogger.h"
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 LogFile::LogFile(const std::wstring& path) : path_(path) {
     try {

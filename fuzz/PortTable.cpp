@@ -4,7 +4,7 @@
 #include <string>
 
 #include "fuzz/Check.h"
-#include "tools/kestctl/PortTable.h"
+#include "admin/ports/PortTable.h"
 
 namespace {
 

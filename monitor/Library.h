@@ -7,7 +7,7 @@
 #include <winspool.h>
 #include <winsplp.h>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 // Guards the port list, the beginning of each port's job, every LPR exchange, the release of Xcv
 // handles and the deletion of ports. Re-entrant for the thread that holds it; made at process

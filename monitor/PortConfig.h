@@ -5,7 +5,7 @@
 //   <monitor's root key>\Ports\<port name>: one value for each field, see docs/registry.md
 #pragma once
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 #include <winsplp.h>
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cwchar>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 
 #include "diag/Log.h"
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "address/AddressText.h"
-#include "diag/Resource.h"
+#include "base/Handles.h"
 #include "net/Network.h"
 
 const char kConfigMethodOid[] = "1.3.6.1.4.1.11.2.4.3.5.1.0";

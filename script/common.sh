@@ -15,7 +15,8 @@ template=$build/wine-template
 machines=$build/machines
 
 export WINEPREFIX=${KEST_WINEPREFIX:-$build/wine}
-export WINEDEBUG=${WINEDEBUG:--all}
+# Wine prints why it ends a process by itself, and nothing else.
+export WINEDEBUG=${WINEDEBUG:--all,err+seh,err+virtual,err+server,err+process}
 # No debugger: a program that crashes under it ends with 0, as if it had succeeded.
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree=;mshtml=;winedbg.exe=d}
 
@@ -24,6 +25,20 @@ say() { printf '%s\n' "$*" >&2; }
 fail() {
     say "$(basename "$0"): $*"
     exit 1
+}
+
+# A script that ends because a command failed reports the command, which may have printed nothing.
+# Subshells stay silent: the command in the main shell that they belong to fails as well.
+set -o errtrace
+trap 'report_failure $? "$BASH_COMMAND"' ERR
+
+report_failure() {
+    local level
+    [ "$BASH_SUBSHELL" -eq 0 ] || return 0
+    say "$(basename "$0"): exit code $1: $2"
+    for ((level = 1; level < ${#BASH_SOURCE[@]}; ++level)); do
+        say "    ${BASH_SOURCE[level]#"$root"/}:${BASH_LINENO[level - 1]}"
+    done
 }
 
 # The release's number. CMakeLists.txt alone has it.
@@ -35,6 +50,10 @@ source_date() {
     local earliest=315532800
     echo "${SOURCE_DATE_EPOCH:-$(git -C "$root" log -1 --format=%ct 2>/dev/null || echo $earliest)}"
 }
+
+# Whether build/ is configured with a compiler cache. A cache does not notice that the folder names
+# which programs contain have changed, and returns what was compiled with other ones.
+has_compiler_cache() { grep -qs '^CMAKE_CXX_COMPILER_LAUNCHER:.*=.' "$build/CMakeCache.txt"; }
 
 # Prefix of a command that plays a machine in a simulated network. Searches and acknowledgements
 # have time limits, so a busy test machine must not slow it down. Only root may raise a priority,
@@ -58,7 +77,7 @@ at_exit() {
 
 run_at_exit() {
     exit_code=$1
-    trap - EXIT
+    trap - EXIT ERR
     set +e
     eval "$exit_commands"
     exit "$exit_code"

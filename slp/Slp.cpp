@@ -7,7 +7,7 @@
 #include <map>
 #include <new>
 
-#include "diag/MemoryReserve.h"
+#include "base/MemoryReserve.h"
 #include "slp/AttributeList.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "diag/KestLogger.h"
-#include "diag/Resource.h"
+#include "base/Handles.h"
 #include "tests/support/ImportPatch.h"
 #include "tests/support/LogCapture.h"
 

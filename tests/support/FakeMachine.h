@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "admin/MonitorKey.h"
-#include "admin/WindowsMachine.h"
+#include "admin/channel/MonitorKey.h"
+#include "admin/setup/WindowsMachine.h"
 #include "tests/support/FakeMonitor.h"
 
 namespace fs = std::filesystem;

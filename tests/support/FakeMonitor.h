@@ -3,6 +3,7 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include <cstring>
 #include <functional>
@@ -10,8 +11,8 @@
 #include <map>
 #include <sstream>
 
-#include "admin/PortSettings.h"
-#include "tools/kestctl/Command.h"
+#include "admin/ports/PortSettings.h"
+#include "kestctl/Command.h"
 
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;

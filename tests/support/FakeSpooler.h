@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "tests/support/ImportPatch.h"
-#include "tools/kestctl/MonitorRegistry.h"
+#include "admin/channel/MonitorRegistry.h"
 
 class FakeSpooler : public MonitorRegistry {
   public:

@@ -11,26 +11,26 @@
 #include <iterator>
 #include <thread>
 
-#include "admin/Text.h"
+#include "base/Text.h"
 #include "tests/support/WinePrinter.h"
-#include "tools/kestctl/ControlJob.h"
-#include "tools/kestctl/SpoolerHost.h"
+#include "admin/channel/ControlJob.h"
+#include "admin/channel/DirectChannel.h"
 
 namespace {
 
-bool PrintThrough(SpoolerHost& spooler, const ControlJob& job, std::wstring port,
+bool PrintThrough(DirectChannel& spooler, const ControlJob& job, std::wstring port,
                   std::string bytes) {
     const MONITOR2& monitor = spooler.Table();
     HANDLE handle = nullptr;
     if (!monitor.pfnOpenPort(spooler.Monitor(), port.data(), &handle)) {
-        printf("%s: no such port\n", ToUtf8(port).c_str());
+        printf("%s: no such port\n", WideToUtf8(port).c_str());
         return false;
     }
     std::wstring printer = job.Printer();
     const auto begin = std::chrono::steady_clock::now();
     const bool started = monitor.pfnStartDocPort(handle, printer.data(), job.Id(), 1, nullptr);
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-    printf("%s: %.0f ms%s\n", ToUtf8(port).c_str(), took.count(), started ? "" : ", failed");
+    printf("%s: %.0f ms%s\n", WideToUtf8(port).c_str(), took.count(), started ? "" : ", failed");
     DWORD written = 0;
     while (started && !bytes.empty() &&
            monitor.pfnWritePort(handle, reinterpret_cast<BYTE*>(bytes.data()),
@@ -46,7 +46,7 @@ bool PrintThrough(SpoolerHost& spooler, const ControlJob& job, std::wstring port
 
 int wmain(int count, wchar_t** arguments) {
     try {
-        SpoolerHost spooler(arguments[1]);
+        DirectChannel spooler(arguments[1]);
         std::ifstream file(std::filesystem::path(arguments[2]), std::ios::binary);
         const std::string bytes{std::istreambuf_iterator<char>(file), {}};
         const WinePrinter printer;

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "diag/Resource.h"
+#include "base/Handles.h"
 
 // Adds a printer. Returns an empty handle, with the last error set, if that failed.
 //   port: its port, or several separated by commas.

@@ -5,6 +5,7 @@
 printers_host=()               # a command that runs others where the printers are to be
 #   printers FOLDER ADDRESS... these addresses take jobs now, and no others: see printers.py
 #   agents GROUP...            these agents answer now, and no others: see service_agents.py
+#   dns_sd GROUP...            these answer by DNS-SD now, and no others: see dns_sd_responders.py
 #   announcement ADDRESS MAC NAME MODEL
 #                              a printer's attribute list, with the shipped SLPConf.xml's tags; a
 #                              blank in it is written as _
@@ -15,6 +16,7 @@ printers_host=()               # a command that runs others where the printers a
 
 printers_pid=
 agents_pid=
+dns_sd_pid=
 
 printers() {
     in_place_of "$printers_pid" printers "$root/tests/support/printers.py" "$@"
@@ -24,6 +26,11 @@ printers() {
 agents() {
     in_place_of "$agents_pid" agents "$root/tests/support/service_agents.py" "$@"
     agents_pid=$started
+}
+
+dns_sd() {
+    in_place_of "$dns_sd_pid" "DNS-SD printers" "$root/tests/support/dns_sd_responders.py" "$@"
+    dns_sd_pid=$started
 }
 
 announcement() {
@@ -46,6 +53,8 @@ printers_off() {
     printers_pid=
     switch_off "$agents_pid" agents
     agents_pid=
+    switch_off "$dns_sd_pid" "DNS-SD printers"
+    dns_sd_pid=
 }
 
 switch_off() {
@@ -59,7 +68,7 @@ is_alive() { grep -q '^State:[[:space:]]*[^ZX]' "/proc/$1/status" 2>/dev/null; }
 
 printers_at_exit() {
     local pid
-    for pid in $printers_pid $agents_pid; do
+    for pid in $printers_pid $agents_pid $dns_sd_pid; do
         is_alive "$pid" && kill -KILL "$pid" && continue
         say "the printers or agents have ended by themselves"
         [ "$exit_code" -ne 0 ] || exit_code=1

@@ -57,9 +57,14 @@ netns_up() {
     WINEPREFIX=$client_prefix wine_start in_client
 }
 
+# Without `nodad` an address cannot be used for the first one or two seconds, in which the system
+# looks for others that have it. The link-local address is the one that neighbours resolve others
+# from, and that multicast is sent from.
 netns_host() {
     ip -n "$1" link set lo up
+    ip -n "$1" link set cable addrgenmode none
     ip -n "$1" address add "10.77.255.$2/16" dev cable
+    ip -n "$1" -6 address add "fe80::$2/64" dev cable nodad
     ip -n "$1" -6 address add "fd77::$2/64" dev cable nodad
     ip -n "$1" link set cable up
     ip -n "$1" route add 224.0.0.0/4 dev cable

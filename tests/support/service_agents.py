@@ -18,8 +18,9 @@ Each argument is a group of agents that answer requests for one service type. Th
   unicast          they hear only what is sent to them alone
   tcp=whole        the datagram is marked as cut short, and the list comes by TCP: `whole`, or
                    `stall` (nothing comes), `drip` (a byte now and then), `endless` (bytes
-                   without end), `cut` (half of it), `late` (after 0.4 s), `refuse` (of no
-                   connection: none is taken)
+                   without end), `cut` (half of it), `late` (after 0.3 s), `second` (nothing comes
+                   at the first request; after 0.6 s at others), `refuse` (of no connection: none
+                   is taken)
 
 Agents hear 239.255.255.253, 224.0.1.22 and FF02::116 on every interface, and their own addresses,
 at port 427; they are silent when they find themselves among the responders of a request. A blank
@@ -96,9 +97,6 @@ class Request:
         return (bytes((2, ATTRIBUTE_REPLY)) + (16 + len(body)).to_bytes(3, "big")
                 + struct.pack(">H3xHH2s", 0x8000 if overflow else 0, self.xid, 2, b"en") + body)
 
-    def attribute_reply(self, text):
-        return self.reply(self.list_body(text.encode()))
-
     def list_body(self, text, error=0):
         end = b"\0" if self.version == 2 else b""
         return struct.pack(">HH", error, len(text)) + text + end
@@ -113,7 +111,7 @@ class Agents:
         first = ipaddress.ip_address(values.get("first", "10.77.0.1"))
         self.family = socket.AF_INET if first.version == 4 else socket.AF_INET6
         self.version = int(values.get("version", 2))
-        self.template = values.get("list", "(ip={ip}),(mac={mac}),(n={n})").replace("_", " ")
+        template = values.get("list", "(ip={ip}),(mac={mac}),(n={n})").replace("_", " ")
         earliest, _, latest = values.get("delay", "0").partition("-")
         self.delays = float(earliest), float(latest or earliest)
         self.copies = int(values.get("copies", 1))
@@ -122,12 +120,12 @@ class Agents:
         self.silent = "silent" in values
         self.unicast = "unicast" in values
         self.tcp = values.get("tcp")
-        self.numbers = {str(first + n): n for n in range(int(values.get("count", 1)))}
+        addresses = (str(first + n) for n in range(int(values.get("count", 1))))
+        # Made before the first request comes, whose answers have to be in time.
+        self.lists = {address: template.format(ip=address, n=n, mac=f"0004{n:08x}").encode()
+                      for n, address in enumerate(addresses)}
         self.heard = {}
-
-    def list_of(self, address):
-        n = self.numbers[address]
-        return self.template.format(ip=address, n=n, mac=f"0004{n:08x}")
+        self.asked = set()  # by TCP
 
     def answers(self, request, family, asked):
         """(delay, address, datagram) for each agent that answers; `asked` is one, or None."""
@@ -139,32 +137,37 @@ class Agents:
         if sending <= self.deaf:
             return
         heard = set(request.responders)
-        for address, n in self.numbers.items():
+        for n, address in enumerate(self.lists):
             if address in heard or asked not in (None, address):
                 continue
-            delay = self.delays[0] + (self.delays[1] - self.delays[0]) * n / len(self.numbers)
+            delay = self.delays[0] + (self.delays[1] - self.delays[0]) * n / len(self.lists)
             for _ in range(self.copies):
                 yield delay, address, self.datagram(request, address)
 
     def datagram(self, request, address):
         if self.error:
             return request.reply(request.list_body(b"", self.error))
-        text = self.list_of(address).encode()
+        text = self.lists[address]
         if self.tcp:
             return request.reply(request.list_body(text[:MAX_DATAGRAM - 100]), overflow=True)
-        return request.attribute_reply(text.decode())
+        return request.reply(request.list_body(text))
 
     def serve(self, connection, request, address):
         """Answers a request that came by TCP."""
-        reply = request.attribute_reply(self.list_of(address))
+        reply = request.reply(request.list_body(self.lists[address]))
+        is_first = address not in self.asked
+        self.asked.add(address)
         if self.tcp == "whole":
             connection.sendall(reply)
         elif self.tcp == "late":
-            time.sleep(0.4)
+            time.sleep(0.3)
+            connection.sendall(reply)
+        elif self.tcp == "second" and not is_first:
+            time.sleep(0.6)
             connection.sendall(reply)
         elif self.tcp == "cut":
             connection.sendall(reply[:len(reply) // 2])
-        elif self.tcp == "stall":
+        elif self.tcp in ("stall", "second"):
             connection.recv(1)
         elif self.tcp == "drip":
             for byte in reply:
@@ -253,20 +256,24 @@ def serve_connection(population, connection):
         for agents in population:
             if (agents.service, agents.version) == (request.service, request.version) \
                     and not request.multicast \
-                    and address in agents.numbers and address not in request.responders:
+                    and address in agents.lists and address not in request.responders:
                 agents.serve(connection, request, address)
     except (OSError, ValueError):
         pass
     connection.close()
 
 
-def serve_streams(population, family):
+def tcp_socket(family):
     listener = socket.socket(family, socket.SOCK_STREAM)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     if family == socket.AF_INET6:
         listener.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
     listener.bind(("", PORT))
     listener.listen(1024)
+    return listener
+
+
+def serve_streams(population, listener):
     while True:
         connection, _ = listener.accept()
         threading.Thread(target=serve_connection, args=(population, connection),
@@ -286,7 +293,8 @@ def main():
     population = [Agents(text) for text in sys.argv[1:]]
     if any(agents.tcp and agents.tcp != "refuse" for agents in population):
         for family in (socket.AF_INET, socket.AF_INET6):
-            threading.Thread(target=serve_streams, args=(population, family), daemon=True).start()
+            threading.Thread(target=serve_streams, args=(population, tcp_socket(family)),
+                             daemon=True).start()
     serve_datagrams(population)
 
 

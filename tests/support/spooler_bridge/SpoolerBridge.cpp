@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "diag/Resource.h"
-#include "tools/kestctl/MonitorRegistry.h"
+#include "base/Handles.h"
+#include "admin/channel/MonitorRegistry.h"
 
 namespace {
 

@@ -1,0 +1,36 @@
+// Makes ports follow their printers.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "base/CommandFailed.h"
+#include "admin/ports/PortSettings.h"
+#include "admin/search/PrinterIdentity.h"
+
+// Returns true if a port that follows the printer would keep the host name of another one and
+// search for that as well: the monitor cannot clear a stored host name.
+bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before);
+
+// Completes a change so that the port follows a printer. Without an address in the change, the port
+// also sends to the address where the printer answered.
+//   before: the port's records, all zero for a new port.
+// Throws CommandFailed if the port would keep the host name of another printer.
+void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change);
+
+// Completes a change so that the port follows the printer at its own address, which stays.
+void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, PortChange& change);
+
+// The answer of one printer.
+struct IdentifiedPrinter {
+    PrinterIdentity printer;
+    std::string failure;  // why the printer could not be identified; empty: it was
+    Remedy remedy = Remedy::None;
+};
+
+// Asks the printers at these hosts for their identity, 32 at a time.
+//   tell: called on this thread, about ten times a second, with the number of hosts that are done.
+std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& hosts,
+                                                const PrinterIdentifier& identify,
+                                                const std::function<void(size_t done)>& tell);
