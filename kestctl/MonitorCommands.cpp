@@ -141,7 +141,7 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
 // read.
 nlohmann::json StoredPortsAsJson(Machine& machine, const ChannelFactory& openChannel) {
     nlohmann::json ports = nlohmann::json::array();
-    const size_t stored = StoredPorts(machine).size();
+    const size_t stored = StoredPorts(machine.PrintKey()).size();
     if (stored == 0) {
         return ports;
     }

@@ -4,59 +4,10 @@
 
 #include <algorithm>
 #include <iterator>
-#include <sstream>
 
 #include "base/Text.h"
 
 namespace {
-wchar_t Upper(wchar_t character) {
-    CharUpperBuffW(&character, 1);
-    return character;
-}
-}  // namespace
-
-bool SameName(const std::wstring& one, const std::wstring& other) {
-    return lstrcmpiW(one.c_str(), other.c_str()) == 0;
-}
-
-bool MatchesPattern(const std::wstring& name, const std::wstring& pattern) {
-    size_t at = 0;
-    size_t next = 0;
-    size_t star = std::wstring::npos;  // the last '*'
-    size_t taken = 0;                  // where the text begins that it does not stand for
-    while (at < name.size()) {
-        if (next < pattern.size() && pattern[next] == L'*') {
-            star = next++;
-            taken = at;
-        } else if (next < pattern.size() &&
-                   (pattern[next] == L'?' || Upper(pattern[next]) == Upper(name[at]))) {
-            ++next;
-            ++at;
-        } else if (star != std::wstring::npos) {
-            next = star + 1;
-            at = ++taken;
-        } else {
-            return false;
-        }
-    }
-    return pattern.find_first_not_of(L'*', next) == std::wstring::npos;
-}
-
-namespace {
-
-void Require(DWORD code, const std::string& failure) {
-    if (code != ERROR_SUCCESS) {
-        throw CommandFailed(failure + ": " + ErrorText(code), code == ERROR_ACCESS_DENIED
-                                                                  ? Remedy::RunAsAdministrator
-                                                                  : Remedy::None);
-    }
-}
-
-DWORD SendName(SpoolerChannel& channel, LPCWSTR command, const std::wstring& name,
-               void* output = nullptr, DWORD outputSize = 0) {
-    return channel.Xcv(command, name.c_str(), static_cast<DWORD>((name.size() + 1) * sizeof(WCHAR)),
-                       output, outputSize);
-}
 
 auto WithName(const std::vector<std::wstring>& names, const std::wstring& name) {
     return std::find_if(names.begin(), names.end(),
@@ -73,9 +24,9 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     std::ranges::fill(records.extended.sztPortName, L'\0');
     name.copy(records.standard.sztPortName, name.size());
     name.copy(records.extended.sztPortName, name.size());
-    Require(channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
+    RequireSuccess(channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
             failure);
-    Require(
+    RequireSuccess(
         channel.Xcv(L"SetConfigExData", &records.extended, sizeof(records.extended), nullptr, 0),
         failure);
     if (!SameSettings(ReadPort(channel, name), records)) {
@@ -169,47 +120,6 @@ std::string JoinedNames(const std::vector<std::wstring>& names) {
     return text;
 }
 
-std::vector<std::wstring> PortsIn(const std::wstring& text) {
-    std::vector<std::wstring> ports;
-    std::wistringstream stream(text);
-    for (std::wstring name; std::getline(stream, name, L',');) {
-        ports.push_back(name);
-    }
-    return ports;
-}
-
-std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port) {
-    std::vector<std::wstring> names;
-    for (const Queue& queue : queues) {
-        if (WithName(queue.ports, port) != queue.ports.end()) {
-            names.push_back(queue.name);
-        }
-    }
-    return names;
-}
-
-std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
-                                     const std::vector<std::wstring>& names) {
-    std::vector<std::wstring> busy;
-    for (const Queue& queue : queues) {
-        if (queue.jobs != 0 && WithName(names, queue.name) != names.end()) {
-            busy.push_back(queue.name);
-        }
-    }
-    return busy;
-}
-
-PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
-    const std::string failure = "port " + ToUtf8(name) + " cannot be read";
-    PortRecords records;
-    Require(SendName(channel, L"GetConfigInfo", name, &records.standard, sizeof(records.standard)),
-            failure);
-    Require(
-        SendName(channel, L"GetConfigExData", name, &records.extended, sizeof(records.extended)),
-        failure);
-    return records;
-}
-
 CommandFailed NameTaken(const std::wstring& name) {
     return CommandFailed(
         "the name " + ToUtf8(name) + " belongs to a port of another monitor. Choose another name",
@@ -234,11 +144,11 @@ void RequireFreeName(SpoolerChannel& channel, const std::wstring& name, Remedy r
 
 void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
     RequireNoOwnPort(channel, name, Remedy::ChangePort);
-    const DWORD code = SendName(channel, L"AddPort", name);
+    const DWORD code = SendPortName(channel, L"AddPort", name);
     if (code == ERROR_ALREADY_EXISTS) {
         throw NameTaken(name);
     }
-    Require(code, "port " + ToUtf8(name) + " cannot be added");
+    RequireSuccess(code, "port " + ToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
     } catch (const CommandFailed& failed) {
@@ -299,10 +209,10 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
 }
 
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
-    const DWORD code = SendName(channel, L"DeletePort", name);
+    const DWORD code = SendPortName(channel, L"DeletePort", name);
     if (code == ERROR_BUSY) {
         throw CommandFailed("port " + ToUtf8(name) + " is in use by a printer",
                             Remedy::MovePrinter);
     }
-    Require(code, "port " + ToUtf8(name) + " cannot be deleted");
+    RequireSuccess(code, "port " + ToUtf8(name) + " cannot be deleted");
 }

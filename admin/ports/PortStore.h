@@ -9,13 +9,6 @@
 #include "admin/ports/PortSettings.h"
 #include "admin/channel/SpoolerChannel.h"
 
-// True for two spellings of one port's, queue's or printer's name: letter case does not count.
-bool SameName(const std::wstring& one, const std::wstring& other);
-
-// True when the pattern has '*' for any text or '?' for any character and the name is like it.
-// Letter case does not count.
-bool MatchesPattern(const std::wstring& name, const std::wstring& pattern);
-
 // The port of a name in any letter case, as the monitor has it. Throws CommandFailed.
 std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstring& name);
 
@@ -41,20 +34,6 @@ std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& port
 
 // Names for a message: "A, B".
 std::string JoinedNames(const std::vector<std::wstring>& names);
-
-// The ports in a queue's port text, "LPT1:" or "LPT1:,OFFICE".
-std::vector<std::wstring> PortsIn(const std::wstring& text);
-
-// The queues among these that print to a port, by name.
-std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port);
-
-// Those of the named queues that have print jobs.
-std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
-                                     const std::vector<std::wstring>& names);
-
-// Reads both records of a port. A port that was added but never configured reads as all zero.
-// Throws CommandFailed.
-PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name);
 
 // How a port fails whose name one of another monitor has.
 CommandFailed NameTaken(const std::wstring& name);
