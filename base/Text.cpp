@@ -2,6 +2,40 @@
 
 #include <windows.h>
 
+namespace {
+wchar_t Upper(wchar_t character) {
+    CharUpperBuffW(&character, 1);
+    return character;
+}
+}  // namespace
+
+bool SameName(const std::wstring& one, const std::wstring& other) {
+    return lstrcmpiW(one.c_str(), other.c_str()) == 0;
+}
+
+bool MatchesPattern(const std::wstring& name, const std::wstring& pattern) {
+    size_t at = 0;
+    size_t next = 0;
+    size_t star = std::wstring::npos;  // the last '*'
+    size_t taken = 0;                  // where the text begins that it does not stand for
+    while (at < name.size()) {
+        if (next < pattern.size() && pattern[next] == L'*') {
+            star = next++;
+            taken = at;
+        } else if (next < pattern.size() &&
+                   (pattern[next] == L'?' || Upper(pattern[next]) == Upper(name[at]))) {
+            ++next;
+            ++at;
+        } else if (star != std::wstring::npos) {
+            next = star + 1;
+            at = ++taken;
+        } else {
+            return false;
+        }
+    }
+    return pattern.find_first_not_of(L'*', next) == std::wstring::npos;
+}
+
 std::wstring ToWide(std::string_view utf8) {
     const int size = static_cast<int>(utf8.size());
     std::wstring result(MultiByteToWideChar(CP_UTF8, 0, utf8.data(), size, nullptr, 0), L'\0');
@@ -39,5 +73,14 @@ std::string Printable(std::string_view utf8) {
             result.replace(i, 2, "?");
         }
     }
+    return result;
+}
+
+std::string WideToAnsi(std::wstring_view utf16) {
+    const int size = static_cast<int>(utf16.size());
+    std::string result(
+        WideCharToMultiByte(CP_ACP, 0, utf16.data(), size, nullptr, 0, nullptr, nullptr), '\0');
+    WideCharToMultiByte(CP_ACP, 0, utf16.data(), size, result.data(),
+                        static_cast<int>(result.size()), nullptr, nullptr);
     return result;
 }

@@ -17,3 +17,13 @@ std::string ErrorText(DWORD code);
 // Text from the network for a terminal, which must not take any of it for a command: control
 // characters (of ASCII, and U+0080 to U+009F) become question marks.
 std::string Printable(std::string_view utf8);
+
+// Converts text to the system's ANSI code page.
+std::string WideToAnsi(std::wstring_view utf16);
+
+// True for two spellings of one port's, queue's or printer's name: letter case does not count.
+bool SameName(const std::wstring& one, const std::wstring& other);
+
+// True when the pattern has '*' for any text or '?' for any character and the name is like it.
+// Letter case does not count.
+bool MatchesPattern(const std::wstring& name, const std::wstring& pattern);

@@ -53,7 +53,7 @@ class OpenedPort {
 // The log of the monitor in this process.
 std::string LogPath() {
     std::error_code ignored;
-    return WideToUtf8((std::filesystem::temp_directory_path(ignored) / kLogFile).native());
+    return ToUtf8((std::filesystem::temp_directory_path(ignored) / kLogFile).native());
 }
 
 // Why a job did not start, for somebody who has to do something about it.

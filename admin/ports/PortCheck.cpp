@@ -16,7 +16,6 @@
 #include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
 #include "base/Handles.h"
-#include "diag/SystemUtils.h"
 
 namespace {
 
@@ -84,7 +83,7 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     hints.ai_family = IsIPv4AddressText(host) ? AF_INET : AF_INET6;
     hints.ai_socktype = SOCK_STREAM;
     UniqueAddressList addresses;
-    int error = getaddrinfo(system_helper::ToNarrow(ToWide(host)).c_str(),
+    int error = getaddrinfo(WideToAnsi(ToWide(host)).c_str(),
                             std::to_string(port).c_str(), &hints, addresses.Out());
     if (error != 0) {
         return {ErrorText(static_cast<DWORD>(error)), took()};

@@ -4,7 +4,6 @@
 
 #include "base/CommandFailed.h"
 #include "base/Text.h"
-#include "diag/SystemUtils.h"
 
 Network& StartedNetwork() {
     // The dialogues search and ask on several threads, and the network starts on one.
@@ -19,7 +18,7 @@ Network& StartedNetwork() {
 
 IPAddress Resolve(const Network& network, const std::string& name) {
     IPAddress address;
-    const std::string ansi = system_helper::ToNarrow(ToWide(name));
+    const std::string ansi = WideToAnsi(ToWide(name));
     if (network.GetIpAddress(ansi, address) != 0 || !address.IsValid()) {
         throw CommandFailed("the name '" + name +
                             "' could not be resolved. Check the spelling, and with `nslookup " +

@@ -10,7 +10,7 @@ std::string CheckStoredText(const std::string& text, size_t room) {
     if (text.empty()) {
         return "must not be empty";
     }
-    const size_t length = Utf8ToWide(text).size();
+    const size_t length = ToWide(text).size();
     if (length > room) {
         return "is too long: " + std::to_string(length) + " characters, " + std::to_string(room) +
                " fit";
