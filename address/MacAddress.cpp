@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "address/AddressText.h"
-#include "diag/SystemUtils.h"
+#include "base/Text.h"
 
 MacAddress::MacAddress(const unsigned char* bytes, size_t length)
     : length_(std::min(length, bytes_.size())) {
@@ -26,7 +26,7 @@ MacAddress::MacAddress(const std::string& text) : text_(text), valid_(IsMacAddre
 }
 
 MacAddress::MacAddress(const wchar_t* text)
-    : MacAddress(text != nullptr ? system_helper::ToNarrow(text) : std::string()) {}
+    : MacAddress(text != nullptr ? WideToAnsi(text) : std::string()) {}
 
 bool MacAddress::operator==(const MacAddress& other) const noexcept {
     return valid_ && other.valid_ &&

@@ -2,55 +2,64 @@
 
 #include <windows.h>
 
+#include <algorithm>
+#include <climits>
+
+#include "base/Ascii.h"
+
 namespace {
-wchar_t Upper(wchar_t character) {
+
+// The conversions count in int.
+int Length(size_t length) {
+    return static_cast<int>(std::min<size_t>(length, INT_MAX));
+}
+
+std::wstring ToWide(UINT codePage, std::string_view text) {
+    const int length = Length(text.size());
+    std::wstring wide(MultiByteToWideChar(codePage, 0, text.data(), length, nullptr, 0), L'\0');
+    MultiByteToWideChar(codePage, 0, text.data(), length, wide.data(), Length(wide.size()));
+    return wide;
+}
+
+std::string FromWide(UINT codePage, std::wstring_view wide) {
+    const int length = Length(wide.size());
+    std::string text(
+        WideCharToMultiByte(codePage, 0, wide.data(), length, nullptr, 0, nullptr, nullptr), '\0');
+    WideCharToMultiByte(codePage, 0, wide.data(), length, text.data(), Length(text.size()), nullptr,
+                        nullptr);
+    return text;
+}
+
+wchar_t ToUpper(wchar_t character) {
     CharUpperBuffW(&character, 1);
     return character;
 }
+
 }  // namespace
+
+std::wstring Utf8ToWide(std::string_view utf8) {
+    return ToWide(CP_UTF8, utf8);
+}
+
+std::string WideToUtf8(std::wstring_view utf16) {
+    return FromWide(CP_UTF8, utf16);
+}
+
+std::wstring AnsiToWide(std::string_view ansi) {
+    return ToWide(CP_ACP, ansi);
+}
+
+std::string WideToAnsi(std::wstring_view utf16) {
+    return FromWide(CP_ACP, utf16);
+}
 
 bool SameName(const std::wstring& one, const std::wstring& other) {
     return lstrcmpiW(one.c_str(), other.c_str()) == 0;
 }
 
 bool MatchesPattern(const std::wstring& name, const std::wstring& pattern) {
-    size_t at = 0;
-    size_t next = 0;
-    size_t star = std::wstring::npos;  // the last '*'
-    size_t taken = 0;                  // where the text begins that it does not stand for
-    while (at < name.size()) {
-        if (next < pattern.size() && pattern[next] == L'*') {
-            star = next++;
-            taken = at;
-        } else if (next < pattern.size() &&
-                   (pattern[next] == L'?' || Upper(pattern[next]) == Upper(name[at]))) {
-            ++next;
-            ++at;
-        } else if (star != std::wstring::npos) {
-            next = star + 1;
-            at = ++taken;
-        } else {
-            return false;
-        }
-    }
-    return pattern.find_first_not_of(L'*', next) == std::wstring::npos;
-}
-
-std::wstring ToWide(std::string_view utf8) {
-    const int size = static_cast<int>(utf8.size());
-    std::wstring result(MultiByteToWideChar(CP_UTF8, 0, utf8.data(), size, nullptr, 0), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, utf8.data(), size, result.data(),
-                        static_cast<int>(result.size()));
-    return result;
-}
-
-std::string ToUtf8(std::wstring_view utf16) {
-    const int size = static_cast<int>(utf16.size());
-    std::string result(
-        WideCharToMultiByte(CP_UTF8, 0, utf16.data(), size, nullptr, 0, nullptr, nullptr), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, utf16.data(), size, result.data(),
-                        static_cast<int>(result.size()), nullptr, nullptr);
-    return result;
+    return MatchesWildcards(std::wstring_view(name), std::wstring_view(pattern),
+                            [](wchar_t x, wchar_t y) { return ToUpper(x) == ToUpper(y); });
 }
 
 std::string ErrorText(DWORD code) {
@@ -59,7 +68,7 @@ std::string ErrorText(DWORD code) {
                                         nullptr, code, 0, buffer, ARRAYSIZE(buffer), nullptr);
     std::wstring_view text(buffer, length);
     text = text.substr(0, text.find_last_not_of(L".\r\n ") + 1);
-    return (text.empty() ? "error" : ToUtf8(text)) + " (" + std::to_string(code) + ")";
+    return (text.empty() ? "error" : WideToUtf8(text)) + " (" + std::to_string(code) + ")";
 }
 
 std::string Printable(std::string_view utf8) {
@@ -76,11 +85,6 @@ std::string Printable(std::string_view utf8) {
     return result;
 }
 
-std::string WideToAnsi(std::wstring_view utf16) {
-    const int size = static_cast<int>(utf16.size());
-    std::string result(
-        WideCharToMultiByte(CP_ACP, 0, utf16.data(), size, nullptr, 0, nullptr, nullptr), '\0');
-    WideCharToMultiByte(CP_ACP, 0, utf16.data(), size, result.data(),
-                        static_cast<int>(result.size()), nullptr, nullptr);
-    return result;
+std::string Count(size_t number, const std::string& noun) {
+    return std::to_string(number) + ' ' + noun + (number == 1 ? "" : "s");
 }

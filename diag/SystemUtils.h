@@ -1,10 +1,9 @@
-// What the platform says, as text: error codes, locales, code pages.
+// Texts of the system for the log: error codes and locales.
 #pragma once
 
 #include <windows.h>
 
 #include <string>
-#include <string_view>
 
 namespace system_helper {
 
@@ -16,12 +15,5 @@ std::string ErrorText(DWORD code);
 // The locale's abbreviated language name, three letters: 1033 gives ENU. An identifier that the
 // system does not know gives an empty text and a line in the log.
 std::wstring LCIDToTLA(LCID lcid);
-
-// UTF-16 text in the machine's ANSI code page; what the code page lacks becomes its default
-// character. Embedded NULs are kept.
-std::string ToNarrow(std::wstring_view text);
-
-// Text of the machine's ANSI code page as UTF-16. Embedded NULs are kept.
-std::wstring ToWide(std::string_view text);
 
 }  // namespace system_helper

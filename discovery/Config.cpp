@@ -9,8 +9,8 @@
 #include <new>
 #include <utility>
 
+#include "base/Text.h"
 #include "diag/Log.h"
-#include "diag/SystemUtils.h"
 
 namespace {
 
@@ -101,7 +101,7 @@ void ReadText(IXMLDOMDocument& document, const wchar_t* xmlPath, std::string& va
     if (SUCCEEDED(document.selectNodes(query.Get(), nodes.Out())) && nodes &&
         SUCCEEDED(nodes->nextNode(node.Out())) && node && SUCCEEDED(node->get_text(text.Out())) &&
         text.Get() != nullptr) {
-        value = system_helper::ToNarrow({text.Get(), SysStringLen(text.Get())});
+        value = WideToAnsi({text.Get(), SysStringLen(text.Get())});
     }
 }
 
@@ -114,7 +114,7 @@ void Config::SetModule(HMODULE module) noexcept {
 bool Config::Initialize(const std::wstring& fileName) noexcept {
     try {
         const std::wstring path = ModuleFolder() + fileName;
-        LogInfo(kInitialize, "XMLfile path: ", system_helper::ToNarrow(path));
+        LogInfo(kInitialize, "XMLfile path: ", WideToAnsi(path));
         return InitializeFrom(path);
     } catch (...) {
         return false;

@@ -1,6 +1,9 @@
 #include "discovery/DeviceId.h"
 
 #include <algorithm>
+#include <functional>
+
+#include "base/Ascii.h"
 
 namespace {
 
@@ -21,25 +24,5 @@ std::optional<std::string> DeviceIdField(const std::string& deviceId, const std:
 }
 
 bool MatchesModel(const char* pattern, const char* model) {
-    const char* star = nullptr;  // the last one met
-    const char* resume = nullptr;
-    while (*model != '\0') {
-        if (*pattern == '*') {
-            star = pattern++;
-            resume = model;
-        } else if (*pattern == '?' || *pattern == *model) {
-            ++pattern;
-            ++model;
-        } else if (star != nullptr) {
-            // The star takes one character more.
-            pattern = star + 1;
-            model = ++resume;
-        } else {
-            return false;
-        }
-    }
-    while (*pattern == '*') {
-        ++pattern;
-    }
-    return *pattern == '\0';
+    return MatchesWildcards(std::string_view(model), std::string_view(pattern), std::equal_to<>());
 }

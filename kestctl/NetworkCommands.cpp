@@ -2,13 +2,13 @@
 #include <winsock2.h>
 #include <windows.h>
 
+#include <nlohmann/json.hpp>
+
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "admin/search/Hosts.h"
 #include "kestctl/Command.h"
-#include "kestctl/Progress.h"
 
 namespace {
 
@@ -89,7 +89,7 @@ void RunInterfaces(const NetworkArguments& arguments) {
             "`route print` that it has any");
     }
     auto addresses = nlohmann::json::array();
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Row> rows;
     for (const auto& [address, mask, verdict] : network.GetJudgedAddresses()) {
         const bool used = verdict == AddressVerdict::Taken;
         nlohmann::json row = {{"address", Dotted(address)}, {"mask", Dotted(mask)}, {"used", used}};
@@ -107,30 +107,28 @@ void RunInterfaces(const NetworkArguments& arguments) {
     }
 }
 
-// Adds a command and, unless `target` is null, its argument.
-void AddCommand(CLI::App& app, const char* name, const char* text, const char* target,
-                const char* targetText, const char* example, void (*run)(const NetworkArguments&)) {
-    const auto arguments = std::make_shared<NetworkArguments>();
-    CLI::App& command = *app.add_subcommand(name, text);
-    AddExample(command, example);
-    if (target != nullptr) {
-        command.add_option(target, arguments->target, targetText)->required()->check(NotEmpty());
+using RunFunction = void (*)(const NetworkArguments&);
+
+// Adds a command with its argument; the text of the argument is null without one.
+void Add(CLI::App& app, const char* name, const char* text, const char* example, RunFunction run,
+         const char* target, const char* targetText) {
+    const auto [command, arguments] = AddCommand<NetworkArguments>(app, name, text, example, run);
+    if (targetText != nullptr) {
+        command.add_option(target, arguments.target, targetText)->required()->check(NotEmpty());
     }
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, run] { run(*arguments); });
+    AddJsonFlag(command, arguments.json);
 }
 
 }  // namespace
 
 void AddNetworkCommands(CLI::App& app) {
-    AddCommand(app, "resolve", "Show the address to which the monitor resolves a host name", "NAME",
-               "Host name", "resolve printer-2.example.com", RunResolve);
-    AddCommand(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
-               "ADDRESS", "IPv4 address, IPv6 address or host name of the printer",
-               "ping 192.168.1.20", RunPing);
-    AddCommand(
-        app, "interfaces",
+    Add(app, "resolve", "Show the address to which the monitor resolves a host name",
+        "resolve printer-2.example.com", RunResolve, "NAME", "Host name");
+    Add(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
+        "ping 192.168.1.20", RunPing, "ADDRESS",
+        "IPv4 address, IPv6 address or host name of the printer");
+    Add(app, "interfaces",
         "Show which IPv4 addresses of this computer the printer search uses, and why it does not "
         "use the others",
-        nullptr, nullptr, "interfaces", RunInterfaces);
+        "interfaces", RunInterfaces, nullptr, nullptr);
 }

@@ -2,9 +2,10 @@
 #include <winsock2.h>
 #include <windows.h>
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <iostream>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,6 @@
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
 #include "kestctl/Command.h"
-#include "kestctl/Progress.h"
 #include "admin/search/SlpHandle.h"
 
 namespace {
@@ -49,8 +49,11 @@ const char* Explain(SLPError error) {
     }
 }
 
-[[noreturn]] void Fail(SLPError error) {
-    throw CommandFailed(std::string(Explain(error)) + " (SLP error " + std::to_string(error) + ')');
+void Require(SLPError error) {
+    if (error != SLP_OK) {
+        throw CommandFailed(std::string(Explain(error)) + " (SLP error " + std::to_string(error) +
+                            ')');
+    }
 }
 
 // What to say of a service type whose scheme was forgotten.
@@ -123,9 +126,7 @@ void Direct(SLPHandle handle, const FindArguments& arguments) {
 
 void RunFind(const FindArguments& arguments) {
     SLPHandle opened = nullptr;
-    if (const SLPError error = SLPOpen("en", SLP_FALSE, &opened); error != SLP_OK) {
-        Fail(error);
-    }
+    Require(SLPOpen("en", SLP_FALSE, &opened));
     const UniqueSlpHandle handle(opened);
     Direct(handle.get(), arguments);
 
@@ -133,12 +134,8 @@ void RunFind(const FindArguments& arguments) {
     Progress progress(!arguments.json);
     progress.Show("asking");
     Findings findings{arguments.json, progress};
-    if (const SLPError error =
-            SLPFindAttrs(handle.get(), arguments.service.c_str(), nullptr, nullptr, TakeAnswer,
-                         &findings, nullptr, arguments.version);
-        error != SLP_OK) {
-        Fail(error);
-    }
+    Require(SLPFindAttrs(handle.get(), arguments.service.c_str(), nullptr, nullptr, TakeAnswer,
+                         &findings, nullptr, arguments.version));
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - begin;
     progress.Clear();
     if (arguments.json) {
@@ -154,32 +151,27 @@ void RunFind(const FindArguments& arguments) {
             ", and that no firewall blocks UDP port 427; --unicast asks one address only");
     }
     if (!arguments.json) {
-        std::cout << findings.agents.size()
-                  << (findings.agents.size() == 1 ? " list received\n" : " lists received\n");
+        std::cout << Count(findings.agents.size(), "list") << " received\n";
     }
 }
 
 }  // namespace
 
 void AddSlpCommands(CLI::App& app) {
-    CLI::App& group = *app.add_subcommand("slp", "Send SLP requests, as the printer search does");
-    group.require_subcommand(1);
-
-    const auto arguments = std::make_shared<FindArguments>();
-    CLI::App& find =
-        *group.add_subcommand("find", "List the attributes of all agents that answer a request");
-    AddExample(find, "slp find service:printer --version 1");
-    find.add_option("SERVICE-TYPE", arguments->service, "Service type or URL to request")
+    CLI::App& group = AddGroup(app, "slp", "Send SLP requests, as the printer search does");
+    const auto [find, arguments] = AddCommand<FindArguments>(
+        group, "find", "List the attributes of all agents that answer a request",
+        "slp find service:printer --version 1", RunFind);
+    find.add_option("SERVICE-TYPE", arguments.service, "Service type or URL to request")
         ->check(NotEmpty())
         ->capture_default_str();
-    find.add_option("--unicast", arguments->unicast, "Only ask this IPv4 or IPv6 address")
+    find.add_option("--unicast", arguments.unicast, "Only ask this IPv4 or IPv6 address")
         ->check(NotEmpty());
-    find.add_option("--version", arguments->version, "SLP version of the request")
+    find.add_option("--version", arguments.version, "SLP version of the request")
         ->check(CLI::Range(1, 2))
         ->capture_default_str();
-    find.add_option("--interface", arguments->interfaces,
+    find.add_option("--interface", arguments.interfaces,
                     "Send through the interface with this address; repeatable")
         ->allow_extra_args(false);
-    AddJsonFlag(find, arguments->json);
-    find.callback([arguments] { RunFind(*arguments); });
+    AddJsonFlag(find, arguments.json);
 }

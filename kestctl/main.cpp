@@ -18,11 +18,9 @@
 #include "admin/setup/WindowsMachine.h"
 #include "kestctl/Command.h"
 #include "kestctl/Interruption.h"
-#include "kestctl/UnknownArgument.h"
 
 namespace {
 
-constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 // A console's side of a stream: whole characters of UTF-8 become the console's own text, whatever
@@ -44,7 +42,7 @@ class ConsoleBuffer : public std::streambuf {
     }
     int sync() override {
         constexpr size_t kAtOnce = 8192;  // some consoles take no more than 64 KiB
-        const std::wstring wide = ToWide(text_);
+        const std::wstring wide = Utf8ToWide(text_);
         text_.clear();
         for (size_t at = 0; at < wide.size(); at += kAtOnce) {
             DWORD written = 0;
@@ -94,13 +92,9 @@ std::vector<std::string> Arguments() {
         CommandLineToArgvW(GetCommandLineW(), &count), LocalFree);
     std::vector<std::string> result;
     for (int i = count - 1; i > 0; --i) {
-        result.push_back(ToUtf8(arguments[i]));
+        result.push_back(WideToUtf8(arguments[i]));
     }
     return result;
-}
-
-int FailureCode() {
-    return Interruption::WasRequested() ? kInterrupted : kFailed;
 }
 
 // Reports a failure: as text, or as a JSON document where JSON was asked for and none was printed.
@@ -184,6 +178,6 @@ int main() {
         const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
         return Run();
     } catch (...) {  // no memory to start with
-        return kFailed;
+        return FailureCode();
     }
 }

@@ -4,7 +4,7 @@
 
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -139,9 +139,9 @@ void AddPortDialog::SearchEnded(size_t withoutAddress) {
     const size_t answered = list_.Size();
     std::wstring text;
     if (answered + withoutAddress == 0) {
-        text = texts_(IDS_ANSWERED_NONE);
+        text = texts_(IDS_NO_PRINTERS_FOUND);
     } else {
-        text = texts_.Count(IDS_ANSWERED_ONE, answered);
+        text = texts_.Count(IDS_PRINTERS_FOUND_ONE, answered);
         if (withoutAddress != 0) {
             text += L" " + texts_.Count(IDS_WITHOUT_ADDRESS_ONE, withoutAddress);
         }
@@ -150,7 +150,8 @@ void AddPortDialog::SearchEnded(size_t withoutAddress) {
 }
 
 void AddPortDialog::ShowStatus(const std::wstring& text) {
-    const std::wstring here = server_.empty() ? L"" : L" " + texts_(IDS_SEARCHES_HERE, {server_});
+    const std::wstring here =
+        server_.empty() ? L"" : L" " + texts_(IDS_SEARCHED_LOCALLY, {server_});
     SetText(IDC_STATUS, text + here);
 }
 
@@ -175,7 +176,7 @@ void AddPortDialog::SuggestName(const FoundPrinter& printer) {
         for (int number = 1; number < 1000; ++number) {
             const std::wstring name =
                 number == 1 ? base : base + L" (" + std::to_wstring(number) + L")";
-            std::string checked = ToUtf8(name);
+            std::string checked = WideToUtf8(name);
             if (!CheckPortName(checked).empty()) {
                 break;
             }
@@ -198,11 +199,11 @@ void AddPortDialog::Refuse(UINT field, UINT text) {
 bool AddPortDialog::CollectName() {
     std::string name = Utf8(IDC_NAME);
     if (!CheckPortName(name).empty()) {
-        const bool pseudo = IsSpoolerPseudoPort(ToWide(name).c_str());
-        Refuse(IDC_NAME, pseudo ? IDS_PSEUDO_NAME : IDS_BAD_NAME);
+        const bool pseudo = IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
+        Refuse(IDC_NAME, pseudo ? IDS_RESERVED_NAME : IDS_BAD_NAME);
         return false;
     }
-    name_ = ToWide(name);
+    name_ = Utf8ToWide(name);
     return true;
 }
 
@@ -213,11 +214,11 @@ void AddPortDialog::OnSubmit() {
         return;
     }
     const std::wstring status =
-        search_.Running() ? texts_.Count(IDS_ANSWERED_ONE, list_.Size()) : Text(IDC_STATUS);
+        search_.Running() ? texts_.Count(IDS_PRINTERS_FOUND_ONE, list_.Size()) : Text(IDC_STATUS);
     search_.Stop();
     Enable(IDC_ADD, false);
     Moving(true);
-    SetText(IDC_STATUS, texts_(IDS_WRITING));
+    SetText(IDC_STATUS, texts_(IDS_SAVING));
     Write([name = name_, records](SpoolerChannel& channel) { AddPort(channel, name, records); },
           [name = name_](SpoolerChannel& channel) { DeletePort(channel, name); },
           [this, status](const CommandFailed& failure) {

@@ -6,7 +6,7 @@
 
 #include "kestui/PortForm.h"
 #include "kestui/PrinterList.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 class AddPortDialog : public PortForm {
   public:

@@ -4,7 +4,7 @@
 
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -12,7 +12,7 @@ constexpr size_t kReasonLength = 200;  // characters; what there is room for
 constexpr UINT kButtons[] = {IDC_TEST, IDC_FIND, IDC_STOP, IDOK};
 
 bool SameHostName(const std::string& one, const std::string& other) {
-    return !one.empty() && lstrcmpiW(ToWide(one).c_str(), ToWide(other).c_str()) == 0;
+    return !one.empty() && lstrcmpiW(Utf8ToWide(one).c_str(), Utf8ToWide(other).c_str()) == 0;
 }
 
 // True when a printer is the one that is meant: by its MAC address, or by its name where one of
@@ -79,7 +79,7 @@ void ConfigurePortDialog::Load() {
                           FieldText(records.standard.sztHostAddress)};
                 Idle();
                 if (!server_.empty()) {
-                    SetText(IDC_RESULT, texts_(IDS_SEARCHES_HERE, {server_}));
+                    SetText(IDC_RESULT, texts_(IDS_SEARCHED_LOCALLY, {server_}));
                 }
             });
         },
@@ -153,8 +153,8 @@ void ConfigurePortDialog::Test() {
             const bool answers =
                 environment.connects(address, port, [&task] { return task.GoOn(); });
             task.Post([this, address, port, answers] {
-                AddResult(texts_(answers ? IDS_ANSWERS : IDS_ANSWERS_NOT,
-                                 {ToWide(address), std::to_wstring(port)}));
+                AddResult(texts_(answers ? IDS_CONNECTED : IDS_NOT_CONNECTED,
+                                 {Utf8ToWide(address), std::to_wstring(port)}));
             });
             std::optional<PrinterIdentity> found;
             try {
@@ -165,7 +165,7 @@ void ConfigurePortDialog::Test() {
             task.Post([this, found, means] {
                 Idle();
                 if (!found) {
-                    AddResult(texts_(IDS_NOT_IDENTIFIED));
+                    AddResult(texts_(IDS_UNIDENTIFIED));
                 } else if (means.mac.empty() && means.hostName.empty()) {
                     AddResult(texts_(IDS_UNKNOWN_PRINTER, {Described(*found)}));
                 } else if (SamePrinter(means, *found)) {
@@ -198,7 +198,7 @@ void ConfigurePortDialog::FindAgain() {
                     TakePrinter(printer);
                 }
                 AddResult(
-                    texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {ToWide(found->address)}));
+                    texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {Utf8ToWide(found->address)}));
             });
         },
         [this](const CommandFailed& failure) { ShowCheckFailed(failure); });
@@ -213,7 +213,7 @@ void ConfigurePortDialog::OnSubmit() {
     Idle();
     Enable(IDOK, false);
     Moving(true);
-    SetText(IDC_RESULT, texts_(IDS_WRITING));
+    SetText(IDC_RESULT, texts_(IDS_SAVING));
     Write([name = port_, before = before_,
            after](SpoolerChannel& channel) { ChangePort(channel, name, before, after); },
           [name = port_, before = before_, after](SpoolerChannel& channel) {

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "kestui/PortForm.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 class ConfigurePortDialog : public PortForm {
   public:

@@ -5,7 +5,7 @@
 #include "kestui/PortForm.h"
 
 void DeletePortDialog::OnInit() {
-    SetText(IDC_QUESTION, texts_(IDS_DELETE_LOOKS, {port_}));
+    SetText(IDC_QUESTION, texts_(IDS_DELETE_CHECKING, {port_}));
     Enable(IDC_DELETE, false);
     Work(
         worker_,
@@ -28,9 +28,9 @@ void DeletePortDialog::OnInit() {
 void DeletePortDialog::ShowQueues(const std::vector<std::wstring>& queues) {
     std::wstring lines;
     for (const std::wstring& queue : queues) {
-        lines += (lines.empty() ? L"" : L"\r\n") + Shown(ToUtf8(queue));
+        lines += (lines.empty() ? L"" : L"\r\n") + Shown(WideToUtf8(queue));
     }
-    SetText(IDC_QUESTION, texts_(queues.empty() ? IDS_DELETE_ASKS : IDS_DELETE_USED, {port_}));
+    SetText(IDC_QUESTION, texts_(queues.empty() ? IDS_DELETE_CONFIRM : IDS_DELETE_IN_USE, {port_}));
     SetText(IDC_QUEUES, lines);
     Show(IDC_QUEUES, !queues.empty());
     Enable(IDC_DELETE, queues.empty());

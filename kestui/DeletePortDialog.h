@@ -6,7 +6,7 @@
 
 #include "kestui/Dialog.h"
 #include "kestui/Environment.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 class DeletePortDialog : public Dialog {
   public:

@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <new>
 
+#include "base/Ascii.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -208,11 +209,7 @@ std::wstring Dialog::Text(UINT id) const {
 }
 
 std::string Dialog::Utf8(UINT id) const {
-    const std::string text = ToUtf8(Text(id));
-    const size_t first = text.find_first_not_of(" \t");
-    return first == std::string::npos
-               ? ""
-               : text.substr(first, text.find_last_not_of(" \t") + 1 - first);
+    return std::string(Trim(WideToUtf8(Text(id)), " \t"));
 }
 
 void Dialog::SetText(UINT id, const std::wstring& text) {
@@ -265,9 +262,9 @@ void Dialog::Report(UINT what, const CommandFailed& failure) {
         {Remedy::RunAsAdministrator, IDS_REMEDY_ADMINISTRATOR},
         {Remedy::StartSpooler, IDS_REMEDY_SPOOLER},
         {Remedy::InstallMonitor, IDS_REMEDY_MONITOR},
-        {Remedy::ListPorts, IDS_REMEDY_GONE},
-        {Remedy::ShowPort, IDS_REMEDY_HALF},
-        {Remedy::DeletePort, IDS_REMEDY_STAYS},
+        {Remedy::ListPorts, IDS_REMEDY_REFRESH},
+        {Remedy::ShowPort, IDS_REMEDY_RECONFIGURE},
+        {Remedy::DeletePort, IDS_REMEDY_DELETE},
         {Remedy::MovePrinter, IDS_REMEDY_MOVE},
     };
     std::wstring message = texts_(what);

@@ -10,7 +10,7 @@
 #include "kestui/AddPortDialog.h"
 #include "kestui/ConfigurePortDialog.h"
 #include "kestui/DeletePortDialog.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 
 #include "address/AddressText.h"
 #include "base/Text.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -71,14 +71,14 @@ void PortForm::FillSettings(const PortRecords& records) {
     printer_ = {AddressInUse(records), FieldText(records.extended.sztHWAddress),
                 FieldText(records.standard.sztHostAddress)};
     shownAddress_ = printer_.address;
-    SetText(IDC_ADDRESS, ToWide(printer_.address));
+    SetText(IDC_ADDRESS, Utf8ToWide(printer_.address));
     const bool lpr = port.dwProtocol == kProtocolLpr;
     CheckRadioButton(Window(), IDC_RAW, IDC_LPR, lpr ? IDC_LPR : IDC_RAW);
     SetText(IDC_PORT, std::to_wstring(port.dwPortNumber));
-    SetText(IDC_QUEUE, ToWide(FieldText(port.sztQueue)));
+    SetText(IDC_QUEUE, Utf8ToWide(FieldText(port.sztQueue)));
     Check(IDC_DOUBLE_SPOOL, port.dwDoubleSpool != 0);
     Check(IDC_SNMP, port.dwSNMPEnabled != 0);
-    SetText(IDC_COMMUNITY, ToWide(FieldText(port.sztSNMPCommunity)));
+    SetText(IDC_COMMUNITY, Utf8ToWide(FieldText(port.sztSNMPCommunity)));
     SetText(IDC_INDEX, std::to_wstring(port.dwSNMPDevIndex == 0 ? 1 : port.dwSNMPDevIndex));
     filling_ = false;
     OnProtocol();
@@ -121,7 +121,7 @@ void PortForm::ChangeProtocol() {
         SetText(IDC_PORT, std::to_wstring(usual.dwPortNumber));
     }
     if (lpr && Text(IDC_QUEUE).empty()) {
-        SetText(IDC_QUEUE, ToWide(FieldText(usual.sztQueue)));
+        SetText(IDC_QUEUE, Utf8ToWide(FieldText(usual.sztQueue)));
     }
     OnProtocol();
 }
@@ -148,7 +148,7 @@ void PortForm::TakePrinter(const PrinterIdentity& printer) {
     printer_ = printer;
     shownAddress_ = printer.address;
     filling_ = true;
-    SetText(IDC_ADDRESS, ToWide(printer.address));
+    SetText(IDC_ADDRESS, Utf8ToWide(printer.address));
     filling_ = false;
     phase_ = printer.address.empty() ? Phase::NoAddress : Phase::Known;
     ShowFollow();
@@ -205,7 +205,7 @@ void PortForm::LookUpEnded(Phase phase) {
     ShowFollow();
     const bool submits = std::exchange(submits_, false);
     if (phase == Phase::Unresolved) {
-        ShowProblem(IDC_ADDRESS, IDS_NO_SUCH_HOST, submits);
+        ShowProblem(IDC_ADDRESS, IDS_UNRESOLVED_HOST, submits);
     } else if (submits && (CanFollow() || !wantsToFollow_)) {
         OnSubmit();
     }
@@ -225,11 +225,11 @@ void PortForm::ShowFollow() {
     const std::string oldName = FieldText(before_.standard.sztHostAddress);
     std::wstring note;
     if (phase_ == Phase::NoAddress || phase_ == Phase::Unresolved) {
-        note = texts_(IDS_FOLLOW_PICK);
+        note = texts_(IDS_FOLLOW_NO_ADDRESS);
     } else if (phase_ == Phase::Asking) {
-        note = texts_(IDS_FOLLOW_ASKING);
+        note = texts_(IDS_FOLLOW_QUERYING);
     } else if (phase_ == Phase::Silent && !CanFollow()) {
-        note = texts_(IDS_FOLLOW_SILENT);
+        note = texts_(IDS_FOLLOW_UNIDENTIFIED);
     } else if (mac.empty() && name.empty()) {
         note = texts_(IDS_FOLLOW_NEITHER);
     } else if (!CanFollow()) {
@@ -262,7 +262,7 @@ std::optional<PortChange> PortForm::Collect() {
         return std::nullopt;
     }
     if (phase_ == Phase::Unresolved) {
-        Refuse(IDC_ADDRESS, IDS_NO_SUCH_HOST);
+        Refuse(IDC_ADDRESS, IDS_UNRESOLVED_HOST);
         return std::nullopt;
     }
     if (host != AddressInUse(before_)) {

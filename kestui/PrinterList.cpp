@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <optional>
 
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 

@@ -61,7 +61,7 @@ std::wstring Texts::Count(UINT one, size_t count) const {
 
 std::wstring Shown(std::string_view utf8, size_t most) {
     // Converted in full, a text of megabytes would be so for nothing.
-    std::wstring text = ToWide(utf8.substr(0, most * 4));
+    std::wstring text = Utf8ToWide(utf8.substr(0, most * 4));
     for (wchar_t& c : text) {
         if (Deceives(c)) {
             c = L'?';
@@ -78,7 +78,7 @@ std::wstring ShownMac(const std::string& digits) {
     std::wstring text;
     for (size_t i = 0; i < digits.size(); ++i) {
         text += i > 0 && i % 2 == 0 ? L":" : L"";
-        text += ToWide(digits.substr(i, 1));
+        text += Utf8ToWide(digits.substr(i, 1));
     }
     return text;
 }

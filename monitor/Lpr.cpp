@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "monitor/AnsiText.h"
+#include "base/Text.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <new>
 #include <utility>
 
-#include "resources/Resource.h"
+#include "resources/MonitorStrings.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "base/MemoryReserve.h"
-#include "diag/SystemUtils.h"
+#include "base/Text.h"
 #include "discovery/PrinterDiscoveryClass.h"
 #include "monitor/Library.h"
 
@@ -58,7 +58,7 @@ bool FindPrinter(IPrinterDiscovery& search, const MacAddress& mac, const std::st
 // the field; tools that read the value rely on finding the announced text.
 DWORD StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& portData,
                    PortDataEx& portDataEx) {
-    const std::wstring text = system_helper::ToWide(address.GetText());
+    const std::wstring text = AnsiToWide(address.GetText());
     if (address.GetType() == IPV4) {
         CopyTruncated(portData.sztIPAddress, text);
         portDataEx.dwUseIPV6 = 0;

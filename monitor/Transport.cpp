@@ -6,7 +6,7 @@
 #include <cwchar>
 #include <utility>
 
-#include "monitor/AnsiText.h"
+#include "base/Text.h"
 #include "monitor/Lpr.h"
 #include "monitor/Rediscovery.h"
 

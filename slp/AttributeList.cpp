@@ -3,28 +3,10 @@
 #include <algorithm>
 #include <charconv>
 
+#include "base/Ascii.h"
+
 namespace slp {
-namespace {
-
-std::string_view Trim(std::string_view text) {
-    constexpr std::string_view kBlanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
-}
-
-char Lower(char c) {
-    return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool SameTag(std::string_view a, std::string_view b) {
-    return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                      [](char x, char y) { return Lower(x) == Lower(y); });
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::optional<Attribute> NextAttribute(Cursor& list) {
     while (list.left() > 0) {
@@ -71,7 +53,7 @@ std::optional<std::string> FindAttribute(std::string_view list, std::string_view
     tag = Trim(tag);
     Cursor rest(list);
     while (const auto attribute = NextAttribute(rest)) {
-        if (SameTag(attribute->tag, tag)) {
+        if (EqualsIgnoreCase(attribute->tag, tag)) {
             return attribute->whole ? std::optional(Unescape(attribute->value)) : std::nullopt;
         }
     }

@@ -6,6 +6,7 @@
 #include <random>
 #include <string_view>
 
+#include "base/Ascii.h"
 #include "base/MemoryReserve.h"
 
 namespace slp {
@@ -22,13 +23,6 @@ uint16_t NewTransaction() {
 
 std::string OrElse(const char* text, const char* otherwise) {
     return text != nullptr && *text != '\0' ? text : otherwise;
-}
-
-std::string_view Trim(std::string_view text) {
-    const size_t first = text.find_first_not_of(" \t");
-    return first == std::string_view::npos
-               ? std::string_view()
-               : text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
 // The library cannot be unloaded while this is held: its code is what the thread runs.
@@ -58,7 +52,7 @@ SLPError UserAgent::AssociateInterfaces(const char* list) {
     std::vector<Address> interfaces;
     for (std::string_view rest = list;;) {
         const size_t comma = rest.find(',');
-        const auto address = Address::Parse(std::string(Trim(rest.substr(0, comma))));
+        const auto address = Address::Parse(std::string(Trim(rest.substr(0, comma), " \t")));
         if (!address) {
             return SLP_PARAMETER_BAD;
         }

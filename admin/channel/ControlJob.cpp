@@ -36,7 +36,7 @@ bool PrintsDirectly(HANDLE printer) {
 }
 
 [[noreturn]] void Fail(const std::wstring& printer, const std::string& what) {
-    throw CommandFailed("printer " + ToUtf8(printer) + " " + what +
+    throw CommandFailed("printer " + WideToUtf8(printer) + " " + what +
                         "; name another with --printer");
 }
 

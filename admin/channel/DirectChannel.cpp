@@ -35,7 +35,7 @@ class OpenedPort {
         std::wstring text = name;
         SetLastError(ERROR_FILE_NOT_FOUND);
         if (!table_.pfnOpenPort(monitor, text.data(), &handle_)) {
-            throw CommandFailed("port " + ToUtf8(name) +
+            throw CommandFailed("port " + WideToUtf8(name) +
                                 " cannot be opened: " + ErrorText(GetLastError()));
         }
     }
@@ -53,7 +53,7 @@ class OpenedPort {
 // The log of the monitor in this process.
 std::string LogPath() {
     std::error_code ignored;
-    return ToUtf8((std::filesystem::temp_directory_path(ignored) / kLogFile).native());
+    return WideToUtf8((std::filesystem::temp_directory_path(ignored) / kLogFile).native());
 }
 
 // Why a job did not start, for somebody who has to do something about it.
@@ -85,7 +85,7 @@ class HostJob : public PrintJob {
     HostJob(DirectChannel& host, const std::wstring& port, const PortRecords& records,
             const std::wstring& document, const std::wstring& printer)
         : table_(host.Table()),
-          portText_("port " + ToUtf8(port) + " (" + Destination(records) + ")"),
+          portText_("port " + WideToUtf8(port) + " (" + Destination(records) + ")"),
           lpr_(records.standard.dwProtocol == kProtocolLpr),
           port_(table_, host.Monitor(), port),
           control_(printer, document) {
@@ -165,8 +165,8 @@ class HostJob : public PrintJob {
 UniqueRegistryKey OpenRoot(const std::wstring& path, bool& made) {
     UniqueRegistryKey key;
     DWORD disposition = 0;
-    const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                       nullptr, key.Out(), &disposition);
+    const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0,
+                                       KEY_ALL_ACCESS, nullptr, key.Out(), &disposition);
     made = disposition == REG_CREATED_NEW_KEY;
     if (error != ERROR_SUCCESS) {
         throw CommandFailed(
@@ -186,14 +186,14 @@ DirectChannel::DirectChannel(const std::filesystem::path& library, const std::ws
     const auto path = std::filesystem::absolute(library).make_preferred();
     library_.Reset(LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH));
     if (!library_) {
-        throw CommandFailed(ToUtf8(library.native()) +
+        throw CommandFailed(WideToUtf8(library.native()) +
                             " cannot be loaded: " + ErrorText(GetLastError()));
     }
     const auto initialize = reinterpret_cast<decltype(&InitializePrintMonitor2)>(
         reinterpret_cast<void (*)()>(GetProcAddress(library_.Get(), "InitializePrintMonitor2")));
     table_ = initialize != nullptr ? initialize(&init_, &monitor_) : nullptr;
     if (table_ == nullptr) {
-        throw CommandFailed(ToUtf8(library.native()) +
+        throw CommandFailed(WideToUtf8(library.native()) +
                             " does not start as a monitor: " + ErrorText(GetLastError()));
     }
 }

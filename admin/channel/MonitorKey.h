@@ -28,8 +28,8 @@ bool MonitorKeyExists(const std::wstring& printKey = kPrintKey);
 struct StoredPort {
     std::wstring name;
     bool configured = false;   // a job can start on it
-    bool alwaysPrint = false;   // it follows its printer
-    bool hasKey = false;        // it has a MAC address or host name to search for
+    bool alwaysPrint = false;  // it follows its printer
+    bool hasKey = false;       // it has a MAC address or host name to search for
 };
 std::vector<StoredPort> StoredPorts(const std::wstring& printKey = kPrintKey);
 

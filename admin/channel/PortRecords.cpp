@@ -54,7 +54,7 @@ DWORD SendPortName(SpoolerChannel& channel, LPCWSTR command, const std::wstring&
 }
 
 PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
-    const std::string failure = "port " + ToUtf8(name) + " cannot be read";
+    const std::string failure = "port " + WideToUtf8(name) + " cannot be read";
     PortRecords records;
     const auto read = [&](LPCWSTR command, auto& record) {
         RequireSuccess(SendPortName(channel, command, name, &record, sizeof(record)), failure);

@@ -16,7 +16,7 @@ struct PortRecords {
 // Returns the text of a record's field, which may lack a terminator.
 template <size_t Size>
 std::string FieldText(const WCHAR (&field)[Size]) {
-    return ToUtf8({field, wcsnlen(field, Size)});
+    return WideToUtf8({field, wcsnlen(field, Size)});
 }
 
 // Returns where the port sends its jobs: "lpr to 192.168.1.20:515, queue lp, double spooled".

@@ -43,7 +43,7 @@ std::pair<std::vector<BYTE>, size_t> Enumerated(const std::string& failure, Enum
 
 class QueuedJob : public PrintJob {
   public:
-    QueuedJob(const std::wstring& queue, const std::wstring& document) : queue_(ToUtf8(queue)) {
+    QueuedJob(const std::wstring& queue, const std::wstring& document) : queue_(WideToUtf8(queue)) {
         std::wstring name = queue;
         std::wstring documentName = document;
         if (!OpenPrinterW(name.data(), printer_.Out(), nullptr)) {
@@ -122,7 +122,7 @@ std::vector<Queue> SpoolerService::Queues() {
 void SpoolerService::MoveQueue(const std::wstring& queue, const std::vector<std::wstring>& ports) {
     const auto failed = [&queue](const char* what) {
         const DWORD error = GetLastError();
-        return CommandFailed("printer " + ToUtf8(queue) + what + ErrorText(error),
+        return CommandFailed("printer " + WideToUtf8(queue) + what + ErrorText(error),
                              RemedyFor(error));
     };
     UniquePrinter printer;
@@ -145,7 +145,7 @@ void SpoolerService::MoveQueue(const std::wstring& queue, const std::vector<std:
     info->pPortName = text.data();
     info->pSecurityDescriptor = nullptr;  // stays as it is
     if (!SetPrinterW(printer.Get(), 2, buffer.data(), 0)) {
-        throw failed((" cannot be moved to port " + ToUtf8(text) + ": ").c_str());
+        throw failed((" cannot be moved to port " + WideToUtf8(text) + ": ").c_str());
     }
 }
 
@@ -176,7 +176,7 @@ std::vector<std::wstring> SpoolerService::PortNames() {
 }
 
 std::string SpoolerService::Name() const {
-    return server_.empty() ? "the spooler" : "the spooler of " + ToUtf8(server_);
+    return server_.empty() ? "the spooler" : "the spooler of " + WideToUtf8(server_);
 }
 
 // A monitor without ports and no monitor at all look the same in the list of ports.
@@ -190,7 +190,8 @@ void SpoolerService::RequireMonitor() {
     if (std::none_of(info, info + count, [this](const MONITOR_INFO_1W& loaded) {
             return lstrcmpiW(loaded.pName, monitor_.c_str()) == 0;
         })) {
-        throw CommandFailed(Name() + " has not loaded " + ToUtf8(monitor_), Remedy::InstallMonitor);
+        throw CommandFailed(Name() + " has not loaded " + WideToUtf8(monitor_),
+                            Remedy::InstallMonitor);
     }
 }
 
@@ -201,7 +202,7 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
         PRINTER_DEFAULTSW defaults = {nullptr, nullptr, SERVER_ACCESS_ADMINISTER};
         if (!OpenPrinterW(name.data(), xcv_.Out(), &defaults)) {
             const DWORD error = GetLastError();
-            throw CommandFailed(Name() + " gives no access to the monitor " + ToUtf8(monitor_) +
+            throw CommandFailed(Name() + " gives no access to the monitor " + WideToUtf8(monitor_) +
                                     ": " + ErrorText(error),
                                 RemedyFor(error, Remedy::InstallMonitor));
         }
@@ -212,7 +213,7 @@ DWORD SpoolerService::Xcv(LPCWSTR command, const void* input, DWORD inputSize, v
                   static_cast<BYTE*>(output), outputSize, &needed, &status)) {
         const DWORD error = GetLastError();
         throw CommandFailed(
-            Name() + " does not pass on " + ToUtf8(command) + ": " + ErrorText(error),
+            Name() + " does not pass on " + WideToUtf8(command) + ": " + ErrorText(error),
             RemedyFor(error));
     }
     return status;
@@ -229,8 +230,8 @@ std::unique_ptr<PrintJob> SpoolerService::StartJob(const std::wstring& port,
     if (queue != queues.end()) {
         return std::make_unique<QueuedJob>(*queue, document);
     }
-    throw CommandFailed(
-        (printer.empty() ? "no printer prints" : "printer " + ToUtf8(printer) + " does not print") +
-            " to port " + ToUtf8(port),
-        Remedy::AddPrinter);
+    throw CommandFailed((printer.empty() ? "no printer prints"
+                                         : "printer " + WideToUtf8(printer) + " does not print") +
+                            " to port " + WideToUtf8(port),
+                        Remedy::AddPrinter);
 }

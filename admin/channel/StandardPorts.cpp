@@ -15,7 +15,7 @@ std::vector<StandardPort> ReadStandardPorts(const std::wstring& server) {
                                            HKEY_LOCAL_MACHINE, machine.Out());
     if (error != ERROR_SUCCESS) {
         throw CommandFailed(
-            "the registry of " + ToUtf8(server) +
+            "the registry of " + WideToUtf8(server) +
                 " cannot be reached: " + ErrorText(static_cast<DWORD>(error)) +
                 "; its service \"Remote Registry\" has to run",
             error == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
@@ -29,11 +29,11 @@ std::vector<StandardPort> ReadStandardPorts(const std::wstring& server) {
         }
         const HKEY port = values.Get();
         ports.push_back(
-            {name, ToUtf8(ReadText(port, L"HostName")), ToUtf8(ReadText(port, L"IPAddress")),
-             ReadNumber(port, L"PortNumber"), ReadNumber(port, L"Protocol"),
-             ToUtf8(ReadText(port, L"Queue")), ReadNumber(port, L"Double Spool") != 0,
-             ReadNumber(port, L"SNMP Enabled") != 0, ToUtf8(ReadText(port, L"SNMP Community")),
-             ReadNumber(port, L"SNMP Index")});
+            {name, WideToUtf8(ReadText(port, L"HostName")),
+             WideToUtf8(ReadText(port, L"IPAddress")), ReadNumber(port, L"PortNumber"),
+             ReadNumber(port, L"Protocol"), WideToUtf8(ReadText(port, L"Queue")),
+             ReadNumber(port, L"Double Spool") != 0, ReadNumber(port, L"SNMP Enabled") != 0,
+             WideToUtf8(ReadText(port, L"SNMP Community")), ReadNumber(port, L"SNMP Index")});
     }
     return ports;
 }

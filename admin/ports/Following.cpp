@@ -3,10 +3,6 @@
 #include "address/AddressText.h"
 #include "base/Parallel.h"
 
-namespace {
-constexpr size_t kAtOnce = 32;
-}
-
 void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change) {
     if (!change.address && !change.ipv6) {
         (IsIPv4AddressText(printer.address) ? change.address : change.ipv6) = printer.address;
@@ -42,6 +38,6 @@ std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& 
             printers[at].failure = failed.what();
         }
     };
-    ForEach(hosts.size(), kAtOnce, identifyOne, tell);
+    ForEach(hosts.size(), kPrintersAtOnce, identifyOne, tell);
     return printers;
 }

@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr size_t kAtOnce = 32;
 constexpr char kNamePlaceholder[] = "{name}";
 constexpr char kAddressPlaceholder[] = "{address}";
 
@@ -121,8 +120,8 @@ std::string Replaced(std::string text, const std::string& what, const std::strin
 std::wstring NewName(const StandardPort& port, const std::string& format,
                      const PortRecords& records) {
     const std::string name = Replaced(Replaced(format, kAddressPlaceholder, AddressInUse(records)),
-                                      kNamePlaceholder, ToUtf8(port.name));
-    return ToWide(Checked(("the name '" + name + "'").c_str(), name, CheckPortName));
+                                      kNamePlaceholder, WideToUtf8(port.name));
+    return Utf8ToWide(Checked(("the name '" + name + "'").c_str(), name, CheckPortName));
 }
 
 const Queue* FindQueue(const std::vector<Queue>& queues, const std::wstring& name) {
@@ -192,13 +191,13 @@ void CompareWithPorts(SpoolerChannel& channel, std::vector<Migration>& plan) {
         });
         const auto there = std::find_if(names.begin(), names.end(), sameName);
         if (twice != plan.end()) {
-            migration.obstacle = ToUtf8(twice->from) + " would have the same name";
+            migration.obstacle = WideToUtf8(twice->from) + " would have the same name";
         } else if (there != names.end()) {
             migration.to = *there;
             migration.isThere = SameSettings(ReadPort(channel, *there), migration.records);
             if (!migration.isThere) {
                 migration.obstacle =
-                    "port " + ToUtf8(*there) + " already exists with other settings";
+                    "port " + WideToUtf8(*there) + " already exists with other settings";
             }
         } else if (std::any_of(others.begin(), others.end(), sameName)) {
             migration.obstacle = NameTaken(migration.to).what();
@@ -215,12 +214,12 @@ std::vector<StandardPort> WantedPorts(SpoolerChannel& channel,
         names.push_back(port.name);
     }
     for (const std::wstring& pattern : wanted) {
-        if (Meant(names, {pattern}, true).empty()) {
-            throw CommandFailed("there is no standard TCP/IP port " + ToUtf8(pattern),
+        if (MatchPorts(names, {pattern}, true).empty()) {
+            throw CommandFailed("there is no standard TCP/IP port " + WideToUtf8(pattern),
                                 Remedy::ListStandardPorts);
         }
     }
-    const std::vector<std::wstring> meant = Meant(names, wanted, true);
+    const std::vector<std::wstring> meant = MatchPorts(names, wanted, true);
     std::erase_if(ports, [&meant](const StandardPort& port) {
         return std::find(meant.begin(), meant.end(), port.name) == meant.end();
     });
@@ -257,7 +256,7 @@ std::vector<Migration> PlanMigration(SpoolerChannel& channel, const MigrationWis
             migration.obstacle = failed.what();
         }
     };
-    ForEach(ports.size(), kAtOnce, planOne, [&](size_t done) { tell(done, ports.size()); });
+    ForEach(ports.size(), kPrintersAtOnce, planOne, [&](size_t done) { tell(done, ports.size()); });
     CompareWithPorts(channel, plan);
     for (Migration& migration : plan) {
         migration.busy = BusyQueues(queues, migration.queues);
@@ -338,10 +337,10 @@ MigrationResult Undo(SpoolerChannel& channel, const Migration& migration, bool d
             return std::ranges::find(result.moved, queue) != result.moved.end();
         });
         if (!users.empty()) {
-            result.failure = "port " + ToUtf8(migration.to) + " stays: " + JoinedNames(users) +
+            result.failure = "port " + WideToUtf8(migration.to) + " stays: " + JoinedNames(users) +
                              (users.size() == 1 ? " prints" : " print") + " to it";
         } else if (!IsAsMade(ReadPort(channel, *there), migration.records)) {
-            result.failure = "port " + ToUtf8(migration.to) +
+            result.failure = "port " + WideToUtf8(migration.to) +
                              " stays: its settings were changed since the migration";
         } else {
             if (!dryRun) {

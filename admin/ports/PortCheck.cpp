@@ -4,11 +4,11 @@
 #include <ws2tcpip.h>
 
 #include <algorithm>
-#include <cctype>
 #include <future>
 #include <map>
 
 #include "address/AddressText.h"
+#include "base/Ascii.h"
 #include "base/CommandFailed.h"
 #include "admin/search/Hosts.h"
 #include "base/Parallel.h"
@@ -83,8 +83,8 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     hints.ai_family = IsIPv4AddressText(host) ? AF_INET : AF_INET6;
     hints.ai_socktype = SOCK_STREAM;
     UniqueAddressList addresses;
-    int error = getaddrinfo(WideToAnsi(ToWide(host)).c_str(),
-                            std::to_string(port).c_str(), &hints, addresses.Out());
+    int error = getaddrinfo(WideToAnsi(Utf8ToWide(host)).c_str(), std::to_string(port).c_str(),
+                            &hints, addresses.Out());
     if (error != 0) {
         return {ErrorText(static_cast<DWORD>(error)), took()};
     }
@@ -103,17 +103,11 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     return {ConnectionError(error), took(), error == WSAETIMEDOUT};
 }
 
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
-
 // What a port recognises its printer by.
 struct Keys {
     explicit Keys(const PortRecords& records)
         : mac(MacText(MacAddress(FieldText(records.extended.sztHWAddress)))),
-          hostName(Lower(FieldText(records.standard.sztHostAddress))) {}
+          hostName(ToLower(FieldText(records.standard.sztHostAddress))) {}
 
     bool Any() const { return !mac.empty() || !hostName.empty(); }
 
@@ -127,7 +121,7 @@ bool IsAnother(const Keys& port, const PrinterIdentity& printer) {
         return port.mac != printer.mac;
     }
     return !port.hostName.empty() && !printer.hostName.empty() &&
-           port.hostName != Lower(printer.hostName);
+           port.hostName != ToLower(printer.hostName);
 }
 
 // The same text for two spellings of one address; a host name in lower case.
@@ -135,7 +129,7 @@ std::string AddressKey(const std::string& host) {
     const IPAddress address(host);
     return address.IsValid() ? std::string(reinterpret_cast<const char*>(address.GetBytes()),
                                            address.GetType() == IPV4 ? 4 : 16)
-                             : Lower(host);
+                             : ToLower(host);
 }
 
 bool IsToBeLocated(const CheckedPort& port) {
@@ -343,7 +337,7 @@ std::string FindOwnPrinter(const PortRecords& records,
     }
     if (address.empty() && !port.hostName.empty()) {
         address = by([&](const PrinterIdentity& printer) {
-            return Lower(printer.hostName) == port.hostName;
+            return ToLower(printer.hostName) == port.hostName;
         });
     }
     return address;

@@ -3,10 +3,10 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cctype>
 #include <optional>
 
 #include "address/AddressText.h"
+#include "base/Ascii.h"
 #include "base/CommandFailed.h"
 #include "admin/ports/Following.h"
 #include "base/Text.h"
@@ -16,12 +16,6 @@ namespace {
 
 // Bytes: more than any setting has, and not too many for a message.
 constexpr size_t kLongestValue = 512;
-
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
 
 // In lower case.
 bool IsYes(const std::string& text) {
@@ -71,7 +65,7 @@ class RowReader {
 
     std::optional<bool> Truth(const char* column) {
         const auto text = Text(column, [](std::string& cell) {
-            cell = Lower(cell);
+            cell = ToLower(cell);
             return IsYes(cell) || IsNo(cell) ? "" : "is '" + cell + "', not yes or no";
         });
         return text ? std::optional(IsYes(*text)) : std::nullopt;
@@ -88,7 +82,7 @@ class RowReader {
 };
 
 std::string CheckProtocol(std::string& text) {
-    text = Lower(text);
+    text = ToLower(text);
     return text == "raw" || text == "lpr" ? "" : "is '" + text + "', not raw or lpr";
 }
 
@@ -101,7 +95,7 @@ std::string CheckAddress(std::string& text) {
 
 // yes, no, or a host.
 std::string CheckFollow(std::string& text) {
-    if (const std::string lower = Lower(text); IsYes(lower) || IsNo(lower)) {
+    if (const std::string lower = ToLower(text); IsYes(lower) || IsNo(lower)) {
         text = lower;
         return {};
     }

@@ -35,7 +35,7 @@ Migration PlanRename(SpoolerChannel& channel, const std::wstring& name,
     const std::vector<Queue> queues = channel.Queues();
     plan.queues = QueuesOn(queues, plan.from);
     if (const auto busy = BusyQueues(queues, plan.queues); !busy.empty()) {
-        throw CommandFailed("port " + ToUtf8(plan.from) +
+        throw CommandFailed("port " + WideToUtf8(plan.from) +
                             " cannot be renamed: print jobs wait in " + JoinedNames(busy) +
                             ". Repeat the command when they are printed");
     }
@@ -53,9 +53,9 @@ void RenamePort(SpoolerChannel& channel, const Migration& plan) {
         const MigrationResult back = Undo(channel, plan);
         failure += !back.failure.empty() ? "; not all changes could be undone: " + back.failure
                    : !back.waiting.empty()
-                       ? "; not moved back from port " + ToUtf8(plan.to) +
+                       ? "; not moved back from port " + WideToUtf8(plan.to) +
                              ": print jobs arrived in " + JoinedNames(back.waiting)
                        : "; all changes were undone";
     }
-    throw CommandFailed("port " + ToUtf8(plan.from) + " cannot be renamed: " + failure);
+    throw CommandFailed("port " + WideToUtf8(plan.from) + " cannot be renamed: " + failure);
 }

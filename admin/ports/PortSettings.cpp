@@ -26,7 +26,7 @@ constexpr size_t kPortNameRoom = Room(kEmpty.standard.sztPortName);
 
 template <size_t Size>
 void SetField(WCHAR (&field)[Size], const std::string& text) {
-    const std::wstring wide = ToWide(text);
+    const std::wstring wide = Utf8ToWide(text);
     std::fill(std::begin(field), std::end(field), L'\0');
     wide.copy(field, Room(field));
 }
@@ -141,7 +141,7 @@ std::string CheckPortName(std::string& text) {
     if (text.find(',') != std::string::npos) {
         return "must not contain a comma, because the spooler separates ports by commas";
     }
-    if (IsSpoolerPseudoPort(ToWide(text).c_str())) {
+    if (IsSpoolerPseudoPort(Utf8ToWide(text).c_str())) {
         return "is a name of the spooler's own network ports, which the monitor skips when it "
                "starts";
     }

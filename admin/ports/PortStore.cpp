@@ -15,7 +15,7 @@ auto WithName(const std::vector<std::wstring>& names, const std::wstring& name) 
 }
 
 void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords records) {
-    const std::string failure = "port " + ToUtf8(name) + " cannot be configured";
+    const std::string failure = "port " + WideToUtf8(name) + " cannot be configured";
     if (name.size() >= std::size(records.standard.sztPortName)) {
         throw CommandFailed(failure + ": its name is too long for the configuration record");
     }
@@ -24,8 +24,9 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     std::ranges::fill(records.extended.sztPortName, L'\0');
     name.copy(records.standard.sztPortName, name.size());
     name.copy(records.extended.sztPortName, name.size());
-    RequireSuccess(channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
-            failure);
+    RequireSuccess(
+        channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
+        failure);
     RequireSuccess(
         channel.Xcv(L"SetConfigExData", &records.extended, sizeof(records.extended), nullptr, 0),
         failure);
@@ -47,7 +48,7 @@ std::string TakeBack(SpoolerChannel& channel, const std::vector<PortStep>& steps
                 DeletePort(channel, steps[count].name);
             }
         } catch (const CommandFailed&) {
-            stay += (stay.empty() ? "" : ", ") + ToUtf8(steps[count].name);
+            stay += (stay.empty() ? "" : ", ") + WideToUtf8(steps[count].name);
         }
     }
     return stay;
@@ -64,34 +65,34 @@ std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstri
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
     const auto found = PortCalled(channel, name);
     if (!found) {
-        throw CommandFailed("there is no port " + ToUtf8(name), Remedy::ListPorts);
+        throw CommandFailed("there is no port " + WideToUtf8(name), Remedy::ListPorts);
     }
     return *found;
 }
 
-std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
-                                const std::vector<std::wstring>& wanted, bool mayMiss) {
-    std::vector<bool> isMeant(names.size(), wanted.empty());
+std::vector<std::wstring> MatchPorts(const std::vector<std::wstring>& names,
+                                     const std::vector<std::wstring>& wanted, bool mayMiss) {
+    std::vector<bool> isMatched(names.size(), wanted.empty());
     for (const std::wstring& pattern : wanted) {
         // A port may be called like a pattern; then only it is meant.
         const auto exact = WithName(names, pattern);
         bool any = exact != names.end();
         if (any) {
-            isMeant[static_cast<size_t>(exact - names.begin())] = true;
+            isMatched[static_cast<size_t>(exact - names.begin())] = true;
             continue;
         }
         for (size_t i = 0; i < names.size(); ++i) {
             if (MatchesPattern(names[i], pattern)) {
-                isMeant[i] = any = true;
+                isMatched[i] = any = true;
             }
         }
         if (!any && !mayMiss) {
-            throw CommandFailed("there is no port " + ToUtf8(pattern), Remedy::ListPorts);
+            throw CommandFailed("there is no port " + WideToUtf8(pattern), Remedy::ListPorts);
         }
     }
     std::vector<std::wstring> ports;
     for (size_t i = 0; i < names.size(); ++i) {
-        if (isMeant[i]) {
+        if (isMatched[i]) {
             ports.push_back(names[i]);
         }
     }
@@ -100,7 +101,7 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
 
 std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
                                     const std::vector<std::wstring>& wanted, bool mayMiss) {
-    return Meant(channel.PortNames(), wanted, mayMiss);
+    return MatchPorts(channel.PortNames(), wanted, mayMiss);
 }
 
 std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& ports,
@@ -115,21 +116,21 @@ std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& port
 std::string JoinedNames(const std::vector<std::wstring>& names) {
     std::string text;
     for (const std::wstring& name : names) {
-        text += (text.empty() ? "" : ", ") + ToUtf8(name);
+        text += (text.empty() ? "" : ", ") + WideToUtf8(name);
     }
     return text;
 }
 
 CommandFailed NameTaken(const std::wstring& name) {
-    return CommandFailed(
-        "the name " + ToUtf8(name) + " belongs to a port of another monitor. Choose another name",
-        Remedy::ChooseName);
+    return CommandFailed("the name " + WideToUtf8(name) +
+                             " belongs to a port of another monitor. Choose another name",
+                         Remedy::ChooseName);
 }
 
 namespace {
 void RequireNoOwnPort(SpoolerChannel& channel, const std::wstring& name, Remedy remedy) {
     if (const auto there = PortCalled(channel, name)) {
-        throw CommandFailed("port " + ToUtf8(*there) + " already exists", remedy, *there);
+        throw CommandFailed("port " + WideToUtf8(*there) + " already exists", remedy, *there);
     }
 }
 }  // namespace
@@ -148,7 +149,7 @@ void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecord
     if (code == ERROR_ALREADY_EXISTS) {
         throw NameTaken(name);
     }
-    RequireSuccess(code, "port " + ToUtf8(name) + " cannot be added");
+    RequireSuccess(code, "port " + WideToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
     } catch (const CommandFailed& failed) {
@@ -181,8 +182,8 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
     }
 }
 
-void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
-           const std::function<void(size_t)>& tell) {
+void ApplyAllOrNothing(SpoolerChannel& channel, const std::vector<PortStep>& steps,
+                       const std::function<void(size_t)>& tell) {
     size_t done = 0;
     try {
         for (; done < steps.size(); ++done) {
@@ -211,8 +212,8 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
     const DWORD code = SendPortName(channel, L"DeletePort", name);
     if (code == ERROR_BUSY) {
-        throw CommandFailed("port " + ToUtf8(name) + " is in use by a printer",
+        throw CommandFailed("port " + WideToUtf8(name) + " is in use by a printer",
                             Remedy::MovePrinter);
     }
-    RequireSuccess(code, "port " + ToUtf8(name) + " cannot be deleted");
+    RequireSuccess(code, "port " + WideToUtf8(name) + " cannot be deleted");
 }

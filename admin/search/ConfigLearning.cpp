@@ -6,6 +6,7 @@
 
 #include "address/AddressText.h"
 #include "address/MacAddress.h"
+#include "base/Ascii.h"
 #include "base/CommandFailed.h"
 #include "admin/search/PrinterIdentity.h"
 #include "base/Text.h"
@@ -18,18 +19,8 @@ constexpr size_t kAttributes = 500;  // of one answer; printers have some dozens
 constexpr size_t kShown = 96;        // bytes of a value, in a remark
 constexpr size_t kNamesAsked = 8;    // a printer is not to have us ask for thousands of names
 
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char letter) { return std::tolower(letter); });
-    return text;
-}
-
-bool SameTag(const std::string& one, const std::string& other) {
-    return Lower(one) == Lower(other);
-}
-
 bool HasOneOf(const std::string& tag, std::initializer_list<const char*> words) {
-    const std::string lower = Lower(tag);
+    const std::string lower = ToLower(tag);
     return std::any_of(words.begin(), words.end(), [&lower](const char* word) {
         return lower.find(word) != std::string::npos;
     });
@@ -59,8 +50,9 @@ SLPBoolean TakeAnswer(SLPHandle, const char* list, SLPError code, void* cookie) 
             // Of two alike the first counts, for the search as well.
             const std::string tag(attribute->tag);
             if (attribute->whole &&
-                std::none_of(attributes.begin(), attributes.end(),
-                             [&](const auto& other) { return SameTag(other.first, tag); })) {
+                std::none_of(attributes.begin(), attributes.end(), [&](const auto& other) {
+                    return EqualsIgnoreCase(other.first, tag);
+                })) {
                 attributes.emplace_back(tag, slp::Unescape(attribute->value));
             }
         }
@@ -274,8 +266,9 @@ class Learner {
         }
         const auto best =
             std::max_element(all.begin(), all.end(), [&](const Candidate& a, const Candidate& b) {
-                return a.rank < b.rank || (a.rank == b.rank && !SameTag(a.tag, present_[element]) &&
-                                           SameTag(b.tag, present_[element]));
+                return a.rank < b.rank ||
+                       (a.rank == b.rank && !EqualsIgnoreCase(a.tag, present_[element]) &&
+                        EqualsIgnoreCase(b.tag, present_[element]));
             });
         learned_.elements[element] = {best->tag, Shown(best->value), best->why, true};
         if (element == kDeviceIdKey) {
@@ -284,7 +277,7 @@ class Learner {
         for (auto other = all.begin(); other != all.end(); ++other) {
             if (other != best) {
                 const char* reason = other->rank < best->rank ? "by tag and value the better one"
-                                     : SameTag(best->tag, present_[element])
+                                     : EqualsIgnoreCase(best->tag, present_[element])
                                          ? "as the file has it"
                                          : "the first of the two";
                 learned_.remarks.push_back(Quoted(other->tag) + " fits <" + NameOf(element) +
@@ -385,12 +378,13 @@ SearchSettings KeepPresent(const LearnedSettings& learned, const SearchAnswer& a
         return !present[element].empty() &&
                std::none_of(answer.attributes.begin(), answer.attributes.end(),
                             [&](const auto& attribute) {
-                                return SameTag(attribute.first, present[element]);
+                                return EqualsIgnoreCase(attribute.first, present[element]);
                             });
     };
     const auto keep = [&](SearchElement element) { settings[element] = present[element]; };
     const auto isNew = [&](SearchElement element) {
-        return elements[element].recognised && !SameTag(elements[element].value, present[element]);
+        return elements[element].recognised &&
+               !EqualsIgnoreCase(elements[element].value, present[element]);
     };
     if (isNew(kIpAddrKey) && isFree(kIpAddrKey)) {
         settings[kIpAddr2Key] = settings[kIpAddrKey];

@@ -18,7 +18,7 @@ Network& StartedNetwork() {
 
 IPAddress Resolve(const Network& network, const std::string& name) {
     IPAddress address;
-    const std::string ansi = WideToAnsi(ToWide(name));
+    const std::string ansi = WideToAnsi(Utf8ToWide(name));
     if (network.GetIpAddress(ansi, address) != 0 || !address.IsValid()) {
         throw CommandFailed("the name '" + name +
                             "' could not be resolved. Check the spelling, and with `nslookup " +

@@ -10,7 +10,7 @@ std::string CheckStoredText(const std::string& text, size_t room) {
     if (text.empty()) {
         return "must not be empty";
     }
-    const size_t length = ToWide(text).size();
+    const size_t length = Utf8ToWide(text).size();
     if (length > room) {
         return "is too long: " + std::to_string(length) + " characters, " + std::to_string(room) +
                " fit";
@@ -51,8 +51,9 @@ std::string CheckMacAddress(std::string& text) {
     if (digits.empty()) {
         digits = text;
     }
-    std::ranges::transform(digits, digits.begin(),
-                           [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 32) : c; });
+    std::ranges::transform(digits, digits.begin(), [](char c) {
+        return c >= 'a' && c <= 'f' ? static_cast<char>(c - 32) : c;
+    });
     if (!IsMacAddressText(digits)) {
         return "'" + text + "' is not a MAC address. Use, for example, 00:04:00:4a:1b:2c";
     }

@@ -17,8 +17,8 @@ using PrinterIdentifier = std::function<PrinterIdentity(const std::string& host)
 // How many characters a port stores of the printer's host name.
 constexpr size_t kHostNameRoom = 48;
 
-// The checks of values that a port stores. Each takes the text as it was given (UTF-8), may bring it
-// into the form that is stored, and returns what is wrong with it, or nothing. "none" clears the
+// The checks of values that a port stores. Each takes the text as it was given (UTF-8), may bring
+// it into the form that is stored, and returns what is wrong with it, or nothing. "none" clears the
 // value; the check of a value that cannot be cleared returns that.
 std::string CheckHostName(std::string& text);
 std::string CheckMacAddress(std::string& text);  // stored as twelve digits; "none" as no text

@@ -38,7 +38,7 @@ UniqueLibrary InstalledMonitor() {
     Config::SetModule(monitor.Get());
     if (!file.empty()) {
         if (!search.ConfigureFrom(file, modelPattern)) {
-            throw NoSearchFile(ToUtf8(file) + " is missing or is not well-formed XML");
+            throw NoSearchFile(WideToUtf8(file) + " is missing or is not well-formed XML");
         }
     } else if (!search.Configure(modelPattern)) {
         throw NoSearchFile(

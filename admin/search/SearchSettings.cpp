@@ -10,6 +10,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/Ascii.h"
 #include "base/CommandFailed.h"
 #include "base/Text.h"
 #include "base/Handles.h"
@@ -21,8 +22,7 @@ constexpr size_t kLargestFile = 1 << 16;  // bytes
 constexpr size_t kMostTags = 1000;        // no real file has nearly as many
 constexpr size_t kKeyLength = 3;          // of the identifier's fields, "MDL"
 constexpr size_t kLongestTag = 100;       // of an attribute, in the file
-constexpr char kBlanks[] = " \t\r\n";
-constexpr size_t kDepth = 4;  // of elements within elements that are looked at
+constexpr size_t kDepth = 4;              // of elements within elements that are looked at
 constexpr int kKeptFiles = 100;
 
 constexpr struct {
@@ -50,13 +50,6 @@ constexpr struct {
      "The three-letter key of the description in it."},
 };
 static_assert(std::size(kElements) == kSearchElements);
-
-std::string Trimmed(const std::string& text) {
-    const size_t begin = text.find_first_not_of(kBlanks);
-    return begin == std::string::npos
-               ? ""
-               : text.substr(begin, text.find_last_not_of(kBlanks) + 1 - begin);
-}
 
 std::string Named(const std::string& name) {
     return '<' + Printable(name) + '>';
@@ -146,7 +139,8 @@ class Check {
   public:
     Check(SearchFile& file, const std::array<size_t, kSearchElements>& lines)
         : file_(file), lines_(lines) {
-        std::transform(file.values.begin(), file.values.end(), values_.begin(), Trimmed);
+        std::transform(file.values.begin(), file.values.end(), values_.begin(),
+                       [](const std::string& value) { return Trim(value); });
     }
 
     void All() {
@@ -298,29 +292,29 @@ std::string ReadWhole(const std::wstring& path) {
                                       OPEN_EXISTING, 0, nullptr));
     LARGE_INTEGER size = {};
     if (!file || !GetFileSizeEx(file.Get(), &size)) {
-        throw CommandFailed(ToUtf8(path) + " cannot be read: " + ErrorText(GetLastError()));
+        throw CommandFailed(WideToUtf8(path) + " cannot be read: " + ErrorText(GetLastError()));
     }
     if (size.QuadPart > static_cast<LONGLONG>(kLargestFile)) {
-        throw CommandFailed(ToUtf8(path) + " is too long to be an SLPConf.xml");
+        throw CommandFailed(WideToUtf8(path) + " is too long to be an SLPConf.xml");
     }
     std::string content(static_cast<size_t>(size.QuadPart), '\0');
     DWORD count = 0;
     if (!ReadFile(file.Get(), content.data(), static_cast<DWORD>(content.size()), &count,
                   nullptr)) {
-        throw CommandFailed(ToUtf8(path) + " cannot be read: " + ErrorText(GetLastError()));
+        throw CommandFailed(WideToUtf8(path) + " cannot be read: " + ErrorText(GetLastError()));
     }
     content.resize(count);
     if (content.starts_with("\xFF\xFE")) {  // UTF-16, as the system's editor may save it
         std::wstring wide(content.size() / sizeof(wchar_t), L'\0');
         content.copy(reinterpret_cast<char*>(wide.data()), wide.size() * sizeof(wchar_t));
-        content = ToUtf8(wide.substr(1));
+        content = WideToUtf8(wide.substr(1));
     }
     return content;
 }
 
 [[noreturn]] void FailToWrite(const std::wstring& path) {
     const DWORD code = GetLastError();
-    throw CommandFailed(ToUtf8(path) + " cannot be written: " + ErrorText(code),
+    throw CommandFailed(WideToUtf8(path) + " cannot be written: " + ErrorText(code),
                         code == ERROR_ACCESS_DENIED ? Remedy::RunAsAdministrator : Remedy::None);
 }
 
@@ -347,7 +341,7 @@ std::wstring Keep(const std::wstring& path) {
     const int number = LatestKept(path) + 1;
     if (number > kKeptFiles) {
         throw CommandFailed("There are " + std::to_string(kKeptFiles) + " kept files beside " +
-                            ToUtf8(path) + ". Delete those that you do not need");
+                            WideToUtf8(path) + ". Delete those that you do not need");
     }
     const std::wstring kept = KeptPath(path, number);
     if (CopyFileW(path.c_str(), kept.c_str(), TRUE)) {
@@ -441,7 +435,7 @@ std::string TagProblem(const std::string& tag) {
         return "has a character that no attribute's tag can have here: brackets, commas, "
                "comparisons, or one beyond ASCII";
     }
-    return Trimmed(tag) == tag ? "" : "has blanks around it";
+    return Trim(tag) == tag ? "" : "has blanks around it";
 }
 
 const char* GroupOf(const std::string& version) {
@@ -497,8 +491,8 @@ std::wstring NewSearchFile::Install() {
 std::wstring PreviousFile(const std::wstring& path) {
     const int number = LatestKept(path);
     if (number == 0) {
-        throw CommandFailed("There is no previous version of " + ToUtf8(path) + ": no file " +
-                            ToUtf8(KeptPath(path, 1)));
+        throw CommandFailed("There is no previous version of " + WideToUtf8(path) + ": no file " +
+                            WideToUtf8(KeptPath(path, 1)));
     }
     return KeptPath(path, number);
 }

@@ -85,11 +85,11 @@ FileVersion CheckPackage(const fs::path& package, const fs::path& folder) {
             throw CommandFailed(
                 Name(file) +
                     (Exists(file) ? " is damaged, or not kestmon's, in " : " is missing in ") +
-                    ToUtf8(package.native()),
+                    WideToUtf8(package.native()),
                 Remedy::UnpackRelease);
         }
         if (release && release->number != version->number) {
-            throw CommandFailed("the files in " + ToUtf8(package.native()) +
+            throw CommandFailed("the files in " + WideToUtf8(package.native()) +
                                     " are of different releases, " + release->Text() + " and " +
                                     version->Text() + " (" + Name(file) + ")",
                                 Remedy::UnpackRelease);
@@ -97,7 +97,7 @@ FileVersion CheckPackage(const fs::path& package, const fs::path& folder) {
         release = version;
     }
     if (!Exists(package / kConfigurationFile)) {
-        throw CommandFailed("SLPConf.xml is missing in " + ToUtf8(package.native()),
+        throw CommandFailed("SLPConf.xml is missing in " + WideToUtf8(package.native()),
                             Remedy::UnpackRelease);
     }
     return *release;
@@ -111,7 +111,7 @@ void CheckSpace(const Plan& plan, const fs::path& folder) {
     }
     const fs::space_info space = fs::space(folder, error);
     if (!error && space.available < needed) {
-        throw CommandFailed("there is no room in " + ToUtf8(folder.native()) + ": " +
+        throw CommandFailed("there is no room in " + WideToUtf8(folder.native()) + ": " +
                             std::to_string(needed >> 20) + " MB are needed");
     }
 }
@@ -126,7 +126,7 @@ void PlanLibraries(Plan& plan, Machine& machine, const fs::path& package,
         }
         const std::optional<FileVersion> installed = ReadFileVersion(file.target);
         if (Exists(file.target) && !force && (!installed || !installed->ours)) {
-            throw CommandFailed(ToUtf8(file.target.native()) +
+            throw CommandFailed(WideToUtf8(file.target.native()) +
                                     " is damaged, or another product's: see what it is, and "
                                     "whether something needs it",
                                 Remedy::Force);
@@ -171,10 +171,10 @@ void PlanConfiguration(Plan& plan, const fs::path& package, const fs::path& fold
 void CopyFiles(const Plan& plan, Machine& machine, Undo& undo, const Report& report) {
     for (const NewFile& file : plan.files) {
         const fs::path copy = CopyName(file.target);
-        undo.Add("delete " + ToUtf8(copy.native()),
+        undo.Add("delete " + WideToUtf8(copy.native()),
                  [&machine, &report, copy] { return Discard(machine, copy, report); });
         Require(machine.Copy(file.source, copy),
-                Name(file.source) + " cannot be copied to " + ToUtf8(copy.native()));
+                Name(file.source) + " cannot be copied to " + WideToUtf8(copy.native()));
     }
 }
 
@@ -182,7 +182,7 @@ void CopyFiles(const Plan& plan, Machine& machine, Undo& undo, const Report& rep
 void SwapFiles(const Plan& plan, Machine& machine, Undo& undo) {
     const auto move = [&machine, &undo](const fs::path& from, const fs::path& to) {
         Require(machine.Move(from, to), Name(from) + " cannot be renamed to " + Name(to));
-        undo.Add("rename " + ToUtf8(to.native()) + " to " + Name(from),
+        undo.Add("rename " + WideToUtf8(to.native()) + " to " + Name(from),
                  [&machine, from, to] { return machine.Move(to, from); });
     };
     for (const NewFile& file : plan.files) {
@@ -200,7 +200,7 @@ bool Register(Machine& machine, Undo& undo) {
     const std::wstring driver = RegisteredDriver(machine.PrintKey());
     const bool hadDriver = !driver.empty();
     if (hadDriver && lstrcmpiW(driver.c_str(), kMonitorLibrary) != 0) {
-        throw CommandFailed("the registry names " + ToUtf8(driver) +
+        throw CommandFailed("the registry names " + WideToUtf8(driver) +
                             " as the monitor's library: at Control\\Print\\Monitors\\kestmon, set "
                             "Driver to kestmon.dll first");
     }
@@ -305,7 +305,7 @@ void DiscardOldFiles(const Plan& plan, Machine& machine, const Report& report) {
     for (const NewFile& file : plan.files) {
         for (const fs::path& old : Remains(file.target)) {
             if (const DWORD code = Discard(machine, old, report); code != ERROR_SUCCESS) {
-                report("  " + ToUtf8(old.native()) + " stays: " + ErrorText(code));
+                report("  " + WideToUtf8(old.native()) + " stays: " + ErrorText(code));
             }
         }
     }
@@ -324,7 +324,7 @@ void InstallMonitor(Machine& machine, const fs::path& package, const SetupOption
     const fs::path folder = machine.SystemFolder();
     CheckSpace(plan, folder);
     report((options.dryRun ? "would install kestmon " : "installing kestmon ") + plan.version +
-           " in " + ToUtf8(folder.native()));
+           " in " + WideToUtf8(folder.native()));
     std::ranges::for_each(lines, report);
     if (options.dryRun) {
         if (plan.stopSpooler) {

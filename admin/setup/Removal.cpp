@@ -57,7 +57,7 @@ std::vector<fs::path> InstalledFiles(Machine& machine, const Report& report) {
         if (Exists(file) && ours) {
             files.push_back(file);
         } else if (Exists(file)) {
-            report("  " + ToUtf8(file.native()) + " is not kestmon's, and stays");
+            report("  " + WideToUtf8(file.native()) + " is not kestmon's, and stays");
         }
         std::ranges::copy(Remains(file), std::back_inserter(files));
     };
@@ -73,7 +73,7 @@ std::vector<fs::path> InstalledFiles(Machine& machine, const Report& report) {
 void ReportRemoval(const std::vector<fs::path>& files, size_t ports, const Report& report) {
     report("would unregister the monitor and delete its ports: " + std::to_string(ports));
     for (const fs::path& file : files) {
-        report("would delete " + ToUtf8(file.native()));
+        report("would delete " + WideToUtf8(file.native()));
     }
     report("dry run: nothing was changed");
 }
@@ -86,7 +86,7 @@ std::string DiscardAll(Machine& machine, std::vector<fs::path> files, const Repo
     std::string failures;
     for (const fs::path& file : files) {
         if (const DWORD code = Discard(machine, file, report); code != ERROR_SUCCESS) {
-            failures += "; " + ToUtf8(file.native()) + ": " + ErrorText(code);
+            failures += "; " + WideToUtf8(file.native()) + ": " + ErrorText(code);
         }
     }
     return failures;
@@ -105,7 +105,8 @@ void CheckRemoval(Machine& machine, bool force) {
     std::string users;
     for (const StoredPort& port : StoredPorts(machine.PrintKey())) {
         for (const std::wstring& queue : QueuesOn(queues, port.name)) {
-            users += (users.empty() ? "" : ", ") + ToUtf8(queue) + " on " + ToUtf8(port.name);
+            users +=
+                (users.empty() ? "" : ", ") + WideToUtf8(queue) + " on " + WideToUtf8(port.name);
         }
     }
     if (!users.empty() && !force) {
@@ -129,7 +130,7 @@ void RemoveMonitor(Machine& machine, const SetupOptions& options, const Report& 
     report("the monitor is no longer registered; deleted ports: " + std::to_string(ports));
     const std::string failures = DiscardAll(machine, files, report);
     for (const auto& [folder, count] : LeftoverJobs(machine)) {
-        report("  " + ToUtf8(folder.native()) + " holds " + std::to_string(count) +
+        report("  " + WideToUtf8(folder.native()) + " holds " + std::to_string(count) +
                " files NPM*.tmp: data of jobs that a daemon never took, unless another program "
                "made them; look at them and delete them");
     }

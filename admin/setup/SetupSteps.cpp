@@ -30,7 +30,7 @@ bool Exists(const fs::path& path) {
 }
 
 std::string Name(const fs::path& path) {
-    return ToUtf8(path.filename().native());
+    return WideToUtf8(path.filename().native());
 }
 
 void Require(DWORD code, const std::string& failure) {
@@ -85,7 +85,7 @@ DWORD Discard(Machine& machine, const fs::path& file, const Report& report) {
     const DWORD code = machine.DeleteAtNextStart(left);
     if (code == ERROR_SUCCESS) {
         report("  " + Name(file) + " is still in use; Windows deletes it (" +
-               ToUtf8(left.native()) + ") at its next start");
+               WideToUtf8(left.native()) + ") at its next start");
     }
     return code;
 }
@@ -94,7 +94,7 @@ void SpoolerPause::Stop() {
     std::vector<std::wstring> services = machine_.RunningDependents();
     services.emplace_back(kSpoolerService);
     for (const std::wstring& name : services) {
-        const std::string text = ToUtf8(name);
+        const std::string text = WideToUtf8(name);
         report_("stopping " + text);
         if (std::ranges::find(stopped_, name) == stopped_.end()) {
             stopped_.push_back(name);  // one that stops too late is started again, too
@@ -107,7 +107,7 @@ void SpoolerPause::Stop() {
 DWORD SpoolerPause::Resume() {
     for (; !stopped_.empty(); stopped_.pop_back()) {
         const std::wstring name = stopped_.back();
-        const std::string text = ToUtf8(name);
+        const std::string text = WideToUtf8(name);
         report_("starting " + text);
         const DWORD code = machine_.Start(name, Patiently(report_, text));
         if (code != ERROR_SUCCESS) {
@@ -116,7 +116,7 @@ DWORD SpoolerPause::Resume() {
         }
         if (code != ERROR_SUCCESS && name == kSpoolerService) {
             for (size_t i = 0; i + 1 < stopped_.size(); ++i) {
-                report_("  then net start " + ToUtf8(stopped_[i]));
+                report_("  then net start " + WideToUtf8(stopped_[i]));
             }
             return code;
         }

@@ -24,12 +24,4 @@ TEST(SystemUtils, ErrorTextsAreOneLineEach) {
     EXPECT_EQ(system_helper::ErrorText(0xE0001234), "error 3758101044");
 }
 
-TEST(SystemUtils, TextIsConvertedWhole) {
-    const std::wstring wide = std::wstring(L"printer\0\u00e4", 9);
-    const std::string narrow = system_helper::ToNarrow(wide);
-    EXPECT_EQ(system_helper::ToWide(narrow), wide);
-    EXPECT_EQ(system_helper::ToNarrow(L""), "");
-    EXPECT_EQ(system_helper::ToNarrow(std::wstring(100000, L'x')), std::string(100000, 'x'));
-}
-
 }  // namespace

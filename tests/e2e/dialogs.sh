@@ -47,33 +47,33 @@ keys() { DISPLAY=$screen_display xdotool key --delay 50 "$@"; }
 write() { DISPLAY=$screen_display xdotool type --delay 50 "$1"; }
 
 say "add a port: an address is typed, and the printer there is followed"
-opens "Add a printer port" "2 printers answered." add-port kestmon
+opens "Add Printer Port" "2 printers were found." add-port kestmon
 keys alt+r
 write 10.77.1.20
 keys alt+n ctrl+a
 write OFFICE
-shows "Add a printer port" "by its MAC address 00:04:00:4A:1B:2C, or by its name prn-1"
+shows "Add Printer Port" "by its MAC address 00:04:00:4A:1B:2C or its host name prn-1"
 keys alt+a
 closes ok
 expect 0 '"address": "10.77.1.20"' kestctl port show OFFICE --json
 expect 0 '"mac": "0004004A1B2C"' kestctl port show OFFICE --json
 
 say "add a port: one of the list is picked, then all is cancelled"
-opens "Add a printer port" "2 printers answered." add-port kestmon
+opens "Add Printer Port" "2 printers were found." add-port kestmon
 keys alt+p Down
-shows "Add a printer port" "It is found again by"
+shows "Add Printer Port" "The printer is identified by"
 keys Escape
 closes "error 1223"
 expect 0 $'LPT3:\nOFFICE\nok' spooler ports
 
 say "a name that is taken is refused, another one is not"
-opens "Add a printer port" "2 printers answered." add-port kestmon
+opens "Add Printer Port" "2 printers were found." add-port kestmon
 keys alt+r
 write 10.77.1.31
 keys alt+n ctrl+a
 write office
 keys Return
-shows "Add a printer port" "There is a port of this name."
+shows "Add Printer Port" "A port with this name already exists."
 keys alt+n ctrl+a
 write LABELS
 keys Return
@@ -81,7 +81,7 @@ closes ok
 expect 0 $'LABELS\nOFFICE\nok' spooler ports
 
 say "configure a port"
-opens "Configure port LABELS" "10.77.1.31" configure-port LABELS
+opens "Configure Port LABELS" "10.77.1.31" configure-port LABELS
 keys alt+l alt+q
 write zebra
 keys Return
@@ -90,30 +90,30 @@ expect 0 "lpr to 10.77.1.31:515, queue zebra" kestctl port list
 expect 0 ok spooler add-printer Laser LABELS
 
 say "a port that a printer uses is not deleted, another one is"
-opens "Delete port" "Laser" delete-port LABELS
+opens "Delete Port" "Laser" delete-port LABELS
 keys Escape
 closes "error 1223"
-opens "Delete port" "Delete the port OFFICE?" delete-port OFFICE
+opens "Delete Port" "delete the port OFFICE?" delete-port OFFICE
 keys alt+d
 closes ok
 expect 0 $'LPT3:\nLABELS\nok' spooler ports
 
 # refused TEXT: each dialog reports this, and closes.
 refused() {
-    opens "Add a printer port" "$1" add-port kestmon
+    opens "Add Printer Port" "$1" add-port kestmon
     keys Return
     closes "error 1223"
-    opens "Configure port" "$1" configure-port LABELS
+    opens "Configure Port" "$1" configure-port LABELS
     keys Return
     closes "error 1223"
-    opens "Delete port" "$1" delete-port LABELS
+    opens "Delete Port" "$1" delete-port LABELS
     keys Return
     closes "error 1223"
 }
 
 say "access is denied"
 export SPOOLER_REFUSES=access
-refused "This takes the right to manage the print server."
+refused "You need permission to manage the print server."
 
 say "the spooler gives no channel to the monitor"
 export SPOOLER_REFUSES=channel

@@ -41,7 +41,7 @@ std::string State(FakeMonitor& monitor) {
     std::string text = Kestctl(monitor, {"port", "export"});
     for (const Queue& queue : monitor.queues) {
         for (const std::wstring& port : queue.ports) {
-            text += ToUtf8(queue.name + L" " + port) + "\n";
+            text += WideToUtf8(queue.name + L" " + port) + "\n";
         }
     }
     return text;

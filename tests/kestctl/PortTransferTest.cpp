@@ -194,8 +194,8 @@ TEST(PortTransfer, MessagesAreShortAndNameTheirSource) {
     FakeMonitor monitor;
     const std::string huge(100000, 'x');
     const TempFile input(".in", "name,address," + huge + "\nA," + huge + "\n");
-    const UniqueFile opened(CreateFileW(ToWide(input.Name()).c_str(), GENERIC_READ, FILE_SHARE_READ,
-                                        nullptr, OPEN_EXISTING, 0, nullptr));
+    const UniqueFile opened(CreateFileW(Utf8ToWide(input.Name()).c_str(), GENERIC_READ,
+                                        FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
     const HANDLE before = GetStdHandle(STD_INPUT_HANDLE);
     SetStdHandle(STD_INPUT_HANDLE, opened.Get());
     const std::string failure = Failure(monitor, {"port", "import", "-"});

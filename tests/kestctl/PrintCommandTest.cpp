@@ -23,7 +23,7 @@ class PrintCommand : public testing::Test {
         content_ = content;
         std::ofstream(file_, std::ios::binary) << content;
     }
-    std::string File() const { return ToUtf8(file_.native()); }
+    std::string File() const { return WideToUtf8(file_.native()); }
 
     FakeMonitor monitor_;
     std::filesystem::path file_ =

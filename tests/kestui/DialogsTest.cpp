@@ -14,7 +14,7 @@
 #include "base/Text.h"
 #include "tests/kestui/Scene.h"
 #include "kestui/MonitorUI.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 #include "kestui/Texts.h"
 
 using testing::AllOf;
@@ -90,7 +90,7 @@ class User {
     int Rows() const { return ListView_GetItemCount(Control(IDC_LIST)); }
     void Await(UINT id, const std::wstring& part) const {
         EXPECT_TRUE(Eventually([&] { return Text(id).find(part) != std::wstring::npos; }))
-            << id << " says " << ToUtf8(Text(id)) << ", not " << ToUtf8(part);
+            << id << " says " << WideToUtf8(Text(id)) << ", not " << WideToUtf8(part);
     }
     void AwaitProblem(UINT text) const { Await(IDC_PROBLEM, kEnglish(text)); }
     // Closes the message box that says this.
@@ -106,7 +106,7 @@ class User {
         const HWND text = GetDlgItem(Window(), 0xFFFF);
         WCHAR shown[2048] = {};
         SendMessageW(text, WM_GETTEXT, 2048, reinterpret_cast<LPARAM>(shown));
-        return text == nullptr ? "" : ToUtf8(shown);
+        return text == nullptr ? "" : WideToUtf8(shown);
     }
 
   private:
@@ -184,7 +184,7 @@ TEST_F(Dialogs, APortForAPrinterThatIsPicked) {
     scene.monitor.ports[L"PRN-12"] = {};
     scene.printers[5].name = "evil\r\n\xE2\x80\xAEtxt";
     Add(scene, ERROR_SUCCESS, [&](const User& user) {
-        user.Await(IDC_STATUS, L"12 printers answered. One more did not");
+        user.Await(IDC_STATUS, L"12 printers were found. 1 more printer did not");
         user.Await(IDC_STATUS, L"not on \\\\PRINTSERVER");
         EXPECT_EQ(user.Rows(), 12);
         EXPECT_FALSE(user.Enabled(IDC_FOLLOW));
@@ -238,17 +238,17 @@ TEST_F(Dialogs, APortForAnAddressThatIsTyped) {
                                      UINT problem) { ExpectRefused(user, field, values, problem); };
         refused(IDC_ADDRESS, {L"", L"1.2.3", L"224.0.0.1", L"10.0.0.1:9100", L"a b", L"fd00::x"},
                 IDS_BAD_ADDRESS);
-        refused(IDC_ADDRESS, {L"nowhere.example"}, IDS_NO_SUCH_HOST);
+        refused(IDC_ADDRESS, {L"nowhere.example"}, IDS_UNRESOLVED_HOST);
         // It is asked when the field is left, and does not say who it is.
         user.Type(IDC_ADDRESS, L"10.9.9.9");
         user.Type(IDC_NAME, L"");
-        user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_SILENT));
+        user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_UNIDENTIFIED));
         EXPECT_FALSE(user.Enabled(IDC_FOLLOW) || user.Checked(IDC_FOLLOW));
         user.Type(IDC_ADDRESS, L"office.example");
         user.Type(IDC_NAME, L"x");
         user.Await(IDC_FOLLOW_NOTE, L"prn-1");
         refused(IDC_NAME, {L"", L"a,b", L"a\\b", std::wstring(64, L'x').c_str()}, IDS_BAD_NAME);
-        refused(IDC_NAME, {L"Ne01:"}, IDS_PSEUDO_NAME);
+        refused(IDC_NAME, {L"Ne01:"}, IDS_RESERVED_NAME);
         user.Type(IDC_NAME, L"OFFICE");
         EXPECT_FALSE(IsWindowVisible(user.Control(IDC_PORT)));
         user.Click(IDC_ADVANCED);
@@ -294,7 +294,7 @@ TEST_F(Dialogs, CancelledAtEachStep) {
              scene.silent = true;
              user.Type(IDC_ADDRESS, L"10.1.0.9");
              user.Press(IDC_ADD);
-             user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_ASKING));
+             user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_QUERYING));
          }},
     };
     for (const auto& [step, act] : steps) {
@@ -337,7 +337,7 @@ TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
         Add(scene, ERROR_CANCELLED, [&](const User& user) {
             user.PickTheOnly();
             user.Press(IDC_ADD);
-            user.Dismiss("right to manage the print server");
+            user.Dismiss("permission to manage the print server");
             EXPECT_TRUE(user.Enabled(IDC_ADD));
             user.Press(IDCANCEL);
         });
@@ -358,7 +358,7 @@ TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
     });
     // Who may not administer learns it at once.
     scene.monitor.failing[L"MonitorUI"] = ERROR_ACCESS_DENIED;
-    const auto dismiss = [](const User& user) { user.Dismiss("right to manage"); };
+    const auto dismiss = [](const User& user) { user.Dismiss("permission to manage"); };
     Add(scene, ERROR_CANCELLED, dismiss);
     Configure(scene, ERROR_CANCELLED, dismiss);
     Delete(scene, ERROR_CANCELLED, dismiss);
@@ -374,12 +374,14 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
     scene.monitor.ports[L"OFFICE"] = port;
     Configure(scene, ERROR_SUCCESS, [&](const User& user) {
         user.Await(IDC_ADDRESS, L"10.1.0.2");
-        user.Await(IDC_FOLLOW_NOTE, L"00:04:00:4A:00:4A, or by its name prn-2");
+        user.Await(IDC_FOLLOW_NOTE, L"00:04:00:4A:00:4A or its host name prn-2");
         user.Click(IDC_TEST);
-        user.Await(IDC_RESULT, L"10.1.0.2 takes connections at TCP port 515.\r\nIt is another");
+        user.Await(IDC_RESULT,
+                   L"10.1.0.2 accepts connections on TCP port 515.\r\nThe printer at this address "
+                   L"is 00:04");
         scene.silent = true;
         user.Click(IDC_TEST);
-        user.Await(IDC_RESULT, L"takes connections");
+        user.Await(IDC_RESULT, L"accepts connections");
         user.Click(IDC_STOP);
         user.Await(IDC_RESULT, L"Stopped.");
         scene.silent = false;
@@ -388,7 +390,9 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
         EXPECT_STREQ(scene.monitor.ports[L"OFFICE"].standard.sztIPAddress, L"10.1.0.2");
         scene.answers = false;
         user.Click(IDC_TEST);
-        user.Await(IDC_RESULT, L"does not answer at TCP port 515.\r\nIt is the printer that");
+        user.Await(IDC_RESULT,
+                   L"does not accept connections on TCP port 515.\r\nThe printer at this address "
+                   L"is the one");
         user.Press(IDOK);
     });
     wcscpy(port.standard.sztIPAddress, L"10.1.0.3");
@@ -412,7 +416,7 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
     Configure(scene, ERROR_CANCELLED, [&](const User& user) {
         user.Await(IDC_ADDRESS, L"10.1.0.3");
         user.Press(IDOK);
-        user.Dismiss("half changed");
+        user.Dismiss("Some of the settings may have been saved");
         user.Press(IDCANCEL);
     });
 }
@@ -431,12 +435,12 @@ TEST_F(Dialogs, DeletingAsks) {
     EXPECT_EQ(GetLastError(), DWORD{ERROR_BUSY});
     scene.monitor.queues.clear();
     Delete(scene, ERROR_CANCELLED, [](const User& user) {
-        user.Await(IDC_QUESTION, L"Delete the port OFFICE?");
+        user.Await(IDC_QUESTION, L"delete the port OFFICE?");
         user.Press(IDCANCEL);
     });
     EXPECT_EQ(scene.monitor.ports.size(), 1u);
     Delete(scene, ERROR_SUCCESS, [](const User& user) {
-        user.Await(IDC_QUESTION, L"Delete the port OFFICE?");
+        user.Await(IDC_QUESTION, L"delete the port OFFICE?");
         user.Press(IDC_DELETE);
     });
     EXPECT_THAT(scene.monitor.ports, IsEmpty());
@@ -510,23 +514,24 @@ TEST_F(Dialogs, NoTextIsCutAndNoMnemonicIsTwice) {
                 if (id >= IDC_PROGRESS && id < IDS_COLUMN_NAME) {
                     continue;
                 }
-                EXPECT_TRUE(Fits(control, shown)) << language << ": " << ToUtf8(shown);
+                EXPECT_TRUE(Fits(control, shown)) << language << ": " << WideToUtf8(shown);
                 if (const size_t at = shown.find(L'&'); at != std::wstring::npos) {
-                    EXPECT_TRUE(mnemonics.insert(towlower(shown[at + 1])).second) << ToUtf8(shown);
+                    EXPECT_TRUE(mnemonics.insert(towlower(shown[at + 1])).second)
+                        << WideToUtf8(shown);
                 }
             }
             const auto fits = [&](UINT control, UINT first, UINT last) {
                 for (UINT id = first; user.Control(control) != nullptr && id <= last; ++id) {
                     EXPECT_TRUE(Fits(user.Control(control), text(id)))
-                        << language << ": " << ToUtf8(text(id));
+                        << language << ": " << WideToUtf8(text(id));
                 }
             };
             fits(IDC_PROBLEM, IDS_BAD_ADDRESS, IDS_BAD_WORD);
-            fits(IDC_FOLLOW_NOTE, IDS_FOLLOW_PICK,
+            fits(IDC_FOLLOW_NOTE, IDS_FOLLOW_NO_ADDRESS,
                  user.Control(IDC_NAME) ? IDS_FOLLOW_NEITHER : IDS_FOLLOW_OLD_NAME);
-            fits(IDC_STATUS, IDS_SEARCHING_ONE, IDS_SEARCHES_HERE);
-            fits(IDC_RESULT, IDS_ANSWERS, IDS_FAILED);
-            fits(IDC_QUESTION, IDS_DELETE_ASKS, IDS_DELETE_USED);
+            fits(IDC_STATUS, IDS_SEARCHING_ONE, IDS_SEARCHED_LOCALLY);
+            fits(IDC_RESULT, IDS_CONNECTED, IDS_FAILED);
+            fits(IDC_QUESTION, IDS_DELETE_CONFIRM, IDS_DELETE_IN_USE);
             user.Press(IDCANCEL);
         };
         Add(scene, ERROR_CANCELLED, inspect);

@@ -7,7 +7,7 @@
 
 #include "tests/kestui/Scene.h"
 #include "kestui/MonitorUI.h"
-#include "kestui/Resource.h"
+#include "kestui/DialogIds.h"
 
 namespace {
 

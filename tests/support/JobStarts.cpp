@@ -23,14 +23,14 @@ bool PrintThrough(DirectChannel& spooler, const ControlJob& job, std::wstring po
     const MONITOR2& monitor = spooler.Table();
     HANDLE handle = nullptr;
     if (!monitor.pfnOpenPort(spooler.Monitor(), port.data(), &handle)) {
-        printf("%s: no such port\n", ToUtf8(port).c_str());
+        printf("%s: no such port\n", WideToUtf8(port).c_str());
         return false;
     }
     std::wstring printer = job.Printer();
     const auto begin = std::chrono::steady_clock::now();
     const bool started = monitor.pfnStartDocPort(handle, printer.data(), job.Id(), 1, nullptr);
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - begin;
-    printf("%s: %.0f ms%s\n", ToUtf8(port).c_str(), took.count(), started ? "" : ", failed");
+    printf("%s: %.0f ms%s\n", WideToUtf8(port).c_str(), took.count(), started ? "" : ", failed");
     DWORD written = 0;
     while (started && !bytes.empty() &&
            monitor.pfnWritePort(handle, reinterpret_cast<BYTE*>(bytes.data()),

@@ -60,8 +60,8 @@ bool PrintPrinters() {
     }
     const auto* printers = reinterpret_cast<const PRINTER_INFO_2W*>(buffer.data());
     for (DWORD i = 0; i < count; ++i) {
-        std::cout << ToUtf8(printers[i].pPrinterName) << ' ' << ToUtf8(printers[i].pPortName)
-                  << '\n';
+        std::cout << WideToUtf8(printers[i].pPrinterName) << ' '
+                  << WideToUtf8(printers[i].pPortName) << '\n';
     }
     return true;
 }
@@ -76,7 +76,7 @@ bool PrintPorts() {
     }
     const auto* ports = reinterpret_cast<const PORT_INFO_1W*>(buffer.data());
     for (DWORD i = 0; i < count; ++i) {
-        std::cout << ToUtf8(ports[i].pName) << '\n';
+        std::cout << WideToUtf8(ports[i].pName) << '\n';
     }
     return true;
 }
@@ -101,7 +101,7 @@ bool WaitForWindow(const std::wstring& title, const std::wstring& text) {
             return true;
         }
     }
-    std::cout << ToUtf8(shown);
+    std::cout << WideToUtf8(shown);
     return false;
 }
 

@@ -20,7 +20,7 @@ class TempFile {
     TempFile& operator=(const TempFile&) = delete;
 
     void Write(const std::string& text) const { std::ofstream(path_, std::ios::binary) << text; }
-    std::string Name() const { return ToUtf8(path_.native()); }
+    std::string Name() const { return WideToUtf8(path_.native()); }
 
   private:
     std::filesystem::path path_;

@@ -52,20 +52,20 @@ TEST(SpoolerService, SendsCommandsAndPassesTheirCodesOn) {
 std::vector<std::string> asked;
 
 BOOL WINAPI AskPrinters(DWORD which, LPWSTR server, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
-    asked.push_back((which == PRINTER_ENUM_NAME ? "printers " : "wrong ") + ToUtf8(server));
+    asked.push_back((which == PRINTER_ENUM_NAME ? "printers " : "wrong ") + WideToUtf8(server));
     return FALSE;
 }
 BOOL WINAPI AskPorts(LPWSTR server, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
-    asked.push_back("ports " + ToUtf8(server));
+    asked.push_back("ports " + WideToUtf8(server));
     return TRUE;
 }
 BOOL WINAPI AskMonitors(LPWSTR server, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
-    asked.push_back("monitors " + ToUtf8(server));
+    asked.push_back("monitors " + WideToUtf8(server));
     SetLastError(RPC_S_SERVER_UNAVAILABLE);
     return FALSE;
 }
 BOOL WINAPI AskForPrinter(LPWSTR name, LPHANDLE, LPPRINTER_DEFAULTSW) {
-    asked.push_back("open " + ToUtf8(name));
+    asked.push_back("open " + WideToUtf8(name));
     SetLastError(ERROR_ACCESS_DENIED);
     return FALSE;
 }
@@ -106,7 +106,7 @@ TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {
     const auto job = spooler.StartJob(port, L"document", L"");
     EXPECT_EQ(job->Write(reinterpret_cast<const BYTE*>("a job"), 5), 5u);
     job->End();
-    EXPECT_THAT(job->Outcome(), HasSubstr(ToUtf8(queue.Name())));
+    EXPECT_THAT(job->Outcome(), HasSubstr(WideToUtf8(queue.Name())));
     std::ifstream printed(port, std::ios::binary);
     EXPECT_EQ(std::string(std::istreambuf_iterator<char>(printed), {}), "a job");
     printed.close();

@@ -28,7 +28,8 @@ TEST(PortValues, AreStoredInOneForm) {
         {CheckIPv6Host, "printer-2.example.org", "printer-2.example.org"},
         {CheckPortName, "B\u00fcro 1", "B\u00fcro 1"},
         // Lengths count as the field counts them, not in bytes of UTF-8.
-        {CheckPortName, ToUtf8(std::wstring(63, L'\u00e4')), ToUtf8(std::wstring(63, L'\u00e4'))},
+        {CheckPortName, WideToUtf8(std::wstring(63, L'\u00e4')),
+         WideToUtf8(std::wstring(63, L'\u00e4'))},
         {CheckQueue, std::string(32, 'q'), std::string(32, 'q')},
         {CheckHostName, std::string(48, 'h'), std::string(48, 'h')},
     };

@@ -1,11 +1,11 @@
-#include "kestctl/FindWatch.h"
+#include "kestctl/Output.h"
 
 #include <gtest/gtest.h>
 #include <windows.h>
 
 namespace {
 
-TEST(FindWatch, NoticesThatItsOutputIsClosed) {
+TEST(Output, NoticesThatItsOutputIsClosed) {
     const HANDLE before = GetStdHandle(STD_OUTPUT_HANDLE);
     HANDLE reader = nullptr;
     HANDLE writer = nullptr;

@@ -1,5 +1,5 @@
-// Identifiers of kestui.dll's resources. A dialogue or control that shows a fixed text has that
-// text in the string tables under its own number.
+// Identifiers of the resources of kestui.dll. A dialog or control with a fixed text has that
+// text in the string tables under its own identifier.
 #pragma once
 
 #define IDD_ADD 1000
@@ -33,7 +33,7 @@
 #define IDC_OK_TEXT 1033
 #define IDC_PROGRESS 1034
 
-// Controls whose text is what the user, the port or the network says.
+// Controls whose text comes from the user, the port or the network.
 #define IDC_FIRST_VALUE 1100
 #define IDC_FILTER 1100
 #define IDC_LIST 1101
@@ -50,46 +50,46 @@
 #define IDC_QUESTION 1112
 #define IDC_QUEUES 1113
 
-// Texts. Those that count have the form for one right before the form for several.
+// Texts. A text with a count has the singular form right before the plural form.
 #define IDS_COLUMN_NAME 1200
 #define IDS_COLUMN_MODEL 1201
 #define IDS_COLUMN_ADDRESS 1202
 #define IDS_COLUMN_MAC 1203
 #define IDS_SEARCHING_ONE 1204
 #define IDS_SEARCHING 1205
-#define IDS_ANSWERED_ONE 1206
-#define IDS_ANSWERED 1207
-#define IDS_ANSWERED_NONE 1208
+#define IDS_PRINTERS_FOUND_ONE 1206
+#define IDS_PRINTERS_FOUND 1207
+#define IDS_NO_PRINTERS_FOUND 1208
 #define IDS_WITHOUT_ADDRESS_ONE 1209
 #define IDS_WITHOUT_ADDRESS 1210
 #define IDS_SEARCH_FAILED 1211
-#define IDS_SEARCHES_HERE 1212
+#define IDS_SEARCHED_LOCALLY 1212
 #define IDS_ADVANCED_SHOWN 1213
 #define IDS_CONFIGURE_TITLE 1214
 
 #define IDS_BAD_ADDRESS 1220
-#define IDS_NO_SUCH_HOST 1221
+#define IDS_UNRESOLVED_HOST 1221
 #define IDS_BAD_NAME 1222
-#define IDS_PSEUDO_NAME 1223
+#define IDS_RESERVED_NAME 1223
 #define IDS_NAME_TAKEN 1224
 #define IDS_BAD_NUMBER 1225
 #define IDS_BAD_WORD 1226
 
-#define IDS_FOLLOW_PICK 1230
-#define IDS_FOLLOW_ASKING 1231
-#define IDS_FOLLOW_SILENT 1232
+#define IDS_FOLLOW_NO_ADDRESS 1230
+#define IDS_FOLLOW_QUERYING 1231
+#define IDS_FOLLOW_UNIDENTIFIED 1232
 #define IDS_FOLLOW_BOTH 1233
 #define IDS_FOLLOW_MAC 1234
 #define IDS_FOLLOW_NAME 1235
 #define IDS_FOLLOW_NEITHER 1236
 #define IDS_FOLLOW_OLD_NAME 1237
 
-#define IDS_ANSWERS 1240
-#define IDS_ANSWERS_NOT 1241
+#define IDS_CONNECTED 1240
+#define IDS_NOT_CONNECTED 1241
 #define IDS_SAME_PRINTER 1242
 #define IDS_OTHER_PRINTER 1243
 #define IDS_UNKNOWN_PRINTER 1244
-#define IDS_NOT_IDENTIFIED 1245
+#define IDS_UNIDENTIFIED 1245
 #define IDS_TESTING 1246
 #define IDS_FINDING 1247
 #define IDS_FOUND 1248
@@ -98,11 +98,11 @@
 #define IDS_STOPPED 1251
 #define IDS_FAILED 1252
 
-#define IDS_DELETE_ASKS 1260
-#define IDS_DELETE_LOOKS 1261
-#define IDS_DELETE_USED 1262
+#define IDS_DELETE_CONFIRM 1260
+#define IDS_DELETE_CHECKING 1261
+#define IDS_DELETE_IN_USE 1262
 
-#define IDS_WRITING 1270
+#define IDS_SAVING 1270
 #define IDS_ADD_FAILED 1271
 #define IDS_CHANGE_FAILED 1272
 #define IDS_DELETE_FAILED 1273
@@ -112,9 +112,9 @@
 #define IDS_REMEDY_ADMINISTRATOR 1280
 #define IDS_REMEDY_SPOOLER 1281
 #define IDS_REMEDY_MONITOR 1282
-#define IDS_REMEDY_GONE 1283
-#define IDS_REMEDY_HALF 1284
-#define IDS_REMEDY_STAYS 1285
+#define IDS_REMEDY_REFRESH 1283
+#define IDS_REMEDY_RECONFIGURE 1284
+#define IDS_REMEDY_DELETE 1285
 #define IDS_REMEDY_MOVE 1286
 
 #define IDS_END 1290
