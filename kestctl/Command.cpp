@@ -30,6 +30,11 @@ CLI::App& AddGroup(CLI::App& app, const std::string& name, const std::string& de
     return group;
 }
 
+CLI::Option& AddText(CLI::App& command, const char* name, std::string& value,
+                     const char* description) {
+    return *command.add_option(name, value, description)->check(NotEmpty());
+}
+
 void AddJsonFlag(CLI::App& command, bool& wanted) {
     command.add_flag("--json", wanted, "Print JSON instead of text");
 }

@@ -36,6 +36,11 @@ AddedCommand<Arguments> AddCommand(CLI::App& group, const std::string& name,
 // Adds a group that needs one of its commands.
 CLI::App& AddGroup(CLI::App& app, const std::string& name, const std::string& description);
 
+// Adds an option or a positional argument that must not be empty: in a script, an empty text
+// usually comes from an unset variable.
+CLI::Option& AddText(CLI::App& command, const char* name, std::string& value,
+                     const char* description);
+
 // Add flags that many commands have.
 void AddJsonFlag(CLI::App& command, bool& wanted);
 void AddDryRunFlag(CLI::App& command, bool& wanted);
@@ -49,7 +54,7 @@ void Confirm(const std::string& question, bool yes, const std::string& refusal);
 // what is wrong with it, or nothing.
 CLI::Validator Checked(std::string (*check)(std::string&));
 
-// Refuses an empty text: in a script it usually comes from an unset variable.
+// Refuses an empty text.
 CLI::Validator NotEmpty();
 
 // Has the help of all commands fit a console; to be called before any command is added.

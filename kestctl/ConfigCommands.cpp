@@ -110,10 +110,24 @@ void PrintRecognition(const Recognition& result) {
     }
 }
 
+// Throws CommandFailed if the file has problems, or finds none of the printers.
+void RequireGood(const std::string& path, const SearchFile& file, const Recognition& recognised) {
+    if (const size_t problems = Problems(file); problems != 0) {
+        throw CommandFailed(
+            path + ": " + Count(problems, "problem") +
+            (file.wellFormed ? "" : ". The file is not used until it is corrected"));
+    }
+    if (recognised.failure.empty() && recognised.printers != 0 && recognised.found == 0) {
+        throw CommandFailed(path +
+                            ": a search with this file recognises no port's printer. Check that "
+                            "the printers are on. " +
+                            Advised("config learn ADDRESS") + " shows what one of them announces");
+    }
+}
+
 void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChannel) {
     const std::wstring path = PathOf(arguments);
     const SearchFile file = ReadSearchFile(path);
-    const size_t problems = Problems(file);
     const bool searched = arguments.file.empty() && file.wellFormed;
     const Recognition recognised = searched ? Recognise(openChannel) : Recognition();
     auto findings = nlohmann::json::array();
@@ -136,17 +150,7 @@ void RunCheck(const ConfigArguments& arguments, const ChannelFactory& openChanne
     } else {
         PrintRecognition(recognised);
     }
-    if (problems != 0) {
-        throw CommandFailed(
-            WideToUtf8(path) + ": " + Count(problems, "problem") +
-            (file.wellFormed ? "" : ". The file is not used until it is corrected"));
-    }
-    if (recognised.failure.empty() && recognised.printers != 0 && recognised.found == 0) {
-        throw CommandFailed(WideToUtf8(path) +
-                            ": a search with this file recognises no port's printer. Check that "
-                            "the printers are on. " +
-                            Advised("config learn ADDRESS") + " shows what one of them announces");
-    }
+    RequireGood(WideToUtf8(path), file, recognised);
     if (!arguments.json) {
         std::cout << WideToUtf8(path) << ": no problem\n";
     }
@@ -393,9 +397,7 @@ void AddLearn(CLI::App& group, const ChannelFactory& openChannel) {
         "say",
         "config learn 192.168.1.20 --write",
         [openChannel](const LearnArguments& given) { RunLearn(given, openChannel); });
-    command.add_option("ADDRESS", arguments.address, "The printer's address or host name")
-        ->required()
-        ->check(NotEmpty());
+    AddText(command, "ADDRESS", arguments.address, "The printer's address or host name").required();
     command
         .add_option("--service", arguments.services,
                     "Also ask for this service type; may be given several times")
@@ -431,10 +433,8 @@ void AddConfigCommands(CLI::App& app, const ChannelFactory& openChannel) {
             "--always-print a search with it finds; exit code 1 for an error, or if it finds none",
             "config check --file SLPConf.new.xml",
             [openChannel](const ConfigArguments& given) { RunCheck(given, openChannel); });
-    check
-        .add_option("--file", checked.file,
-                    "Check this file, before it is installed, without a search")
-        ->check(NotEmpty());
+    AddText(check, "--file", checked.file,
+            "Check this file, before it is installed, without a search");
     AddLearn(group, openChannel);
     const auto [restore, restored] =
         Add(group, "restore",

@@ -131,9 +131,6 @@ void ReportIncomplete(bool nothingFound, size_t withoutAddress) {
     }
 }
 
-constexpr std::chrono::seconds kBetween{5};  // from one round's beginning to the next one's
-constexpr DWORD kPause = 100;                // ms, until Ctrl-C is noticed
-
 std::string TimeText(const char* form, const SYSTEMTIME& time) {
     char text[40];
     snprintf(text, sizeof text, form, time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
@@ -201,54 +198,23 @@ void PrintSummary(const Population& population, bool json) {
     }
 }
 
-// One round of a search that repeats. Only the failure of the first one ends it: later, the file
-// may be being changed, or the network may be down for a while.
-void WatchRound(const FindArguments& arguments, bool first, Population& population,
-                Progress& progress, const std::function<bool()>& isOver) {
-    try {
-        FindPrinters(
-            arguments.model,
-            [&](const Printer& printer) {
-                progress.Clear();
-                population.Answered(printer);
-            },
-            [&] {
-                progress.Show("watching, " + HereText(population));
-                return !isOver();
-            });
-        progress.Clear();
-        if (!isOver()) {
-            population.EndRound();
-        }
-    } catch (const CommandFailed& failed) {
-        progress.Clear();
-        if (first) {
-            throw;
-        }
-        std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
-    }
-}
-
 // Repeats the search until Ctrl-C or until its output is a closed pipe.
 void RunWatch(const FindArguments& arguments) {
-    using Clock = std::chrono::steady_clock;
     const Interruption interruption;
     Progress progress(!arguments.json);
-    Population population([json = arguments.json](Population::Event event, const Printer& printer,
-                                                  const std::string& before) {
-        TellEvent(json, event, printer, before);
-    });
-    const auto isOver = [&interruption] {
-        return interruption.Requested() || !std::cout || OutputIsClosed();
+    Population population(
+        [&](Population::Event event, const Printer& printer, const std::string& before) {
+            progress.Clear();
+            TellEvent(arguments.json, event, printer, before);
+        });
+    const auto goOn = [&] {
+        progress.Show("watching, " + HereText(population));
+        return !interruption.Requested() && std::cout && !OutputIsClosed();
     };
-    for (bool first = true; !isOver(); first = false) {
-        const auto next = Clock::now() + kBetween;
-        WatchRound(arguments, first, population, progress, isOver);
-        while (!isOver() && Clock::now() < next) {
-            progress.Show("watching, " + HereText(population));
-            Sleep(kPause);
-        }
-    }
+    WatchPrinters(arguments.model, population, goOn, [&progress](const CommandFailed& failed) {
+        progress.Clear();
+        std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
+    });
     progress.Clear();
     if (OutputIsClosed()) {
         // Not a failure to write: the reader has read all that it wants.
@@ -325,20 +291,16 @@ void AddFindCommand(CLI::App& app) {
         AddCommand<FindArguments>(app, "find", "Find printers on the network, all of them or one",
                                   "find --mac 00:04:00:4a:1b:2c", RunFind);
     CLI::Option* mac =
-        command.add_option("--mac", arguments.mac, "MAC address of the printer to find");
-    mac->transform(Checked(CheckWantedMac));
-    CLI::Option* hostName = command.add_option("--host-name", arguments.hostName,
-                                               "Host name that the printer announces");
-    CLI::Option* ip = command.add_option("--ip", arguments.ip,
-                                         "Address or host name at which to ask the printer");
-    hostName->check(NotEmpty());
-    ip->check(NotEmpty());
-    mac->excludes(hostName)->excludes(ip);
-    hostName->excludes(ip);
-    command
-        .add_option("--model", arguments.model,
-                    "Only printers whose model matches this pattern (* any text, ? any character)")
-        ->check(NotEmpty());
+        command.add_option("--mac", arguments.mac, "MAC address of the printer to find")
+            ->transform(Checked(CheckWantedMac));
+    CLI::Option& hostName =
+        AddText(command, "--host-name", arguments.hostName, "Host name that the printer announces");
+    CLI::Option& ip =
+        AddText(command, "--ip", arguments.ip, "Address or host name at which to ask the printer");
+    mac->excludes(&hostName)->excludes(&ip);
+    hostName.excludes(&ip);
+    AddText(command, "--model", arguments.model,
+            "Only printers whose model matches this pattern (* any text, ? any character)");
     command
         .add_flag(
             "--watch", arguments.watch,
@@ -346,7 +308,7 @@ void AddFindCommand(CLI::App& app) {
             "rounds without an answer), until Ctrl-C or until the output is closed. With "
             "--json one document per line")
         ->excludes(mac)
-        ->excludes(hostName)
-        ->excludes(ip);
+        ->excludes(&hostName)
+        ->excludes(&ip);
     AddJsonFlag(command, arguments.json);
 }

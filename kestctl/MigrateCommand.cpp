@@ -49,29 +49,24 @@ void PrintPlan(const std::vector<Migration>& plan, std::ostream& out) {
     PrintTable({"STANDARD PORT", "BECOMES", "SENDS", "PRINTERS", "REMARK"}, rows, out);
 }
 
-// What is printed about a run, with the verb of the run: "migrated".
-struct OutcomeWords {
-    const char* done;     // "migrated"
-    const char* already;  // of ports where there was nothing to do
-};
-
 // The results of all ports, as text and as JSON.
 class Outcome {
   public:
-    explicit Outcome(const OutcomeWords& words) : words_(words) {}
+    //   done: the participle of the run, "migrated".
+    //   already: the same for ports where there was nothing to do.
+    Outcome(const char* done, const char* already) : done_(done), already_(already) {}
 
-    //   changed: whether there was anything to do.
-    void Add(const Migration& migration, const MigrationResult& result, bool changed) {
+    void Add(const Migration& migration, const MigrationResult& result) {
         const std::string failure =
             migration.obstacle.empty() ? result.failure : migration.obstacle;
         const bool complete = failure.empty() && result.waiting.empty();
-        ++(!complete ? incomplete_ : changed ? complete_ : already_);
+        ++(!complete ? incomplete_ : result.changed ? complete_ : unchanged_);
         documents_.push_back({{"name", WideToUtf8(migration.to)},
                               {"from", WideToUtf8(migration.from)},
                               {"to", WideToUtf8(migration.to)},
                               {"moved", NamesAsJson(result.moved)},
                               {"waiting", NamesAsJson(result.waiting)},
-                              {"changed", changed},
+                              {"changed", result.changed},
                               {"error", failure}});
         if (!complete) {
             text_ +=
@@ -87,9 +82,8 @@ class Outcome {
         if (json) {
             PrintJson({{"ports", documents_}, {"undoFile", undoFile}});
         } else {
-            std::cout << Count(complete_, "port") << ' ' << words_.done
-                      << (already_ == 0 ? ""
-                                        : ", " + Count(already_, "port") + ' ' + words_.already)
+            std::cout << Count(complete_, "port") << ' ' << done_
+                      << (unchanged_ == 0 ? "" : ", " + Count(unchanged_, "port") + ' ' + already_)
                       << (incomplete_ == 0 ? ""
                                            : ", " + Count(incomplete_, "port") + " incomplete:")
                       << '\n'
@@ -100,27 +94,24 @@ class Outcome {
             }
         }
         if (incomplete_ != 0) {
-            throw CommandFailed(Count(incomplete_, "port") + " could not be " + words_.done +
+            throw CommandFailed(Count(incomplete_, "port") + " could not be " + done_ +
                                 " completely");
         }
     }
 
   private:
-    const OutcomeWords words_;
+    const char* const done_;
+    const char* const already_;
     nlohmann::json documents_ = nlohmann::json::array();
     std::string text_;
     size_t complete_ = 0;
-    size_t already_ = 0;
+    size_t unchanged_ = 0;
     size_t incomplete_ = 0;
 };
 
-constexpr OutcomeWords kMigrated = {"migrated", "already migrated"};
-constexpr OutcomeWords kUndone = {"undone", "unchanged since"};
-
-// Processes one port after the other with progress; Ctrl-C ends it between two ports.
-//   work: also says whether there was anything to do, in `changed`.
-void ForEachPort(const std::vector<Migration>& plan, bool json, Outcome& outcome,
-                 const std::function<MigrationResult(const Migration&)>& work) {
+// Processes one port after the other and reports them; Ctrl-C ends it between two ports.
+void RunEach(const std::vector<Migration>& plan, bool json, const std::string& undoFile,
+             Outcome outcome, const std::function<MigrationResult(const Migration&)>& work) {
     const Interruption interruption;
     Progress progress(!json);
     for (size_t i = 0; i < plan.size(); ++i) {
@@ -131,8 +122,10 @@ void ForEachPort(const std::vector<Migration>& plan, bool json, Outcome& outcome
         } else if (plan[i].obstacle.empty()) {
             result = work(plan[i]);
         }
-        outcome.Add(plan[i], result, result.changed);
+        outcome.Add(plan[i], result);
     }
+    progress.Clear();
+    outcome.Report(json, undoFile);
 }
 
 std::vector<Migration> Planned(const MigrateArguments& arguments, SpoolerChannel& channel,
@@ -180,18 +173,8 @@ void RunMigrate(const MigrateArguments& arguments, SpoolerChannel& channel,
         Confirm("Create these ports and move the printers?", arguments.yes, "Nothing was changed");
         undoFile = SaveMigration(arguments.undoFile, plan, server);
     }
-    Outcome outcome(kMigrated);
-    ForEachPort(plan, arguments.json, outcome, [&channel](const Migration& migration) {
-        MigrationResult result;
-        if (!migration.HasWork()) {
-            result.waiting = migration.busy;
-            return result;
-        }
-        result = Migrate(channel, migration);
-        result.changed = !migration.isThere || !result.moved.empty();
-        return result;
-    });
-    outcome.Report(arguments.json, undoFile);
+    RunEach(plan, arguments.json, undoFile, {"migrated", "already migrated"},
+            [&channel](const Migration& migration) { return Migrate(channel, migration); });
 }
 
 // Shows which printers would move back and which ports would be deleted.
@@ -227,10 +210,8 @@ void RunUndo(const MigrateArguments& arguments, SpoolerChannel& channel,
         PrintUndoPlan(plan, channel, arguments.json);
         return;
     }
-    Outcome outcome(kUndone);
-    ForEachPort(plan, arguments.json, outcome,
-                [&channel](const Migration& migration) { return Undo(channel, migration); });
-    outcome.Report(arguments.json, {});
+    RunEach(plan, arguments.json, {}, {"undone", "unchanged since"},
+            [&channel](const Migration& migration) { return Undo(channel, migration); });
 }
 
 void ReportRename(const RenameArguments& arguments, const Migration& plan) {
@@ -270,7 +251,7 @@ void AddRename(CLI::App& port, const ChannelFactory& openChannel) {
         "old port, completely or not at all",
         "port rename OFFICE RECEPTION",
         [openChannel](const RenameArguments& given) { RunRename(given, *openChannel()); });
-    command.add_option("NAME", arguments.name, "The port")->required()->check(NotEmpty());
+    AddText(command, "NAME", arguments.name, "The port").required();
     command.add_option("NEW-NAME", arguments.newName, "Its new name")
         ->required()
         ->transform(Checked(CheckPortName));
@@ -311,11 +292,9 @@ void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
         .add_flag("--follow", arguments.follow,
                   "Read MAC address and host name from each printer, and follow it")
         ->excludes(undo);
-    command
-        .add_option("--undo-file", arguments.undoFile,
-                    "File to write for --undo (migration-DATE-TIME.json)")
-        ->check(NotEmpty())
-        ->excludes(undo);
+    AddText(command, "--undo-file", arguments.undoFile,
+            "File to write for --undo (migration-DATE-TIME.json)")
+        .excludes(undo);
     AddDryRunFlag(command, arguments.dryRun);
     AddYesFlag(command, arguments.yes);
     AddJsonFlag(command, arguments.json);

@@ -105,10 +105,8 @@ class SetupReport {
 
 void AddSetupOptions(CLI::App& command, SetupArguments& arguments, const char* force) {
     command.add_flag("--force", arguments.options.force, force);
-    command
-        .add_option("--log", arguments.log,
-                    "Also append the report to this file, for an installation without a terminal")
-        ->check(NotEmpty());
+    AddText(command, "--log", arguments.log,
+            "Also append the report to this file, for an installation without a terminal");
     AddDryRunFlag(command, arguments.options.dryRun);
     AddJsonFlag(command, arguments.json);
 }
@@ -128,10 +126,8 @@ void AddInstall(CLI::App& monitor, Machine& machine) {
         "Install or update the monitor, completely or not at all. Ports and a modified SLPConf.xml "
         "are kept",
         "monitor install", [&machine](const SetupArguments& given) { RunInstall(given, machine); });
-    command
-        .add_option("--from", arguments.from,
-                    "Folder with the files of the release (that of this program)")
-        ->check(NotEmpty());
+    AddText(command, "--from", arguments.from,
+            "Folder with the files of the release (that of this program)");
     AddSetupOptions(command, arguments,
                     "Also replace a newer release, and libraries that are damaged or belong to "
                     "another product");
@@ -157,11 +153,9 @@ void AddRemove(CLI::App& monitor, const ChannelFactory& openChannel, Machine& ma
         [openChannel, &machine](const SetupArguments& given) {
             RunRemove(given, openChannel, machine);
         });
-    command
-        .add_option("--keep-ports", arguments.keepPorts,
-                    "First write the ports to this file as JSON, and a modified SLPConf.xml to a "
-                    "file beside it (ports.SLPConf.xml for ports.json)")
-        ->check(NotEmpty());
+    AddText(command, "--keep-ports", arguments.keepPorts,
+            "First write the ports to this file as JSON, and a modified SLPConf.xml to a "
+            "file beside it (ports.SLPConf.xml for ports.json)");
     AddSetupOptions(command, arguments,
                     "Also remove ports that printers use, and stop the spooler if necessary");
 }
@@ -299,9 +293,7 @@ void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel) {
         "selftest", [openChannel, &app](const SelfTestArguments& given) {
             RunSelfTest(given, openChannel, !IsDirect(app));
         });
-    command
-        .add_option("--printer", arguments.printer,
-                    "With --direct: printer for job control (the default printer)")
-        ->check(NotEmpty());
+    AddText(command, "--printer", arguments.printer,
+            "With --direct: printer for job control (the default printer)");
     AddJsonFlag(command, arguments.json);
 }

@@ -51,30 +51,6 @@ void RunPing(const NetworkArguments& arguments) {
     }
 }
 
-const char* Reason(AddressVerdict verdict) {
-    switch (verdict) {
-        case AddressVerdict::Taken:
-            return "";
-        case AddressVerdict::NoAddress:
-            return "the interface has no address";
-        case AddressVerdict::NoMask:
-            return "it has no subnet mask";
-        case AddressVerdict::ZeroNetwork:
-            return "it is in 0.0.0.0/8";
-        case AddressVerdict::Loopback:
-            return "it is the loopback address";
-        case AddressVerdict::SelfAssigned:
-            return "it is self-assigned: the interface received no address";
-        case AddressVerdict::GatewayUnusable:
-            return "the default gateway's address is unusable";
-        case AddressVerdict::IsGateway:
-            return "it is the address of the default gateway";
-        case AddressVerdict::BeyondLimit:
-            return "ten other addresses are already used";
-    }
-    return "";
-}
-
 std::string Dotted(DWORD address) {
     in_addr bytes = {};
     bytes.s_addr = address;
@@ -94,11 +70,11 @@ void RunInterfaces(const NetworkArguments& arguments) {
         const bool used = verdict == AddressVerdict::Taken;
         nlohmann::json row = {{"address", Dotted(address)}, {"mask", Dotted(mask)}, {"used", used}};
         if (!used) {
-            row["reason"] = Reason(verdict);
+            row["reason"] = ReasonText(verdict);
         }
         addresses.push_back(std::move(row));
-        rows.push_back(
-            {Dotted(address), Dotted(mask), used ? "yes" : std::string("no: ") + Reason(verdict)});
+        rows.push_back({Dotted(address), Dotted(mask),
+                        used ? "yes" : std::string("no: ") + ReasonText(verdict)});
     }
     if (arguments.json) {
         PrintJson({{"interfaces", network.GetNumInterfaces()}, {"addresses", addresses}});

@@ -65,6 +65,10 @@ std::string RemedyOnServer(Remedy remedy) {
     }
 }
 
+constexpr char kCheckSearch[] =
+    ". Check that the printer is on, that `kestctl slp find` shows it with the attributes that "
+    "SLPConf.xml names (docs/SLPConf.md), and that no firewall blocks UDP port 427";
+
 // The remedy for a failure that is about the port `port`, as a sentence.
 std::string RemedyText(Remedy remedy, const std::string& port) {
     switch (remedy) {
@@ -93,9 +97,7 @@ std::string RemedyText(Remedy remedy, const std::string& port) {
             return ". Add a printer for the port (Windows: Add-Printer -PortName), or send "
                    "without a printer with --direct";
         case Remedy::CheckSearch:
-            return ". Check that the printer is on, that `kestctl slp find` shows it with the "
-                   "attributes that SLPConf.xml names (docs/SLPConf.md), and that no firewall "
-                   "blocks UDP port 427";
+            return kCheckSearch;
         case Remedy::UnpackRelease:
             return ". Unpack the whole archive into a folder of its own, and run kestctl from "
                    "there or name the folder with --from";

@@ -125,14 +125,12 @@ void AddPortTransfer(CLI::App& port, const ChannelFactory& openChannel,
         "port import ports.csv --dry-run", [openChannel, identify](const ImportArguments& given) {
             RunImport(given, *openChannel(), identify);
         });
-    importing
-        .add_option("FILE", imported.file,
-                    "File from `port export` or a spreadsheet: JSON, or CSV in UTF-8 with commas, "
-                    "semicolons or tabs and a heading; - for standard input. New ports need the "
-                    "columns name and address (or a host name). With yes, an address or a host "
-                    "name in the column follow, the port follows the printer there")
-        ->required()
-        ->check(NotEmpty());
+    AddText(importing, "FILE", imported.file,
+            "File from `port export` or a spreadsheet: JSON, or CSV in UTF-8 with commas, "
+            "semicolons or tabs and a heading; - for standard input. New ports need the "
+            "columns name and address (or a host name). With yes, an address or a host "
+            "name in the column follow, the port follows the printer there")
+        .required();
     AddDryRunFlag(importing, imported.dryRun);
     importing.add_flag("--replace", imported.replace,
                        "Change existing ports; settings that the file does not have are kept");

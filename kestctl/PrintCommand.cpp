@@ -135,14 +135,11 @@ void AddPrintCommand(CLI::App& app, const ChannelFactory& openChannel) {
         app, "print", "Send a file unchanged through a port",
         "print report.prn --port OFFICE --as \"Monthly report\"",
         [openChannel](const PrintArguments& given) { RunPrint(given, openChannel); });
-    command
-        .add_option("FILE", arguments.file,
-                    "File in the language of the printer; - for standard input")
-        ->required()
-        ->check(NotEmpty());
-    command.add_option("--port", arguments.port, "The port")->required()->check(NotEmpty());
-    command.add_option("--as", arguments.name, "Name of the print job (the file name)")
-        ->check(NotEmpty());
+    AddText(command, "FILE", arguments.file,
+            "File in the language of the printer; - for standard input")
+        .required();
+    AddText(command, "--port", arguments.port, "The port").required();
+    AddText(command, "--as", arguments.name, "Name of the print job (the file name)");
     command.add_option("--printer", arguments.printer,
                        "Printer to use (one that uses the port); with --direct the printer for job "
                        "control (the default printer)");

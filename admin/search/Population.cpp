@@ -1,10 +1,18 @@
 #include "admin/search/Population.h"
 
+#include <windows.h>
+
+#include <chrono>
+
 #include "admin/search/PrinterSearch.h"
 
 namespace {
 
-constexpr int kPatience = 3;  // rounds without an answer until a printer is gone
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kBetween{5};  // from the beginning of one round to the next
+constexpr DWORD kPause = 100;                // ms, between calls of goOn
+constexpr int kPatience = 3;                 // rounds without an answer until a printer is gone
 
 // What a printer is recognised by. One with neither key is known by its address: it cannot move.
 std::string KeyOf(const Printer& printer) {
@@ -56,4 +64,27 @@ size_t Population::Counted(Event event) const {
 void Population::Tell(Event event, const Printer& printer, const std::string& addressBefore) {
     ++counts_[event];
     tell_(event, printer, addressBefore);
+}
+
+void WatchPrinters(const std::string& modelPattern, Population& population,
+                   const std::function<bool()>& goOn,
+                   const std::function<void(const CommandFailed&)>& failed) {
+    for (bool first = true; goOn(); first = false) {
+        const auto next = Clock::now() + kBetween;
+        try {
+            FindPrinters(
+                modelPattern, [&](const Printer& printer) { population.Answered(printer); }, goOn);
+            if (goOn()) {
+                population.EndRound();
+            }
+        } catch (const CommandFailed& failure) {
+            if (first) {
+                throw;
+            }
+            failed(failure);
+        }
+        while (goOn() && Clock::now() < next) {
+            Sleep(kPause);
+        }
+    }
 }

@@ -5,7 +5,9 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
+#include "base/CommandFailed.h"
 #include "discovery/Printer.h"
 
 class Population {
@@ -43,3 +45,13 @@ class Population {
     std::map<std::string, Known> known_;
     std::map<Event, size_t> counts_;
 };
+
+// Repeats a search for all printers, every 5 seconds, until goOn returns false.
+//   modelPattern: as FindPrinters takes it.
+//   goOn: asked on this thread, several times a second; false also ends a search at once.
+//   failed: called for a round that fails. The next one may succeed: the file may be being changed,
+//           or the network may be down for a while.
+// Throws CommandFailed if the first round fails.
+void WatchPrinters(const std::string& modelPattern, Population& population,
+                   const std::function<bool()>& goOn,
+                   const std::function<void(const CommandFailed& failure)>& failed);

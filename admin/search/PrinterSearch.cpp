@@ -14,6 +14,7 @@
 #include "base/Text.h"
 #include "base/Handles.h"
 #include "discovery/PrinterDiscovery.h"
+#include "discovery/PrinterDiscoveryClass.h"
 
 namespace {
 
