@@ -428,12 +428,12 @@ TEST_F(Dialogs, ConfigureRollsBackWhenCancelledOrFailed) {
     });
 }
 
-// A save that waits for a lookup belongs to the address of that lookup only.
-TEST_F(Dialogs, SelectingAPrinterDropsAPendingSave) {
+// A pending save belongs to the address whose lookup it waits for.
+TEST_F(Dialogs, PendingSaveEndsWithItsLookup) {
     Scene scene;
     scene.AddPrinters(2);
     scene.hosts["office.example"] = "10.1.0.3";
-    Add(scene, ERROR_CANCELLED, [&](const User& user) {
+    Add(scene, ERROR_SUCCESS, [&](const User& user) {
         EXPECT_TRUE(Eventually([&] { return user.Rows() == 2; }));
         user.Type(IDC_NAME, L"OFFICE");
         scene.silent = true;
@@ -446,9 +446,13 @@ TEST_F(Dialogs, SelectingAPrinterDropsAPendingSave) {
         user.Type(IDC_ADDRESS, L"office.example");
         user.Type(IDC_NAME, L"OFFICE");
         user.Await(IDC_FOLLOW_NOTE, L"prn-2");
-        user.Press(IDCANCEL);
+        scene.silent = true;
+        user.Type(IDC_ADDRESS, L"10.1.0.2");
+        user.Press(IDC_ADD);
+        user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_QUERYING));
+        scene.silent = false;
     });
-    EXPECT_THAT(scene.monitor.ports, IsEmpty());
+    EXPECT_EQ(Destination(scene.monitor.ports[L"OFFICE"]), "raw to 10.1.0.2:9100");
 }
 
 TEST_F(Dialogs, ConfigureReportsWhatTheTestFinds) {
