@@ -61,23 +61,25 @@ bool IsLinkLocal(const SOCKADDR_INET& address) {
 
 }  // namespace
 
-Links::Links() {
+Links::SocketsReference::SocketsReference() {
     WSADATA data;
-    started_ = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+    ok_ = WSAStartup(MAKEWORD(2, 2), &data) == 0;
+}
+
+Links::SocketsReference::~SocketsReference() {
+    if (ok_) {
+        WSACleanup();
+    }
+}
+
+Links::Links() {
     const auto adapters = ReadAdapters();
     for (auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(adapters.data());
-         started_ && adapter != nullptr; adapter = adapter->Next) {
+         adapter != nullptr; adapter = adapter->Next) {
         if (IsUsable(*adapter)) {
             AddLink(*adapter, AF_INET);
             AddLink(*adapter, AF_INET6);
         }
-    }
-}
-
-Links::~Links() {
-    links_.clear();
-    if (started_) {
-        WSACleanup();
     }
 }
 
@@ -119,6 +121,7 @@ bool Links::Open(Link& link, SOCKADDR_INET own, ULONG index) {
         link.group.Ipv6.sin6_scope_id = index;
         own.Ipv6.sin6_scope_id = IsLinkLocal(own) ? index : 0;
     }
+    SS_PORT(&own) = 0;  // chosen by the system
     link.socket.Reset(socket(family, SOCK_DGRAM, 0));
     const SOCKET socket = link.socket.Get();
     Set(socket, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);

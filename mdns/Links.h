@@ -20,15 +20,23 @@ class Links : public Network {
   public:
     // Opens the sockets. Without Windows Sockets, or without an interface, there are none.
     Links();
-    ~Links() override;
-    Links(const Links&) = delete;
-    Links& operator=(const Links&) = delete;
 
     Clock::time_point Now() override { return Clock::now(); }
     bool Send(std::string_view message) override;
     std::optional<Datagram> Receive(Clock::time_point until) override;
 
   private:
+    // One of the process's references to Windows Sockets 2.2.
+    class SocketsReference {
+      public:
+        SocketsReference();
+        ~SocketsReference();
+        SocketsReference(const SocketsReference&) = delete;
+        SocketsReference& operator=(const SocketsReference&) = delete;
+
+      private:
+        bool ok_;
+    };
     struct Subnet {
         SOCKADDR_INET address;
         unsigned prefixBits;
@@ -45,7 +53,7 @@ class Links : public Network {
     std::optional<Datagram> Read(const Link& link);
     static bool IsOnLink(const SOCKADDR_INET& source, const Link& link);
 
-    bool started_;  // Windows Sockets
+    const SocketsReference sockets_;
     std::vector<Link> links_;
     size_t next_ = 0;  // the link that is read next
     std::array<char, kMaxMessage> buffer_;
