@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Operates the dialogs that AddPort, ConfigurePort and DeletePort of Windows open with the keyboard,
-# and checks the results in Wine's print spooler. Runs itself again in a network namespace, because the
-# dialogs search for printers: dialogs.sh [inside]
+# and checks the results in Wine's print spooler. Runs itself again in a network namespace because
+# the dialogs search for printers: dialogs.sh [inside]
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/screen.sh"
