@@ -10,6 +10,8 @@
 #include <io.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <streambuf>
@@ -179,7 +181,10 @@ int main() {
         const Utf8Output output(std::cout, STD_OUTPUT_HANDLE, stdout);
         const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
         return Run();
-    } catch (...) {  // no memory to start with
-        return FailureCode();
+    } catch (const std::exception& error) {  // before a command runs: no memory, for example
+        std::fprintf(stderr, "kestctl: %s\n", error.what());
+    } catch (...) {
+        std::fputs("kestctl: the program failed for an unknown reason\n", stderr);
     }
+    return FailureCode();
 }

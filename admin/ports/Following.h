@@ -9,6 +9,10 @@
 #include "admin/ports/PortSettings.h"
 #include "admin/search/PrinterIdentity.h"
 
+// Returns true if a port that follows the printer would keep the host name of another one and
+// search for that as well: the monitor cannot clear a stored host name.
+bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before);
+
 // Completes a change so that the port follows a printer. Without an address in the change, the port
 // also sends to the address where the printer answered.
 //   before: the port's records, all zero for a new port.
@@ -25,7 +29,10 @@ struct IdentifiedPrinter {
     Remedy remedy = Remedy::None;
 };
 
-// Asks the printers at these hosts for their identity, 32 at a time.
+// How many printers are queried at the same time.
+constexpr size_t kPrintersAtOnce = 32;
+
+// Asks the printers at these hosts for their identity, kPrintersAtOnce at a time.
 //   tell: called on this thread, about ten times a second, with the number of hosts that are done.
 std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& hosts,
                                                 const PrinterIdentifier& identify,
