@@ -174,6 +174,10 @@ TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     expect("no port follows", "-> kestctl monitor install", true);
     WriteAll(machine.system / "SLPConf.xml", machine.shipped);
     expect("ports           1", "", false);
+    const std::string slp = ReadAll(machine.system / "slp64.dll");
+    fs::remove(machine.system / "slp64.dll");
+    expect("slp64.dll       missing", "-> kestctl monitor install", true);
+    WriteAll(machine.system / "slp64.dll", slp);
 
     WriteAll(machine.temporary / "KestSetupWizard.log", "");
     fs::resize_file(machine.temporary / "KestSetupWizard.log", 99'999'999);
