@@ -2,9 +2,11 @@
 // that finds one of them elsewhere.
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <fstream>
 
-#include "tests/support/FakeMonitor.h"
+#include "admin/ports/PortSettings.h"
+#include "tests/kestctl/CommandLine.h"
 #include "tests/support/FakeSlp.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/SocketsStarted.h"
