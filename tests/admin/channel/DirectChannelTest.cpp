@@ -143,10 +143,12 @@ BOOL WINAPI KnowNoPrinter(LPWSTR, LPDWORD size) {
 DWORD WINAPI RefuseToStart(HANDLE, DWORD, LPBYTE) {
     return SetLastError(ERROR_ACCESS_DENIED), 0;
 }
+int deletedJobs = 0;
 BOOL WINAPI RefuseToPause(HANDLE printer, DWORD job, DWORD level, LPBYTE info, DWORD command) {
     // Not ::SetJobW, which is replaced.
     static const auto real = reinterpret_cast<decltype(&::SetJobW)>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"winspool.drv"), "SetJobW")));
+    deletedJobs += command == JOB_CONTROL_DELETE ? 1 : 0;
     return command == JOB_CONTROL_PAUSE ? (SetLastError(ERROR_ACCESS_DENIED), FALSE)
                                         : real(printer, job, level, info, command);
 }
@@ -174,7 +176,8 @@ TEST_F(DirectChannelTest, AJobNeedsAPrinterThatHoldsItsOwn) {
     }
     const ImportPatch patch(self, "SetJobW", RefuseToPause);
     EXPECT_THAT(refusal(printer_.Name()), HasSubstr("does not hold its job"));
-    EXPECT_EQ(WaitingJobs(), 0u) << "the spooler would print it";
+    EXPECT_EQ(deletedJobs, 1) << "the spooler would print it";
+    EXPECT_EQ(WaitingJobs(), 0u);
 }
 
 TEST(DirectChannel, RefusesWhatIsNoMonitor) {
