@@ -12,9 +12,9 @@
 #include "base/Text.h"
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
+#include "slp/SlpHandle.h"
 #include "kestctl/Command.h"
 #include "kestctl/Progress.h"
-#include "admin/search/SlpHandle.h"
 
 namespace {
 
@@ -127,14 +127,14 @@ void RunFind(const FindArguments& arguments) {
         Fail(error);
     }
     const UniqueSlpHandle handle(opened);
-    Direct(handle.get(), arguments);
+    Direct(handle.Get(), arguments);
 
     const auto begin = std::chrono::steady_clock::now();
     Progress progress(!arguments.json);
     progress.Show("asking");
     Findings findings{arguments.json, progress};
     if (const SLPError error =
-            SLPFindAttrs(handle.get(), arguments.service.c_str(), nullptr, nullptr, TakeAnswer,
+            SLPFindAttrs(handle.Get(), arguments.service.c_str(), nullptr, nullptr, TakeAnswer,
                          &findings, nullptr, arguments.version);
         error != SLP_OK) {
         Fail(error);

@@ -1,14 +1,15 @@
 #include "kestui/Environment.h"
 
+#include <chrono>
+
 #include "admin/search/Hosts.h"
 #include "admin/search/PrinterSearch.h"
 #include "admin/channel/SpoolerService.h"
-#include "base/Handles.h"
+#include "base/Connect.h"
 
 namespace {
 
-constexpr DWORD kConnectTime = 5000;  // ms
-constexpr DWORD kAskInterval = 100;   // ms
+constexpr std::chrono::seconds kConnectTime{5};
 
 bool Connects(const std::string& text, WORD port, const GoOn& goOn) {
     StartedNetwork();
@@ -28,25 +29,9 @@ bool Connects(const std::string& text, WORD port, const GoOn& goOn) {
         reinterpret_cast<sockaddr_in6&>(target).sin6_scope_id =
             zone == std::string::npos ? 0 : strtoul(text.c_str() + zone + 1, nullptr, 10);
     }
-    const UniqueSocket connection(socket(target.ss_family, SOCK_STREAM, IPPROTO_TCP));
-    u_long nonBlocking = 1;
-    ioctlsocket(connection.Get(), FIONBIO, &nonBlocking);
-    // It has not connected yet when this returns; the loop below waits for that.
-    (void)connect(connection.Get(), reinterpret_cast<sockaddr*>(&target), length);
-    const ULONGLONG end = GetTickCount64() + kConnectTime;
-    while (connection && goOn() && GetTickCount64() < end) {
-        fd_set connected;
-        fd_set refused;
-        FD_ZERO(&connected);
-        FD_ZERO(&refused);
-        FD_SET(connection.Get(), &connected);
-        FD_SET(connection.Get(), &refused);
-        timeval wait = {0, kAskInterval * 1000};
-        if (const int ready = select(0, nullptr, &connected, &refused, &wait); ready != 0) {
-            return ready > 0 && FD_ISSET(connection.Get(), &connected) != 0;
-        }
-    }
-    return false;
+    UniqueSocket connection;
+    return Connect(connection, reinterpret_cast<const sockaddr*>(&target), length, kConnectTime,
+                   goOn) == 0;
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <array>
 #include <vector>
 
-#include "base/Handles.h"
+#include "base/Sockets.h"
 #include "mdns/Browser.h"
 #include "mdns/Limits.h"
 
@@ -45,7 +45,7 @@ class Links : public Network {
     std::optional<Datagram> Read(const Link& link);
     static bool IsOnLink(const SOCKADDR_INET& source, const Link& link);
 
-    bool started_;  // Windows Sockets
+    SocketsReference sockets_;
     std::vector<Link> links_;
     size_t next_ = 0;  // the link that is read next
     std::array<char, kMaxMessage> buffer_;
