@@ -5,9 +5,6 @@
 namespace {
 
 using std::chrono::milliseconds;
-using std::chrono::steady_clock;
-
-constexpr milliseconds kAskInterval{100};
 
 // Waits until an attempt to connect has ended. Returns 0 or the socket's error.
 int AwaitConnection(SOCKET socket, milliseconds timeout) {
@@ -31,9 +28,7 @@ int AwaitConnection(SOCKET socket, milliseconds timeout) {
 
 }  // namespace
 
-int Connect(UniqueSocket& connection, const sockaddr* address, int size, milliseconds timeout,
-            const std::function<bool()>& goOn) {
-    const auto end = steady_clock::now() + timeout;
+int Connect(UniqueSocket& connection, const sockaddr* address, int size, milliseconds timeout) {
     connection.Reset(socket(address->sa_family, SOCK_STREAM, IPPROTO_TCP));
     u_long nonBlocking = 1;
     if (!connection || ioctlsocket(connection.Get(), FIONBIO, &nonBlocking) != 0) {
@@ -42,15 +37,6 @@ int Connect(UniqueSocket& connection, const sockaddr* address, int size, millise
     if (connect(connection.Get(), address, size) == 0) {
         return 0;
     }
-    int error = WSAGetLastError();
-    if (error != WSAEWOULDBLOCK) {
-        return error;
-    }
-    for (;;) {
-        const auto left = std::chrono::ceil<milliseconds>(end - steady_clock::now());
-        error = AwaitConnection(connection.Get(), goOn ? std::min(left, kAskInterval) : left);
-        if (error != WSAETIMEDOUT || !goOn || left <= kAskInterval || !goOn()) {
-            return error;
-        }
-    }
+    const int error = WSAGetLastError();
+    return error == WSAEWOULDBLOCK ? AwaitConnection(connection.Get(), timeout) : error;
 }

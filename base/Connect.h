@@ -5,16 +5,13 @@
 #include <windows.h>
 
 #include <chrono>
-#include <functional>
 
 #include "base/Handles.h"
 
 // Connects a new TCP socket.
 //   connection: receives the socket, which does not block.
 //   address, size: IPv4 or IPv6.
-//   goOn: if set, asked ten times a second; the attempt ends when it returns false.
-// Returns 0, or the socket's error: WSAETIMEDOUT after the time-out or when goOn ended the attempt.
-// Throws what goOn throws. Windows Sockets must be started.
-// Thread safety: may be called by several threads at once.
+// Returns 0 or the socket's error: WSAETIMEDOUT after the time-out. Windows Sockets must be
+// started. Thread safety: may be called by several threads at once.
 int Connect(UniqueSocket& connection, const sockaddr* address, int size,
-            std::chrono::milliseconds timeout, const std::function<bool()>& goOn = nullptr);
+            std::chrono::milliseconds timeout);

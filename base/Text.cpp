@@ -84,3 +84,7 @@ std::string Printable(std::string_view utf8) {
     }
     return result;
 }
+
+std::string Count(size_t number, const std::string& noun) {
+    return std::to_string(number) + ' ' + noun + (number == 1 ? "" : "s");
+}

@@ -43,3 +43,6 @@ std::string ErrorText(DWORD code);
 // Text from the network for a terminal, which must not take any of it for a command: control
 // characters (of ASCII, and U+0080 to U+009F) become question marks.
 std::string Printable(std::string_view utf8);
+
+// Returns a number with its noun: "1 printer", "2 printers".
+std::string Count(size_t number, const std::string& noun);

@@ -2,22 +2,22 @@
 #include <winsock2.h>
 #include <windows.h>
 
-#include <algorithm>
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <functional>
 #include <future>
 #include <iostream>
-#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "admin/ports/PortSettings.h"
+#include "admin/search/Population.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
 #include "kestctl/Command.h"
-#include "kestctl/FindWatch.h"
 #include "kestctl/Interruption.h"
-#include "kestctl/Progress.h"
 
 namespace {
 
@@ -30,8 +30,8 @@ struct FindArguments {
     bool json = false;
 };
 
-// Shows printers one by one, in columns of a fixed width (79 characters in all, for a console of
-// 80): who comes next is not known yet.
+// Shows printers one by one as they answer, in columns of a fixed width: 79 characters in all, for
+// a console of 80.
 class Table {
   public:
     void Add(const Printer& printer) {
@@ -46,11 +46,8 @@ class Table {
   private:
     static void PrintRow(const std::string& name, const std::string& model,
                          const std::string& address, const std::string& mac) {
-        const auto cell = [](const std::string& text, size_t width) {
-            return Padded(text.empty() ? "-" : Printable(text), width);
-        };
-        std::cout << cell(name, 20) << "  " << cell(model, 25) << "  " << cell(address, 16) << "  "
-                  << cell(mac, 0) << std::endl;
+        std::cout << Padded(Cell(name), 20) << "  " << Padded(Cell(model), 25) << "  "
+                  << Padded(Cell(address), 16) << "  " << Cell(mac) << std::endl;
     }
 
     bool headed_ = false;
@@ -106,8 +103,8 @@ Printer FindOne(const FindArguments& arguments) {
 }
 
 // Finds one printer. Ctrl-C ends the process: the search itself cannot be stopped.
-Printer FindOneOrEnd(const FindArguments& arguments, const Interruption& interruption,
-                     Progress& progress) {
+Printer FindOneOrEnd(const FindArguments& arguments, Progress& progress) {
+    const Interruption interruption;
     auto search = std::async(std::launch::async, FindOne, arguments);
     while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
         if (interruption.Requested()) {
@@ -122,7 +119,7 @@ Printer FindOneOrEnd(const FindArguments& arguments, const Interruption& interru
 void ReportIncomplete(bool nothingFound, size_t withoutAddress) {
     if (withoutAddress != 0) {
         const std::string incomplete =
-            std::to_string(withoutAddress) +
+            Count(withoutAddress, "printer") +
             " answered, but without an address in the attributes that SLPConf.xml names: compare "
             "them with what `kestctl slp find` shows";
         if (nothingFound) {
@@ -134,39 +131,152 @@ void ReportIncomplete(bool nothingFound, size_t withoutAddress) {
     }
 }
 
-void RunFind(const FindArguments& arguments) {
+std::string TimeText(const char* form, const SYSTEMTIME& time) {
+    char text[40];
+    snprintf(text, sizeof text, form, time.wYear, time.wMonth, time.wDay, time.wHour, time.wMinute,
+             time.wSecond);
+    return text;
+}
+
+// Prints one event as a line.
+void PrintEvent(nlohmann::json event) {
+    SYSTEMTIME time;
+    GetSystemTime(&time);
+    event["time"] = TimeText("%04u-%02u-%02uT%02u:%02u:%02uZ", time);
+    std::cout << event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) << std::endl;
+}
+
+void PrintEventText(const std::string& event, const PrinterIdentity& identity,
+                    const std::string& before) {
+    SYSTEMTIME time;
+    GetLocalTime(&time);
+    // Without the date, which the user knows.
+    std::cout << TimeText("%04u-%02u-%02u %02u:%02u:%02u", time).substr(11) << "  "
+              << Padded(event, 5) << "  " << Padded(Cell(identity.hostName), 20) << "  "
+              << Padded(Cell(identity.mac), 12) << "  " << Printable(identity.address)
+              << (before.empty() ? "" : ", was at " + Printable(before)) << std::endl;
+}
+
+void TellEvent(bool json, Population::Event event, const Printer& printer,
+               const std::string& before) {
+    const char* const name = event == Population::Event::Came   ? "came"
+                             : event == Population::Event::Went ? "went"
+                                                                : "moved";
+    const PrinterIdentity identity = IdentityOf(printer);
+    if (!json) {
+        PrintEventText(name, identity, before);
+        return;
+    }
+    nlohmann::json document = {{"event", name},
+                               {"address", identity.address},
+                               {"mac", identity.mac},
+                               {"hostName", identity.hostName},
+                               {"model", printer.GetModelName()}};
+    if (!before.empty()) {
+        document["addressBefore"] = before;
+    }
+    PrintEvent(std::move(document));
+}
+
+std::string HereText(const Population& population) {
+    return std::to_string(population.Size()) + " here";
+}
+
+void PrintSummary(const Population& population, bool json) {
+    const size_t came = population.Counted(Population::Event::Came);
+    const size_t went = population.Counted(Population::Event::Went);
+    const size_t moved = population.Counted(Population::Event::Moved);
+    if (json) {
+        PrintEvent({{"event", "end"},
+                    {"here", population.Size()},
+                    {"came", came},
+                    {"went", went},
+                    {"moved", moved}});
+    } else {
+        std::cout << HereText(population) << " at the end; " << came << " came, " << went
+                  << " went, " << moved << " moved" << std::endl;
+    }
+}
+
+// Repeats the search until Ctrl-C or until its output is a closed pipe.
+void RunWatch(const FindArguments& arguments) {
+    const Interruption interruption;
+    Progress progress(!arguments.json);
+    Population population(
+        [&](Population::Event event, const Printer& printer, const std::string& before) {
+            progress.Clear();
+            TellEvent(arguments.json, event, printer, before);
+        });
+    const auto goOn = [&] {
+        progress.Show("watching, " + HereText(population));
+        return !interruption.Requested() && std::cout && !OutputIsClosed();
+    };
+    WatchPrinters(arguments.model, population, goOn, [&progress](const CommandFailed& failed) {
+        progress.Clear();
+        std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
+    });
+    progress.Clear();
+    if (OutputIsClosed()) {
+        // Not a failure to write: the reader has read all that it wants.
+        static std::ostringstream discarded;
+        std::cout.rdbuf(discarded.rdbuf());
+        return;
+    }
+    PrintSummary(population, arguments.json);
+}
+
+void PrintFound(const std::vector<Printer>& found) {
+    auto document = nlohmann::json::array();
+    for (const Printer& printer : found) {
+        document.push_back(ToJson(printer));
+    }
+    PrintJson(document);
+}
+
+void RunFindAll(const FindArguments& arguments) {
     Table table;
     Progress progress(!arguments.json);
-    const auto show = [&](const Printer& printer) {
-        progress.Clear();
-        if (!arguments.json) {
-            table.Add(printer);
-        }
-    };
     const Interruption interruption;
     size_t withoutAddress = 0;
-    bool interrupted = false;
-    std::vector<Printer> found;
-    if (arguments.mac.empty() && arguments.hostName.empty() && arguments.ip.empty()) {
-        found = FindAll(arguments.model, interruption, progress, show, withoutAddress);
-        interrupted = interruption.Requested();
-    } else {
-        progress.Show("searching");
-        found.push_back(FindOneOrEnd(arguments, interruption, progress));
-        show(found.front());
-    }
+    const std::vector<Printer> found = FindAll(
+        arguments.model, interruption, progress,
+        [&](const Printer& printer) {
+            progress.Clear();
+            if (!arguments.json) {
+                table.Add(printer);
+            }
+        },
+        withoutAddress);
     progress.Clear();
     if (arguments.json) {
-        auto document = nlohmann::json::array();
-        for (const Printer& printer : found) {
-            document.push_back(ToJson(printer));
-        }
-        PrintJson(document);
+        PrintFound(found);
     }
-    if (interrupted) {
+    if (interruption.Requested()) {
         throw Interrupted();
     }
     ReportIncomplete(found.empty(), withoutAddress);
+}
+
+void RunFindOne(const FindArguments& arguments) {
+    Progress progress(!arguments.json);
+    progress.Show("searching");
+    const Printer printer = FindOneOrEnd(arguments, progress);
+    progress.Clear();
+    if (arguments.json) {
+        PrintFound({printer});
+    } else {
+        Table().Add(printer);
+    }
+}
+
+void RunFind(const FindArguments& arguments) {
+    if (arguments.watch) {
+        RunWatch(arguments);
+    } else if (arguments.mac.empty() && arguments.hostName.empty() && arguments.ip.empty()) {
+        RunFindAll(arguments);
+    } else {
+        RunFindOne(arguments);
+    }
 }
 
 std::string CheckWantedMac(std::string& text) {
@@ -177,39 +287,28 @@ std::string CheckWantedMac(std::string& text) {
 }  // namespace
 
 void AddFindCommand(CLI::App& app) {
-    const auto arguments = std::make_shared<FindArguments>();
-    CLI::App& command =
-        *app.add_subcommand("find", "Find printers on the network, all of them or one");
-    AddExample(command, "find --mac 00:04:00:4a:1b:2c");
+    const auto [command, arguments] =
+        AddCommand<FindArguments>(app, "find", "Find printers on the network, all of them or one",
+                                  "find --mac 00:04:00:4a:1b:2c", RunFind);
     CLI::Option* mac =
-        command.add_option("--mac", arguments->mac, "Find the printer with this hardware address");
-    mac->transform(CLI::Validator(CheckWantedMac, ""));
-    CLI::Option* hostName = command.add_option("--host-name", arguments->hostName,
-                                               "Find the printer that announces this host name");
-    CLI::Option* ip = command.add_option("--ip", arguments->ip,
-                                         "Find the printer at this address, or of this name");
-    hostName->check(NotEmpty());
-    ip->check(NotEmpty());
-    mac->excludes(hostName)->excludes(ip);
-    hostName->excludes(ip);
-    command
-        .add_option("--model", arguments->model, "Only models like this: * any text, ? any letter")
-        ->check(NotEmpty());
+        command.add_option("--mac", arguments.mac, "MAC address of the printer to find")
+            ->transform(Checked(CheckWantedMac));
+    CLI::Option& hostName =
+        AddText(command, "--host-name", arguments.hostName, "Host name that the printer announces");
+    CLI::Option& ip =
+        AddText(command, "--ip", arguments.ip, "Address or host name at which to ask the printer");
+    mac->excludes(&hostName)->excludes(&ip);
+    hostName.excludes(&ip);
+    AddText(command, "--model", arguments.model,
+            "Only printers whose model matches this pattern (* any text, ? any character)");
     command
         .add_flag(
-            "--watch", arguments->watch,
+            "--watch", arguments.watch,
             "Repeat every 5 seconds and report printers that appear, move or disappear (three "
             "rounds without an answer), until Ctrl-C or until the output is closed. With "
             "--json one document per line")
         ->excludes(mac)
-        ->excludes(hostName)
-        ->excludes(ip);
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments] {
-        if (arguments->watch) {
-            WatchPrinters(arguments->model, arguments->json);
-        } else {
-            RunFind(*arguments);
-        }
-    });
+        ->excludes(&hostName)
+        ->excludes(&ip);
+    AddJsonFlag(command, arguments.json);
 }

@@ -56,3 +56,9 @@ class Interruption {
     static inline std::atomic<bool> requested_ = false;
     static inline std::atomic<int> alive_ = 0;
 };
+
+// The program's exit code for a failure.
+inline int FailureCode() {
+    constexpr int kFailed = 1;
+    return Interruption::WasRequested() ? kInterrupted : kFailed;
+}

@@ -1,19 +1,18 @@
-// kestctl port migrate: from Windows' own TCP/IP ports to ports that follow their printers.
-#include <ctime>
-#include <iostream>
-#include <memory>
+// kestctl port migrate and rename: ports that take the printers of others.
+#include <nlohmann/json.hpp>
 
-#include "admin/search/Hosts.h"
+#include <algorithm>
+#include <iostream>
+
 #include "admin/ports/Migration.h"
-#include "admin/ports/PortStore.h"
-#include "base/Text.h"
-#include "kestctl/Command.h"
-#include "kestctl/Files.h"
-#include "kestctl/Interruption.h"
-#include "admin/ports/PortFile.h"
+#include "admin/ports/MigrationFile.h"
 #include "admin/ports/PortJson.h"
+#include "admin/ports/PortRename.h"
+#include "admin/ports/PortStore.h"
+#include "admin/search/Hosts.h"
+#include "base/Text.h"
+#include "kestctl/Interruption.h"
 #include "kestctl/PortOptions.h"
-#include "kestctl/Progress.h"
 
 namespace {
 
@@ -28,52 +27,15 @@ struct MigrateArguments {
     bool json = false;
 };
 
-nlohmann::json ToJson(const std::vector<std::wstring>& names) {
-    nlohmann::json list = nlohmann::json::array();
-    for (const std::wstring& name : names) {
-        list.push_back(WideToUtf8(name));
-    }
-    return list;
-}
-
-nlohmann::json ToJson(const Migration& migration) {
-    nlohmann::json document = {{"name", WideToUtf8(migration.to)},
-                               {"from", WideToUtf8(migration.from)},
-                               {"to", WideToUtf8(migration.to)},
-                               {"queues", ToJson(migration.queues)},
-                               {"remark", migration.remark}};
-    if (migration.obstacle.empty()) {
-        document["wasThere"] = migration.isThere;
-        document["settings"] = ToJson(migration.to, migration.records);
-    } else {
-        document["error"] = migration.obstacle;
-    }
-    return document;
-}
-
-// Throws CommandFailed if the port's settings in the file are wrong.
-Migration FromJson(const nlohmann::json& document) {
-    Migration migration;
-    migration.from = Utf8ToWide(document.at("from").get<std::string>());
-    migration.to = Utf8ToWide(document.at("to").get<std::string>());
-    migration.isThere = document.at("wasThere").get<bool>();
-    for (const auto& queue : document.at("queues")) {
-        migration.queues.push_back(Utf8ToWide(queue.get<std::string>()));
-    }
-    const PortTable table = ReadPortTable(document.at("settings").dump());
-    std::vector<std::string> problems = table.problems;
-    if (problems.empty() && table.rows.size() == 1) {
-        Apply(table.rows[0], migration.records, problems);
-    }
-    if (!problems.empty() || table.rows.size() != 1) {
-        throw CommandFailed("the settings of port " + WideToUtf8(migration.to) +
-                            " are wrong: " + (problems.empty() ? "none" : Printable(problems[0])));
-    }
-    return migration;
-}
+struct RenameArguments {
+    std::string name;
+    std::string newName;
+    bool dryRun = false;
+    bool json = false;
+};
 
 void PrintPlan(const std::vector<Migration>& plan, std::ostream& out) {
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Row> rows;
     for (const Migration& migration : plan) {
         const bool done = migration.obstacle.empty();
         std::string remark = done ? migration.remark : "NOT MIGRATED: " + migration.obstacle;
@@ -82,55 +44,29 @@ void PrintPlan(const std::vector<Migration>& plan, std::ostream& out) {
         }
         rows.push_back({WideToUtf8(migration.from), done ? WideToUtf8(migration.to) : "-",
                         done ? Destination(migration.records) : "-",
-                        migration.queues.empty() ? "-" : JoinedNames(migration.queues),
-                        remark.empty() ? "-" : Printable(remark)});
+                        Cell(JoinedNames(migration.queues)), Cell(remark)});
     }
     PrintTable({"STANDARD PORT", "BECOMES", "SENDS", "PRINTERS", "REMARK"}, rows, out);
 }
 
-// Writes the file for --undo, before anything is changed. Returns its name.
-std::string WriteUndoFile(const MigrateArguments& arguments, const std::vector<Migration>& plan,
-                          const std::wstring& server) {
-    std::string file = arguments.undoFile;
-    if (file.empty()) {
-        char text[64];
-        const std::time_t now = std::time(nullptr);
-        std::strftime(text, sizeof(text), "migration-%Y%m%d-%H%M%S.json", std::localtime(&now));
-        file = text;
-    }
-    nlohmann::json ports = nlohmann::json::array();
-    for (const Migration& migration : plan) {
-        if (migration.obstacle.empty()) {
-            ports.push_back(ToJson(migration));
-        }
-    }
-    SaveFile(file, JsonText({{"server", WideToUtf8(server)}, {"ports", ports}}), false);
-    return file;
-}
-
-// What is printed about a run, with the verb of the run: "migrated".
-struct OutcomeWords {
-    const char* done;     // "migrated"
-    const char* already;  // of ports where there was nothing to do
-};
-
 // The results of all ports, as text and as JSON.
 class Outcome {
   public:
-    explicit Outcome(const OutcomeWords& words) : words_(words) {}
+    //   done: the participle of the run, "migrated".
+    //   already: the same for ports where there was nothing to do.
+    Outcome(const char* done, const char* already) : done_(done), already_(already) {}
 
-    //   changed: whether there was anything to do.
-    void Add(const Migration& migration, const MigrationResult& result, bool changed) {
+    void Add(const Migration& migration, const MigrationResult& result) {
         const std::string failure =
             migration.obstacle.empty() ? result.failure : migration.obstacle;
         const bool complete = failure.empty() && result.waiting.empty();
-        ++(!complete ? incomplete_ : changed ? complete_ : already_);
+        ++(!complete ? incomplete_ : result.changed ? complete_ : unchanged_);
         documents_.push_back({{"name", WideToUtf8(migration.to)},
                               {"from", WideToUtf8(migration.from)},
                               {"to", WideToUtf8(migration.to)},
-                              {"moved", ToJson(result.moved)},
-                              {"waiting", ToJson(result.waiting)},
-                              {"changed", changed},
+                              {"moved", NamesAsJson(result.moved)},
+                              {"waiting", NamesAsJson(result.waiting)},
+                              {"changed", result.changed},
                               {"error", failure}});
         if (!complete) {
             text_ +=
@@ -146,9 +82,10 @@ class Outcome {
         if (json) {
             PrintJson({{"ports", documents_}, {"undoFile", undoFile}});
         } else {
-            std::cout << Counted(complete_) << words_.done
-                      << (already_ == 0 ? "" : ", " + Counted(already_) + words_.already)
-                      << (incomplete_ == 0 ? "" : ", " + Counted(incomplete_) + "incomplete:")
+            std::cout << Count(complete_, "port") << ' ' << done_
+                      << (unchanged_ == 0 ? "" : ", " + Count(unchanged_, "port") + ' ' + already_)
+                      << (incomplete_ == 0 ? ""
+                                           : ", " + Count(incomplete_, "port") + " incomplete:")
                       << '\n'
                       << text_;
             if (!undoFile.empty()) {
@@ -157,44 +94,38 @@ class Outcome {
             }
         }
         if (incomplete_ != 0) {
-            throw CommandFailed(Counted(incomplete_) + "could not be " + words_.done +
+            throw CommandFailed(Count(incomplete_, "port") + " could not be " + done_ +
                                 " completely");
         }
     }
 
   private:
-    static std::string Counted(size_t count) {
-        return std::to_string(count) + (count == 1 ? " port " : " ports ");
-    }
-
-    const OutcomeWords words_;
+    const char* const done_;
+    const char* const already_;
     nlohmann::json documents_ = nlohmann::json::array();
     std::string text_;
     size_t complete_ = 0;
-    size_t already_ = 0;
+    size_t unchanged_ = 0;
     size_t incomplete_ = 0;
 };
 
-constexpr OutcomeWords kMigrated = {"migrated", "already migrated"};
-constexpr OutcomeWords kUndone = {"undone", "unchanged since"};
-
-// Processes one port after the other with progress; Ctrl-C ends it between two ports.
-//   work: also says whether there was anything to do, in `changed`.
-void ForEachPort(const std::vector<Migration>& plan, bool json, Outcome& outcome,
-                 const std::function<MigrationResult(const Migration&)>& work) {
+// Processes one port after the other and reports them; Ctrl-C ends it between two ports.
+void RunEach(const std::vector<Migration>& plan, bool json, const std::string& undoFile,
+             Outcome outcome, const std::function<MigrationResult(const Migration&)>& work) {
     const Interruption interruption;
     Progress progress(!json);
     for (size_t i = 0; i < plan.size(); ++i) {
-        progress.Show(Bar(i, plan.size()) + "  " + std::to_string(i) + " of " +
-                      std::to_string(plan.size()) + " ports");
+        progress.Show(PortsBar(i, plan.size()));
         MigrationResult result;
         if (interruption.Requested()) {
             result.failure = "not started because of Ctrl-C";
         } else if (plan[i].obstacle.empty()) {
             result = work(plan[i]);
         }
-        outcome.Add(plan[i], result, result.changed);
+        outcome.Add(plan[i], result);
     }
+    progress.Clear();
+    outcome.Report(json, undoFile);
 }
 
 std::vector<Migration> Planned(const MigrateArguments& arguments, SpoolerChannel& channel,
@@ -208,7 +139,7 @@ std::vector<Migration> Planned(const MigrateArguments& arguments, SpoolerChannel
         wishes.identify = identify;
     }
     return PlanMigration(channel, wishes, [&](size_t done, size_t all) {
-        progress.Show(Bar(done, all) + "  planning " + std::to_string(all) + " ports");
+        progress.Show(Bar(done, all) + "  planning " + Count(all, "port"));
     });
 }
 
@@ -240,61 +171,28 @@ void RunMigrate(const MigrateArguments& arguments, SpoolerChannel& channel,
     std::string undoFile;
     if (hasWork) {
         Confirm("Create these ports and move the printers?", arguments.yes, "Nothing was changed");
-        undoFile = WriteUndoFile(arguments, plan, server);
+        undoFile = SaveMigration(arguments.undoFile, plan, server);
     }
-    Outcome outcome(kMigrated);
-    ForEachPort(plan, arguments.json, outcome, [&channel](const Migration& migration) {
-        MigrationResult result;
-        if (!migration.HasWork()) {
-            result.waiting = migration.busy;
-            return result;
-        }
-        result = Migrate(channel, migration);
-        result.changed = !migration.isThere || !result.moved.empty();
-        return result;
-    });
-    outcome.Report(arguments.json, undoFile);
-}
-
-// A file of another server would move the printers of this one.
-std::vector<Migration> ReadUndoFile(const std::string& file, const std::wstring& server) {
-    const std::string text = ReadFileOrInput(file);
-    try {
-        const nlohmann::json document = nlohmann::json::parse(text);
-        if (const auto other = document.at("server").get<std::string>();
-            !SameName(Utf8ToWide(other), server)) {
-            throw CommandFailed("the migration was run " +
-                                (other.empty() ? "without --server" : "with --server " + other) +
-                                ". Undo it in the same way");
-        }
-        std::vector<Migration> plan;
-        for (const auto& port : document.at("ports")) {
-            plan.push_back(FromJson(port));
-        }
-        return plan;
-    } catch (const nlohmann::json::exception&) {
-        throw CommandFailed(SourceName(file) + " is not a file that `port migrate` wrote");
-    } catch (const CommandFailed& failed) {
-        throw CommandFailed(SourceName(file) + ": " + failed.what());
-    }
+    RunEach(plan, arguments.json, undoFile, {"migrated", "already migrated"},
+            [&channel](const Migration& migration) { return Migrate(channel, migration); });
 }
 
 // Shows which printers would move back and which ports would be deleted.
 void PrintUndoPlan(const std::vector<Migration>& plan, SpoolerChannel& channel, bool json) {
     nlohmann::json documents = nlohmann::json::array();
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Row> rows;
     for (const Migration& migration : plan) {
         const MigrationResult result = Undo(channel, migration, true);
         documents.push_back(ToJson(migration));
-        documents.back()["moved"] = ToJson(result.moved);
-        documents.back()["waiting"] = ToJson(result.waiting);
+        documents.back()["moved"] = NamesAsJson(result.moved);
+        documents.back()["waiting"] = NamesAsJson(result.waiting);
         documents.back()["deleted"] = result.deleted;
         documents.back()["error"] = result.failure;
         const std::string remark =
             !result.waiting.empty() ? "not moved: print jobs wait in " + JoinedNames(result.waiting)
                                     : result.failure;
         rows.push_back({WideToUtf8(migration.to), WideToUtf8(migration.from),
-                        result.moved.empty() ? "-" : JoinedNames(result.moved),
+                        Cell(JoinedNames(result.moved)),
                         result.deleted ? "is deleted" : "no change", Cell(remark)});
     }
     if (json) {
@@ -307,15 +205,58 @@ void PrintUndoPlan(const std::vector<Migration>& plan, SpoolerChannel& channel, 
 
 void RunUndo(const MigrateArguments& arguments, SpoolerChannel& channel,
              const std::wstring& server) {
-    const std::vector<Migration> plan = ReadUndoFile(arguments.undo, server);
+    const std::vector<Migration> plan = LoadMigration(arguments.undo, server);
     if (arguments.dryRun) {
         PrintUndoPlan(plan, channel, arguments.json);
         return;
     }
-    Outcome outcome(kUndone);
-    ForEachPort(plan, arguments.json, outcome,
-                [&channel](const Migration& migration) { return Undo(channel, migration); });
-    outcome.Report(arguments.json, {});
+    RunEach(plan, arguments.json, {}, {"undone", "unchanged since"},
+            [&channel](const Migration& migration) { return Undo(channel, migration); });
+}
+
+void ReportRename(const RenameArguments& arguments, const Migration& plan) {
+    if (arguments.json) {
+        PrintJson({{"name", WideToUtf8(plan.to)},
+                   {"before", WideToUtf8(plan.from)},
+                   {"moved", NamesAsJson(plan.queues)},
+                   {"dryRun", arguments.dryRun}});
+        return;
+    }
+    std::cout << "port " << WideToUtf8(plan.from) << (arguments.dryRun ? " would be" : "")
+              << " renamed to " << WideToUtf8(plan.to);
+    if (!plan.queues.empty()) {
+        std::cout << (plan.queues.size() == 1 ? ", with the printer " : ", with the printers ")
+                  << JoinedNames(plan.queues);
+    }
+    std::cout << '\n';
+}
+
+void RunRename(const RenameArguments& arguments, SpoolerChannel& channel) {
+    const Interruption untilDone;  // half a rename would leave two ports
+    const Migration plan =
+        PlanRename(channel, Utf8ToWide(arguments.name), Utf8ToWide(arguments.newName));
+    if (untilDone.Requested()) {
+        throw Interrupted();
+    }
+    if (!arguments.dryRun) {
+        RenamePort(channel, plan);
+    }
+    ReportRename(arguments, plan);
+}
+
+void AddRename(CLI::App& port, const ChannelFactory& openChannel) {
+    const auto [command, arguments] = AddCommand<RenameArguments>(
+        port, "rename",
+        "Rename a port: add a port with the same settings, move the printers to it and delete the "
+        "old port, completely or not at all",
+        "port rename OFFICE RECEPTION",
+        [openChannel](const RenameArguments& given) { RunRename(given, *openChannel()); });
+    AddText(command, "NAME", arguments.name, "The port").required();
+    command.add_option("NEW-NAME", arguments.newName, "Its new name")
+        ->required()
+        ->transform(Checked(CheckPortName));
+    AddDryRunFlag(command, arguments.dryRun);
+    AddJsonFlag(command, arguments.json);
 }
 
 }  // namespace
@@ -323,40 +264,38 @@ void RunUndo(const MigrateArguments& arguments, SpoolerChannel& channel,
 void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
                     const PrinterIdentifier& identify,
                     const std::function<std::wstring()>& server) {
-    CLI::App& command = *port.add_subcommand(
-        "migrate",
+    AddRename(port, openChannel);
+    const auto [command, arguments] = AddCommand<MigrateArguments>(
+        port, "migrate",
         "Replace Windows' standard TCP/IP ports by ports with the same settings, and move the "
-        "printers that have no waiting print jobs; shows the plan first");
-    AddExample(command, "port migrate \"IP_10.*\" --follow --dry-run");
-    const auto arguments = std::make_shared<MigrateArguments>();
-    CLI::Option& names = AddNames(command, arguments->names,
+        "printers that have no waiting print jobs; shows the plan first",
+        "port migrate \"IP_10.*\" --follow --dry-run",
+        [openChannel, identify, server](const MigrateArguments& given) {
+            const auto channel = openChannel();
+            if (given.undo.empty()) {
+                RunMigrate(given, *channel, identify, server());
+            } else {
+                RunUndo(given, *channel, server());
+            }
+        });
+    CLI::Option& names = AddNames(command, arguments.names,
                                   "Standard ports, or patterns with * and ?; all by default");
     CLI::Option* undo =
-        command.add_option("--undo", arguments->undo, "Undo the migration that wrote this file");
+        command.add_option("--undo", arguments.undo, "Undo the migration that wrote this file");
     undo->check(NotEmpty())->excludes(&names);
     command
-        .add_option("--name-format", arguments->nameFormat,
+        .add_option("--name-format", arguments.nameFormat,
                     "Names of the new ports, with {name} and {address} ({name}-kestmon)")
         ->check(Checked(CheckNameFormat))
         ->excludes(undo);
     command
-        .add_flag("--follow", arguments->follow,
+        .add_flag("--follow", arguments.follow,
                   "Read MAC address and host name from each printer, and follow it")
         ->excludes(undo);
-    command
-        .add_option("--undo-file", arguments->undoFile,
-                    "File to write for --undo (migration-DATE-TIME.json)")
-        ->check(NotEmpty())
-        ->excludes(undo);
-    AddDryRunFlag(command, arguments->dryRun);
-    AddYesFlag(command, arguments->yes);
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel, identify, server] {
-        const auto channel = openChannel();
-        if (arguments->undo.empty()) {
-            RunMigrate(*arguments, *channel, identify, server());
-        } else {
-            RunUndo(*arguments, *channel, server());
-        }
-    });
+    AddText(command, "--undo-file", arguments.undoFile,
+            "File to write for --undo (migration-DATE-TIME.json)")
+        .excludes(undo);
+    AddDryRunFlag(command, arguments.dryRun);
+    AddYesFlag(command, arguments.yes);
+    AddJsonFlag(command, arguments.json);
 }

@@ -2,13 +2,13 @@
 #include <winsock2.h>
 #include <windows.h>
 
+#include <nlohmann/json.hpp>
+
 #include <iostream>
-#include <memory>
 #include <string>
 
 #include "admin/search/Hosts.h"
 #include "kestctl/Command.h"
-#include "kestctl/Progress.h"
 
 namespace {
 
@@ -51,30 +51,6 @@ void RunPing(const NetworkArguments& arguments) {
     }
 }
 
-const char* Reason(AddressVerdict verdict) {
-    switch (verdict) {
-        case AddressVerdict::Taken:
-            return "";
-        case AddressVerdict::NoAddress:
-            return "the interface has no address";
-        case AddressVerdict::NoMask:
-            return "it has no subnet mask";
-        case AddressVerdict::ZeroNetwork:
-            return "it is in 0.0.0.0/8";
-        case AddressVerdict::Loopback:
-            return "it is the loopback address";
-        case AddressVerdict::SelfAssigned:
-            return "it is self-assigned: the interface received no address";
-        case AddressVerdict::GatewayUnusable:
-            return "the default gateway's address is unusable";
-        case AddressVerdict::IsGateway:
-            return "it is the address of the default gateway";
-        case AddressVerdict::BeyondLimit:
-            return "ten other addresses are already used";
-    }
-    return "";
-}
-
 std::string Dotted(DWORD address) {
     in_addr bytes = {};
     bytes.s_addr = address;
@@ -89,16 +65,16 @@ void RunInterfaces(const NetworkArguments& arguments) {
             "`route print` that it has any");
     }
     auto addresses = nlohmann::json::array();
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Row> rows;
     for (const auto& [address, mask, verdict] : network.GetJudgedAddresses()) {
         const bool used = verdict == AddressVerdict::Taken;
         nlohmann::json row = {{"address", Dotted(address)}, {"mask", Dotted(mask)}, {"used", used}};
         if (!used) {
-            row["reason"] = Reason(verdict);
+            row["reason"] = ReasonText(verdict);
         }
         addresses.push_back(std::move(row));
-        rows.push_back(
-            {Dotted(address), Dotted(mask), used ? "yes" : std::string("no: ") + Reason(verdict)});
+        rows.push_back({Dotted(address), Dotted(mask),
+                        used ? "yes" : std::string("no: ") + ReasonText(verdict)});
     }
     if (arguments.json) {
         PrintJson({{"interfaces", network.GetNumInterfaces()}, {"addresses", addresses}});
@@ -107,30 +83,28 @@ void RunInterfaces(const NetworkArguments& arguments) {
     }
 }
 
-// Adds a command and, unless `target` is null, its argument.
-void AddCommand(CLI::App& app, const char* name, const char* text, const char* target,
-                const char* targetText, const char* example, void (*run)(const NetworkArguments&)) {
-    const auto arguments = std::make_shared<NetworkArguments>();
-    CLI::App& command = *app.add_subcommand(name, text);
-    AddExample(command, example);
-    if (target != nullptr) {
-        command.add_option(target, arguments->target, targetText)->required()->check(NotEmpty());
+using RunFunction = void (*)(const NetworkArguments&);
+
+// Adds a command with its argument; the text of the argument is null without one.
+void Add(CLI::App& app, const char* name, const char* text, const char* example, RunFunction run,
+         const char* target, const char* targetText) {
+    const auto [command, arguments] = AddCommand<NetworkArguments>(app, name, text, example, run);
+    if (targetText != nullptr) {
+        command.add_option(target, arguments.target, targetText)->required()->check(NotEmpty());
     }
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, run] { run(*arguments); });
+    AddJsonFlag(command, arguments.json);
 }
 
 }  // namespace
 
 void AddNetworkCommands(CLI::App& app) {
-    AddCommand(app, "resolve", "Show the address to which the monitor resolves a host name", "NAME",
-               "Host name", "resolve printer-2.example.com", RunResolve);
-    AddCommand(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
-               "ADDRESS", "IPv4 address, IPv6 address or host name of the printer",
-               "ping 192.168.1.20", RunPing);
-    AddCommand(
-        app, "interfaces",
+    Add(app, "resolve", "Show the address to which the monitor resolves a host name",
+        "resolve printer-2.example.com", RunResolve, "NAME", "Host name");
+    Add(app, "ping", "Send an ICMP echo request to a printer, as the printer search does",
+        "ping 192.168.1.20", RunPing, "ADDRESS",
+        "IPv4 address, IPv6 address or host name of the printer");
+    Add(app, "interfaces",
         "Show which IPv4 addresses of this computer the printer search uses, and why it does not "
         "use the others",
-        nullptr, nullptr, "interfaces", RunInterfaces);
+        "interfaces", RunInterfaces, nullptr, nullptr);
 }

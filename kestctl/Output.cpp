@@ -1,13 +1,15 @@
-#include "kestctl/Command.h"
+#include "kestctl/Output.h"
 
+#include <winsock2.h>
 #include <windows.h>
+#include <winternl.h>
+
+#include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <cstdlib>
-#include <iostream>
-#include <iterator>
+#include <utility>
 
-#include "base/Text.h"
+#include "admin/ports/PortJson.h"
 
 namespace {
 
@@ -15,8 +17,13 @@ bool printedJson = false;
 std::string server;  // without its backslashes; empty for this computer
 bool direct = false;
 
-void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& widths,
-              std::ostream& out) {
+// Code points, which is what a column is wide for the names that ports and printers have.
+size_t Width(const std::string& text) {
+    return static_cast<size_t>(std::count_if(
+        text.begin(), text.end(), [](unsigned char byte) { return (byte & 0xC0) != 0x80; }));
+}
+
+void PrintRow(const Row& row, const std::vector<size_t>& widths, std::ostream& out) {
     std::string line;
     for (size_t i = 0; i < row.size(); ++i) {
         line += Padded(row[i], widths[i]) + "  ";
@@ -24,6 +31,20 @@ void PrintRow(const std::vector<std::string>& row, const std::vector<size_t>& wi
     line.erase(line.find_last_not_of(' ') + 1);
     out << line << '\n';
 }
+
+bool IsTerminal(DWORD handle) {
+    DWORD mode = 0;
+    return GetConsoleMode(GetStdHandle(handle), &mode) != FALSE;
+}
+
+// What ntdll reports of a pipe; the SDK's headers do not declare it.
+struct PipeInformation {
+    ULONG type, configuration, maximumInstances, currentInstances, inboundQuota, readAvailable,
+        outboundQuota, writeQuota, state, end;
+};
+static_assert(sizeof(PipeInformation) == 40);
+constexpr auto kPipeInformation = static_cast<FILE_INFORMATION_CLASS>(24);
+constexpr ULONG kConnected = 3;
 
 // The remedy on another server where it differs from that on this computer; else empty.
 std::string RemedyOnServer(Remedy remedy) {
@@ -43,6 +64,10 @@ std::string RemedyOnServer(Remedy remedy) {
             return {};
     }
 }
+
+constexpr char kCheckSearch[] =
+    ". Check that the printer is on, that `kestctl slp find` shows it with the attributes that "
+    "SLPConf.xml names (docs/SLPConf.md), and that no firewall blocks UDP port 427";
 
 // The remedy for a failure that is about the port `port`, as a sentence.
 std::string RemedyText(Remedy remedy, const std::string& port) {
@@ -72,9 +97,7 @@ std::string RemedyText(Remedy remedy, const std::string& port) {
             return ". Add a printer for the port (Windows: Add-Printer -PortName), or send "
                    "without a printer with --direct";
         case Remedy::CheckSearch:
-            return ". Check that the printer is on, that `kestctl slp find` shows it with the "
-                   "attributes that SLPConf.xml names (docs/SLPConf.md), and that no firewall "
-                   "blocks UDP port 427";
+            return kCheckSearch;
         case Remedy::UnpackRelease:
             return ". Unpack the whole archive into a folder of its own, and run kestctl from "
                    "there or name the folder with --from";
@@ -87,33 +110,7 @@ std::string RemedyText(Remedy remedy, const std::string& port) {
     }
 }
 
-// The same document with the member "name" before the others, which are sorted.
-nlohmann::ordered_json NameFirst(const nlohmann::json& document) {
-    if (document.is_array()) {
-        auto list = nlohmann::ordered_json::array();
-        std::transform(document.begin(), document.end(), std::back_inserter(list), NameFirst);
-        return list;
-    }
-    if (!document.is_object()) {
-        return document;
-    }
-    auto object = nlohmann::ordered_json::object();
-    if (const auto name = document.find("name"); name != document.end()) {
-        object["name"] = NameFirst(*name);
-    }
-    for (const auto& [key, value] : document.items()) {
-        object.emplace(key, NameFirst(value));
-    }
-    return object;
-}
-
 }  // namespace
-
-// Code points, which is what a column is wide for the names that ports and printers have.
-size_t Width(const std::string& text) {
-    return static_cast<size_t>(std::count_if(
-        text.begin(), text.end(), [](unsigned char byte) { return (byte & 0xC0) != 0x80; }));
-}
 
 std::string Padded(std::string text, size_t width) {
     return text.append(width - std::min(width, Width(text)), ' ');
@@ -147,27 +144,18 @@ std::string Explained(const CommandFailed& failed) {
            (onServer.empty() ? RemedyText(failed.remedy, Quoted(failed.subject)) : onServer);
 }
 
-void AddJsonFlag(CLI::App& command, bool& wanted) {
-    command.add_flag("--json", wanted, "Print JSON instead of text");
-}
-
 void PrintJson(const nlohmann::json& document) {
     printedJson = true;
     std::cout << JsonText(document);
-}
-
-std::string JsonText(const nlohmann::json& document) {
-    return NameFirst(document).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
 }
 
 bool HasPrintedJson() {
     return printedJson;
 }
 
-void PrintTable(const std::vector<std::string>& heading,
-                const std::vector<std::vector<std::string>>& rows, std::ostream& out) {
+void PrintTable(const Row& heading, const std::vector<Row>& rows, std::ostream& out) {
     std::vector<size_t> widths(heading.size());
-    const auto widen = [&widths](const std::vector<std::string>& row) {
+    const auto widen = [&widths](const Row& row) {
         for (size_t i = 0; i < row.size(); ++i) {
             widths[i] = std::max(widths[i], Width(row[i]));
         }
@@ -184,72 +172,48 @@ std::string Cell(const std::string& text) {
     return text.empty() ? "-" : Printable(text);
 }
 
-std::string Count(size_t number, const std::string& what) {
-    return std::to_string(number) + ' ' + what + (number == 1 ? "" : "s");
-}
-
-void AddExample(CLI::App& command, const std::string& line) {
-    command.footer("Example:\n  kestctl " + line);
-}
-
-CLI::Validator NotEmpty() {
-    return CLI::Validator(
-        [](std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "");
-}
-
-CLI::Validator Seconds() {
-    return CLI::Validator(
-        [](std::string& text) {
-            char* end = nullptr;
-            const double value = strtod(text.c_str(), &end);
-            const bool fits = *end == '\0' && value >= 0.1 && value <= 60;
-            return fits ? "" : "'" + text + "' is not a number of seconds from 0.1 to 60";
-        },
-        "");
-}
-
-std::string Examples(const CLI::App& app) {
-    std::string text;
-    for (const CLI::App* command : app.get_subcommands(nullptr)) {
-        const std::string footer = command->get_footer();
-        text += Examples(*command);
-        if (const size_t line = footer.find('\n'); line != std::string::npos) {
-            text += footer.substr(line);
-        }
-    }
-    return text;
-}
-
 bool InputIsTerminal() {
-    DWORD mode = 0;
-    return GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) != FALSE;
-}
-
-void Confirm(const std::string& question, bool yes, const std::string& refusal) {
-    if (yes) {
-        return;
-    }
-    if (!InputIsTerminal()) {
-        throw CLI::RequiredError("--yes (there is no terminal to ask on), or --dry-run");
-    }
-    std::cout.flush();
-    std::cerr << question << " [y/N] " << std::flush;
-    std::string answer;
-    std::getline(std::cin, answer);
-    if (answer.empty() || (answer[0] != 'y' && answer[0] != 'Y')) {
-        throw CommandFailed(refusal);
-    }
-}
-
-void AddDryRunFlag(CLI::App& command, bool& wanted) {
-    command.add_flag("--dry-run", wanted, "Show what would be done, and change nothing");
-}
-
-void AddYesFlag(CLI::App& command, bool& wanted) {
-    command.add_flag("--yes", wanted, "Do not ask for confirmation");
+    return IsTerminal(STD_INPUT_HANDLE);
 }
 
 bool OutputIsTerminal() {
-    DWORD mode = 0;
-    return GetConsoleMode(GetStdHandle(STD_OUTPUT_HANDLE), &mode) != FALSE;
+    return IsTerminal(STD_OUTPUT_HANDLE);
+}
+
+bool OutputIsClosed() {
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    if (GetFileType(output) != FILE_TYPE_PIPE) {
+        return false;
+    }
+    IO_STATUS_BLOCK status = {};
+    PipeInformation pipe = {};
+    return !std::cout ||
+           (NtQueryInformationFile(output, &status, &pipe, sizeof(pipe), kPipeInformation) == 0 &&
+            pipe.state != kConnected);
+}
+
+std::string Bar(uint64_t done, uint64_t total) {
+    constexpr size_t kWidth = 30;
+    const double part = std::min(1.0, static_cast<double>(done) / static_cast<double>(total));
+    const auto filled = static_cast<size_t>(part * kWidth);
+    return '[' + std::string(filled, '#') + std::string(kWidth - filled, '.') + "] " +
+           std::to_string(static_cast<int>(part * 100)) + " %";
+}
+
+std::string PortsBar(size_t done, size_t all) {
+    return Bar(done, all) + "  " + std::to_string(done) + " of " + Count(all, "port");
+}
+
+void Progress::Show(const std::string& text) {
+    if (shown_) {
+        const size_t before = std::exchange(length_, text.size());
+        std::cout << '\r' << text << std::string(before > length_ ? before - length_ : 0, ' ')
+                  << std::flush;
+    }
+}
+
+void Progress::Clear() {
+    if (const size_t length = std::exchange(length_, 0); length != 0) {
+        std::cout << '\r' << std::string(length, ' ') << '\r' << std::flush;
+    }
 }

@@ -1,17 +1,18 @@
-// kestctl port check and test: are the printers where their ports send to?
+// kestctl port check and test: whether the printers answer where their ports send to.
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <map>
-#include <memory>
 
 #include "admin/ports/PortCheck.h"
+#include "admin/ports/PortRepair.h"
 #include "admin/ports/PortStore.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
-#include "kestctl/Command.h"
 #include "kestctl/Interruption.h"
 #include "kestctl/PortOptions.h"
-#include "kestctl/Progress.h"
 
 namespace {
 
@@ -27,46 +28,7 @@ std::chrono::milliseconds Timeout(const CheckArguments& arguments) {
     return std::chrono::milliseconds(static_cast<int>(arguments.timeout * 1000));
 }
 
-// A port that was checked, and what was made of it.
-struct Result {
-    CheckedPort port;
-    bool repaired = false;
-    bool wouldBeRepaired = false;  // in a dry run
-    std::string failure = {};      // why it was not repaired
-};
-
-std::string StateText(PortState state) {
-    switch (state) {
-        case PortState::Ok:
-            return "ok";
-        case PortState::Unreachable:
-            return "unreachable";
-        case PortState::Moved:
-            return "moved";
-        case PortState::AnotherPrinter:
-            return "another printer";
-        case PortState::NotRecognised:
-            return "not recognised";
-        case PortState::NoConfiguration:
-            return "no configuration";
-        case PortState::CannotFollow:
-            return "cannot follow";
-        case PortState::NotConfigured:
-            return "not configured";
-    }
-    return {};
-}
-
-// Host and TCP port, an IPv6 address in brackets.
-std::string Target(const CheckedPort& port) {
-    const std::string host = AddressInUse(port.records);
-    return host.empty() ? "-"
-                        : (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" +
-                              std::to_string(port.records.standard.dwPortNumber);
-}
-
-// What is said of a port behind its state.
-std::string Remark(const Result& result) {
+std::string Remark(const RepairResult& result) {
     std::string text = result.port.detail;
     const auto add = [&text](const std::string& more) {
         text += (text.empty() ? "" : "; ") + more;
@@ -77,13 +39,13 @@ std::string Remark(const Result& result) {
                                       : "found at ") +
             result.port.found);
     }
-    if (!result.failure.empty()) {
-        add("not repaired: " + result.failure);
+    if (result.failure) {
+        add("not repaired: " + Explained(*result.failure));
     }
     return text.empty() ? "-" : text;
 }
 
-nlohmann::json ToJson(const Result& result) {
+nlohmann::json ToJson(const RepairResult& result) {
     const CheckedPort& port = result.port;
     nlohmann::json document = {{"name", WideToUtf8(port.name)},
                                {"address", AddressInUse(port.records)},
@@ -98,50 +60,17 @@ nlohmann::json ToJson(const Result& result) {
     if (result.wouldBeRepaired) {
         document["dryRun"] = true;
     }
-    if (!result.failure.empty()) {
-        document["error"] = result.failure;
+    if (result.failure) {
+        document["error"] = Explained(*result.failure);
     }
     return document;
 }
 
-// Sends the ports whose printers were found to where these are; one that fails keeps no other from
-// it.
-void Repair(SpoolerChannel& channel, bool dryRun, const Interruption& interruption,
-            std::vector<Result>& results) {
-    for (Result& result : results) {
-        if (result.port.found.empty()) {
-            continue;
-        }
-        if (result.port.records.extended.dwAlwaysPrint == 0) {
-            result.failure = "the port does not follow its printer (--always-print)";
-            continue;
-        }
-        if (interruption.Requested()) {
-            result.failure = "not started because of Ctrl-C";
-            continue;
-        }
-        if (dryRun) {
-            result.wouldBeRepaired = true;
-            continue;
-        }
-        try {
-            RepairPort(channel, result.port);
-            result.repaired = true;
-        } catch (const CommandFailed& failed) {
-            result.failure = Explained(failed);
-        }
-    }
-}
-
-bool IsWell(const Result& result) {
-    return result.port.state == PortState::Ok || result.repaired;
-}
-
-// "300 ports: 148 ok, 2 moved (2 repaired)".
-std::string Summary(const std::vector<Result>& results) {
+// "300 ports: 148 ok, 2 moved; 2 repaired".
+std::string Summary(const std::vector<RepairResult>& results) {
     std::map<PortState, size_t> counts;
     size_t repaired = 0;
-    for (const Result& result : results) {
+    for (const RepairResult& result : results) {
         ++counts[result.port.state];
         repaired += result.repaired ? 1 : 0;
     }
@@ -149,14 +78,14 @@ std::string Summary(const std::vector<Result>& results) {
     for (const auto& [state, count] : counts) {
         text += (text.empty() ? "" : ", ") + std::to_string(count) + " " + StateText(state);
     }
-    return std::to_string(results.size()) + (results.size() == 1 ? " port: " : " ports: ") + text +
+    return Count(results.size(), "port") + ": " + text +
            (repaired == 0 ? "" : "; " + std::to_string(repaired) + " repaired");
 }
 
-void Print(const std::vector<Result>& results) {
-    std::vector<std::vector<std::string>> rows;
-    for (const Result& result : results) {
-        rows.push_back({WideToUtf8(result.port.name), Target(result.port),
+void Print(const std::vector<RepairResult>& results) {
+    std::vector<Row> rows;
+    for (const RepairResult& result : results) {
+        rows.push_back({WideToUtf8(result.port.name), TargetText(result.port),
                         StateText(result.port.state), Remark(result)});
     }
     PrintTable({"PORT", "ADDRESS", "STATE", "REMARK"}, rows);
@@ -173,7 +102,7 @@ std::string RepairLine(const CheckArguments& arguments) {
 }
 
 // Throws CommandFailed unless all ports are ok.
-void Report(const CheckArguments& arguments, const std::vector<Result>& results) {
+void Report(const CheckArguments& arguments, const std::vector<RepairResult>& results) {
     if (arguments.json) {
         nlohmann::json documents = nlohmann::json::array();
         std::transform(results.begin(), results.end(), std::back_inserter(documents), ToJson);
@@ -184,11 +113,11 @@ void Report(const CheckArguments& arguments, const std::vector<Result>& results)
         Print(results);
     }
     const auto failed =
-        results.size() - static_cast<size_t>(std::count_if(results.begin(), results.end(), IsWell));
+        results.size() - static_cast<size_t>(std::ranges::count_if(results, &RepairResult::IsWell));
     if (failed == 0) {
         return;
     }
-    const bool found = std::any_of(results.begin(), results.end(), [](const Result& result) {
+    const bool found = std::ranges::any_of(results, [](const RepairResult& result) {
         return !result.port.found.empty() && !result.repaired;
     });
     throw CommandFailed(
@@ -198,27 +127,27 @@ void Report(const CheckArguments& arguments, const std::vector<Result>& results)
              : ""));
 }
 
-void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel,
-              const CheckNetwork& network) {
+// Ctrl-C ends the process during the check, which changes nothing, and between two repairs.
+void RunCheck(const CheckArguments& arguments, SpoolerChannel& channel) {
     const Interruption interruption;
     Progress progress(!arguments.json);
-    std::vector<Result> results;
-    for (CheckedPort& port : CheckPorts(
-             channel, WideNames(arguments.names), network, Timeout(arguments),
-             [&](size_t done, size_t all) {
-                 if (interruption.Requested()) {
-                     progress.Clear();
-                     EndInterrupted();  // nothing was changed yet
-                 }
-                 progress.Show(done < all ? Bar(done, all) + "  " + std::to_string(done) + " of " +
-                                                std::to_string(all) + " ports"
-                                          : "searching for the printers that did not answer");
-             })) {
+    const auto tell = [&](size_t done, size_t all) {
+        if (interruption.Requested()) {
+            progress.Clear();
+            EndInterrupted();
+        }
+        progress.Show(done < all ? PortsBar(done, all)
+                                 : "searching for the printers that did not answer");
+    };
+    std::vector<RepairResult> results;
+    for (CheckedPort& port : CheckPorts(channel, WideNames(arguments.names), RealCheckNetwork(),
+                                        Timeout(arguments), tell)) {
         results.push_back({std::move(port)});
     }
     progress.Clear();
     if (arguments.repair) {
-        Repair(channel, arguments.dryRun, interruption, results);
+        const auto goOn = [&interruption] { return !interruption.Requested(); };
+        RepairPorts(channel, arguments.dryRun, goOn, results);
     }
     Report(arguments, results);
 }
@@ -229,7 +158,7 @@ void PrintTest(const CheckedPort& port) {
         return;
     }
     const bool connected = port.connection.error.empty();
-    std::cout << "port " << WideToUtf8(port.name) << ": " << Target(port)
+    std::cout << "port " << WideToUtf8(port.name) << ": " << TargetText(port)
               << (connected ? " accepts connections, after " : " accepts no connection, after ")
               << port.connection.took.count() << " ms"
               << (connected ? "" : ": " + port.connection.error) << '\n';
@@ -253,15 +182,15 @@ void PrintTest(const CheckedPort& port) {
     }
 }
 
-void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
-             const CheckNetwork& network) {
+void RunTest(const CheckArguments& arguments, SpoolerChannel& channel) {
+    const CheckNetwork network = RealCheckNetwork();
     Progress progress(!arguments.json);
     nlohmann::json documents = nlohmann::json::array();
     std::string failures;
     for (const std::wstring& name : FindPorts(channel, WideNames(arguments.names))) {
         const PortRecords records = ReadPort(channel, name);
         progress.Show("asking " + Printable(AddressInUse(records)));
-        const Result result = {TestPort(name, records, network, Timeout(arguments))};
+        const RepairResult result = {TestPort(name, records, network, Timeout(arguments))};
         progress.Clear();
         documents.push_back(ToJson(result));
         if (!arguments.json) {
@@ -280,37 +209,43 @@ void RunTest(const CheckArguments& arguments, SpoolerChannel& channel,
     }
 }
 
+std::string CheckSeconds(std::string& text) {
+    char* end = nullptr;
+    const double value = strtod(text.c_str(), &end);
+    const bool fits = *end == '\0' && value >= 0.1 && value <= 60;
+    return fits ? "" : "'" + text + "' is not a number of seconds from 0.1 to 60";
+}
+
 void AddTimeout(CLI::App& command, double& timeout) {
     command.add_option("--timeout", timeout, "Seconds that a connection may take (3)")
-        ->check(Seconds());
+        ->check(Checked(CheckSeconds));
 }
 
 }  // namespace
 
 void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& check = *port.add_subcommand(
-        "check",
+    const auto [check, checked] = AddCommand<CheckArguments>(
+        port, "check",
         "Check that printers answer where their ports send to, and are still the same; search for "
-        "those that are not; exit code 1 unless all are ok");
-    AddExample(check, "port check \"OFFICE-*\" --repair");
-    const auto checked = std::make_shared<CheckArguments>();
-    AddNames(check, checked->names, "The ports, or patterns with * and ?; all if there is none");
-    AddTimeout(check, checked->timeout);
-    check.add_flag("--repair", checked->repair,
-                   "Have ports that are to follow (--always-print) send to where their printer was "
-                   "found");
-    AddDryRunFlag(check, checked->dryRun);
-    check.get_option("--dry-run")->needs("--repair");
-    AddJsonFlag(check, checked->json);
-    check.callback(
-        [checked, openChannel] { RunCheck(*checked, *openChannel(), RealCheckNetwork()); });
+        "those that are not; exit code 1 unless all are ok",
+        "port check \"OFFICE-*\" --repair",
+        [openChannel](const CheckArguments& given) { RunCheck(given, *openChannel()); });
+    AddNames(check, checked.names, "Port names, or patterns with * and ?; all by default");
+    AddTimeout(check, checked.timeout);
+    CLI::Option* repair =
+        check.add_flag("--repair", checked.repair,
+                       "Change ports that follow their printer (--always-print) to the address "
+                       "where the printer was found");
+    AddDryRunFlag(check, checked.dryRun);
+    check.get_option("--dry-run")->needs(repair);
+    AddJsonFlag(check, checked.json);
 
-    CLI::App& test = *port.add_subcommand(
-        "test", "Connect to the printers of ports without a print job, and read their identity");
-    AddExample(test, "port test OFFICE");
-    const auto tested = std::make_shared<CheckArguments>();
-    AddNames(test, tested->names, "Port names, or patterns with * and ?").required();
-    AddTimeout(test, tested->timeout);
-    AddJsonFlag(test, tested->json);
-    test.callback([tested, openChannel] { RunTest(*tested, *openChannel(), RealCheckNetwork()); });
+    const auto [test, tested] = AddCommand<CheckArguments>(
+        port, "test",
+        "Connect to the printers of ports without a print job, and read their identity",
+        "port test OFFICE",
+        [openChannel](const CheckArguments& given) { RunTest(given, *openChannel()); });
+    AddNames(test, tested.names).required();
+    AddTimeout(test, tested.timeout);
+    AddJsonFlag(test, tested.json);
 }

@@ -1,24 +1,19 @@
 // kestctl port list|show|add|set|delete
+#include <nlohmann/json.hpp>
+
 #include <algorithm>
 #include <iostream>
-#include <memory>
 
 #include "address/AddressText.h"
-#include "admin/ports/Following.h"
+#include "admin/ports/PortJson.h"
+#include "admin/ports/PortPlan.h"
 #include "admin/ports/PortStore.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
-#include "kestctl/Command.h"
 #include "kestctl/Interruption.h"
-#include "admin/ports/PortJson.h"
 #include "kestctl/PortOptions.h"
-#include "kestctl/Progress.h"
 
 namespace {
-
-std::string OrNone(const std::string& text) {
-    return text.empty() ? "-" : text;
-}
 
 // The system's queues; none if they cannot be listed.
 std::optional<std::vector<Queue>> KnownQueues(SpoolerChannel& channel) {
@@ -29,16 +24,12 @@ std::optional<std::vector<Queue>> KnownQueues(SpoolerChannel& channel) {
     }
 }
 
-// The queues on a port as JSON and in words.
+// The queues on a port as JSON, and these in words; null and "?" if they are unknown.
 nlohmann::json UsedBy(const std::optional<std::vector<Queue>>& queues, const std::wstring& port) {
     if (!queues) {
         return nullptr;
     }
-    nlohmann::json names = nlohmann::json::array();
-    for (const std::wstring& name : QueuesOn(*queues, port)) {
-        names.push_back(WideToUtf8(name));
-    }
-    return names;
+    return NamesAsJson(QueuesOn(*queues, port));
 }
 
 std::string Joined(const nlohmann::json& usedBy) {
@@ -49,7 +40,7 @@ std::string Joined(const nlohmann::json& usedBy) {
     for (const auto& name : usedBy) {
         text += (text.empty() ? "" : ", ") + name.get<std::string>();
     }
-    return OrNone(text);
+    return Cell(text);
 }
 
 // One document for one name, a list for several names or a pattern.
@@ -95,17 +86,10 @@ void ForEachPort(const PortArguments& arguments, const std::vector<std::wstring>
     }
 }
 
-CLI::App& AddPortCommand(CLI::App& port, const std::string& name, const std::string& description,
-                         const std::string& example) {
-    CLI::App& command = *port.add_subcommand(name, description);
-    AddExample(command, example);
-    return command;
-}
-
 // The rows and documents of `port list`.
 struct PortTableRows {
     nlohmann::json documents = nlohmann::json::array();
-    std::vector<std::vector<std::string>> rows;
+    std::vector<Row> rows;
     std::string namesOnly;  // why only the names are known; empty: all settings are
 };
 
@@ -118,7 +102,7 @@ PortTableRows ListPorts(SpoolerChannel& channel) {
             const PortRecords port = ReadPort(channel, name);
             list.documents.push_back(ToJson(name, port));
             list.rows.push_back({WideToUtf8(name), Destination(port),
-                                 OrNone(list.documents.back()["mac"]),
+                                 Cell(list.documents.back()["mac"]),
                                  port.extended.dwAlwaysPrint != 0 ? "yes" : "no", Joined(usedBy)});
         } catch (const CommandFailed& failed) {
             // Every account may list the names.
@@ -134,24 +118,18 @@ PortTableRows ListPorts(SpoolerChannel& channel) {
     return list;
 }
 
-void AddList(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& command = AddPortCommand(
-        port, "list", "List the ports with their addresses and printers", "port list --json");
-    const auto arguments = std::make_shared<PortArguments>();
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel] {
-        const PortTableRows list = ListPorts(*openChannel());
-        if (!list.namesOnly.empty()) {
-            std::cerr << "kestctl: only the names are shown: " << list.namesOnly << '\n';
-        }
-        if (arguments->json) {
-            PrintJson(list.documents);
-        } else if (list.rows.empty()) {
-            std::cout << "There are no ports. Add one with " << Advised("port add") << '\n';
-        } else {
-            PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT", "USED BY"}, list.rows);
-        }
-    });
+void RunList(const PortArguments& arguments, const ChannelFactory& openChannel) {
+    const PortTableRows list = ListPorts(*openChannel());
+    if (!list.namesOnly.empty()) {
+        std::cerr << "kestctl: only the names are shown: " << list.namesOnly << '\n';
+    }
+    if (arguments.json) {
+        PrintJson(list.documents);
+    } else if (list.rows.empty()) {
+        std::cout << "There are no ports. Add one with " << Advised("port add") << '\n';
+    } else {
+        PrintTable({"PORT", "SENDS", "MAC", "ALWAYS PRINT", "USED BY"}, list.rows);
+    }
 }
 
 void ShowPort(const nlohmann::json& settings, const PortRecords& port) {
@@ -159,57 +137,49 @@ void ShowPort(const nlohmann::json& settings, const PortRecords& port) {
     const nlohmann::json& snmp = settings["snmp"];
     PrintTable({"port", settings["name"]},
                {{"sends", Destination(port)},
-                {"IPv4 address", OrNone(settings["address"])},
-                {"IPv6 host", OrNone(settings["ipv6Host"])},
+                {"IPv4 address", Cell(settings["address"])},
+                {"IPv6 host", Cell(settings["ipv6Host"])},
                 {"always print", yesNo(settings["alwaysPrint"])},
-                {"MAC address", OrNone(settings["mac"])},
-                {"host name", OrNone(settings["hostName"])},
+                {"MAC address", Cell(settings["mac"])},
+                {"host name", Cell(settings["hostName"])},
                 {"SNMP", snmp["enabled"] ? "community " + std::string(snmp["community"]) +
                                                ", device " + snmp["index"].dump()
                                          : "off"},
                 {"used by", Joined(settings["usedBy"])}});
 }
 
-void AddShow(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& command =
-        AddPortCommand(port, "show", "Show all settings of ports", "port show OFFICE");
-    const auto arguments = std::make_shared<PortArguments>();
-    AddNames(command, arguments->names, "Port names, or patterns with * and ?").required();
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel] {
-        const auto channel = openChannel();
-        const auto queues = KnownQueues(*channel);
-        nlohmann::json documents = nlohmann::json::array();
-        for (const std::wstring& name : FindPorts(*channel, WideNames(arguments->names))) {
-            const PortRecords port = ReadPort(*channel, name);
-            documents.push_back(ToJson(name, port));
-            documents.back()["usedBy"] = UsedBy(queues, name);
-            if (!arguments->json) {
-                std::cout << (documents.size() > 1 ? "\n" : "");
-                ShowPort(documents.back(), port);
-            }
+void RunShow(const PortArguments& arguments, const ChannelFactory& openChannel) {
+    const auto channel = openChannel();
+    const auto queues = KnownQueues(*channel);
+    nlohmann::json documents = nlohmann::json::array();
+    for (const std::wstring& name : FindPorts(*channel, WideNames(arguments.names))) {
+        const PortRecords port = ReadPort(*channel, name);
+        documents.push_back(ToJson(name, port));
+        documents.back()["usedBy"] = UsedBy(queues, name);
+        if (!arguments.json) {
+            std::cout << (documents.size() > 1 ? "\n" : "");
+            ShowPort(documents.back(), port);
         }
-        if (arguments->json) {
-            PrintDocuments(*arguments, std::move(documents));
-        }
-    });
+    }
+    if (arguments.json) {
+        PrintDocuments(arguments, std::move(documents));
+    }
 }
-
-// What a command line comes to for an existing port.
-struct PlannedPort {
-    std::wstring name;
-    PortRecords before = {};
-    PortRecords after = {};
-    std::string following = {};  // for the report
-    std::string failure = {};    // why nothing is changed
-    Remedy remedy = Remedy::None;
-};
 
 nlohmann::json ChangesOf(const PlannedPort& port) {
     return Changes(ToJson(port.name, port.before), ToJson(port.name, port.after));
 }
 
+std::string ResolvedText(const std::string& name) {
+    return name.empty() ? std::string() : ", the address of " + name;
+}
+
+std::string FollowingText(const std::optional<PrinterIdentity>& printer) {
+    return printer ? ", following " + IdentityText(*printer) : std::string();
+}
+
 // Changes a port unless it is a dry run, and reports it. Returns it as JSON.
+//   resolved: the host name that the address was given by, if any.
 nlohmann::json SetPort(SpoolerChannel& channel, const PlannedPort& port,
                        const PortArguments& arguments, const std::string& resolved) {
     nlohmann::json document = ToJson(port.name, port.after);
@@ -224,7 +194,7 @@ nlohmann::json SetPort(SpoolerChannel& channel, const PlannedPort& port,
     }
     std::cout << "port " << WideToUtf8(port.name)
               << (arguments.dryRun ? " would be set: " : " set: ") << Destination(port.after)
-              << resolved << port.following << '\n';
+              << ResolvedText(resolved) << FollowingText(port.printer) << '\n';
     for (const auto& [key, values] : changes.items()) {
         std::cout << "  " << ChangeText(key, values) << '\n';
     }
@@ -234,79 +204,12 @@ nlohmann::json SetPort(SpoolerChannel& channel, const PlannedPort& port,
     return document;
 }
 
-PlannedPort PlanPort(SpoolerChannel& channel, const std::wstring& name,
-                     const PortArguments& arguments,
-                     const std::optional<PrinterIdentity>& printer) {
-    PlannedPort port = {name, ReadPort(channel, name)};
-    port.after = port.before;
-    port.following = ApplyArguments(arguments, printer, port.after);
-    return port;
-}
-
-// The address that a change gives to a port; empty if it gives none.
-std::string NewAddress(const PortChange& change) {
-    const std::string address = change.address.value_or("");
-    return address.empty() ? change.ipv6.value_or("") : address;
-}
-
-// Plans that each port follows the printer at its own address. A port whose printer cannot be
-// identified is not changed.
-std::vector<PlannedPort> PlanInPlace(SpoolerChannel& channel,
-                                     const std::vector<std::wstring>& names,
-                                     const PortArguments& arguments,
-                                     const PrinterIdentifier& identify) {
-    std::vector<std::string> hosts;
-    for (const std::wstring& name : names) {
-        hosts.push_back(NewAddress(arguments.change));
-        if (hosts.back().empty()) {
-            hosts.back() = AddressInUse(ReadPort(channel, name));
-        }
-    }
-    Progress progress(!arguments.json);
-    const auto printers = IdentifyPrinters(hosts, identify, [&](size_t done) {
-        progress.Show(Bar(done, hosts.size()) + "  asking " + std::to_string(hosts.size()) +
-                      (hosts.size() == 1 ? " printer" : " printers"));
-    });
-    std::vector<PlannedPort> plan;
-    for (size_t i = 0; i < names.size(); ++i) {
-        std::string failure = hosts[i].empty() ? "the port has no address" : printers[i].failure;
-        const Remedy remedy = hosts[i].empty() ? Remedy::None : printers[i].remedy;
-        try {
-            if (failure.empty()) {
-                plan.push_back(PlanPort(channel, names[i], arguments, printers[i].printer));
-            }
-        } catch (const CommandFailed& failed) {
-            failure = failed.what();
-        }
-        if (!failure.empty()) {
-            plan.push_back({names[i], {}, {}, {}, failure, remedy});
-        }
-    }
-    return plan;
-}
-
-// Plans all ports, so that settings that contradict each other are refused before the first change.
-std::vector<PlannedPort> PlanPorts(SpoolerChannel& channel, const std::vector<std::wstring>& names,
-                                   const PortArguments& arguments,
-                                   const PrinterIdentifier& identify) {
-    if (FollowsInPlace(arguments)) {
-        return PlanInPlace(channel, names, arguments, identify);
-    }
-    const auto printer = PrinterToFollow(arguments, identify);
-    std::vector<PlannedPort> plan;
-    for (const std::wstring& name : names) {
-        plan.push_back(PlanPort(channel, name, arguments, printer));
-    }
-    return plan;
-}
-
 // Adds a port unless it is a dry run, and reports it. Returns it as JSON.
 nlohmann::json AddNewPort(SpoolerChannel& channel, const std::wstring& name,
-                          const PortArguments& arguments,
-                          const std::optional<PrinterIdentity>& printer,
+                          const PortArguments& arguments, const PortWishes& wishes,
                           const std::string& resolved) {
     PortRecords records;
-    const std::string following = ApplyArguments(arguments, printer, records);
+    ApplyWishes(wishes, records);
     if (arguments.dryRun) {
         RequireFreeName(channel, name);
     } else {
@@ -317,7 +220,7 @@ nlohmann::json AddNewPort(SpoolerChannel& channel, const std::wstring& name,
     if (!arguments.json) {
         std::cout << "port " << WideToUtf8(name)
                   << (arguments.dryRun ? " would be added: " : " added: ") << Destination(records)
-                  << resolved << following << '\n';
+                  << ResolvedText(resolved) << FollowingText(wishes.printer) << '\n';
     }
     return document;
 }
@@ -325,41 +228,22 @@ nlohmann::json AddNewPort(SpoolerChannel& channel, const std::wstring& name,
 void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
             const PrinterIdentifier& identify) {
     const std::string resolved = ResolveAddress(arguments.change);
-    const auto printer = PrinterToFollow(arguments, identify);
+    const PortWishes wishes = WishesOf(arguments, identify);
     const std::wstring name = Utf8ToWide(arguments.names[0]);
     if (!arguments.tolerant) {
         PortRecords unused;
-        ApplyArguments(arguments, printer, unused);  // wrong usage opens nothing
+        ApplyWishes(wishes, unused);  // wrong usage opens nothing
     }
     const auto channel = openChannel();
     const Interruption untilDone;  // a port without settings would remain
     const auto there = arguments.tolerant ? PortCalled(*channel, name) : std::nullopt;
     const nlohmann::json document =
-        there
-            ? SetPort(*channel, PlanPort(*channel, *there, arguments, printer), arguments, resolved)
-            : AddNewPort(*channel, name, arguments, printer, resolved);
+        there ? SetPort(*channel, PlanChanges(*channel, {*there}, wishes, identify, {})[0],
+                        arguments, resolved)
+              : AddNewPort(*channel, name, arguments, wishes, resolved);
     if (arguments.json) {
         PrintJson(document);
     }
-}
-
-void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
-    CLI::App& command = AddPortCommand(port, "add", "Add a port for a printer",
-                                       "port add OFFICE --follow 192.168.1.20");
-    const auto arguments = std::make_shared<PortArguments>();
-    arguments->names.resize(1);
-    command.add_option("NAME", arguments->names[0], "Name of the new port")
-        ->required()
-        ->transform(Checked(CheckPortName));
-    AddSettings(command, *arguments);
-    AddFollow(command, *arguments, false);
-    command.add_flag("--or-set", arguments->tolerant,
-                     "Change the port if it exists, as `port set` does; only a new port needs an "
-                     "address");
-    AddDryRunFlag(command, arguments->dryRun);
-    AddJsonFlag(command, arguments->json);
-    command.callback(
-        [arguments, openChannel, identify] { RunAdd(*arguments, openChannel, identify); });
 }
 
 // Throws CommandFailed if printers could not be identified, with the remedy for the first of them.
@@ -383,6 +267,17 @@ void RequireHost(SpoolerChannel& channel, const std::string& follow,
                                                    " is the name of a port. Write the names of "
                                                    "ports before --follow");
     }
+}
+
+// Plans all ports, so that settings that contradict each other are refused before the first change.
+std::vector<PlannedPort> PlanPorts(SpoolerChannel& channel, const std::vector<std::wstring>& names,
+                                   const PortArguments& arguments,
+                                   const PrinterIdentifier& identify) {
+    const PortWishes wishes = WishesOf(arguments, identify);
+    Progress progress(!arguments.json);
+    return PlanChanges(channel, names, wishes, identify, [&](size_t done) {
+        progress.Show(Bar(done, names.size()) + "  asking " + Count(names.size(), "printer"));
+    });
 }
 
 void RunSet(PortArguments& arguments, const ChannelFactory& openChannel,
@@ -417,56 +312,9 @@ void RunSet(PortArguments& arguments, const ChannelFactory& openChannel,
     RequireIdentified(plan);
 }
 
-void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
-    CLI::App& command = AddPortCommand(port, "set", "Change settings of ports and keep the others",
-                                       "port set OFFICE --follow 192.168.1.20");
-    const auto arguments = std::make_shared<PortArguments>();
-    AddNames(command, arguments->names, "Port names, or patterns with * and ?").required();
-    AddSettings(command, *arguments);
-    AddFollow(command, *arguments, true);
-    AddYesFlag(command, arguments->yes);
-    AddDryRunFlag(command, arguments->dryRun);
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel, identify, &command] {
-        const auto isSetting = [](const CLI::Option* option) {
-            return option->count() > 0 && option->nonpositional() && !option->check_lname("json") &&
-                   !option->check_lname("yes") && !option->check_lname("dry-run");
-        };
-        if (command.get_options(isSetting).empty()) {
-            throw CLI::RequiredError("a setting to change");
-        }
-        // CLI11 does not check an empty value that may be missing.
-        if (command.count("--follow") != 0 && arguments->follow.empty()) {
-            throw CLI::ValidationError("--follow", "must not be empty");
-        }
-        RunSet(*arguments, openChannel, identify);
-    });
-}
-
-// Throws CommandFailed if printers use the ports, with their names, or if the printers are unknown.
-void RequireUnused(SpoolerChannel& channel, const std::vector<std::wstring>& ports) {
-    std::optional<std::vector<Queue>> queues;
-    try {
-        queues = channel.Queues();
-    } catch (const CommandFailed& failed) {
-        throw CommandFailed("cannot determine which printers use the port; nothing was deleted: " +
-                                std::string(failed.what()),
-                            failed.remedy);
-    }
-    std::string used;
-    for (const std::wstring& port : ports) {
-        const nlohmann::json usedBy = UsedBy(queues, port);
-        if (!usedBy.empty()) {
-            used += (used.empty() ? "port " : "; port ") + WideToUtf8(port) +
-                    " is used by printer" + (usedBy.size() == 1 ? " " : "s ") + Joined(usedBy);
-        }
-    }
-    if (!used.empty()) {
-        throw CommandFailed(used, Remedy::MovePrinter);
-    }
-}
-
-void RunDelete(const PortArguments& arguments, SpoolerChannel& channel) {
+void RunDelete(const PortArguments& arguments, const ChannelFactory& openChannel) {
+    const auto opened = openChannel();
+    SpoolerChannel& channel = *opened;
     const auto names = FindPorts(channel, WideNames(arguments.names), arguments.tolerant);
     if (!names.empty()) {
         RequireUnused(channel, names);
@@ -491,16 +339,73 @@ void RunDelete(const PortArguments& arguments, SpoolerChannel& channel) {
     }
 }
 
-void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
-    CLI::App& command =
-        AddPortCommand(port, "delete", "Delete ports that no printer uses", "port delete OFFICE");
-    const auto arguments = std::make_shared<PortArguments>();
-    AddNames(command, arguments->names, "Port names, or patterns with * and ?").required();
-    command.add_flag("--if-there", arguments->tolerant, "Succeed if the port does not exist");
-    AddYesFlag(command, arguments->yes);
-    AddDryRunFlag(command, arguments->dryRun);
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel] { RunDelete(*arguments, *openChannel()); });
+using RunFunction = void (*)(const PortArguments&, const ChannelFactory&);
+
+AddedCommand<PortArguments> Add(CLI::App& port, const char* name, const char* text,
+                                const char* example, const ChannelFactory& openChannel,
+                                RunFunction run) {
+    return AddCommand<PortArguments>(
+        port, name, text, example,
+        [openChannel, run](const PortArguments& given) { run(given, openChannel); });
+}
+
+// The same for a command that adds or changes ports.
+AddedCommand<PortArguments> AddChanging(CLI::App& port, const char* name, const char* text,
+                                        const char* example,
+                                        const std::function<void(PortArguments&)>& run) {
+    return AddCommand<PortArguments>(port, name, text, example, [run](PortArguments& given) {
+        try {
+            run(given);
+        } catch (const SettingsClash& clash) {
+            throw UsageError(clash);
+        }
+    });
+}
+
+void AddAdd(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
+    const auto [command, arguments] = AddChanging(
+        port, "add", "Add a port for a printer", "port add OFFICE --follow 192.168.1.20",
+        [openChannel, identify](PortArguments& given) { RunAdd(given, openChannel, identify); });
+    arguments.names.resize(1);
+    command.add_option("NAME", arguments.names[0], "Name of the new port")
+        ->required()
+        ->transform(Checked(CheckPortName));
+    AddSettings(command, arguments, false);
+    command.add_flag("--or-set", arguments.tolerant,
+                     "Change the port if it exists, as `port set` does; only a new port needs an "
+                     "address");
+    AddDryRunFlag(command, arguments.dryRun);
+    AddJsonFlag(command, arguments.json);
+}
+
+// Refuses a command line that changes nothing.
+void RequireSetting(const CLI::App& command, const PortArguments& arguments) {
+    const auto isSetting = [](const CLI::Option* option) {
+        return option->count() > 0 && option->nonpositional() && !option->check_lname("json") &&
+               !option->check_lname("yes") && !option->check_lname("dry-run");
+    };
+    if (command.get_options(isSetting).empty()) {
+        throw CLI::RequiredError("a setting to change");
+    }
+    // CLI11 does not check an empty value that may be missing.
+    if (command.count("--follow") != 0 && arguments.follow.empty()) {
+        throw CLI::ValidationError("--follow", "must not be empty");
+    }
+}
+
+void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIdentifier& identify) {
+    const auto [command, arguments] =
+        AddChanging(port, "set", "Change settings of ports and keep the others",
+                    "port set OFFICE --follow 192.168.1.20",
+                    [openChannel, identify, &port](PortArguments& given) {
+                        RequireSetting(*port.get_subcommand("set"), given);
+                        RunSet(given, openChannel, identify);
+                    });
+    AddNames(command, arguments.names).required();
+    AddSettings(command, arguments, true);
+    AddYesFlag(command, arguments.yes);
+    AddDryRunFlag(command, arguments.dryRun);
+    AddJsonFlag(command, arguments.json);
 }
 
 }  // namespace
@@ -508,15 +413,25 @@ void AddDelete(CLI::App& port, const ChannelFactory& openChannel) {
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
                      const PrinterIdentifier& identify,
                      const std::function<std::wstring()>& server) {
-    CLI::App& port = *app.add_subcommand("port", "Manage the monitor's ports");
-    port.require_subcommand(1);
-    AddList(port, openChannel);
-    AddShow(port, openChannel);
+    CLI::App& port = AddGroup(app, "port", "Manage the monitor's ports");
+    const auto [list, listed] =
+        Add(port, "list", "List the ports with their addresses and printers", "port list --json",
+            openChannel, RunList);
+    AddJsonFlag(list, listed.json);
+    const auto [show, shown] =
+        Add(port, "show", "Show all settings of ports", "port show OFFICE", openChannel, RunShow);
+    AddNames(show, shown.names).required();
+    AddJsonFlag(show, shown.json);
     AddAdd(port, openChannel, identify);
     AddSet(port, openChannel, identify);
-    AddDelete(port, openChannel);
+    const auto [remove, removed] = Add(port, "delete", "Delete ports that no printer uses",
+                                       "port delete OFFICE", openChannel, RunDelete);
+    AddNames(remove, removed.names).required();
+    remove.add_flag("--if-there", removed.tolerant, "Succeed if the port does not exist");
+    AddYesFlag(remove, removed.yes);
+    AddDryRunFlag(remove, removed.dryRun);
+    AddJsonFlag(remove, removed.json);
     AddPortCheck(port, openChannel);
-    AddPortRename(port, openChannel);
     AddPortTransfer(port, openChannel, identify);
     AddPortMigrate(port, openChannel, identify, server);
 }

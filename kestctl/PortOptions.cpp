@@ -3,12 +3,8 @@
 #include <algorithm>
 
 #include "address/AddressText.h"
-#include "admin/ports/Following.h"
-#include "admin/search/Hosts.h"
 #include "admin/ports/PortStore.h"
-#include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
-#include "kestctl/Progress.h"
 
 namespace {
 
@@ -35,30 +31,6 @@ std::string CheckIPv6Option(std::string& text) {
                                                        : problem + ". Use --address for it";
 }
 
-// Lays the change over the records. What does not go together is wrong usage.
-void ApplyChange(const PortChange& change, PortRecords& records) {
-    try {
-        Apply(change, records);
-    } catch (const SettingsClash& clash) {
-        const auto [option, hint] = [&clash]() -> std::pair<const char*, const char*> {
-            switch (clash.setting) {
-                case PortSetting::Address:
-                    return {"--address", ""};
-                case PortSetting::Queue:
-                    return {"--queue", ". Add --protocol lpr"};
-                case PortSetting::DoubleSpool:
-                    return {"--double-spool", ". Add --protocol lpr"};
-                case PortSetting::SnmpIndex:
-                    return {"--snmp-index", ". Add --snmp COMMUNITY"};
-                case PortSetting::AlwaysPrint:
-                    return {"--always-print", ". Add --mac or --host-name, or --no-always-print"};
-            }
-            return {};
-        }();
-        throw CLI::ValidationError(option, clash.what() + std::string(hint));
-    }
-}
-
 // Stands for --follow without a value; no host has this name.
 constexpr char kOwnAddress[] = "the port's own address";
 
@@ -82,6 +54,31 @@ void AddStatusSettings(CLI::App& command, PortChange& change) {
         ->excludes(index);
 }
 
+void AddFollow(CLI::App& command, PortArguments& arguments, bool mayBeOwn) {
+    const std::string description =
+        "Read MAC address and host name from the printer at this address or host name, send to it "
+        "and follow it";
+    CLI::Option* follow = command.add_option(
+        "--follow", arguments.follow,
+        description +
+            (mayBeOwn ? "; without a value, from the printer at each port's own address" : ""));
+    follow->check(NotEmpty())
+        ->excludes("--mac")
+        ->excludes("--host-name")
+        ->excludes("--always-print");
+    if (mayBeOwn) {
+        follow->expected(0, 1)->default_str(kOwnAddress);
+    }
+}
+
+// "2 ports (A, B)".
+std::string CountedPorts(const std::vector<std::wstring>& ports) {
+    const size_t shown = std::min(ports.size(), kNamesShown);
+    return Count(ports.size(), "port") + " (" +
+           JoinedNames({ports.begin(), ports.begin() + static_cast<ptrdiff_t>(shown)}) +
+           (shown < ports.size() ? ", ...)" : ")");
+}
+
 }  // namespace
 
 CLI::Option& AddNames(CLI::App& command, std::vector<std::string>& names,
@@ -99,25 +96,7 @@ bool IsOneName(const std::vector<std::string>& names) {
     return names.size() == 1 && names[0].find_first_of("*?") == std::string::npos;
 }
 
-CLI::Validator Checked(std::string (*check)(std::string&)) {
-    return CLI::Validator(check, "");
-}
-
-std::string ResolveAddress(PortChange& change) {
-    std::string name = change.address.value_or("");
-    if (name.empty() || CheckIPv4Address(name).empty()) {
-        return {};
-    }
-    const IPAddress address = AddressOf(StartedNetwork(), name);
-    if (address.GetType() != IPV4) {
-        throw CommandFailed("the name '" + name + "' only has the IPv6 address " +
-                            address.GetText() + ". Use --ipv6 for it");
-    }
-    change.address = address.GetText();
-    return ", the address of " + name;
-}
-
-void AddSettings(CLI::App& command, PortArguments& arguments) {
+void AddSettings(CLI::App& command, PortArguments& arguments, bool mayBeOwn) {
     PortChange& change = arguments.change;
     const auto text = [&command](const char* name, std::optional<std::string>& value,
                                  const char* description, std::string (*check)(std::string&)) {
@@ -142,23 +121,7 @@ void AddSettings(CLI::App& command, PortArguments& arguments) {
     text("--host-name", change.hostName, "Host name that the printer announces", CheckHostName);
     text("--mac", change.mac, "MAC address of the printer (`none` to clear)", CheckMacAddress);
     AddStatusSettings(command, change);
-}
-
-void AddFollow(CLI::App& command, PortArguments& arguments, bool mayBeOwn) {
-    CLI::Option* follow = command.add_option(
-        "--follow", arguments.follow,
-        mayBeOwn ? "Read MAC address and host name from the printer at this address or host name, "
-                   "send to it and follow it; without a value, from the printer at each port's own "
-                   "address"
-                 : "Read MAC address and host name from the printer at this address or host name, "
-                   "send to it and follow it");
-    follow->check(NotEmpty())
-        ->excludes("--mac")
-        ->excludes("--host-name")
-        ->excludes("--always-print");
-    if (mayBeOwn) {
-        follow->expected(0, 1)->default_str(kOwnAddress);
-    }
+    AddFollow(command, arguments, mayBeOwn);
 }
 
 bool FollowsInPlace(const PortArguments& arguments) {
@@ -177,13 +140,6 @@ void RequireOnePort(const PortArguments& arguments, const std::vector<std::wstri
     }
 }
 
-std::string CountedPorts(const std::vector<std::wstring>& ports) {
-    const size_t shown = std::min(ports.size(), kNamesShown);
-    return std::to_string(ports.size()) + (ports.size() == 1 ? " port (" : " ports (") +
-           JoinedNames({ports.begin(), ports.begin() + static_cast<ptrdiff_t>(shown)}) +
-           (shown < ports.size() ? ", ...)" : ")");
-}
-
 void ConfirmPorts(const PortArguments& arguments, const std::vector<std::wstring>& ports,
                   const std::string& verb) {
     const auto matched = MatchedByPattern(ports, WideNames(arguments.names));
@@ -199,22 +155,31 @@ void ConfirmPorts(const PortArguments& arguments, const std::vector<std::wstring
             false, "Nothing was changed");
 }
 
-std::optional<PrinterIdentity> PrinterToFollow(const PortArguments& arguments,
-                                               const PrinterIdentifier& identify) {
-    if (arguments.follow.empty() || FollowsInPlace(arguments)) {
-        return std::nullopt;
+PortWishes WishesOf(const PortArguments& arguments, const PrinterIdentifier& identify) {
+    PortWishes wishes = {arguments.change, FollowsInPlace(arguments)};
+    if (!arguments.follow.empty() && !wishes.followInPlace) {
+        Progress progress(!arguments.json);
+        progress.Show("asking the printer for its identity");
+        wishes.printer = identify(arguments.follow);
     }
-    Progress progress(!arguments.json);
-    progress.Show("asking the printer for its identity");
-    return identify(arguments.follow);
+    return wishes;
 }
 
-std::string ApplyArguments(const PortArguments& arguments,
-                           const std::optional<PrinterIdentity>& printer, PortRecords& records) {
-    PortChange change = arguments.change;
-    if (printer) {
-        (FollowsInPlace(arguments) ? FollowInPlace : Follow)(*printer, records, change);
-    }
-    ApplyChange(change, records);
-    return printer ? ", following " + IdentityText(*printer) : std::string();
+CLI::ValidationError UsageError(const SettingsClash& clash) {
+    const auto [option, hint] = [&clash]() -> std::pair<const char*, const char*> {
+        switch (clash.setting) {
+            case PortSetting::Address:
+                return {"--address", ""};
+            case PortSetting::Queue:
+                return {"--queue", ". Add --protocol lpr"};
+            case PortSetting::DoubleSpool:
+                return {"--double-spool", ". Add --protocol lpr"};
+            case PortSetting::SnmpIndex:
+                return {"--snmp-index", ". Add --snmp COMMUNITY"};
+            case PortSetting::AlwaysPrint:
+                return {"--always-print", ". Add --mac or --host-name, or --no-always-print"};
+        }
+        return {};
+    }();
+    return CLI::ValidationError(option, clash.what() + std::string(hint));
 }

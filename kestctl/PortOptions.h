@@ -1,14 +1,12 @@
-// The options that describe a port, shared by the commands that make and change ports.
+// The options that describe ports, shared by the commands that add and change them.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
-#include "admin/ports/PortSettings.h"
+#include "admin/ports/PortPlan.h"
 #include "kestctl/Command.h"
 
-// What the arguments of one command are read into; it lives as long as the command does.
 struct PortArguments {
     std::vector<std::string> names;
     PortChange change;
@@ -21,30 +19,22 @@ struct PortArguments {
 
 // Adds the ports that a command is for: names, or patterns with * and ?.
 CLI::Option& AddNames(CLI::App& command, std::vector<std::string>& names,
-                      const std::string& description);
+                      const std::string& description = "Port names, or patterns with * and ?");
 
-// The same as the channel's ports are called.
 std::vector<std::wstring> WideNames(const std::vector<std::string>& names);
 
-// True when the names mean one port and no pattern: then JSON output is one document, not a list.
+// Returns true for one name without a pattern: JSON output is one document then, not a list.
 bool IsOneName(const std::vector<std::string>& names);
-
-// A check of one value as CLI11 wants it.
-CLI::Validator Checked(std::string (*check)(std::string&));
 
 // Adds the options for all settings, and --follow.
 //   mayBeOwn: whether --follow may stand without a value; see FollowsInPlace.
-void AddSettings(CLI::App& command, PortArguments& arguments);
-void AddFollow(CLI::App& command, PortArguments& arguments, bool mayBeOwn);
+void AddSettings(CLI::App& command, PortArguments& arguments, bool mayBeOwn);
 
-// True if each port is to follow the printer at its own address: --follow without a value.
+// Returns true if each port is to follow the printer at its own address: --follow without a value.
 bool FollowsInPlace(const PortArguments& arguments);
 
 // Refuses an address for more than one port, as wrong usage.
 void RequireOnePort(const PortArguments& arguments, const std::vector<std::wstring>& ports);
-
-// Ports for a message: "2 ports (A, B)".
-std::string CountedPorts(const std::vector<std::wstring>& ports);
 
 // Asks before more than one port that a pattern matched is changed. Returns if the answer is yes;
 // throws CommandFailed for no, and CLI::ValidationError without a terminal and without --yes.
@@ -52,16 +42,9 @@ std::string CountedPorts(const std::vector<std::wstring>& ports);
 void ConfirmPorts(const PortArguments& arguments, const std::vector<std::wstring>& ports,
                   const std::string& verb);
 
-// Replaces a host name in --address by its IPv4 address. Returns words about it for the report.
+// Returns the settings that the arguments describe, with the printer that --follow names.
 // Throws CommandFailed.
-std::string ResolveAddress(PortChange& change);
+PortWishes WishesOf(const PortArguments& arguments, const PrinterIdentifier& identify);
 
-// The identity of the printer that --follow names; none without a name. Throws CommandFailed.
-std::optional<PrinterIdentity> PrinterToFollow(const PortArguments& arguments,
-                                               const PrinterIdentifier& identify);
-
-// Lays the arguments, and the printer to follow, over a port's records.
-// Returns words about the printer for the report. What does not go together is wrong usage; throws
-// CommandFailed where the port could not follow the printer.
-std::string ApplyArguments(const PortArguments& arguments,
-                           const std::optional<PrinterIdentity>& printer, PortRecords& records);
+// The error for settings that contradict each other, as wrong usage.
+CLI::ValidationError UsageError(const SettingsClash& clash);

@@ -4,10 +4,14 @@
 #include <windows.h>
 #include <shellapi.h>
 
+#include <nlohmann/json.hpp>
+
 #include <fcntl.h>
 #include <io.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <exception>
 #include <iostream>
 #include <memory>
 #include <streambuf>
@@ -18,11 +22,9 @@
 #include "admin/setup/WindowsMachine.h"
 #include "kestctl/Command.h"
 #include "kestctl/Interruption.h"
-#include "kestctl/UnknownArgument.h"
 
 namespace {
 
-constexpr int kFailed = 1;
 constexpr int kWrongUsage = 2;
 
 // A console's side of a stream: whole characters of UTF-8 become the console's own text, whatever
@@ -97,10 +99,6 @@ std::vector<std::string> Arguments() {
         result.push_back(WideToUtf8(arguments[i]));
     }
     return result;
-}
-
-int FailureCode() {
-    return Interruption::WasRequested() ? kInterrupted : kFailed;
 }
 
 // Reports a failure: as text, or as a JSON document where JSON was asked for and none was printed.
@@ -183,7 +181,10 @@ int main() {
         const Utf8Output output(std::cout, STD_OUTPUT_HANDLE, stdout);
         const Utf8Output errors(std::cerr, STD_ERROR_HANDLE, stderr);
         return Run();
-    } catch (...) {  // no memory to start with
-        return kFailed;
+    } catch (const std::exception& error) {  // before a command runs: no memory, for example
+        std::fprintf(stderr, "kestctl: %s\n", error.what());
+    } catch (...) {
+        std::fputs("kestctl: the program failed for an unknown reason\n", stderr);
     }
+    return FailureCode();
 }

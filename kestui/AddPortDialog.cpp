@@ -1,10 +1,8 @@
 #include "kestui/AddPortDialog.h"
 
-#include <algorithm>
-
+#include "admin/ports/PortEditing.h"
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
-#include "kestui/DialogIds.h"
 
 namespace {
 
@@ -12,14 +10,14 @@ constexpr UINT kAdvanced[] = {
     IDC_PROTOCOL_LABEL, IDC_RAW,         IDC_LPR,          IDC_PORT_LABEL, IDC_PORT,
     IDC_QUEUE_LABEL,    IDC_QUEUE,       IDC_DOUBLE_SPOOL, IDC_SNMP,       IDC_COMMUNITY_LABEL,
     IDC_COMMUNITY,      IDC_INDEX_LABEL, IDC_INDEX};
-constexpr size_t kReasonLength = 140;  // characters; what there is room for
-constexpr int kAdvancedHeight = 116;   // dialogue units
+constexpr size_t kFailureLength = 140;  // characters that fit the control
+constexpr int kAdvancedHeight = 116;    // dialog units
 
 }  // namespace
 
 std::vector<Worker*> AddPortDialog::Workers() {
     std::vector<Worker*> workers = PortForm::Workers();
-    workers.insert(workers.end(), {&preparation_, &search_});
+    workers.insert(workers.end(), {&loader_, &searcher_});
     return workers;
 }
 
@@ -41,8 +39,8 @@ void AddPortDialog::OnInit() {
     }
     FoldAdvanced(true);
     list_.Attach(Control(IDC_LIST), texts_);
-    FillSettings({});
-    Prepare();
+    FillFields({});
+    LoadNames();
     Search();
 }
 
@@ -56,7 +54,7 @@ void AddPortDialog::OnCommand(UINT id, UINT code) {
         FoldAdvanced(!folded_);
     } else if ((id == IDC_ADD || id == IDOK) && code == BN_CLICKED &&
                IsWindowEnabled(Control(IDC_ADD))) {
-        Submit();
+        SaveAfterLookup();
     }
 }
 
@@ -67,12 +65,13 @@ LRESULT AddPortDialog::OnNotify(NMHDR& header) {
     list_.OnNotify(header);
     const auto& change = reinterpret_cast<NMLISTVIEW&>(header);
     if (header.code == LVN_ITEMCHANGED && (change.uNewState & LVIS_SELECTED) != 0 &&
-        !list_.Refreshing()) {
-        if (const FoundPrinter* printer = list_.Picked(); printer != nullptr) {
-            Pick(*printer);
+        !list_.IsRefreshing()) {
+        if (const FoundPrinter* printer = list_.Selected(); printer != nullptr) {
+            SuggestName(*printer);
+            SetPrinter(printer->identity);
         }
-    } else if (header.code == NM_DBLCLK && list_.Picked() != nullptr) {
-        Submit();
+    } else if (header.code == NM_DBLCLK && list_.Selected() != nullptr) {
+        SaveAfterLookup();
     }
     return 0;
 }
@@ -81,34 +80,35 @@ void AddPortDialog::FoldAdvanced(bool folded) {
     if (folded && (ProblemField() >= IDC_PORT && ProblemField() <= IDC_INDEX)) {
         ClearProblem();
     }
-    Fold(IDC_ADVANCED, {std::begin(kAdvanced), std::end(kAdvanced)}, Down(kAdvancedHeight), folded);
+    Fold(IDC_ADVANCED, {std::begin(kAdvanced), std::end(kAdvanced)}, PixelsDown(kAdvancedHeight),
+         folded);
     folded_ = folded;
     SetText(IDC_ADVANCED, texts_(folded ? IDC_ADVANCED : IDS_ADVANCED_SHOWN));
 }
 
-// Who may not add ports learns it before he has filled in anything.
-void AddPortDialog::Prepare() {
+// Also reports at once that the account may not add ports.
+void AddPortDialog::LoadNames() {
     Work(
-        preparation_,
+        loader_,
         [this, open = environment_.openChannel, server = server_](const Worker::Task& task) {
             const auto channel = open(server);
-            RequireAccess(*channel);
+            RequireAdministrator(*channel);
             task.Post([this, names = channel->PortNames()] { names_ = names; });
         },
         [this](const CommandFailed& failure) {
-            Report(IDS_READ_FAILED, failure);
+            ShowFailure(IDS_READ_FAILED, failure);
             End(ERROR_CANCELLED);
         });
 }
 
 void AddPortDialog::Search() {
     list_.Clear();
-    Moving(true);
+    ShowProgress(true);
     ShowStatus(texts_.Count(IDS_SEARCHING_ONE, 0));
     Work(
-        search_,
+        searcher_,
         [this, search = environment_.search](const Worker::Task& task) {
-            // Some times a second is often enough for the eye, however many answer.
+            // Updates the list with each check for a stop, not with each printer.
             std::vector<FoundPrinter> arrived;
             const auto show = [&] {
                 if (!arrived.empty()) {
@@ -123,19 +123,19 @@ void AddPortDialog::Search() {
                 search([&](const FoundPrinter& printer) { arrived.push_back(printer); },
                        [&] {
                            show();
-                           return task.GoOn();
+                           return task.MayContinue();
                        });
             show();
             task.Post([this, withoutAddress] { SearchEnded(withoutAddress); });
         },
         [this](const CommandFailed& failure) {
-            Moving(false);
-            ShowStatus(texts_(IDS_SEARCH_FAILED, {Shown(failure.what(), kReasonLength)}));
+            ShowProgress(false);
+            ShowStatus(texts_(IDS_SEARCH_FAILED, {DisplayText(failure.what(), kFailureLength)}));
         });
 }
 
 void AddPortDialog::SearchEnded(size_t withoutAddress) {
-    Moving(false);
+    ShowProgress(false);
     const size_t answered = list_.Size();
     std::wstring text;
     if (answered + withoutAddress == 0) {
@@ -155,80 +155,62 @@ void AddPortDialog::ShowStatus(const std::wstring& text) {
     SetText(IDC_STATUS, text + here);
 }
 
-void AddPortDialog::Pick(const FoundPrinter& printer) {
-    SuggestName(printer);
-    TakePrinter(printer.identity);
-}
-
-// The first of the printer's name, model and address that can be a port's name, made unique.
+// Suggests a name unless the user has typed one.
 void AddPortDialog::SuggestName(const FoundPrinter& printer) {
     if (const std::wstring typed = Text(IDC_NAME); !typed.empty() && typed != suggested_) {
         return;
     }
-    const auto taken = [this](const std::wstring& name) {
-        return std::any_of(names_.begin(), names_.end(), [&name](const std::wstring& other) {
-            return lstrcmpiW(name.c_str(), other.c_str()) == 0;
-        });
-    };
-    for (const std::string& candidate :
-         {printer.identity.hostName, printer.model, printer.identity.address}) {
-        const std::wstring base = Shown(candidate);
-        for (int number = 1; number < 1000; ++number) {
-            const std::wstring name =
-                number == 1 ? base : base + L" (" + std::to_wstring(number) + L")";
-            std::string checked = WideToUtf8(name);
-            if (!CheckPortName(checked).empty()) {
-                break;
-            }
-            if (!taken(name)) {
-                suggested_ = name;
-                SetText(IDC_NAME, name);
-                return;
-            }
-        }
+    const std::wstring name =
+        SuggestPortName({DisplayText(printer.identity.hostName), DisplayText(printer.model),
+                         DisplayText(printer.identity.address)},
+                        names_);
+    if (!name.empty()) {
+        suggested_ = name;
+        SetText(IDC_NAME, name);
     }
 }
 
-void AddPortDialog::Refuse(UINT field, UINT text) {
+void AddPortDialog::RejectField(UINT field, UINT text) {
     if (folded_ && field >= IDC_PORT && field <= IDC_INDEX) {
         FoldAdvanced(false);
     }
     ShowProblem(field, text);
 }
 
-bool AddPortDialog::CollectName() {
-    std::string name = Utf8(IDC_NAME);
+bool AddPortDialog::ReadName() {
+    std::string name = TrimmedText(IDC_NAME);
     if (!CheckPortName(name).empty()) {
-        const bool pseudo = IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
-        Refuse(IDC_NAME, pseudo ? IDS_RESERVED_NAME : IDS_BAD_NAME);
+        const bool isReserved = IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
+        RejectField(IDC_NAME, isReserved ? IDS_RESERVED_NAME : IDS_BAD_NAME);
         return false;
     }
     name_ = Utf8ToWide(name);
     return true;
 }
 
-void AddPortDialog::OnSubmit() {
+void AddPortDialog::Save() {
     PortRecords records;
-    // The address first: it stands above the name.
-    if (!Collect(records) || !CollectName()) {
+    // The fields are checked from top to bottom.
+    if (!ReadFields(records) || !ReadName()) {
         return;
     }
-    const std::wstring status =
-        search_.Running() ? texts_.Count(IDS_PRINTERS_FOUND_ONE, list_.Size()) : Text(IDC_STATUS);
-    search_.Stop();
+    const std::wstring status = searcher_.IsRunning()
+                                    ? texts_.Count(IDS_PRINTERS_FOUND_ONE, list_.Size())
+                                    : Text(IDC_STATUS);
+    searcher_.Stop();
     Enable(IDC_ADD, false);
-    Moving(true);
+    ShowProgress(true);
     SetText(IDC_STATUS, texts_(IDS_SAVING));
     Write([name = name_, records](SpoolerChannel& channel) { AddPort(channel, name, records); },
           [name = name_](SpoolerChannel& channel) { DeletePort(channel, name); },
           [this, status](const CommandFailed& failure) {
               Enable(IDC_ADD, true);
-              Moving(false);
+              ShowProgress(false);
               SetText(IDC_STATUS, status);
               if (failure.remedy == Remedy::ChangePort || failure.remedy == Remedy::ChooseName) {
-                  Refuse(IDC_NAME, IDS_NAME_TAKEN);
+                  RejectField(IDC_NAME, IDS_NAME_TAKEN);
               } else {
-                  Report(IDS_ADD_FAILED, failure);
+                  ShowFailure(IDS_ADD_FAILED, failure);
               }
           });
 }

@@ -1,4 +1,4 @@
-// "Add a printer port": a printer is picked from those that answer, or its address typed.
+// "Add Printer Port": adds a port for a printer from the search results or for a typed address.
 #pragma once
 
 #include <string>
@@ -13,31 +13,30 @@ class AddPortDialog : public PortForm {
     AddPortDialog(const Environment& environment, std::wstring server)
         : PortForm(IDD_ADD, environment, std::move(server)) {}
 
-    // The port that was added.
+    // Returns the name of the added port.
     const std::wstring& PortName() const { return name_; }
 
   private:
     void OnInit() override;
     void OnCommand(UINT id, UINT code) override;
     LRESULT OnNotify(NMHDR& header) override;
-    void OnSubmit() override;
-    void Refuse(UINT field, UINT text) override;
+    void Save() override;
+    void RejectField(UINT field, UINT text) override;
     std::vector<Worker*> Workers() override;
 
-    void Prepare();
+    void LoadNames();
     void Search();
     void SearchEnded(size_t withoutAddress);
     void ShowStatus(const std::wstring& text);
-    void Pick(const FoundPrinter& printer);
     void SuggestName(const FoundPrinter& printer);
-    bool CollectName();
+    bool ReadName();
     void FoldAdvanced(bool folded);
 
     PrinterList list_;
-    Worker preparation_;
-    Worker search_;
-    std::vector<std::wstring> names_;  // of the ports there are
-    std::wstring suggested_;           // name that the user has not changed
+    Worker loader_;
+    Worker searcher_;
+    std::vector<std::wstring> names_;  // of the existing ports
+    std::wstring suggested_;           // name in the field, unless the user has changed it
     std::wstring name_;
     bool folded_ = false;
 };

@@ -1,90 +1,59 @@
 #include "kestui/ConfigurePortDialog.h"
 
-#include <optional>
+#include <chrono>
 
+#include "admin/ports/PortEditing.h"
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
-#include "kestui/DialogIds.h"
 
 namespace {
 
-constexpr size_t kReasonLength = 200;  // characters; what there is room for
-constexpr UINT kButtons[] = {IDC_TEST, IDC_FIND, IDC_STOP, IDOK};
+constexpr size_t kFailureLength = 200;  // characters that fit the control
+constexpr std::chrono::seconds kConnectTimeout{5};
 
-bool SameHostName(const std::string& one, const std::string& other) {
-    return !one.empty() && lstrcmpiW(Utf8ToWide(one).c_str(), Utf8ToWide(other).c_str()) == 0;
-}
-
-// True when a printer is the one that is meant: by its MAC address, or by its name where one of
-// the two has no MAC address.
-bool SamePrinter(const PrinterIdentity& meant, const PrinterIdentity& found) {
-    return meant.mac.empty() || found.mac.empty() ? SameHostName(meant.hostName, found.hostName)
-                                                  : meant.mac == found.mac;
-}
-
-std::wstring Described(const PrinterIdentity& printer) {
-    const std::wstring mac = ShownMac(printer.mac);
-    const std::wstring name = Shown(printer.hostName);
+std::wstring Label(const PrinterIdentity& printer) {
+    const std::wstring mac = DisplayMac(printer.mac);
+    const std::wstring name = DisplayText(printer.hostName);
     return mac + (mac.empty() || name.empty() ? L"" : L", ") + name;
-}
-
-// The search that a job makes: the printer with the MAC address, or else the one with the name.
-std::optional<PrinterIdentity> Find(const Environment& environment, const PrinterIdentity& meant,
-                                    const GoOn& goOn) {
-    std::optional<PrinterIdentity> byMac;
-    std::optional<PrinterIdentity> byName;
-    environment.search(
-        [&](const FoundPrinter& found) {
-            if (!byMac && !meant.mac.empty() && found.identity.mac == meant.mac) {
-                byMac = found.identity;
-            } else if (!byName && SameHostName(meant.hostName, found.identity.hostName)) {
-                byName = found.identity;
-            }
-        },
-        [&] { return goOn() && !byMac; });
-    return byMac ? byMac : byName;
 }
 
 }  // namespace
 
 std::vector<Worker*> ConfigurePortDialog::Workers() {
     std::vector<Worker*> workers = PortForm::Workers();
-    workers.insert(workers.end(), {&loading_, &check_});
+    workers.insert(workers.end(), {&loader_, &checker_});
     return workers;
 }
 
 void ConfigurePortDialog::OnInit() {
     SetWindowTextW(Window(), texts_(IDS_CONFIGURE_TITLE, {port_}).c_str());
-    FillSettings({});
-    for (const UINT id : kButtons) {
+    FillFields({});
+    for (const UINT id : {UINT{IDC_TEST}, UINT{IDC_FIND}, UINT{IDC_STOP}, UINT{IDOK}}) {
         Enable(id, false);
     }
-    Moving(true);
-    Load();
+    ShowProgress(true);
+    LoadPort();
 }
 
-void ConfigurePortDialog::Load() {
+void ConfigurePortDialog::LoadPort() {
     Work(
-        loading_,
+        loader_,
         [this, open = environment_.openChannel, server = server_,
          port = port_](const Worker::Task& task) {
             const auto channel = open(server);
-            RequireAccess(*channel);
+            RequireAdministrator(*channel);
             const std::wstring name = FindPort(*channel, port);
             task.Post([this, name, records = ReadPort(*channel, name)] {
                 port_ = name;
-                before_ = records;
-                FillSettings(records);
-                means_ = {AddressInUse(records), FieldText(records.extended.sztHWAddress),
-                          FieldText(records.standard.sztHostAddress)};
-                Idle();
+                FillFields(records);
+                EndCheck();
                 if (!server_.empty()) {
                     SetText(IDC_RESULT, texts_(IDS_SEARCHED_LOCALLY, {server_}));
                 }
             });
         },
         [this](const CommandFailed& failure) {
-            Report(IDS_READ_FAILED, failure);
+            ShowFailure(IDS_READ_FAILED, failure);
             End(ERROR_CANCELLED);
         });
 }
@@ -95,31 +64,35 @@ void ConfigurePortDialog::OnCommand(UINT id, UINT code) {
         return;
     }
     if (id == IDC_TEST) {
-        Test();
+        TestConnection();
     } else if ((id == IDC_FIND || id == IDC_SEARCH) && IsWindowEnabled(Control(IDC_FIND))) {
-        FindAgain();
+        FindPrinter();
     } else if (id == IDC_STOP) {
-        check_.Stop();
-        Idle();
+        checker_.Stop();
+        EndCheck();
         AddResult(texts_(IDS_STOPPED));
     } else if (id == IDOK && IsWindowEnabled(Control(IDOK))) {
-        Submit();
+        SaveAfterLookup();
     }
 }
 
-void ConfigurePortDialog::Busy(UINT text) {
+void ConfigurePortDialog::StartCheck(UINT text, std::function<void(const Worker::Task&)> job) {
     SetText(IDC_RESULT, texts_(text));
-    Moving(true);
+    ShowProgress(true);
     Enable(IDC_STOP, true);
     Enable(IDC_TEST, false);
     Enable(IDC_FIND, false);
+    Work(checker_, std::move(job), [this](const CommandFailed& failure) {
+        EndCheck();
+        AddResult(texts_(IDS_FAILED, {DisplayText(failure.what(), kFailureLength)}));
+    });
 }
 
-void ConfigurePortDialog::Idle() {
-    Moving(false);
+void ConfigurePortDialog::EndCheck() {
+    ShowProgress(false);
     Enable(IDOK, true);
     Enable(IDC_TEST, true);
-    Enable(IDC_FIND, !means_.mac.empty() || !means_.hostName.empty());
+    Enable(IDC_FIND, HasKeys(stored_));
     if (GetFocus() == Control(IDC_STOP)) {
         SendMessageW(Window(), WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(IDC_TEST)), TRUE);
     }
@@ -133,95 +106,94 @@ void ConfigurePortDialog::AddResult(const std::wstring& line) {
     NotifyWinEvent(EVENT_SYSTEM_ALERT, Control(IDC_RESULT), OBJID_CLIENT, CHILDID_SELF);
 }
 
-void ConfigurePortDialog::ShowCheckFailed(const CommandFailed& failure) {
-    Idle();
-    AddResult(texts_(IDS_FAILED, {Shown(failure.what(), kReasonLength)}));
-}
-
-void ConfigurePortDialog::Test() {
+void ConfigurePortDialog::TestConnection() {
     ClearProblem();
-    const std::optional<PortChange> change = Collect();
+    const std::optional<PortChange> change = ReadFields();
     if (!change) {
         return;
     }
-    Busy(IDS_TESTING);
-    Work(
-        check_,
-        [this, host = Utf8(IDC_ADDRESS), port = static_cast<WORD>(change->portNumber.value_or(0)),
-         means = means_, environment = environment_](const Worker::Task& task) {
-            const std::string address = environment.resolve(host);
-            const bool answers =
-                environment.connects(address, port, [&task] { return task.GoOn(); });
-            task.Post([this, address, port, answers] {
-                AddResult(texts_(answers ? IDS_CONNECTED : IDS_NOT_CONNECTED,
-                                 {Utf8ToWide(address), std::to_wstring(port)}));
-            });
-            std::optional<PrinterIdentity> found;
-            try {
-                found = environment.identify(address);
-            } catch (const CommandFailed&) {
-                // It is told that the printer does not say who it is.
-            }
-            task.Post([this, found, means] {
-                Idle();
-                if (!found) {
-                    AddResult(texts_(IDS_UNIDENTIFIED));
-                } else if (means.mac.empty() && means.hostName.empty()) {
-                    AddResult(texts_(IDS_UNKNOWN_PRINTER, {Described(*found)}));
-                } else if (SamePrinter(means, *found)) {
-                    AddResult(texts_(IDS_SAME_PRINTER, {Described(*found)}));
-                } else {
-                    AddResult(texts_(IDS_OTHER_PRINTER, {Described(*found), Described(means)}));
-                }
-            });
-        },
-        [this](const CommandFailed& failure) { ShowCheckFailed(failure); });
+    StartCheck(IDS_TESTING, [this, host = TrimmedText(IDC_ADDRESS), port = *change->portNumber,
+                             environment = environment_](const Worker::Task& task) {
+        const std::string address = environment.resolve(host);
+        const bool accepts = environment.connect(address, port, kConnectTimeout).error.empty();
+        task.Post([this, address, port, accepts] {
+            AddResult(texts_(accepts ? IDS_CONNECTED : IDS_NOT_CONNECTED,
+                             {Utf8ToWide(address), std::to_wstring(port)}));
+        });
+        PrinterIdentity printer;
+        try {
+            printer = environment.identify(address);
+        } catch (const CommandFailed&) {
+        }
+        task.Post([this, printer] { ShowPrinter(printer); });
+    });
 }
 
-void ConfigurePortDialog::FindAgain() {
+void ConfigurePortDialog::ShowPrinter(const PrinterIdentity& printer) {
+    EndCheck();
+    const std::wstring label = Label(printer);
+    if (label.empty()) {
+        AddResult(texts_(IDS_UNIDENTIFIED));
+    } else if (!HasKeys(stored_)) {
+        AddResult(texts_(IDS_UNKNOWN_PRINTER, {label}));
+    } else if (IsStoredPrinter(stored_, printer)) {
+        AddResult(texts_(IDS_SAME_PRINTER, {label}));
+    } else {
+        AddResult(texts_(IDS_OTHER_PRINTER, {label, Label(StoredPrinter(stored_))}));
+    }
+}
+
+void ConfigurePortDialog::FindPrinter() {
     ClearProblem();
-    Busy(IDS_FINDING);
-    Work(
-        check_,
-        [this, means = means_, environment = environment_](const Worker::Task& task) {
-            const auto found = Find(environment, means, [&task] { return task.GoOn(); });
-            task.Post([this, found] {
-                Idle();
-                if (!found) {
-                    AddResult(texts_(IDS_NOT_FOUND));
-                    return;
-                }
-                const bool moved = found->address != Utf8(IDC_ADDRESS);
-                if (moved) {
-                    PrinterIdentity printer = means_;
-                    printer.address = found->address;
-                    TakePrinter(printer);
-                }
-                AddResult(
-                    texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {Utf8ToWide(found->address)}));
-            });
-        },
-        [this](const CommandFailed& failure) { ShowCheckFailed(failure); });
+    StartCheck(IDS_FINDING,
+               [this, stored = stored_, search = environment_.search](const Worker::Task& task) {
+                   std::vector<PrinterIdentity> printers;
+                   bool hasMac = false;
+                   search(
+                       [&](const FoundPrinter& found) {
+                           printers.push_back(found.identity);
+                           hasMac = hasMac || (!found.identity.mac.empty() &&
+                                               found.identity.mac == StoredPrinter(stored).mac);
+                       },
+                       [&] { return task.MayContinue() && !hasMac; });
+                   const std::string address = FindOwnPrinter(stored, printers);
+                   task.Post([this, address] { ShowFoundAddress(address); });
+               });
 }
 
-void ConfigurePortDialog::OnSubmit() {
-    PortRecords after = before_;
-    if (!Collect(after)) {
+void ConfigurePortDialog::ShowFoundAddress(const std::string& address) {
+    EndCheck();
+    if (address.empty()) {
+        AddResult(texts_(IDS_NOT_FOUND));
         return;
     }
-    check_.Stop();
-    Idle();
+    const bool moved = address != TrimmedText(IDC_ADDRESS);
+    if (moved) {
+        PrinterIdentity printer = StoredPrinter(stored_);
+        printer.address = address;
+        SetPrinter(printer);
+    }
+    AddResult(texts_(moved ? IDS_FOUND : IDS_FOUND_UNCHANGED, {Utf8ToWide(address)}));
+}
+
+void ConfigurePortDialog::Save() {
+    PortRecords after = stored_;
+    if (!ReadFields(after)) {
+        return;
+    }
+    checker_.Stop();
+    EndCheck();
     Enable(IDOK, false);
-    Moving(true);
+    ShowProgress(true);
     SetText(IDC_RESULT, texts_(IDS_SAVING));
-    Write([name = port_, before = before_,
+    Write([name = port_, before = stored_,
            after](SpoolerChannel& channel) { ChangePort(channel, name, before, after); },
-          [name = port_, before = before_, after](SpoolerChannel& channel) {
+          [name = port_, before = stored_, after](SpoolerChannel& channel) {
               ChangePort(channel, name, after, before);
           },
           [this](const CommandFailed& failure) {
-              Idle();
+              EndCheck();
               SetText(IDC_RESULT, L"");
-              Report(IDS_CHANGE_FAILED, failure);
+              ShowFailure(IDS_CHANGE_FAILED, failure);
           });
 }

@@ -1,11 +1,11 @@
-// "Configure port": the settings of one port, and whether its printer is there.
+// "Configure Port": changes the settings of a port and tests the connection to its printer.
 #pragma once
 
 #include <string>
 #include <vector>
 
-#include "kestui/PortForm.h"
 #include "kestui/DialogIds.h"
+#include "kestui/PortForm.h"
 
 class ConfigurePortDialog : public PortForm {
   public:
@@ -15,20 +15,19 @@ class ConfigurePortDialog : public PortForm {
   private:
     void OnInit() override;
     void OnCommand(UINT id, UINT code) override;
-    void OnSubmit() override;
+    void Save() override;
     std::vector<Worker*> Workers() override;
 
-    void Load();
-    void Test();
-    void FindAgain();
-    void Busy(UINT text);
-    void Idle();
+    void LoadPort();
+    void TestConnection();
+    void FindPrinter();
+    void StartCheck(UINT text, std::function<void(const Worker::Task&)> job);
+    void EndCheck();
     void AddResult(const std::wstring& line);
-    void ShowCheckFailed(const CommandFailed& failure);
+    void ShowPrinter(const PrinterIdentity& printer);
+    void ShowFoundAddress(const std::string& address);
 
     std::wstring port_;
-    PortRecords before_;
-    PrinterIdentity means_;  // the printer that the stored port means
-    Worker loading_;
-    Worker check_;
+    Worker loader_;
+    Worker checker_;
 };

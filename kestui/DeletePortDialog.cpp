@@ -1,8 +1,8 @@
 #include "kestui/DeletePortDialog.h"
 
+#include "admin/ports/PortEditing.h"
 #include "admin/ports/PortStore.h"
 #include "base/Text.h"
-#include "kestui/PortForm.h"
 
 void DeletePortDialog::OnInit() {
     SetText(IDC_QUESTION, texts_(IDS_DELETE_CHECKING, {port_}));
@@ -12,7 +12,7 @@ void DeletePortDialog::OnInit() {
         [this, open = environment_.openChannel, server = server_,
          port = port_](const Worker::Task& task) {
             const auto channel = open(server);
-            RequireAccess(*channel);
+            RequireAdministrator(*channel);
             const std::wstring name = FindPort(*channel, port);
             task.Post([this, name, queues = QueuesOn(channel->Queues(), name)] {
                 port_ = name;
@@ -20,7 +20,7 @@ void DeletePortDialog::OnInit() {
             });
         },
         [this](const CommandFailed& failure) {
-            Report(IDS_DELETE_FAILED, failure);
+            ShowFailure(IDS_DELETE_FAILED, failure);
             End(ERROR_CANCELLED);
         });
 }
@@ -28,7 +28,7 @@ void DeletePortDialog::OnInit() {
 void DeletePortDialog::ShowQueues(const std::vector<std::wstring>& queues) {
     std::wstring lines;
     for (const std::wstring& queue : queues) {
-        lines += (lines.empty() ? L"" : L"\r\n") + Shown(WideToUtf8(queue));
+        lines += (lines.empty() ? L"" : L"\r\n") + DisplayText(WideToUtf8(queue));
     }
     SetText(IDC_QUESTION, texts_(queues.empty() ? IDS_DELETE_CONFIRM : IDS_DELETE_IN_USE, {port_}));
     SetText(IDC_QUEUES, lines);
@@ -45,7 +45,7 @@ void DeletePortDialog::OnCommand(UINT id, UINT code) {
     }
 }
 
-// What is being deleted cannot be taken back: the outcome is waited for.
+// A deletion cannot be rolled back, so the dialog stays until it has ended.
 void DeletePortDialog::OnCancel() {
     if (!deleting_) {
         End(ERROR_CANCELLED);
@@ -67,6 +67,6 @@ void DeletePortDialog::Delete() {
             deleting_ = false;
             Enable(IDC_DELETE, true);
             Enable(IDCANCEL, true);
-            Report(IDS_DELETE_FAILED, failure);
+            ShowFailure(IDS_DELETE_FAILED, failure);
         });
 }

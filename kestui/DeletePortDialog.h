@@ -1,4 +1,4 @@
-// "Delete port": says which printers use it, or asks.
+// "Delete Port": asks for confirmation, or shows the printers that use the port.
 #pragma once
 
 #include <string>

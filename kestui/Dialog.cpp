@@ -9,11 +9,11 @@
 
 namespace {
 
-constexpr UINT kReports = WM_APP + 1;
+constexpr UINT kReportsReady = WM_APP + 1;
 constexpr size_t kDetailsLength = 1000;  // characters
 
-// Common controls version 6 for the windows made in its scope, whatever the program that has loaded
-// this library uses.
+// Selects version 6 of the common controls for the windows created in its scope: the program that
+// has loaded this library may use version 5.
 class VisualStyles {
   public:
     VisualStyles() {
@@ -42,15 +42,14 @@ class VisualStyles {
     bool active_ = false;
 };
 
-// Disables a dialogue's owner.
+// Disables the owner of a dialog.
 class DisabledOwner {
   public:
     explicit DisabledOwner(HWND owner) : owner_(IsWindowEnabled(owner) ? owner : nullptr) {
         EnableWindow(owner_, FALSE);
     }
     ~DisabledOwner() { Enable(); }
-    // Before the dialogue goes: the system activates another program where the owner still cannot
-    // be.
+    // Called before the dialog is destroyed: otherwise Windows activates another program.
     void Enable() {
         EnableWindow(owner_, TRUE);
         owner_ = nullptr;
@@ -95,12 +94,13 @@ DWORD Dialog::Show(HWND owner) {
     return result_;
 }
 
+// Replaces DialogBoxParam, whose own message loop cannot handle a key for the whole window (F5).
 void Dialog::Loop() {
     MSG message;
     while (!ended_) {
         const BOOL got = GetMessageW(&message, nullptr, 0, 0);
         if (got <= 0) {
-            // The program ends: that is for the loop outside to see.
+            // The program ends: the outer message loop must see WM_QUIT, too.
             PostQuitMessage(got == 0 ? static_cast<int>(message.wParam) : 0);
             return;
         }
@@ -141,7 +141,7 @@ INT_PTR Dialog::Handle(UINT message, WPARAM wParam, LPARAM lParam) {
             return TRUE;
         case WM_COMMAND:
             if (ended_) {
-                return TRUE;  // a field loses the focus because its window goes
+                return TRUE;  // for example, EN_KILLFOCUS while the window is destroyed
             }
             if (LOWORD(wParam) == IDCANCEL) {
                 OnCancel();
@@ -159,12 +159,12 @@ INT_PTR Dialog::Handle(UINT message, WPARAM wParam, LPARAM lParam) {
             reinterpret_cast<MINMAXINFO*>(lParam)->ptMinTrackSize = {smallest_.cx, smallest_.cy};
             return TRUE;
         case WM_DESTROY:
-            // With its owner, if not by Show.
+            // The owner was destroyed, and this window with it.
             if (!ended_) {
                 End(ERROR_CANCELLED);
             }
             return TRUE;
-        case kReports:
+        case kReportsReady:
             for (Worker* worker : Workers()) {
                 worker->Deliver();
             }
@@ -197,7 +197,7 @@ void Dialog::Init() {
 void Dialog::End(DWORD result) noexcept {
     ended_ = true;
     result_ = result;
-    PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);  // wakes the loop
+    PostThreadMessageW(GetCurrentThreadId(), WM_NULL, 0, 0);  // wakes up the loop
 }
 
 std::wstring Dialog::Text(UINT id) const {
@@ -208,7 +208,7 @@ std::wstring Dialog::Text(UINT id) const {
     return text;
 }
 
-std::string Dialog::Utf8(UINT id) const {
+std::string Dialog::TrimmedText(UINT id) const {
     return std::string(Trim(WideToUtf8(Text(id)), " \t"));
 }
 
@@ -226,19 +226,19 @@ void Dialog::Enable(UINT id, bool enabled) {
     EnableWindow(control, enabled);
 }
 
-void Dialog::Moving(bool moving) {
+void Dialog::ShowProgress(bool shown) {
     const HWND bar = Control(IDC_PROGRESS);
-    SendMessageW(bar, PBM_SETMARQUEE, moving, 30);
-    ShowWindow(bar, moving ? SW_SHOWNA : SW_HIDE);
+    SendMessageW(bar, PBM_SETMARQUEE, shown, 30);
+    ShowWindow(bar, shown ? SW_SHOWNA : SW_HIDE);
 }
 
-void Dialog::ShowProblem(UINT field, UINT text, bool goThere) {
+void Dialog::ShowProblem(UINT field, UINT text, bool moveFocus) {
     problemField_ = field;
     PlaceProblem();
     SetText(IDC_PROBLEM, texts_(text));
     Show(IDC_PROBLEM, true);
     NotifyWinEvent(EVENT_SYSTEM_ALERT, Control(IDC_PROBLEM), OBJID_CLIENT, CHILDID_SELF);
-    if (goThere) {
+    if (moveFocus) {
         SendMessageW(window_, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(field)), TRUE);
         SendMessageW(Control(field), EM_SETSEL, 0, -1);
     }
@@ -247,7 +247,7 @@ void Dialog::ShowProblem(UINT field, UINT text, bool goThere) {
 void Dialog::PlaceProblem() {
     const RECT at = PlaceOf(Control(problemField_));
     const RECT now = PlaceOf(Control(IDC_PROBLEM));
-    SetWindowPos(Control(IDC_PROBLEM), nullptr, now.left, at.top - Down(1), 0, 0,
+    SetWindowPos(Control(IDC_PROBLEM), nullptr, now.left, at.top - PixelsDown(1), 0, 0,
                  SWP_NOSIZE | SWP_NOZORDER | SWP_NOACTIVATE);
 }
 
@@ -257,7 +257,7 @@ void Dialog::ClearProblem() {
     Show(IDC_PROBLEM, false);
 }
 
-void Dialog::Report(UINT what, const CommandFailed& failure) {
+void Dialog::ShowFailure(UINT what, const CommandFailed& failure) {
     static constexpr std::pair<Remedy, UINT> kRemedies[] = {
         {Remedy::RunAsAdministrator, IDS_REMEDY_ADMINISTRATOR},
         {Remedy::StartSpooler, IDS_REMEDY_SPOOLER},
@@ -273,13 +273,13 @@ void Dialog::Report(UINT what, const CommandFailed& failure) {
             message += L"\n\n" + texts_(text);
         }
     }
-    message += L"\n\n" + texts_(IDS_DETAILS, {Shown(failure.what(), kDetailsLength)});
+    message += L"\n\n" + texts_(IDS_DETAILS, {DisplayText(failure.what(), kDetailsLength)});
     MessageBoxW(window_, message.c_str(), texts_(templateId_).c_str(), MB_OK | MB_ICONERROR);
 }
 
 void Dialog::Work(Worker& worker, std::function<void(const Worker::Task&)> job,
                   std::function<void(const CommandFailed&)> failed) {
-    worker.Run(window_, kReports, std::move(job), std::move(failed));
+    worker.Run(window_, kReportsReady, std::move(job), std::move(failed));
 }
 
 void Dialog::SetAnchor(UINT id, unsigned anchors) {
@@ -336,13 +336,7 @@ void Dialog::Layout() {
     InvalidateRect(window_, nullptr, TRUE);
 }
 
-int Dialog::Across(int units) const {
-    RECT length = {units, 0, 0, 0};
-    MapDialogRect(window_, &length);
-    return length.left;
-}
-
-int Dialog::Down(int units) const {
+int Dialog::PixelsDown(int units) const {
     RECT length = {0, units, 0, 0};
     MapDialogRect(window_, &length);
     return length.top;

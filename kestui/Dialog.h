@@ -1,5 +1,5 @@
-// The base of the dialogues: a modal window from a template, with its texts, its workers, its
-// layout, and a place for what is wrong with a field.
+// The base of the dialogs: a modal window from a template with texts, workers, a layout and a label
+// for the problem with a field.
 #pragma once
 
 #include <windows.h>
@@ -14,13 +14,12 @@
 
 class Dialog {
   public:
-    // Shows the dialogue until it ends; the owner is disabled meanwhile.
-    //   owner: its window.
-    // Returns ERROR_SUCCESS or why it ended otherwise, ERROR_CANCELLED for one that was cancelled.
+    // Shows the dialog, with its owner disabled, until it ends. Returns the result given to End, or
+    // why the dialog could not be shown.
     DWORD Show(HWND owner);
 
   protected:
-    // How a control moves when the window is resized; the default is to stay.
+    // How a control follows the size of the window; the default is not at all.
     enum Anchor : unsigned { Bottom = 1, Right = 2, Wider = 4, Higher = 8 };
 
     Dialog(UINT templateId, LANGID language) : texts_(language), templateId_(templateId) {}
@@ -28,12 +27,12 @@ class Dialog {
     Dialog(const Dialog&) = delete;
     Dialog& operator=(const Dialog&) = delete;
 
-    // The window is there, its texts are set.
+    // Called when the window has been created with its texts.
     virtual void OnInit() = 0;
-    // F5 is a click on IDC_SEARCH.
+    // F5 arrives as a click on IDC_SEARCH.
     virtual void OnCommand(UINT id, UINT code) = 0;
     virtual LRESULT OnNotify(NMHDR&) { return 0; }
-    // The user wants it closed.
+    // Called when the user closes the dialog.
     virtual void OnCancel() { End(ERROR_CANCELLED); }
 
     void End(DWORD result) noexcept;
@@ -41,44 +40,43 @@ class Dialog {
     HWND Window() const { return window_; }
     HWND Control(UINT id) const { return GetDlgItem(window_, static_cast<int>(id)); }
     std::wstring Text(UINT id) const;
-    std::string Utf8(UINT id) const;  // trimmed
+    std::string TrimmedText(UINT id) const;  // UTF-8
     void SetText(UINT id, const std::wstring& text);
     void Show(UINT id, bool shown) { ShowWindow(Control(id), shown ? SW_SHOWNA : SW_HIDE); }
-    // Keeps the focus from getting lost on what is disabled.
+    // Also moves the focus away from a control that is disabled.
     void Enable(UINT id, bool enabled);
     bool Checked(UINT id) const { return IsDlgButtonChecked(window_, static_cast<int>(id)) != 0; }
     void Check(UINT id, bool checked) {
         CheckDlgButton(window_, static_cast<int>(id), checked ? BST_CHECKED : BST_UNCHECKED);
     }
-    void Moving(bool moving);  // the progress bar
+    void ShowProgress(bool shown);
 
-    // Says beside a field what is wrong with it, and takes the user there.
-    void ShowProblem(UINT field, UINT text, bool goThere = true);
+    // Shows a problem beside a field and moves the focus to the field.
+    void ShowProblem(UINT field, UINT text, bool moveFocus = true);
     void ClearProblem();
     UINT ProblemField() const { return problemField_; }
 
-    // Shows that something failed, and what can be done about it.
-    void Report(UINT what, const CommandFailed& failure);
+    // Shows a message box with a failure and its remedy.
+    void ShowFailure(UINT what, const CommandFailed& failure);
 
-    // Work beside the window. The worker is to be in Workers.
+    // Runs a job on one of the workers; see Worker::Run.
     void Work(Worker& worker, std::function<void(const Worker::Task&)> job,
               std::function<void(const CommandFailed&)> failed);
     virtual std::vector<Worker*> Workers() = 0;
 
     void SetAnchor(UINT id, unsigned anchors);
-    // Hides or shows the controls between two lines of the template, and moves up what is below.
+    // Hides or shows controls, and moves everything from `firstBelow` on up or down by `height`.
     void Fold(UINT firstBelow, const std::vector<UINT>& controls, int height, bool folded);
 
-    // A length in the dialogue's units, across or down, in pixels.
-    int Across(int units) const;
-    int Down(int units) const;
+    // Converts a height in dialog units to pixels.
+    int PixelsDown(int units) const;
 
     const Texts texts_;
 
   private:
     struct Place {
         HWND control;
-        RECT at;  // in the template
+        RECT at;  // in the template's window
         unsigned anchors;
     };
 
@@ -98,6 +96,6 @@ class Dialog {
     std::vector<Place> places_;
     SIZE design_ = {};    // client area of the template
     SIZE smallest_ = {};  // window
-    int folded_ = 0;      // pixels that are left out
-    int foldLine_ = 0;    // what begins here or below moves up by them
+    int folded_ = 0;      // height of the hidden part in pixels
+    int foldLine_ = 0;    // controls from this line on move up by that height
 };

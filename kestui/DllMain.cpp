@@ -38,8 +38,8 @@ MONITORUI table = {sizeof(table), AddPortUI, ConfigurePortUI, DeletePortUI};
 
 }  // namespace
 
-// Nothing to do, but it must be here: without it the linker takes the DllMain that the import
-// library of spoolss.dll offers.
+// Needed although it does nothing: otherwise the linker takes the DllMain of spoolss.dll's import
+// library.
 extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID) {
     return TRUE;
 }

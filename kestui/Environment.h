@@ -1,6 +1,5 @@
-// What the dialogues reach of the world. Its functions are called on threads of their own, several
-// at once. Those that are given a GoOn ask it some times a second and end when it says so; the
-// others may take seconds.
+// The outside world of the dialogs as a record of functions. They are called on several threads at
+// once and can take seconds.
 #pragma once
 
 #include <windows.h>
@@ -9,37 +8,37 @@
 #include <memory>
 #include <string>
 
-#include "admin/search/PrinterIdentity.h"
 #include "admin/channel/SpoolerChannel.h"
+#include "admin/ports/PortCheck.h"
+#include "admin/search/PrinterIdentity.h"
 
-// A printer as the search shows it. All texts are from the network.
+// A printer in the list of search results. All texts come from the network.
 struct FoundPrinter {
     PrinterIdentity identity;
     std::string name;
     std::string model;
 };
 
-using GoOn = std::function<bool()>;
-
 // All functions throw CommandFailed.
 struct Environment {
-    // The way to a print server; its name is empty for this machine.
+    // Opens a channel to a print server; empty for this computer.
     std::function<std::unique_ptr<SpoolerChannel>(const std::wstring& server)> openChannel;
 
-    // See FindPrinters.
-    std::function<size_t(const std::function<void(const FoundPrinter&)>&, const GoOn&)> search;
+    // Searches for printers; see FindPrinters.
+    std::function<size_t(const std::function<void(const FoundPrinter&)>& found,
+                         const std::function<bool()>& mayContinue)>
+        search;
 
-    // The address of a host by its address or name.
+    // Returns the IP address of a host name or IP address.
     std::function<std::string(const std::string& host)> resolve;
 
     // See IdentifyPrinter.
     PrinterIdentifier identify;
 
-    // Whether a TCP port takes connections, found out within seconds.
-    std::function<bool(const std::string& address, WORD port, const GoOn&)> connects;
+    decltype(CheckNetwork::connect) connect;
 
     LANGID language = LANG_ENGLISH;
 };
 
-// The print spooler, this machine's network and the user's language.
+// Returns the print spooler, this computer's network and the user's language.
 Environment SystemEnvironment();

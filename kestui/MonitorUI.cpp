@@ -4,19 +4,18 @@
 #include <new>
 #include <string>
 
+#include "admin/ports/PortEditing.h"
 #include "base/CommandFailed.h"
-#include "admin/ports/PortStore.h"
 #include "base/Handles.h"
 #include "kestui/AddPortDialog.h"
 #include "kestui/ConfigurePortDialog.h"
 #include "kestui/DeletePortDialog.h"
-#include "kestui/DialogIds.h"
 
 namespace {
 
-constexpr size_t kLongestName = 1024;  // characters; the monitor's ports have 63 at most
+constexpr size_t kLongestName = 1024;  // characters; the monitor's port names have at most 63
 
-// What stands for a failure where it can only be told by a number.
+// Returns the error code for the print system.
 DWORD ErrorOf(const CommandFailed& failure) {
     switch (failure.remedy) {
         case Remedy::RunAsAdministrator:
@@ -34,11 +33,11 @@ DWORD ErrorOf(const CommandFailed& failure) {
     }
 }
 
-std::wstring Given(PCWSTR text) {
+std::wstring CopyName(PCWSTR text) {
     return text == nullptr ? std::wstring() : std::wstring(text, wcsnlen(text, kLongestName));
 }
 
-// Runs an entry point's action, which returns an error code.
+// Runs an action that returns an error code, and sets the last error.
 template <class Action>
 BOOL Guarded(Action action) noexcept {
     DWORD error = ERROR_SUCCESS;
@@ -55,15 +54,6 @@ BOOL Guarded(Action action) noexcept {
     return error == ERROR_SUCCESS;
 }
 
-DWORD DeleteUnused(SpoolerChannel& channel, const std::wstring& port) {
-    const std::wstring name = FindPort(channel, port);
-    if (!QueuesOn(channel.Queues(), name).empty()) {
-        return ERROR_BUSY;
-    }
-    DeletePort(channel, name);
-    return ERROR_SUCCESS;
-}
-
 }  // namespace
 
 BOOL AddPortByDialog(const Environment& environment, PCWSTR server, HWND owner,
@@ -75,8 +65,8 @@ BOOL AddPortByDialog(const Environment& environment, PCWSTR server, HWND owner,
         if (!IsWindow(owner)) {
             return ERROR_INVALID_PARAMETER;
         }
-        AddPortDialog dialog(environment, Given(server));
-        // Taken first: a port that was added is not to be lost for want of memory to name it.
+        AddPortDialog dialog(environment, CopyName(server));
+        // Allocated first: the name of an added port cannot be lost for lack of memory.
         UniqueBlock<WCHAR> copy(static_cast<PWSTR>(GlobalAlloc(GPTR, 64 * sizeof(WCHAR))));
         if (!copy) {
             return ERROR_OUTOFMEMORY;
@@ -96,7 +86,7 @@ BOOL ConfigurePortByDialog(const Environment& environment, PCWSTR server, HWND o
         if (!IsWindow(owner) || port == nullptr) {
             return ERROR_INVALID_PARAMETER;
         }
-        return ConfigurePortDialog(environment, Given(server), Given(port)).Show(owner);
+        return ConfigurePortDialog(environment, CopyName(server), CopyName(port)).Show(owner);
     });
 }
 
@@ -107,8 +97,9 @@ BOOL DeletePortByDialog(const Environment& environment, PCWSTR server, HWND owne
             return ERROR_INVALID_PARAMETER;
         }
         if (owner == nullptr) {
-            return DeleteUnused(*environment.openChannel(Given(server)), Given(port));
+            DeleteUnusedPort(*environment.openChannel(CopyName(server)), CopyName(port));
+            return ERROR_SUCCESS;
         }
-        return DeletePortDialog(environment, Given(server), Given(port)).Show(owner);
+        return DeletePortDialog(environment, CopyName(server), CopyName(port)).Show(owner);
     });
 }

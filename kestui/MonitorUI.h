@@ -1,4 +1,4 @@
-// What the print system calls: the three dialogues of a port (platform interface MONITORUI).
+// The dialogs that the print system opens (platform interface MONITORUI).
 #pragma once
 
 #include <winsock2.h>
@@ -6,16 +6,16 @@
 
 #include "kestui/Environment.h"
 
-// All return TRUE, or FALSE with the last error set: ERROR_CANCELLED for what the user cancelled or
-// was told of, ERROR_INVALID_PARAMETER without a window, else why there was no dialogue.
-//   server: of the print server, "\\SERVER"; null or empty for this machine.
-//   owner: the window to be disabled meanwhile.
+// All return TRUE, or FALSE with the last error set: ERROR_CANCELLED if the user cancelled or saw
+// the failure, ERROR_INVALID_PARAMETER without a window, otherwise the reason of the failure.
+//   server: the print server, "\\SERVER"; null or empty for this computer.
+//   owner: the window that is disabled while the dialog is open.
 
-//   name: receives the new port's name, for the caller to free (GlobalFree); may be null.
+//   name: receives the name of the new port, which the caller frees (GlobalFree); may be null.
 BOOL AddPortByDialog(const Environment& environment, PCWSTR server, HWND owner,
                      PWSTR* name) noexcept;
 BOOL ConfigurePortByDialog(const Environment& environment, PCWSTR server, HWND owner,
                            PCWSTR port) noexcept;
-// Without an owner, deletes a port that no printer uses without asking.
+// Without an owner, deletes a port that no printer uses without confirmation.
 BOOL DeletePortByDialog(const Environment& environment, PCWSTR server, HWND owner,
                         PCWSTR port) noexcept;

@@ -1,10 +1,11 @@
-// What the dialogues for adding and for configuring a port have in common: the fields of a port's
-// settings, the printer behind the address, and the writing.
+// The common part of the dialogs that add and configure a port: the fields of the port's settings,
+// the lookup of the printer at the address, and saving.
 #pragma once
 
 #include <functional>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "admin/ports/PortSettings.h"
@@ -18,72 +19,71 @@ class PortForm : public Dialog {
           environment_(environment),
           server_(std::move(server)) {}
 
-    // Fills the fields from a port's records; for a port that is new, from what is usual.
-    void FillSettings(const PortRecords& records);
+    // Fills the fields from a port's records; all zero for a new port.
+    void FillFields(const PortRecords& stored);
 
-    // Handles the form's own fields; to be called for every command.
+    // Handles the form's own fields. To be called for every command.
     void OnFormCommand(UINT id, UINT code);
 
-    // Takes a printer that said who it is, with its address. An empty record stands for none.
-    void TakePrinter(const PrinterIdentity& printer);
+    // Sets an identified printer and its address; empty for none.
+    void SetPrinter(const PrinterIdentity& printer);
 
-    // The printer's address, MAC address and name, as far as they are known.
-    const PrinterIdentity& ThePrinter() const { return printer_; }
+    // Saves the port. Called on the user's request when no lookup runs.
+    virtual void Save() = 0;
+    // Calls Save, after the lookup of the address if that is not finished.
+    void SaveAfterLookup();
 
-    // Whether the address in its field has to be looked up or is being so. Looks it up.
-    bool NotYetLookedUp();
+    // Returns the settings in the fields, or none and shows the problem if a field is invalid.
+    std::optional<PortChange> ReadFields();
+    // Applies them to a port's records. Returns false and shows the problem if that fails.
+    bool ReadFields(PortRecords& records);
 
-    // Called when the user wants the port written and everything about it is known.
-    virtual void OnSubmit() = 0;
-    // Calls OnSubmit, now or when the address has been looked up.
-    void Submit();
+    // Shows the problem with an invalid field.
+    virtual void RejectField(UINT field, UINT text) { ShowProblem(field, text); }
 
-    // The settings in the fields. Nothing when one is refused, with the problem shown.
-    std::optional<PortChange> Collect();
-    // The same laid over a port's records.
-    bool Collect(PortRecords& records);
-
-    // A field that is refused: has the problem shown.
-    virtual void Refuse(UINT field, UINT text) { ShowProblem(field, text); }
-
-    // Writes beside the window.
-    //   write: gets a channel that fails once when the user cancels, for what was written to be
-    //       taken back.
-    //   undo: takes back what was written in full before the user cancelled.
-    //   failed: told what failed; not called for what was cancelled.
+    // Writes on a thread of its own and ends the dialog.
+    //   write: its channel throws once after the user has cancelled, which starts the rollback.
+    //   undo: rolls back a change that was complete when the user cancelled.
+    //   failed: called with the failure, but not if the user cancelled and nothing is left.
     void Write(std::function<void(SpoolerChannel&)> write,
                std::function<void(SpoolerChannel&)> undo,
                std::function<void(const CommandFailed&)> failed);
     void OnCancel() override;
 
-    std::vector<Worker*> Workers() override { return {&lookup_, &writer_}; }
+    std::vector<Worker*> Workers() override { return {&lookupWorker_, &writer_}; }
 
     const Environment environment_;
     const std::wstring server_;
+    PortRecords stored_;  // what the fields were filled from
 
   private:
-    enum class Phase { NoAddress, Asking, Silent, Unresolved, Known };
+    // The states of the address field. `Enter` is the only function that changes the state.
+    struct NoAddress {};
+    struct LookingUp {
+        bool save = false;  // as soon as the lookup ends
+    };
+    struct Unresolved {};  // the host name has no address
+    struct Resolved {
+        PrinterIdentity printer;  // with the stored keys if it was not identified
+        bool identified;
+    };
+    using Lookup = std::variant<NoAddress, LookingUp, Unresolved, Resolved>;
 
-    void LookUp(const std::string& host);
-    void LookUpEnded(Phase phase);
-    void ShowFollow();
+    void Enter(Lookup state);
+    bool StartLookupIfNeeded();
+    void StartLookup(const std::string& host);
+    void EndLookup(const Lookup& outcome);
     bool CanFollow() const;
+    std::wstring FollowNote() const;
+    bool ReadAddress(PortChange& change);
+    bool ReadText(UINT field, std::string (*check)(std::string&), UINT problem, std::string& text);
     void ChangeProtocol();
-    void OnProtocol();
-    void OnSnmp();
+    void EnableFields();
 
-    PortRecords before_;        // what the port was filled from
-    std::string shownAddress_;  // the text that `printer_` is about
-    PrinterIdentity printer_;
-    Phase phase_ = Phase::NoAddress;
+    std::string host_;  // the text of the address field that the state belongs to
+    Lookup lookup_;
     bool wantsToFollow_ = true;
-    bool filling_ = false;
-    bool submits_ = false;  // as soon as the address has been looked up
-    bool writing_ = false;
-    bool cancelled_ = false;
-    Worker lookup_;
+    enum class Writing { No, Running, Cancelled } writing_ = Writing::No;
+    Worker lookupWorker_;
     Worker writer_;
 };
-
-// Whether the account may administer the monitor of a print server. Throws CommandFailed if not.
-void RequireAccess(SpoolerChannel& channel);

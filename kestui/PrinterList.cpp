@@ -1,13 +1,29 @@
 #include "kestui/PrinterList.h"
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
 #include <optional>
 
 #include "kestui/DialogIds.h"
 
 namespace {
 
-// As a person reads it: 10.0.0.9 stands before 10.0.0.10.
+struct Column {
+    UINT heading;
+    int share;  // of the width, relative to the other columns
+    std::wstring (*text)(const FoundPrinter&);
+};
+constexpr Column kColumns[] = {
+    {IDS_COLUMN_NAME, 24, [](const FoundPrinter& printer) { return DisplayText(printer.name); }},
+    {IDS_COLUMN_MODEL, 34, [](const FoundPrinter& printer) { return DisplayText(printer.model); }},
+    {IDS_COLUMN_ADDRESS, 20,
+     [](const FoundPrinter& printer) { return DisplayText(printer.identity.address); }},
+    {IDS_COLUMN_MAC, 22,
+     [](const FoundPrinter& printer) { return DisplayMac(printer.identity.mac); }},
+};
+
+// Compares numbers by value: 10.0.0.9 comes before 10.0.0.10.
 int Compare(const std::wstring& one, const std::wstring& other) {
     return CompareStringEx(LOCALE_NAME_USER_DEFAULT, LINGUISTIC_IGNORECASE | SORT_DIGITSASNUMBERS,
                            one.c_str(), static_cast<int>(one.size()), other.c_str(),
@@ -27,27 +43,23 @@ void PrinterList::Attach(HWND list, const Texts& texts) {
     list_ = list;
     ListView_SetExtendedListViewStyle(
         list, LVS_EX_FULLROWSELECT | LVS_EX_DOUBLEBUFFER | LVS_EX_LABELTIP | LVS_EX_INFOTIP);
-    for (size_t i = 0; i < kColumns; ++i) {
-        std::wstring heading = texts(IDS_COLUMN_NAME + static_cast<UINT>(i));
+    RECT client;
+    GetClientRect(list, &client);
+    const int width = client.right - GetSystemMetrics(SM_CXVSCROLL);
+    const int shares =
+        std::accumulate(std::begin(kColumns), std::end(kColumns), 0,
+                        [](int sum, const Column& column) { return sum + column.share; });
+    for (size_t i = 0; i < std::size(kColumns); ++i) {
+        std::wstring heading = texts(kColumns[i].heading);
         LVCOLUMNW column = {};
-        column.mask = LVCF_TEXT | LVCF_SUBITEM;
+        column.mask = LVCF_TEXT | LVCF_SUBITEM | LVCF_WIDTH;
         column.pszText = heading.data();
         column.iSubItem = static_cast<int>(i);
+        column.cx = width * kColumns[i].share / shares;
         SendMessageW(list, LVM_INSERTCOLUMNW, i, reinterpret_cast<LPARAM>(&column));
     }
-    FitColumns();
     descending_ = true;
     SortBy(0);
-}
-
-void PrinterList::FitColumns() const {
-    constexpr int kShares[kColumns] = {24, 34, 20, 22};  // hundredths
-    RECT client;
-    GetClientRect(list_, &client);
-    const int width = client.right - GetSystemMetrics(SM_CXVSCROLL);
-    for (size_t i = 0; i < kColumns; ++i) {
-        ListView_SetColumnWidth(list_, static_cast<int>(i), width * kShares[i] / 100);
-    }
 }
 
 void PrinterList::Clear() {
@@ -57,9 +69,10 @@ void PrinterList::Clear() {
 
 void PrinterList::Add(const std::vector<FoundPrinter>& printers) {
     for (const FoundPrinter& printer : printers) {
-        rows_.push_back({printer,
-                         {Shown(printer.name), Shown(printer.model),
-                          Shown(printer.identity.address), ShownMac(printer.identity.mac)}});
+        Row& row = rows_.emplace_back(Row{printer, {}});
+        for (const Column& column : kColumns) {
+            row.cells.push_back(column.text(printer));
+        }
     }
     Refresh();
 }
@@ -69,7 +82,7 @@ void PrinterList::SetFilter(const std::wstring& text) {
     Refresh();
 }
 
-const FoundPrinter* PrinterList::Picked() const {
+const FoundPrinter* PrinterList::Selected() const {
     const int item = ListView_GetNextItem(list_, -1, LVNI_SELECTED);
     const auto at = static_cast<size_t>(item);
     return item >= 0 && at < shown_.size() ? &rows_[shown_[at]].printer : nullptr;
@@ -82,9 +95,9 @@ bool PrinterList::Less(const Row& one, const Row& other) const {
 }
 
 void PrinterList::Refresh() {
-    std::optional<std::string> picked;
-    if (const FoundPrinter* printer = Picked(); printer != nullptr) {
-        picked = printer->identity.address;
+    std::optional<std::string> selected;
+    if (const FoundPrinter* printer = Selected(); printer != nullptr) {
+        selected = printer->identity.address;
     }
     shown_.clear();
     for (size_t i = 0; i < rows_.size(); ++i) {
@@ -101,8 +114,8 @@ void PrinterList::Refresh() {
     refreshing_ = true;
     ListView_SetItemState(list_, -1, 0, LVIS_SELECTED | LVIS_FOCUSED);
     ListView_SetItemCountEx(list_, static_cast<int>(shown_.size()), LVSICF_NOSCROLL);
-    for (size_t i = 0; picked && i < shown_.size(); ++i) {
-        if (rows_[shown_[i]].printer.identity.address == *picked) {
+    for (size_t i = 0; selected && i < shown_.size(); ++i) {
+        if (rows_[shown_[i]].printer.identity.address == *selected) {
             ListView_SetItemState(list_, static_cast<int>(i), LVIS_SELECTED | LVIS_FOCUSED,
                                   LVIS_SELECTED | LVIS_FOCUSED);
         }
@@ -115,7 +128,7 @@ void PrinterList::SortBy(int column) {
     descending_ = column == sortColumn_ && !descending_;
     sortColumn_ = column;
     const HWND header = ListView_GetHeader(list_);
-    for (int i = 0; i < static_cast<int>(kColumns); ++i) {
+    for (int i = 0; i < static_cast<int>(std::size(kColumns)); ++i) {
         HDITEMW item = {};
         item.mask = HDI_FORMAT;
         item.fmt = HDF_STRING | HDF_LEFT;
@@ -134,7 +147,7 @@ void PrinterList::OnNotify(NMHDR& header) {
         LVITEMW& item = reinterpret_cast<NMLVDISPINFOW&>(header).item;
         const auto row = static_cast<size_t>(item.iItem);
         const auto column = static_cast<size_t>(item.iSubItem);
-        if ((item.mask & LVIF_TEXT) != 0 && row < shown_.size() && column < kColumns) {
+        if ((item.mask & LVIF_TEXT) != 0 && row < shown_.size() && column < std::size(kColumns)) {
             lstrcpynW(item.pszText, rows_[shown_[row]].cells[column].c_str(), item.cchTextMax);
         }
     }

@@ -1,10 +1,9 @@
-// The list of printers that fills while they answer: sorted by a column, and filtered.
+// The list of found printers: sorted by a column, and filtered.
 #pragma once
 
 #include <windows.h>
 #include <commctrl.h>
 
-#include <array>
 #include <string>
 #include <vector>
 
@@ -13,29 +12,27 @@
 
 class PrinterList {
   public:
-    // Sets up a list view that asks for its texts (LVS_OWNERDATA).
+    // Sets up a virtual list view (LVS_OWNERDATA).
     void Attach(HWND list, const Texts& texts);
 
     void Clear();
     void Add(const std::vector<FoundPrinter>& printers);
-    // Shows the printers that have the text in any column, in any letter case.
+    // Shows only the printers with this text in any column, in any letter case.
     void SetFilter(const std::wstring& text);
 
-    // What the list view notifies of: column clicks and questions for texts.
+    // Handles a notification of the list view: column clicks and requests for texts.
     void OnNotify(NMHDR& header);
 
-    // The printer that is picked; null when there is none.
-    const FoundPrinter* Picked() const;
+    // Returns the selected printer, or null.
+    const FoundPrinter* Selected() const;
     size_t Size() const { return rows_.size(); }
-    // True while the list itself moves the selection.
-    bool Refreshing() const { return refreshing_; }
-    void FitColumns() const;
+    // Returns true while the list itself changes the selection.
+    bool IsRefreshing() const { return refreshing_; }
 
   private:
-    static constexpr size_t kColumns = 4;
     struct Row {
         FoundPrinter printer;
-        std::array<std::wstring, kColumns> cells;
+        std::vector<std::wstring> cells;  // by column
     };
 
     void Refresh();
@@ -44,7 +41,7 @@ class PrinterList {
 
     HWND list_ = nullptr;
     std::vector<Row> rows_;
-    std::vector<size_t> shown_;  // rows, in the order of the list
+    std::vector<size_t> shown_;  // indices of rows, in the order of the list
     std::wstring filter_;
     int sortColumn_ = 0;
     bool descending_ = false;

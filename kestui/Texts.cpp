@@ -4,7 +4,7 @@
 
 namespace {
 
-// One of the sixteen counted texts that a resource holds. Nothing when there is no such resource.
+// A resource holds sixteen texts, each after its length. Returns an empty text if there is none.
 std::wstring TableText(UINT id, LANGID language) {
     const HMODULE module = OwnModule();
     const HRSRC found = FindResourceExW(module, RT_STRING, MAKEINTRESOURCEW(id / 16 + 1), language);
@@ -19,8 +19,8 @@ std::wstring TableText(UINT id, LANGID language) {
     return std::wstring(text + 1, *text);
 }
 
-// Characters that are not seen, or change how others are.
-bool Deceives(wchar_t c) {
+// Returns true for control characters and those that change how other characters look.
+bool IsDeceptive(wchar_t c) {
     return c < 0x20 || (c >= 0x7F && c < 0xA0) || c == 0xAD || c == 0x61C ||
            (c >= 0x200B && c <= 0x200F) || (c >= 0x2028 && c <= 0x202E) ||
            (c >= 0x2060 && c <= 0x206F) || c == 0xFEFF;
@@ -41,7 +41,7 @@ std::wstring Texts::operator()(UINT id, std::initializer_list<std::wstring> inse
     const std::wstring text = TableText(id, german ? MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN)
                                                    : MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US));
     std::wstring result;
-    // In one pass: what is put in may look like a place to put something in.
+    // In one pass: an inserted value can contain %1.
     for (size_t i = 0; i < text.size(); ++i) {
         const size_t insert =
             text[i] == L'%' && i + 1 < text.size() ? text[i + 1] - L'1' : SIZE_MAX;
@@ -59,11 +59,11 @@ std::wstring Texts::Count(UINT one, size_t count) const {
     return count == 1 ? (*this)(one) : (*this)(one + 1, {std::to_wstring(count)});
 }
 
-std::wstring Shown(std::string_view utf8, size_t most) {
-    // Converted in full, a text of megabytes would be so for nothing.
+std::wstring DisplayText(std::string_view utf8, size_t most) {
+    // A text from the network can have megabytes.
     std::wstring text = Utf8ToWide(utf8.substr(0, most * 4));
     for (wchar_t& c : text) {
-        if (Deceives(c)) {
+        if (IsDeceptive(c)) {
             c = L'?';
         }
     }
@@ -74,7 +74,7 @@ std::wstring Shown(std::string_view utf8, size_t most) {
     return text;
 }
 
-std::wstring ShownMac(const std::string& digits) {
+std::wstring DisplayMac(const std::string& digits) {
     std::wstring text;
     for (size_t i = 0; i < digits.size(); ++i) {
         text += i > 0 && i % 2 == 0 ? L":" : L"";

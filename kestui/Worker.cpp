@@ -4,15 +4,17 @@
 #include <mutex>
 #include <new>
 
+#include "kestui/Texts.h"
+
 namespace {
 
-constexpr DWORD kPatience = 200;  // ms
+constexpr DWORD kStopWait = 200;  // ms
 
-// A reference to this library, so that it stays while a thread runs its code.
-HMODULE HeldModule() {
+// Adds a reference to this library, so that it stays loaded while a thread runs its code.
+HMODULE AddModuleReference() {
     HMODULE module = nullptr;
     GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                       reinterpret_cast<LPCWSTR>(&HeldModule), &module);
+                       reinterpret_cast<LPCWSTR>(&AddModuleReference), &module);
     return module;
 }
 
@@ -22,7 +24,7 @@ struct Worker::State {
     std::mutex mutex;
     bool goOn = true;
     bool dropped = false;
-    bool over = false;  // the job has ended
+    bool ended = false;
     HWND window = nullptr;
     UINT message = 0;
     std::deque<std::function<void()>> reports;
@@ -34,7 +36,7 @@ struct Worker::Start {
     std::function<void(const CommandFailed&)> failed;
 };
 
-bool Worker::Task::GoOn() const {
+bool Worker::Task::MayContinue() const {
     const std::lock_guard lock(state_->mutex);
     return state_->goOn;
 }
@@ -54,13 +56,13 @@ void Worker::Run(HWND window, UINT message, std::function<void(const Task&)> job
     state->window = window;
     state->message = message;
     auto start = std::make_unique<Start>(Start{state, std::move(job), std::move(failed)});
-    const HMODULE module = HeldModule();
+    const HMODULE module = AddModuleReference();
     thread_.Reset(CreateThread(nullptr, 0, Thread, start.get(), 0, nullptr));
     if (!thread_) {
         FreeLibrary(module);
         throw std::bad_alloc();
     }
-    static_cast<void>(start.release());  // the thread's
+    static_cast<void>(start.release());  // now owned by the thread
     state_ = std::move(state);
 }
 
@@ -79,23 +81,19 @@ DWORD WINAPI Worker::Thread(void* parameter) noexcept {
                 });
             }
         } catch (...) {
-            // No memory for as much as a report: the user sees that nothing comes, and stops.
+            // Out of memory: not even a failure can be reported. The user can still cancel.
         }
         const std::lock_guard lock(start->state->mutex);
-        start->state->over = true;
+        start->state->ended = true;
         if (!start->state->dropped) {
             PostMessageW(start->state->window, start->state->message, 0, 0);
         }
     }
-    // Nothing of this function's may be left to destroy: the library may go with this call.
-    HMODULE module = nullptr;
-    GetModuleHandleExW(
-        GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-        reinterpret_cast<LPCWSTR>(&HeldModule), &module);
-    FreeLibraryAndExitThread(module, 0);
+    // No object of this function may be left to destroy: this call can unload the library.
+    FreeLibraryAndExitThread(OwnModule(), 0);
 }
 
-void Worker::Ask() {
+void Worker::RequestStop() {
     if (state_) {
         const std::lock_guard lock(state_->mutex);
         state_->goOn = false;
@@ -110,19 +108,19 @@ void Worker::Stop() noexcept {
             state->dropped = true;
             state->reports.clear();
         }
-        WaitForSingleObject(thread_.Get(), kPatience);
+        WaitForSingleObject(thread_.Get(), kStopWait);
     }
     thread_.Reset();
 }
 
 void Worker::Deliver() {
-    // A report may stop this worker, or run the next job on it.
+    // A report can stop this worker or start its next job.
     while (const auto state = state_) {
         std::function<void()> report;
         {
             const std::lock_guard lock(state->mutex);
             if (state->reports.empty()) {
-                if (state->over) {
+                if (state->ended) {
                     state_.reset();
                 }
                 return;

@@ -16,6 +16,10 @@ inline constexpr std::array kWaitingTimes{
 // The time between two calls of the function that can cancel a search.
 inline constexpr std::chrono::milliseconds kCancelInterval(200);
 
+// Datagrams that are read after a waiting time because they have come before its end. The limit
+// ends the search in spite of a flood.
+inline constexpr int kMaxUnread = 500;
+
 // The longest message that is read (RFC 6762, section 17) and the longest that is sent: an Ethernet
 // frame less the headers of IPv6 and UDP, with some room for tunnels.
 inline constexpr size_t kMaxMessage = 9000;

@@ -47,8 +47,7 @@ bool IsLinkLocal(const SOCKADDR_INET& address) {
 
 Links::Links() {
     const auto adapters = ReadAdapters();
-    for (const auto* adapter = adapters.Get(); sockets_.ok() && adapter != nullptr;
-         adapter = adapter->Next) {
+    for (const auto* adapter = adapters.Get(); adapter != nullptr; adapter = adapter->Next) {
         if (IsUsable(*adapter)) {
             AddLink(*adapter, AF_INET);
             AddLink(*adapter, AF_INET6);
@@ -94,6 +93,7 @@ bool Links::Open(Link& link, SOCKADDR_INET own, ULONG index) {
         link.group.Ipv6.sin6_scope_id = index;
         own.Ipv6.sin6_scope_id = IsLinkLocal(own) ? index : 0;
     }
+    SS_PORT(&own) = 0;  // chosen by the system
     link.socket.Reset(socket(family, SOCK_DGRAM, 0));
     const SOCKET socket = link.socket.Get();
     Set(socket, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);

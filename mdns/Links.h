@@ -20,9 +20,6 @@ class Links : public Network {
   public:
     // Opens the sockets. Without Windows Sockets, or without an interface, there are none.
     Links();
-    ~Links() override;
-    Links(const Links&) = delete;
-    Links& operator=(const Links&) = delete;
 
     Clock::time_point Now() override { return Clock::now(); }
     bool Send(std::string_view message) override;
@@ -45,7 +42,7 @@ class Links : public Network {
     std::optional<Datagram> Read(const Link& link);
     static bool IsOnLink(const SOCKADDR_INET& source, const Link& link);
 
-    SocketsReference sockets_;
+    const SocketsReference sockets_;
     std::vector<Link> links_;
     size_t next_ = 0;  // the link that is read next
     std::array<char, kMaxMessage> buffer_;

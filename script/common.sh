@@ -15,7 +15,8 @@ template=$build/wine-template
 machines=$build/machines
 
 export WINEPREFIX=${KEST_WINEPREFIX:-$build/wine}
-export WINEDEBUG=${WINEDEBUG:--all}
+# Wine prints why it ends a process by itself, and nothing else.
+export WINEDEBUG=${WINEDEBUG:--all,err+seh,err+virtual,err+server,err+process}
 # No debugger: a program that crashes under it ends with 0, as if it had succeeded.
 export WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree=;mshtml=;winedbg.exe=d}
 

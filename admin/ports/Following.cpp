@@ -7,6 +7,11 @@ namespace {
 constexpr size_t kAtOnce = 32;
 }
 
+bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before) {
+    return printer.hostName.empty() && !FieldText(before.standard.sztHostAddress).empty() &&
+           FieldText(before.extended.sztHWAddress) != printer.mac;
+}
+
 void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change) {
     if (!change.address && !change.ipv6) {
         (IsIPv4AddressText(printer.address) ? change.address : change.ipv6) = printer.address;
@@ -15,15 +20,15 @@ void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChang
 }
 
 void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, PortChange& change) {
+    if (KeepsOtherName(printer, before)) {
+        throw CommandFailed(
+            "The printer announces no host name, and the port would keep the name " +
+            FieldText(before.standard.sztHostAddress) +
+            " of another printer. Delete the port and add it again");
+    }
     change.mac = printer.mac;
     if (!printer.hostName.empty()) {
         change.hostName = printer.hostName;
-    } else if (const std::string name = FieldText(before.standard.sztHostAddress);
-               !name.empty() && FieldText(before.extended.sztHWAddress) != printer.mac) {
-        // The monitor keeps the name, and would search for the printer that has it.
-        throw CommandFailed(
-            "The printer announces no host name, and the port would keep the name " + name +
-            " of another printer. Delete the port and add it again");
     }
     change.alwaysPrint = true;
 }

@@ -9,6 +9,10 @@
 #include "admin/ports/PortSettings.h"
 #include "admin/search/PrinterIdentity.h"
 
+// Returns true if a port that follows the printer would keep the host name of another one and
+// search for that as well: the monitor cannot clear a stored host name.
+bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before);
+
 // Completes a change so that the port follows a printer. Without an address in the change, the port
 // also sends to the address where the printer answered.
 //   before: the port's records, all zero for a new port.

@@ -307,6 +307,11 @@ std::string RollBack(SpoolerChannel& channel, const Migration& migration, bool a
 
 MigrationResult Migrate(SpoolerChannel& channel, const Migration& migration) {
     MigrationResult result;
+    if (!migration.HasWork()) {
+        result.waiting = migration.busy;
+        return result;
+    }
+    result.changed = true;
     try {
         if (!migration.isThere) {
             AddPort(channel, migration.to, migration.records);
@@ -321,6 +326,7 @@ MigrationResult Migrate(SpoolerChannel& channel, const Migration& migration) {
         result.failure = failed.what();
         result.failure += RollBack(channel, migration, !migration.isThere, result.moved);
     }
+    result.changed = !migration.isThere || !result.moved.empty();
     return result;
 }
 

@@ -49,7 +49,7 @@ struct MigrationResult {
     std::vector<std::wstring> moved;    // queues
     std::vector<std::wstring> waiting;  // queues that have jobs, and were left alone
     std::string failure;                // why all was taken back; empty: it is done
-    bool changed = false;               // whether there was anything to do; set by Undo
+    bool changed = false;               // whether there was anything to do
     bool deleted = false;               // whether Undo has deleted the port
 };
 

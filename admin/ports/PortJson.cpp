@@ -2,7 +2,34 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <iterator>
+
 #include "base/Text.h"
+
+namespace {
+
+// The same document with the member "name" before the others, which are sorted.
+nlohmann::ordered_json NameFirst(const nlohmann::json& document) {
+    if (document.is_array()) {
+        auto list = nlohmann::ordered_json::array();
+        std::transform(document.begin(), document.end(), std::back_inserter(list), NameFirst);
+        return list;
+    }
+    if (!document.is_object()) {
+        return document;
+    }
+    auto object = nlohmann::ordered_json::object();
+    if (const auto name = document.find("name"); name != document.end()) {
+        object["name"] = NameFirst(*name);
+    }
+    for (const auto& [key, value] : document.items()) {
+        object.emplace(key, NameFirst(value));
+    }
+    return object;
+}
+
+}  // namespace
 
 nlohmann::json ToJson(const std::wstring& name, const PortRecords& records) {
     const PORT_DATA_1& standard = records.standard;
@@ -45,4 +72,16 @@ std::string ChangeText(const std::string& key, const nlohmann::json& values) {
         return value == "" ? "-" : Printable(value.get<std::string>());
     };
     return key + ": " + text(values["from"]) + " -> " + text(values["to"]);
+}
+
+nlohmann::json NamesAsJson(const std::vector<std::wstring>& names) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const std::wstring& name : names) {
+        list.push_back(WideToUtf8(name));
+    }
+    return list;
+}
+
+std::string JsonText(const nlohmann::json& document) {
+    return NameFirst(document).dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + '\n';
 }

@@ -36,3 +36,27 @@ IPAddress AddressOf(const Network& network, const std::string& host) {
     }
     return address.IsValid() ? address : Resolve(network, host);
 }
+
+const char* ReasonText(AddressVerdict verdict) {
+    switch (verdict) {
+        case AddressVerdict::Taken:
+            return "";
+        case AddressVerdict::NoAddress:
+            return "the interface has no address";
+        case AddressVerdict::NoMask:
+            return "it has no subnet mask";
+        case AddressVerdict::ZeroNetwork:
+            return "it is in 0.0.0.0/8";
+        case AddressVerdict::Loopback:
+            return "it is the loopback address";
+        case AddressVerdict::SelfAssigned:
+            return "it is self-assigned: the interface received no address";
+        case AddressVerdict::GatewayUnusable:
+            return "the default gateway's address is unusable";
+        case AddressVerdict::IsGateway:
+            return "it is the address of the default gateway";
+        case AddressVerdict::BeyondLimit:
+            return "ten other addresses are already used";
+    }
+    return "";
+}

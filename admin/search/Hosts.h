@@ -13,3 +13,6 @@ IPAddress Resolve(const Network& network, const std::string& name);
 
 // The same for what may be an address already.
 IPAddress AddressOf(const Network& network, const std::string& host);
+
+// Why a search does not use an address of this computer; empty if it does.
+const char* ReasonText(AddressVerdict verdict);

@@ -39,6 +39,6 @@ expect 0 ok spooler printers
 [ "$(spooler printers)" = ok ] || fail "the self-test left a printer behind"
 
 say "the monitor is removed, and its ports with it"
-expect 0 "1 ports are kept" kestctl monitor remove --keep-ports 'C:\work\kept.json'
+expect 0 "1 port is kept" kestctl monitor remove --keep-ports 'C:\work\kept.json'
 cmp "$work/kept.json" "$work/ports.json" || fail "the removal kept other ports than there were"
 expect 0 $'LPT3:\nok' spooler ports

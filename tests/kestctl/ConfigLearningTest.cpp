@@ -8,8 +8,9 @@
 #include <iostream>
 
 #include "admin/search/Hosts.h"
+#include "admin/search/Population.h"
 #include "tests/support/FakeMonitor.h"
-#include "kestctl/FindWatch.h"
+#include "kestctl/Output.h"
 #include "admin/ports/PortPrinters.h"
 
 namespace {
@@ -116,6 +117,35 @@ TEST(ConfigLearning, CountsPrintersThatAreLost) {
     EXPECT_EQ(CountLost(ports, both, {{"10.0.0.1", "", "prn-1"}}), 1u) << "by its name";
     EXPECT_EQ(CountLost(ports, both, {{"0.0.0.0", "000400000001", ""}, both[1]}), 1u);
     EXPECT_EQ(CountLost(ports, {}, both), 0u);
+}
+
+TEST(FindWatch, TellsWhoComesMovesAndGoes) {
+    std::string told;
+    Population population(
+        [&told](Population::Event event, const Printer& printer, const std::string& before) {
+            told += std::to_string(static_cast<int>(event)) + printer.GetIPAddress().GetText() +
+                    (before.empty() ? "" : "<" + before) + ' ';
+        });
+    // What a round with answers from these addresses tells.
+    const auto round = [&](const std::vector<const char*>& addresses) {
+        told.clear();
+        for (const char* address : addresses) {
+            Printer printer;
+            printer.SetFirstIPAddress(IPAddress(address));
+            printer.SetMacAddress(MacAddress("000400000001"));
+            population.Answered(printer);
+        }
+        population.EndRound();
+        return told;
+    };
+    EXPECT_EQ(round({"10.0.0.1"}), "010.0.0.1 ");
+    EXPECT_EQ(round({"10.0.0.2", "10.0.0.1"}), "") << "it also answers at the old address";
+    EXPECT_EQ(round({"10.0.0.2", "10.0.0.3"}), "110.0.0.2<10.0.0.1 ");
+    EXPECT_EQ(round({}) + round({}), "");
+    EXPECT_EQ(round({"10.0.0.2"}) + round({}) + round({}), "") << "an answer ends the count";
+    EXPECT_EQ(round({}), "210.0.0.2 ");
+    EXPECT_EQ(population.Size(), 0u);
+    EXPECT_EQ(population.Counted(Population::Event::Moved), 1u);
 }
 
 TEST(FindWatch, NoticesThatItsOutputIsClosed) {

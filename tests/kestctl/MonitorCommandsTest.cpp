@@ -171,7 +171,7 @@ TEST(MonitorCommands, RemoveLeavesNothingBehind) {
     const auto before = machine.State();
     EXPECT_THAT(Tool(machine, remove), HasSubstr("Laser on MY PORT"));
     machine.Set(L"\\Printers\\Laser", L"Port", L"LPT1:");
-    EXPECT_THAT(Tool(machine, remove), HasSubstr("knows 0 of 1 ports, nothing was removed"));
+    EXPECT_THAT(Tool(machine, remove), HasSubstr("knows 0 of 1 port, nothing was removed"));
     machine.monitor.ports[L"MY PORT"] = {};
     machine.failing = machine.steps + 3;  // the spooler does not let go of it
     EXPECT_THAT(Tool(machine, remove), AllOf(HasSubstr("(3008)"), HasSubstr("--force")));
@@ -246,7 +246,9 @@ TEST(MonitorCommands, DryRunsAndJson) {
                 Contains("would unregister the monitor and delete its ports: 0"));
     EXPECT_EQ(machine.State(), installed);
     machine.elevated = false;
-    EXPECT_THAT(run({"remove"})["error"].get<std::string>(), HasSubstr("as administrator"));
+    document = run({"remove"});
+    EXPECT_THAT(document["error"].get<std::string>(), HasSubstr("as administrator"));
+    EXPECT_EQ(document["exitCode"], 1);
     machine.elevated = true;
     EXPECT_EQ(run({"remove"})["report"].back(), "kestmon is removed");
 }

@@ -1,6 +1,7 @@
 #include <winsock2.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/support/LogCapture.h"
 #include "kestctl/Command.h"

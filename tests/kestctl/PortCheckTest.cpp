@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "admin/ports/PortRepair.h"
 #include "admin/search/PrinterSearch.h"
 #include "tests/support/FakeMonitor.h"
 
@@ -137,6 +138,27 @@ TEST_F(PortCheckTest, ARepairKeepsWhatWasSetSinceTheCheck) {
     EXPECT_EQ(AddressInUse(monitor.ports[L"D"]), "fd00::5");
     EXPECT_EQ(FieldText(monitor.ports[L"D"].standard.sztIPAddress), "10.0.0.5");
     EXPECT_EQ(AddressInUse(monitor.ports[L"E"]), "10.0.1.6");
+}
+
+TEST_F(PortCheckTest, ADryRunAndCtrlCRepairNothing) {
+    monitor.ports[L"D"].extended.dwAlwaysPrint = 0;
+    std::vector<RepairResult> results;
+    for (const CheckedPort& port : Check({L"A", L"C", L"D", L"E"})) {
+        results.push_back({port});
+    }
+    std::vector<RepairResult> interrupted = results;
+    RepairPorts(
+        *channel, true, [] { return true; }, results);
+    EXPECT_FALSE(results[0].wouldBeRepaired || results[0].failure) << "its printer is at its place";
+    EXPECT_TRUE(results[1].wouldBeRepaired && !results[1].repaired && !results[1].IsWell());
+    EXPECT_TRUE(results[2].failure && !results[2].wouldBeRepaired) << "it does not follow";
+    int asked = 0;
+    RepairPorts(
+        *channel, false, [&asked] { return ++asked == 1; }, interrupted);
+    EXPECT_TRUE(interrupted[1].repaired && interrupted[1].IsWell());
+    EXPECT_THAT(interrupted[3].failure.value().what(), HasSubstr("Ctrl-C"));
+    EXPECT_EQ(AddressInUse(monitor.ports[L"C"]), "10.0.1.4");
+    EXPECT_EQ(AddressInUse(monitor.ports[L"E"]), "10.0.0.6");
 }
 
 TEST_F(PortCheckTest, WithoutASearchFileNoPrinterIsAsked) {

@@ -1,6 +1,7 @@
 #include <winsock2.h>
 
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 
 #include "tests/support/SnmpMachine.h"
 #include "kestctl/Command.h"

@@ -55,12 +55,12 @@ inline Scene::Scene() {
         server = name;
         return std::make_unique<HeldChannel>(*this);
     };
-    environment.search = [this](const auto& found, const GoOn& goOn) {
+    environment.search = [this](const auto& found, const std::function<bool()>& mayContinue) {
         ++running;
         for (const FoundPrinter& printer : printers) {
             found(printer);
         }
-        while (goOn() && searchGoesOn) {
+        while (mayContinue() && searchGoesOn) {
             Sleep(10);
         }
         --running;
@@ -91,7 +91,9 @@ inline Scene::Scene() {
         }
         throw CommandFailed("did not answer");
     };
-    environment.connects = [this](const std::string&, WORD, const GoOn&) { return answers; };
+    environment.connect = [this](const std::string&, DWORD, std::chrono::milliseconds) {
+        return Connection{answers ? "" : "refuses connections"};
+    };
     environment.language = MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US);
 }
 

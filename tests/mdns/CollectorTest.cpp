@@ -232,10 +232,10 @@ TEST(Collector, RepeatsUntilNothingNewComes) {
     }
 }
 
-// Sends printers that nobody has asked for, until nothing more is taken.
-void Flood(Collector& heard, const std::string& source, size_t bytes) {
+// Announces printers in so many bytes.
+void Flood(Collector& heard, const std::string& source, const std::string& name, size_t bytes) {
     for (size_t sent = 0, n = 0; sent < bytes; ++n) {
-        const std::string whole = Whole(source + "-" + std::to_string(n), Ip(10, 66, 0, 1));
+        const std::string whole = Whole(name + std::to_string(n), Ip(10, 66, 0, 1));
         heard.Take(source, whole);
         sent += whole.size();
     }
@@ -243,10 +243,11 @@ void Flood(Collector& heard, const std::string& source, size_t bytes) {
 
 TEST(Collector, AFloodDoesNotDisplaceTheAnswersOfOthers) {
     Collector heard(kId);
-    Flood(heard, "10.0.0.66", kMaxReceivedOfSource / 2);
+    Flood(heard, "10.0.0.66", "one", kMaxReceivedOfSource / 2);
     const size_t most = heard.Printers().size();
     EXPECT_GT(most, 300u);
-    Flood(heard, "10.0.0.66", kMaxReceivedOfSource);
+    EXPECT_LT(most, kMaxKeptOfSource / kRecordOverhead / 4);
+    Flood(heard, "10.0.0.66", "two", kMaxReceivedOfSource);
     EXPECT_EQ(heard.Printers().size(), most);
     // What is never kept has a limit, too: nothing more of this host is read.
     for (size_t n = 0; n <= kMaxReceivedOfSource / kMaxMessage; ++n) {
@@ -269,7 +270,8 @@ TEST(Collector, InventedAddressesDoNotDisplaceTheAnswersOfTheOtherFamily) {
 
     Collector full(kId);
     for (size_t n = 0; n < kMaxKeptOfFamily / kMaxKeptOfSource + 1; ++n) {
-        Flood(full, "fe80::" + std::to_string(n), kMaxReceivedOfSource / 2);
+        const std::string number = std::to_string(n);
+        Flood(full, "fe80::" + number, number + "-", kMaxReceivedOfSource / 2);
     }
     const size_t most = full.Printers().size();
     full.Take("fe80::ffff", Whole("six", Ip(10, 0, 0, 2)));

@@ -26,29 +26,38 @@ expect() {
     done >>"$work/expected"
 }
 
-# finds GROUP...: whether all that is expected is found, and besides the printers of floods nothing
+# finds GROUP...: that all that is expected is found, and besides the printers of floods nothing. A
+# busy machine can lose datagrams, or answer after the 2.5 s that a search takes: it may try again.
 finds() {
+    local attempt
     dns_sd "$@"
-    client_wine "$find" >"$work/found" || fail "the query was not sent"
-    diff <(LC_ALL=C sort "$work/expected") <(tr -d '\r' <"$work/found" | grep -v '^flood' |
-        LC_ALL=C sort) || fail "other printers are found than are there: $*"
+    for attempt in 1 2 3; do
+        client_wine "$find" >"$work/found" || fail "the query was not sent"
+        tr -d '\r' <"$work/found" | sed '/^flood/d' | LC_ALL=C sort |
+            diff <(LC_ALL=C sort "$work/expected") - >"$work/diff" && return
+        say "attempt $attempt: $(grep -c '^[<>]' "$work/diff") differences"
+    done
+    cat "$work/diff"
+    fail "other printers are found than are there: $*"
 }
 
 find=$1
 : >"$work/expected"
 finds "first=10.77.1.1 name=off hostile=port"
 
-expect full 80 10.77.1. 1
+# Each answer holds one kind of record: it takes three rounds to find such a printer.
 expect bare 40 10.77.2. 1
+expect baresix 10 fd77::1: 64
+finds "first=10.77.2.1 count=40 name=bare bare" "first=fd77::1:40 count=10 name=baresix bare"
+
+: >"$work/expected"
+expect full 130 10.77.1. 1
 expect deaf 20 10.77.3. 1
 expect six 10 fd77::1: 1
-expect baresix 10 fd77::1: 64
 finds \
-    "first=10.77.1.1 count=80 name=full" \
-    "first=10.77.2.1 count=40 name=bare bare" \
+    "first=10.77.1.1 count=130 name=full" \
     "first=10.77.3.1 count=20 name=deaf deaf=1" \
     "first=fd77::1:1 count=10 name=six" \
-    "first=fd77::1:40 count=10 name=baresix bare" \
     "first=10.77.8.1 count=8 name=loop hostile=loop" \
     "first=10.77.9.1 count=8 name=lie hostile=lie" \
     "first=10.77.10.1 count=5 name=flood hostile=flood" \

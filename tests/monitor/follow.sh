@@ -150,7 +150,8 @@ announce "(no=address)" "(none=either)"
 if said=$(kestctl find 2>&1); then
     fail "kestctl find finds printers without an address"
 fi
-[[ $said == *"2 answered, but without an address"* ]] || fail "kestctl find says only: $said"
+[[ $said == *"2 printers answered, but without an address"* ]] ||
+    fail "kestctl find says only: $said"
 # not_at TEXT: a printer answers at its address, and is none that can be followed; why is said.
 not_at() {
     if said=$(kestctl find --ip 10.77.9.1 2>&1); then

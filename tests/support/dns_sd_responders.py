@@ -105,6 +105,16 @@ class Printers:
         self.bare = "bare" in values
         self.hostile = values.get("hostile")
         self.sendings = {}
+        # Made before the first query comes: there is little time to answer hundreds of them.
+        self.by_question, self.all = {}, []
+        for n in range(len(self.addresses)):
+            records = list(self.records(n))
+            self.all.append([record(*r) for r in records if r[1] != PTR])
+            for r in records:
+                known = Query.name(r[2], 0)[0] if r[1] == PTR else None
+                self.by_question.setdefault(r[:2], []).append((n, record(*r), known))
+        self.flood = [[[*self.others(n, copy)] for copy in range(100)]
+                      for n in range(len(self.addresses)) if self.hostile == "flood"]
 
     def records(self, n):
         """(name, type, data) of all records of printer n"""
@@ -125,17 +135,17 @@ class Printers:
             1 if SERVICES.keys() & query.asked.keys() else 0)
         if sending <= self.deaf:
             return
-        for n, address in enumerate(self.addresses):
-            records = [r for r in self.records(n)]
-            answers = [record(*r) for r in records if r[1] in query.asked.get(r[0], ())
-                       and not (r[1] == PTR and Query.name(r[2], 0)[0] in query.known)]
-            if not answers:
-                continue
-            rest = [] if self.bare else [record(*r) for r in records if r[1] != PTR]
+        answers_of = {}
+        for name, kinds in query.asked.items():
+            for kind in kinds:
+                for n, answer, known in self.by_question.get((name, kind), ()):
+                    if known not in query.known:
+                        answers_of.setdefault(n, []).append(answer)
+        for n, answers in answers_of.items():
+            address, rest = self.addresses[n], [] if self.bare else self.all[n]
             if self.hostile == "flood":
                 if sending == 1:
-                    yield from ((address, query.response([*self.others(n, copy)]))
-                                for copy in range(100))
+                    yield from ((address, query.response(others)) for others in self.flood[n])
             elif self.hostile in ("loop", "lie"):
                 for bad in getattr(self, self.hostile)(query, n):
                     yield address, query.response(bad, answers + rest)

@@ -1,12 +1,15 @@
-// The choice between the channels.
-#include <algorithm>
+// What the commands share, and the global options: the choice between the channels.
+#include "kestctl/Command.h"
 
+#include <algorithm>
+#include <iostream>
+
+#include "admin/channel/DirectChannel.h"
 #include "admin/channel/SpoolerService.h"
 #include "base/Text.h"
-#include "kestctl/Command.h"
-#include "admin/channel/DirectChannel.h"
 
 namespace {
+
 constexpr char kDirect[] = "--direct";
 constexpr char kServer[] = "--server";
 
@@ -20,6 +23,54 @@ std::string CheckServer(std::string& text) {
     return {};
 }
 }  // namespace
+
+CLI::App& AddGroup(CLI::App& app, const std::string& name, const std::string& description) {
+    CLI::App& group = *app.add_subcommand(name, description);
+    group.require_subcommand(1);
+    return group;
+}
+
+CLI::Option& AddText(CLI::App& command, const char* name, std::string& value,
+                     const char* description) {
+    return *command.add_option(name, value, description)->check(NotEmpty());
+}
+
+void AddJsonFlag(CLI::App& command, bool& wanted) {
+    command.add_flag("--json", wanted, "Print JSON instead of text");
+}
+
+void AddDryRunFlag(CLI::App& command, bool& wanted) {
+    command.add_flag("--dry-run", wanted, "Show what would be done, and change nothing");
+}
+
+void AddYesFlag(CLI::App& command, bool& wanted) {
+    command.add_flag("--yes", wanted, "Do not ask for confirmation");
+}
+
+void Confirm(const std::string& question, bool yes, const std::string& refusal) {
+    if (yes) {
+        return;
+    }
+    if (!InputIsTerminal()) {
+        throw CLI::RequiredError("--yes (there is no terminal to ask on), or --dry-run");
+    }
+    std::cout.flush();
+    std::cerr << question << " [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer.empty() || (answer[0] != 'y' && answer[0] != 'Y')) {
+        throw CommandFailed(refusal);
+    }
+}
+
+CLI::Validator Checked(std::string (*check)(std::string&)) {
+    return CLI::Validator(check, "");
+}
+
+CLI::Validator NotEmpty() {
+    return CLI::Validator(
+        [](std::string& text) { return text.empty() ? "must not be empty" : std::string(); }, "");
+}
 
 void AddDirectFlag(CLI::App& app) {
     const std::string description =

@@ -1,22 +1,21 @@
-// kestctl selftest
+#include "admin/setup/SelfTest.h"
+
 #include <winsock2.h>
 #include <windows.h>
 
 #include <algorithm>
 #include <chrono>
 #include <iomanip>
-#include <iostream>
 #include <memory>
 #include <random>
 #include <sstream>
+#include <vector>
 
-#include "admin/search/Hosts.h"
 #include "admin/ports/PortStore.h"
-#include "base/Text.h"
-#include "base/Handles.h"
-#include "kestctl/Command.h"
-#include "kestctl/Interruption.h"
+#include "admin/search/Hosts.h"
 #include "admin/setup/LoopbackPrinter.h"
+#include "base/Handles.h"
+#include "base/Text.h"
 
 namespace {
 
@@ -26,7 +25,7 @@ constexpr size_t kRawSize = 1 << 20;   // bytes
 constexpr size_t kLprSize = 64 << 10;  // bytes
 constexpr size_t kChunk = 16 << 10;
 constexpr std::chrono::seconds kArrival(60);  // the spooler may have other jobs to do
-constexpr std::chrono::seconds kRelease(15);  // until the spooler lets go of a port
+constexpr std::chrono::seconds kRelease(15);  // until the spooler releases a port
 
 // A name that no port and no queue has.
 std::wstring UniqueName(const wchar_t* protocol) {
@@ -56,7 +55,7 @@ class TestPort {
     ~TestPort() {
         try {
             Delete();
-        } catch (...) {  // who wants to know calls Delete before
+        } catch (...) {  // a caller that needs the failure calls Delete before
         }
     }
     TestPort(const TestPort&) = delete;
@@ -64,7 +63,7 @@ class TestPort {
 
     const std::wstring& Name() const { return name_; }
 
-    // Throws CommandFailed when the spooler does not let go of it.
+    // Throws CommandFailed if the spooler still holds it after kRelease.
     void Delete() {
         const auto end = Clock::now() + kRelease;
         while (there_) {
@@ -173,24 +172,21 @@ struct Way {
     std::unique_ptr<TestQueue> queue;
 };
 
+struct EndedEarly {};
+
 class SelfTest {
   public:
-    // queues: print through queues on the ports; else jobs go straight to them.
-    // controlledBy: the printer that a job without a queue is controlled by.
-    // json: collect the steps for Steps instead of printing them.
-    SelfTest(bool queues, std::wstring controlledBy, bool json)
-        : queues_(queues), controlledBy_(std::move(controlledBy)), json_(json) {}
+    using Report = std::function<void(const SelfTestStep&)>;
 
-    // The steps as JSON.
-    const nlohmann::json& Steps() const { return steps_; }
+    SelfTest(const SelfTestOptions& options, const Report& report)
+        : options_(options), report_(report) {}
 
-    // Returns true when all steps succeeded. At Ctrl-C, cleans up and returns false.
     bool Run(const ChannelFactory& openChannel) {
         Step("monitor", [&] {
             StartedNetwork();
             channel_ = openChannel();
-            return std::to_string(channel_->PortNames().size()) + " ports, listed " +
-                   (queues_ ? "through the print spooler" : "without the print spooler");
+            return Count(channel_->PortNames().size(), "port") + ", listed " +
+                   (options_.queues ? "through the print spooler" : "without the print spooler");
         });
         if (channel_ != nullptr && Step("ports", [this] { return MakePorts(); })) {
             Step("RAW", [this] { return Print(*raw_, kRawSize); });
@@ -204,49 +200,42 @@ class SelfTest {
     }
 
   private:
-    // Does a step and prints how it went.
-    //   step: returns words for the line.
-    // Returns true when it worked.
+    // Does a step and reports it. Returns true if it succeeded.
+    //   action: returns the text for the report.
     template <class Action>
-    bool Step(const std::string& what, Action action) {
-        std::string result = "ok";
-        std::string words;
+    bool Step(const char* name, Action action) {
+        SelfTestStep step = {name};
         try {
-            CheckInterruption();
-            words = action();
-        } catch (const Interrupted&) {
-            result = "ended";
-            words = "by Ctrl-C";
+            RequireGoOn();
+            step.text = action();
+        } catch (const EndedEarly&) {
+            step.result = SelfTestStep::Ended;
         } catch (const CommandFailed& failed) {
-            result = "FAILED";
-            words = Explained(failed);
+            step.result = SelfTestStep::Failed;
+            step.failure = failed;
         } catch (const std::exception& error) {
-            result = "FAILED";
-            words = error.what();
+            step.result = SelfTestStep::Failed;
+            step.failure = CommandFailed(error.what());
         }
-        steps_.push_back({{"name", what}, {"result", result}, {"text", words}});
-        if (!json_) {
-            std::cout << std::left << std::setw(8) << result << std::setw(10) << what << words
-                      << std::endl;
-        }
-        failed_ = failed_ || result != "ok";
-        return result == "ok";
+        report_(step);
+        failed_ = failed_ || step.result != SelfTestStep::Ok;
+        return step.result == SelfTestStep::Ok;
     }
 
-    void CheckInterruption() const {
-        if (interruption_.Requested() && !cleaning_) {
-            throw Interrupted();
+    void RequireGoOn() const {
+        if (!cleaning_ && !options_.goOn()) {
+            throw EndedEarly();
         }
     }
 
     std::string MakePorts() {
         raw_ = std::make_unique<Way>(*channel_, kProtocolRaw, L"RAW");
         lpr_ = std::make_unique<Way>(*channel_, kProtocolLpr, L"LPR");
-        if (queues_) {
+        if (options_.queues) {
             raw_->queue = std::make_unique<TestQueue>(raw_->port.Name());
             lpr_->queue = std::make_unique<TestQueue>(lpr_->port.Name());
         }
-        return std::string("added and read back") + (queues_ ? ", with a queue each" : "") +
+        return std::string("added and read back") + (options_.queues ? ", with a queue each" : "") +
                ": RAW to 127.0.0.1:" + std::to_string(raw_->printer.Port()) +
                ", LPR to 127.0.0.1:" + std::to_string(lpr_->printer.Port());
     }
@@ -255,10 +244,11 @@ class SelfTest {
         const auto begin = Clock::now();
         const std::string document = Document(size);
         {
-            const auto job = channel_->StartJob(way.port.Name(), L"kestctl selftest",
-                                                queues_ ? way.port.Name() : controlledBy_);
+            const auto job =
+                channel_->StartJob(way.port.Name(), L"kestctl selftest",
+                                   options_.queues ? way.port.Name() : options_.controlledBy);
             for (size_t sent = 0; sent < size;) {
-                CheckInterruption();
+                RequireGoOn();
                 sent += job->Write(reinterpret_cast<const BYTE*>(document.data()) + sent,
                                    std::min(kChunk, size - sent));
             }
@@ -274,7 +264,7 @@ class SelfTest {
 
     std::string Receive(LoopbackPrinter& printer) const {
         for (const auto end = Clock::now() + kArrival; Clock::now() < end;) {
-            CheckInterruption();
+            RequireGoOn();
             if (auto job = printer.WaitForJob(std::chrono::milliseconds(200))) {
                 return std::move(*job);
             }
@@ -294,11 +284,8 @@ class SelfTest {
         return "ports and queues deleted";
     }
 
-    const bool queues_;
-    const std::wstring controlledBy_;
-    const bool json_;
-    nlohmann::json steps_ = nlohmann::json::array();
-    const Interruption interruption_;
+    const SelfTestOptions& options_;
+    const Report& report_;
     bool failed_ = false;
     bool cleaning_ = false;
     std::unique_ptr<SpoolerChannel> channel_;
@@ -308,33 +295,7 @@ class SelfTest {
 
 }  // namespace
 
-void AddSelfTestCommand(CLI::App& app, const ChannelFactory& openChannel) {
-    struct Arguments {
-        std::string printer;
-        bool json = false;
-    };
-    CLI::App& command = *app.add_subcommand(
-        "selftest",
-        "Print through the monitor to a printer that kestctl simulates on this computer, with RAW "
-        "and with LPR, and compare the received data");
-    AddExample(command, "selftest");
-    const auto arguments = std::make_shared<Arguments>();
-    command
-        .add_option("--printer", arguments->printer,
-                    "With --direct: printer for job control (the default printer)")
-        ->check(NotEmpty());
-    AddJsonFlag(command, arguments->json);
-    command.callback([arguments, openChannel, &app] {
-        SelfTest test(!IsDirect(app), Utf8ToWide(arguments->printer), arguments->json);
-        const bool succeeded = test.Run(openChannel);
-        if (arguments->json) {
-            PrintJson({{"succeeded", succeeded}, {"steps", test.Steps()}});
-        }
-        if (Interruption::WasRequested()) {
-            throw Interrupted();
-        }
-        if (!succeeded) {
-            throw CommandFailed("the self-test failed");
-        }
-    });
+bool RunSelfTest(const ChannelFactory& openChannel, const SelfTestOptions& options,
+                 const std::function<void(const SelfTestStep&)>& report) {
+    return SelfTest(options, report).Run(openChannel);
 }
