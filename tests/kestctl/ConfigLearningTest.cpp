@@ -122,8 +122,8 @@ TEST(ConfigLearning, CountsPrintersThatAreLost) {
 TEST(FindWatch, TellsWhoComesMovesAndGoes) {
     std::string told;
     Population population(
-        [&told](Population::Event event, const Printer& printer, const std::string& before) {
-            told += std::to_string(static_cast<int>(event)) + printer.GetIPAddress().GetText() +
+        [&told](Population::Event event, const SearchHit& printer, const std::string& before) {
+            told += std::to_string(static_cast<int>(event)) + printer.identity.address +
                     (before.empty() ? "" : "<" + before) + ' ';
         });
     // What a round with answers from these addresses tells.
@@ -142,7 +142,8 @@ TEST(FindWatch, TellsWhoComesMovesAndGoes) {
     EXPECT_EQ(round({"10.0.0.2", "10.0.0.1"}), "") << "it also answers at the old address";
     EXPECT_EQ(round({"10.0.0.2", "10.0.0.3"}), "110.0.0.2<10.0.0.1 ");
     EXPECT_EQ(round({}) + round({}), "");
-    EXPECT_EQ(round({"10.0.0.2"}) + round({}) + round({}), "") << "an answer ends the count";
+    EXPECT_EQ(round({"10.0.0.2"}), "") << "an answer ends the count";
+    EXPECT_EQ(round({}) + round({}), "");
     EXPECT_EQ(round({}), "210.0.0.2 ");
     EXPECT_EQ(population.Size(), 0u);
     EXPECT_EQ(population.Counted(Population::Event::Moved), 1u);
