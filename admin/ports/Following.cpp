@@ -1,18 +1,41 @@
 #include "admin/ports/Following.h"
 
+#include <algorithm>
+
 #include "address/AddressText.h"
 #include "base/Parallel.h"
 
 namespace {
+
 constexpr size_t kAtOnce = 32;
-}
 
 bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before) {
     return printer.hostName.empty() && !FieldText(before.standard.sztHostAddress).empty() &&
            FieldText(before.extended.sztHWAddress) != printer.mac;
 }
 
+// Has a new port print as the printer announces, as far as the change does not say otherwise.
+void TakeService(const PrinterIdentity& printer, PortChange& change) {
+    const auto service = std::ranges::find_if(printer.services, [&](const auto& announced) {
+        return !change.protocol || *change.protocol == announced.protocol;
+    });
+    if (service == printer.services.end()) {
+        return;
+    }
+    change.protocol = service->protocol;
+    change.portNumber = change.portNumber.value_or(service->port);
+    std::string queue = service->queue;
+    if (!change.queue && service->protocol == "lpr" && CheckQueue(queue).empty()) {
+        change.queue = queue;
+    }
+}
+
+}  // namespace
+
 void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change) {
+    if (before.standard.dwProtocol == 0) {
+        TakeService(printer, change);
+    }
     if (!change.address && !change.ipv6) {
         (IsIPv4AddressText(printer.address) ? change.address : change.ipv6) = printer.address;
     }
@@ -30,7 +53,7 @@ void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, Po
     if (!printer.hostName.empty()) {
         change.hostName = printer.hostName;
     }
-    change.alwaysPrint = true;
+    change.alwaysPrint = printer.source != SearchSource::DnsSd;
 }
 
 std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& hosts,
