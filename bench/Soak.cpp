@@ -1,6 +1,6 @@
 // Years inside the spooler in an hour: jobs through many ports at once, to printers that misbehave,
 // on a system whose calls fail, while somebody manages the ports. Ends with 1 when anything was not
-// as it has to be; docs/endurance.md tells how to read what it prints.
+// as it has to be; tests/README.md tells how to read what it prints.
 //
 //   Soak [--jobs N] [--minutes M] [--seed S] [--log FILE] [--watch]
 #include <winsock2.h>

@@ -1,12 +1,49 @@
-# The kinds of targets that the rooms are made of.
+# The kinds of targets that the folders are made of.
 
-# kest_library(NAME SOURCES file... [USES library...])
-# A static library: a room, or a part of one, that the DLLs, the tool and the tests share.
+# kest_headers(NAME [ONLY header...] [EXPOSES library...])
+# The headers of this folder, or only those named, for the targets that link NAME. A target finds no
+# headers but those of the libraries that it links: each NAME has a folder of its own in
+# build/headers, with a link to this folder under its path in the project.
+#   EXPOSES: the libraries whose headers these headers include.
+function(kest_headers name)
+    cmake_parse_arguments(ARG "" "" "ONLY;EXPOSES" ${ARGN})
+    set(root ${PROJECT_BINARY_DIR}/headers/${name})
+    file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
+    # A link of an earlier configuration: files must not be created behind it.
+    file(REMOVE ${root}/${folder})
+    if(ARG_ONLY)
+        file(REMOVE_RECURSE ${root})
+        file(MAKE_DIRECTORY ${root}/${folder})
+        foreach(header ${ARG_ONLY})
+            file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR}/${header} ${root}/${folder}/${header}
+                SYMBOLIC)
+        endforeach()
+    else()
+        cmake_path(GET folder PARENT_PATH parent)
+        file(MAKE_DIRECTORY ${root}/${parent})
+        file(CREATE_LINK ${CMAKE_CURRENT_SOURCE_DIR} ${root}/${folder} SYMBOLIC)
+    endif()
+    add_library(${name} INTERFACE)
+    target_include_directories(${name} INTERFACE ${root})
+    target_compile_options(${name} INTERFACE
+        $<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=${root}/=>
+        $<$<COMPILE_LANGUAGE:CXX>:-ffile-prefix-map=headers/${name}/=>)
+    target_link_libraries(${name} INTERFACE ${ARG_EXPOSES})
+endfunction()
+
+# kest_library(NAME SOURCES file... [ONLY header...] [EXPOSES library...] [USES library...])
+# A static library: a folder, or a part of one, that the DLLs, the programs and the tests share. Its
+# headers alone are NAME_headers.
+#   ONLY: the headers that users see; without it, all of the folder.
+#   EXPOSES: the libraries whose headers its headers include; its users may include them, too.
+#   USES: the other libraries that it links; its users do not see their headers.
 function(kest_library name)
-    cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
+    cmake_parse_arguments(ARG "" "" "SOURCES;ONLY;EXPOSES;USES" ${ARGN})
+    kest_headers(${name}_headers ONLY ${ARG_ONLY})
     add_library(${name} STATIC ${ARG_SOURCES})
-    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-    target_link_libraries(${name} PUBLIC kest_flags ${ARG_USES})
+    target_link_libraries(${name}
+        PUBLIC kest_flags ${name}_headers ${ARG_EXPOSES}
+        PRIVATE ${ARG_USES})
 endfunction()
 
 # kest_test_program(TARGET SOURCES file... [USES library...])
@@ -14,7 +51,7 @@ endfunction()
 function(kest_test_program target)
     cmake_parse_arguments(ARG "" "" "SOURCES;USES" ${ARGN})
     add_executable(${target} ${ARG_SOURCES})
-    target_link_libraries(${target} PRIVATE kest_flags ${ARG_USES} GTest::gmock_main)
+    target_link_libraries(${target} PRIVATE kest_flags kest_tests ${ARG_USES} GTest::gmock_main)
     set_target_properties(${target} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/tests)
 endfunction()
 
@@ -61,6 +98,7 @@ function(kest_shipped name)
     list(FILTER resources INCLUDE REGEX "\\.rc$")
     set_property(SOURCE ${resources} APPEND PROPERTY OBJECT_DEPENDS
         ${PROJECT_BINARY_DIR}/generated/Version.h ${PROJECT_SOURCE_DIR}/resources/VersionInfo.inc)
+    target_link_libraries(${name} PRIVATE kest_resources)
     target_link_options(${name} PRIVATE -Wl,-Map=${PROJECT_BINARY_DIR}/${name}.map)
     add_dependencies(shipped ${name})
 endfunction()

@@ -97,9 +97,9 @@ void RunImport(const ImportArguments& arguments, SpoolerChannel& channel,
     }
     if (!arguments.dryRun) {
         const Interruption interruption;
-        Carry(channel, plan.steps, [&](size_t done) {
+        ApplyAllOrNothing(channel, plan.steps, [&](size_t done) {
             if (interruption.Requested()) {
-                throw Interrupted();  // Carry undoes what was done
+                throw Interrupted();  // ApplyAllOrNothing undoes what was done
             }
             progress.Show(PortsBar(done, plan.steps.size()));
         });

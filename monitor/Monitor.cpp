@@ -2,6 +2,7 @@
 #include <new>
 
 #include "monitor/PortConfig.h"
+#include "monitor/PortText.h"
 #include "monitor/PortList.h"
 #include "monitor/Transport.h"
 #include "monitor/Xcv.h"

@@ -5,6 +5,7 @@
 #include <cwchar>
 
 #include "monitor/Library.h"
+#include "monitor/PortText.h"
 
 namespace {
 

@@ -3,12 +3,9 @@
 #include <utility>
 
 #include "base/CommandFailed.h"
-#include "admin/channel/MonitorKey.h"
-#include "admin/ports/PortStore.h"
+#include "admin/channel/PortRecords.h"
 #include "admin/channel/SpoolerService.h"
 #include "base/Text.h"
-#include "admin/setup/WindowsMachine.h"
-#include "diag/Log.h"
 #include "admin/channel/ControlJob.h"
 
 namespace {
@@ -53,6 +50,12 @@ class OpenedPort {
     HANDLE handle_ = nullptr;
 };
 
+// The log of the monitor in this process.
+std::string LogPath() {
+    std::error_code ignored;
+    return WideToUtf8((std::filesystem::temp_directory_path(ignored) / kLogFile).native());
+}
+
 // Why a job did not start, for somebody who has to do something about it.
 //   before, after: the port when the job began, and now.
 //   found: a search has found the printer.
@@ -66,7 +69,7 @@ std::string StartFailure(const PortRecords& before, const PortRecords& after, bo
     if (after.extended.dwAlwaysPrint == 0 || (silent && !found)) {
         return reason;
     }
-    const std::string log = ". The requests and replies are in " + WideToUtf8(LogPath());
+    const std::string log = ". The requests and replies are in " + LogPath();
     if (!found) {
         return reason + ", and the search for it did not find it" + log;
     }
@@ -159,11 +162,11 @@ class HostJob : public PrintJob {
 };
 
 //   made: receives whether the key was not there.
-UniqueRegistryKey OpenRoot(LPCWSTR path, bool& made) {
+UniqueRegistryKey OpenRoot(const std::wstring& path, bool& made) {
     UniqueRegistryKey key;
     DWORD disposition = 0;
-    const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path, 0, nullptr, 0, KEY_ALL_ACCESS,
-                                       nullptr, key.Out(), &disposition);
+    const LONG error = RegCreateKeyExW(HKEY_LOCAL_MACHINE, path.c_str(), 0, nullptr, 0,
+                                       KEY_ALL_ACCESS, nullptr, key.Out(), &disposition);
     made = disposition == REG_CREATED_NEW_KEY;
     if (error != ERROR_SUCCESS) {
         throw CommandFailed(
@@ -175,7 +178,7 @@ UniqueRegistryKey OpenRoot(LPCWSTR path, bool& made) {
 
 }  // namespace
 
-DirectChannel::DirectChannel(const std::filesystem::path& library, LPCWSTR rootKey)
+DirectChannel::DirectChannel(const std::filesystem::path& library, const std::wstring& rootKey)
     : rootPath_(rootKey),
       root_(OpenRoot(rootKey, madeRoot_)),
       init_(registry_.MonitorInit(root_.Get())) {
@@ -272,8 +275,7 @@ std::vector<Queue> DirectChannel::Queues() {
         if (failed.remedy != Remedy::StartSpooler) {
             throw;
         }
-        WindowsMachine machine;
-        return StoredQueues(machine);
+        return StoredQueues();
     }
 }
 

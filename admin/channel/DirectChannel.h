@@ -13,22 +13,20 @@
 #include <filesystem>
 #include <string>
 
+#include "admin/channel/MonitorKey.h"
 #include "admin/channel/SpoolerChannel.h"
 #include "base/Handles.h"
 #include "admin/channel/MonitorRegistry.h"
 
 class DirectChannel : public SpoolerChannel {
   public:
-    // The monitor's own key, below HKEY_LOCAL_MACHINE.
-    static constexpr LPCWSTR kMonitorKey =
-        L"SYSTEM\\CurrentControlSet\\Control\\Print\\Monitors\\kestmon";
-
     // Loads the monitor.
     //   library: kestmon.dll.
     //   rootKey: the key below HKEY_LOCAL_MACHINE that becomes the monitor's root; made if it is
     //   not there.
     // Throws CommandFailed.
-    explicit DirectChannel(const std::filesystem::path& library, LPCWSTR rootKey = kMonitorKey);
+    explicit DirectChannel(const std::filesystem::path& library,
+                           const std::wstring& rootKey = MonitorKey());
     ~DirectChannel() override;
     DirectChannel(const DirectChannel&) = delete;
     DirectChannel& operator=(const DirectChannel&) = delete;

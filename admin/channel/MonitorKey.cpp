@@ -1,24 +1,23 @@
 #include "admin/channel/MonitorKey.h"
 
-#include "admin/ports/PortStore.h"
 #include "base/Registry.h"
-#include "monitor/PortConfig.h"
+#include "monitor/PortText.h"
 
-std::wstring MonitorKey(Machine& machine) {
-    return machine.PrintKey() + L"\\Monitors\\" + kMonitorName;
+std::wstring MonitorKey(const std::wstring& printKey) {
+    return printKey + L"\\Monitors\\" + kMonitorName;
 }
 
-bool MonitorKeyExists(Machine& machine) {
-    return static_cast<bool>(OpenKey(HKEY_LOCAL_MACHINE, MonitorKey(machine)));
+bool MonitorKeyExists(const std::wstring& printKey) {
+    return static_cast<bool>(OpenKey(HKEY_LOCAL_MACHINE, MonitorKey(printKey)));
 }
 
-std::wstring RegisteredDriver(Machine& machine) {
-    const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, MonitorKey(machine));
+std::wstring RegisteredDriver(const std::wstring& printKey) {
+    const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, MonitorKey(printKey));
     return key ? ReadText(key.Get(), L"Driver") : std::wstring();
 }
 
-std::vector<StoredPort> StoredPorts(Machine& machine) {
-    const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, MonitorKey(machine) + L"\\Ports");
+std::vector<StoredPort> StoredPorts(const std::wstring& printKey) {
+    const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, MonitorKey(printKey) + L"\\Ports");
     std::vector<StoredPort> ports;
     for (const std::wstring& name : Subkeys(key)) {
         const UniqueRegistryKey port = OpenKey(key.Get(), name);
@@ -38,8 +37,8 @@ std::vector<StoredPort> StoredPorts(Machine& machine) {
     return ports;
 }
 
-std::vector<Queue> StoredQueues(Machine& machine) {
-    const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, machine.PrintKey() + L"\\Printers");
+std::vector<Queue> StoredQueues(const std::wstring& printKey) {
+    const UniqueRegistryKey key = OpenKey(HKEY_LOCAL_MACHINE, printKey + L"\\Printers");
     std::vector<Queue> queues;
     for (const std::wstring& name : Subkeys(key)) {
         if (const UniqueRegistryKey queue = OpenKey(key.Get(), name)) {

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "admin/channel/Queue.h"
 #include "admin/channel/StandardPorts.h"
 
 // A job on its way. Destroyed without End, it is given up, and its queue is left as it was found.
@@ -32,13 +33,6 @@ class PrintJob {
 
     // What became of it, for the user: "sent through port OFFICE". To be asked after End.
     virtual std::string Outcome() const = 0;
-};
-
-// A printer of Windows, with what administration needs of it.
-struct Queue {
-    std::wstring name;
-    std::vector<std::wstring> ports;  // more than one: a pool
-    DWORD jobs = 0;                   // that wait in it, or print
 };
 
 class SpoolerChannel {

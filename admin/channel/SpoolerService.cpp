@@ -3,7 +3,6 @@
 #include <algorithm>
 
 #include "base/CommandFailed.h"
-#include "admin/ports/PortStore.h"
 #include "base/Text.h"
 
 namespace {

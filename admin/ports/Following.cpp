@@ -5,14 +5,12 @@
 #include "address/AddressText.h"
 #include "base/Parallel.h"
 
-namespace {
-
-constexpr size_t kAtOnce = 32;
-
 bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before) {
     return printer.hostName.empty() && !FieldText(before.standard.sztHostAddress).empty() &&
            FieldText(before.extended.sztHWAddress) != printer.mac;
 }
+
+namespace {
 
 // Has a new port print as the printer announces, as far as the change does not say otherwise.
 void TakeService(const PrinterIdentity& printer, PortChange& change) {
@@ -70,6 +68,6 @@ std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& 
             printers[at].failure = failed.what();
         }
     };
-    ForEach(hosts.size(), kAtOnce, identifyOne, tell);
+    ForEach(hosts.size(), kPrintersAtOnce, identifyOne, tell);
     return printers;
 }

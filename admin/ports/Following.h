@@ -31,7 +31,10 @@ struct IdentifiedPrinter {
     Remedy remedy = Remedy::None;
 };
 
-// Asks the printers at these hosts for their identity, 32 at a time.
+// How many printers are queried at the same time.
+constexpr size_t kPrintersAtOnce = 32;
+
+// Asks the printers at these hosts for their identity, kPrintersAtOnce at a time.
 //   tell: called on this thread, about ten times a second, with the number of hosts that are done.
 std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& hosts,
                                                 const PrinterIdentifier& identify,

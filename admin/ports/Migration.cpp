@@ -14,7 +14,6 @@
 
 namespace {
 
-constexpr size_t kAtOnce = 32;
 constexpr char kNamePlaceholder[] = "{name}";
 constexpr char kAddressPlaceholder[] = "{address}";
 
@@ -215,12 +214,12 @@ std::vector<StandardPort> WantedPorts(SpoolerChannel& channel,
         names.push_back(port.name);
     }
     for (const std::wstring& pattern : wanted) {
-        if (Meant(names, {pattern}, true).empty()) {
+        if (MatchPorts(names, {pattern}, true).empty()) {
             throw CommandFailed("there is no standard TCP/IP port " + WideToUtf8(pattern),
                                 Remedy::ListStandardPorts);
         }
     }
-    const std::vector<std::wstring> meant = Meant(names, wanted, true);
+    const std::vector<std::wstring> meant = MatchPorts(names, wanted, true);
     std::erase_if(ports, [&meant](const StandardPort& port) {
         return std::find(meant.begin(), meant.end(), port.name) == meant.end();
     });
@@ -257,7 +256,7 @@ std::vector<Migration> PlanMigration(SpoolerChannel& channel, const MigrationWis
             migration.obstacle = failed.what();
         }
     };
-    ForEach(ports.size(), kAtOnce, planOne, [&](size_t done) { tell(done, ports.size()); });
+    ForEach(ports.size(), kPrintersAtOnce, planOne, [&](size_t done) { tell(done, ports.size()); });
     CompareWithPorts(channel, plan);
     for (Migration& migration : plan) {
         migration.busy = BusyQueues(queues, migration.queues);

@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "admin/ports/Following.h"
 #include "admin/ports/PortFile.h"
 #include "admin/ports/PortJson.h"
 #include "admin/ports/PortPlan.h"
@@ -13,8 +14,6 @@
 #include "base/Text.h"
 
 namespace {
-
-constexpr size_t kAtOnce = 32;
 
 struct LessByName {
     bool operator()(const std::wstring& one, const std::wstring& other) const {
@@ -107,7 +106,8 @@ class Import {
                 failures[at] = failed.what();
             }
         };
-        ForEach(rows.size(), kAtOnce, lookUp, [&](size_t done) { tell(done, rows.size()); });
+        ForEach(rows.size(), kPrintersAtOnce, lookUp,
+                [&](size_t done) { tell(done, rows.size()); });
         for (size_t i = 0; i < rows.size(); ++i) {
             if (!failures[i].empty()) {
                 Problem(*rows[i]->row, failures[i]);

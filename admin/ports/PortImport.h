@@ -10,7 +10,7 @@
 #include "admin/search/PrinterIdentity.h"
 
 struct ImportPlan {
-    std::vector<PortStep> steps;        // for Carry
+    std::vector<PortStep> steps;        // for ApplyAllOrNothing
     size_t unchanged = 0;               // ports that already have the settings
     std::vector<std::string> problems;  // "line 3: ..."; with any, nothing is to be done
 };

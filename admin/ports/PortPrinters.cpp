@@ -9,7 +9,6 @@
 #include "admin/channel/MonitorKey.h"
 #include "admin/ports/PortCheck.h"
 #include "admin/ports/PortStore.h"
-#include "admin/setup/WindowsMachine.h"
 
 std::vector<PortRecords> PrintersOfPorts(SpoolerChannel& channel, bool following) {
     std::vector<PortRecords> ports;
@@ -28,8 +27,7 @@ std::vector<PortRecords> PrintersOfPorts(SpoolerChannel& channel, bool following
 }
 
 bool MayHavePorts(const CommandFailed& failed) {
-    WindowsMachine machine;
-    return failed.remedy != Remedy::InstallMonitor || !StoredPorts(machine).empty();
+    return failed.remedy != Remedy::InstallMonitor || !StoredPorts().empty();
 }
 
 size_t CountFound(const std::vector<PortRecords>& ports,

@@ -10,6 +10,7 @@
 
 #include "address/AddressText.h"
 #include "base/Text.h"
+#include "monitor/PortText.h"
 
 namespace {
 
@@ -30,33 +31,12 @@ void SetField(WCHAR (&field)[Size], const std::string& text) {
     wide.copy(field, Room(field));
 }
 
-bool HasControlCharacter(std::string_view text) {
-    return std::any_of(text.begin(), text.end(),
-                       [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-}
-
 constexpr char kHostNameCharacters[] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._";
 
-// What every text must be. An empty one cannot be stored: the monitor keeps the old value then.
-std::string CheckText(const std::string& text, size_t room) {
-    if (text.empty()) {
-        return "must not be empty";
-    }
-    const size_t length = Utf8ToWide(text).size();
-    if (length > room) {
-        return "is too long: " + std::to_string(length) + " characters, " + std::to_string(room) +
-               " fit";
-    }
-    if (HasControlCharacter(text)) {
-        return "contains a control character";
-    }
-    return {};
-}
-
 // Printable ASCII without blanks: what goes over the wire as one word.
 std::string CheckWord(const std::string& text, size_t room) {
-    std::string problem = CheckText(text, room);
+    std::string problem = CheckStoredText(text, room);
     if (problem.empty() && std::any_of(text.begin(), text.end(),
                                        [](unsigned char c) { return c <= ' ' || c > '~'; })) {
         problem = "must consist of printable ASCII characters without blanks";
@@ -74,6 +54,8 @@ std::string CheckNumber(const std::string& text, const std::string& what) {
 }
 
 constexpr char kNotClearable[] = "cannot be cleared";
+
+static_assert(kHostNameRoom == Room(kEmpty.standard.sztHostAddress));
 
 DWORD UsualPortNumber(DWORD protocol) {
     return protocol == kProtocolLpr ? kLprPortNumber : kRawPortNumber;
@@ -147,7 +129,7 @@ void ApplySnmp(const PortChange& change, PORT_DATA_1& port) {
 }  // namespace
 
 std::string CheckPortName(std::string& text) {
-    if (std::string problem = CheckText(text, kPortNameRoom); !problem.empty()) {
+    if (std::string problem = CheckStoredText(text, kPortNameRoom); !problem.empty()) {
         return problem;
     }
     if (text.front() == ' ' || text.back() == ' ') {
@@ -195,7 +177,7 @@ std::string CheckIPv4Address(std::string& text) {
 }
 
 std::string CheckIPv6Host(std::string& text) {
-    if (std::string problem = CheckText(text, Room(kEmpty.extended.sztIPv6HostName));
+    if (std::string problem = CheckStoredText(text, Room(kEmpty.extended.sztIPv6HostName));
         !problem.empty()) {
         return problem;
     }
@@ -224,51 +206,6 @@ std::string CheckIPv6Host(std::string& text) {
         return "'" + text +
                "' is not the address of a host. Use, for example, fd00::20 or fe80::20%3";
     }
-    return {};
-}
-
-std::string CheckHostName(std::string& text) {
-    if (text == "none") {
-        return kNotClearable +
-               std::string(". Delete the port and add it again without a host name");
-    }
-    return CheckText(text, Room(kEmpty.standard.sztHostAddress));
-}
-
-std::string CheckMacAddress(std::string& text) {
-    if (text == "none") {
-        text.clear();
-        return {};
-    }
-    // Six pairs, three groups of four, or no separators at all.
-    std::string digits;
-    for (const auto& [separator, group] : {std::pair{':', 2}, {'-', 2}, {'.', 4}}) {
-        if (text.find(separator) == std::string::npos) {
-            continue;
-        }
-        for (size_t i = 0; i < text.size(); ++i) {
-            if ((i + 1) % (group + 1) != 0) {
-                digits += text[i];
-            } else if (text[i] != separator || i + 1 == text.size()) {
-                digits += '?';
-            }
-        }
-        break;
-    }
-    if (digits.empty()) {
-        digits = text;
-    }
-    std::transform(digits.begin(), digits.end(), digits.begin(),
-                   [](char c) { return c >= 'a' && c <= 'f' ? static_cast<char>(c - 32) : c; });
-    if (!IsMacAddressText(digits)) {
-        return "'" + text + "' is not a MAC address. Use, for example, 00:04:00:4a:1b:2c";
-    }
-    // The lowest bit of the first byte marks a group's address, broadcast included.
-    if (digits == "000000000000" || (std::stoi(digits.substr(0, 2), nullptr, 16) & 1) != 0) {
-        return "'" + text +
-               "' is not the MAC address of a device. Use, for example, 00:04:00:4a:1b:2c";
-    }
-    text = digits;
     return {};
 }
 
@@ -316,43 +253,6 @@ void Apply(const PortChange& change, PortRecords& records) {
         throw SettingsClash(PortSetting::AlwaysPrint,
                             "needs a MAC address or a host name to find the printer");
     }
-}
-
-std::string ProtocolName(DWORD protocol) {
-    switch (protocol) {
-        case 0:
-            return "not configured";
-        case kProtocolRaw:
-            return "raw";
-        case kProtocolLpr:
-            return "lpr";
-        default:
-            return "unknown (" + std::to_string(protocol) + ")";
-    }
-}
-
-std::string AddressInUse(const PortRecords& records) {
-    return records.extended.dwUseIPV6 != 0 ? FieldText(records.extended.sztIPv6HostName)
-                                           : FieldText(records.standard.sztIPAddress);
-}
-
-std::string Destination(const PortRecords& records) {
-    const PORT_DATA_1& port = records.standard;
-    if (port.dwProtocol == 0) {
-        return ProtocolName(0);
-    }
-    const std::string address = AddressInUse(records);
-    const bool brackets = address.find(':') != std::string::npos;
-    std::string text = ProtocolName(port.dwProtocol) + " to " +
-                       (brackets ? "[" + address + "]" : address) + ":" +
-                       std::to_string(port.dwPortNumber);
-    if (port.dwProtocol == kProtocolLpr) {
-        text += ", queue " + FieldText(port.sztQueue);
-        if (port.dwDoubleSpool != 0) {
-            text += ", double spooled";
-        }
-    }
-    return text;
 }
 
 bool SameSettings(const PortRecords& one, const PortRecords& other) {

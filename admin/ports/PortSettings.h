@@ -2,19 +2,12 @@
 // over the monitor's two records, and shown.
 #pragma once
 
-#include <cwchar>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
-#include "base/Text.h"
-#include "monitor/PortConfig.h"
-
-// What the monitor keeps of one port.
-struct PortRecords {
-    PORT_DATA_1 standard = {};
-    PortDataEx extended = {};
-};
+#include "admin/channel/PortRecords.h"
+#include "admin/search/PrinterIdentity.h"
 
 // The checks of single values. Each takes the text as it was given (UTF-8), may bring it into the
 // form that is stored, and returns what is wrong with it, or nothing. "none" means the same to all
@@ -22,8 +15,6 @@ struct PortRecords {
 std::string CheckPortName(std::string& text);
 std::string CheckIPv4Address(std::string& text);
 std::string CheckIPv6Host(std::string& text);    // an IPv6 address or a host name
-std::string CheckHostName(std::string& text);    // the printer's own name, a key to search by
-std::string CheckMacAddress(std::string& text);  // stored as twelve digits; "none" as no text
 std::string CheckPortNumber(std::string& text);  // decimal, 1 to 65535
 std::string CheckSnmpIndex(std::string& text);   // the same range
 std::string CheckQueue(std::string& text);
@@ -66,15 +57,3 @@ void Apply(const PortChange& change, PortRecords& records);
 
 // True when both are the same to a job and to an administrator, whatever stands behind the texts.
 bool SameSettings(const PortRecords& one, const PortRecords& other);
-
-// The text of a record's field, which may lack a terminator.
-template <size_t Size>
-std::string FieldText(const WCHAR (&field)[Size]) {
-    return WideToUtf8({field, wcsnlen(field, Size)});
-}
-
-// Where jobs go, in one line: "lpr to 192.168.1.20:515, queue lp, double spooled".
-std::string Destination(const PortRecords& records);
-// The address that jobs are sent to.
-std::string AddressInUse(const PortRecords& records);
-std::string ProtocolName(DWORD protocol);

@@ -4,25 +4,10 @@
 
 #include <algorithm>
 #include <iterator>
-#include <sstream>
 
 #include "base/Text.h"
 
 namespace {
-
-void Require(DWORD code, const std::string& failure) {
-    if (code != ERROR_SUCCESS) {
-        throw CommandFailed(failure + ": " + ErrorText(code), code == ERROR_ACCESS_DENIED
-                                                                  ? Remedy::RunAsAdministrator
-                                                                  : Remedy::None);
-    }
-}
-
-DWORD SendName(SpoolerChannel& channel, LPCWSTR command, const std::wstring& name,
-               void* output = nullptr, DWORD outputSize = 0) {
-    return channel.Xcv(command, name.c_str(), static_cast<DWORD>((name.size() + 1) * sizeof(WCHAR)),
-                       output, outputSize);
-}
 
 auto WithName(const std::vector<std::wstring>& names, const std::wstring& name) {
     return std::find_if(names.begin(), names.end(),
@@ -39,9 +24,10 @@ void WritePort(SpoolerChannel& channel, const std::wstring& name, PortRecords re
     std::ranges::fill(records.extended.sztPortName, L'\0');
     name.copy(records.standard.sztPortName, name.size());
     name.copy(records.extended.sztPortName, name.size());
-    Require(channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
-            failure);
-    Require(
+    RequireSuccess(
+        channel.Xcv(L"ConfigurePort", &records.standard, sizeof(records.standard), nullptr, 0),
+        failure);
+    RequireSuccess(
         channel.Xcv(L"SetConfigExData", &records.extended, sizeof(records.extended), nullptr, 0),
         failure);
     if (!SameSettings(ReadPort(channel, name), records)) {
@@ -84,20 +70,20 @@ std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name) {
     return *found;
 }
 
-std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
-                                const std::vector<std::wstring>& wanted, bool mayMiss) {
-    std::vector<bool> isMeant(names.size(), wanted.empty());
+std::vector<std::wstring> MatchPorts(const std::vector<std::wstring>& names,
+                                     const std::vector<std::wstring>& wanted, bool mayMiss) {
+    std::vector<bool> isMatched(names.size(), wanted.empty());
     for (const std::wstring& pattern : wanted) {
         // A port may be called like a pattern; then only it is meant.
         const auto exact = WithName(names, pattern);
         bool any = exact != names.end();
         if (any) {
-            isMeant[static_cast<size_t>(exact - names.begin())] = true;
+            isMatched[static_cast<size_t>(exact - names.begin())] = true;
             continue;
         }
         for (size_t i = 0; i < names.size(); ++i) {
             if (MatchesPattern(names[i], pattern)) {
-                isMeant[i] = any = true;
+                isMatched[i] = any = true;
             }
         }
         if (!any && !mayMiss) {
@@ -106,7 +92,7 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
     }
     std::vector<std::wstring> ports;
     for (size_t i = 0; i < names.size(); ++i) {
-        if (isMeant[i]) {
+        if (isMatched[i]) {
             ports.push_back(names[i]);
         }
     }
@@ -115,7 +101,7 @@ std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
 
 std::vector<std::wstring> FindPorts(SpoolerChannel& channel,
                                     const std::vector<std::wstring>& wanted, bool mayMiss) {
-    return Meant(channel.PortNames(), wanted, mayMiss);
+    return MatchPorts(channel.PortNames(), wanted, mayMiss);
 }
 
 std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& ports,
@@ -133,47 +119,6 @@ std::string JoinedNames(const std::vector<std::wstring>& names) {
         text += (text.empty() ? "" : ", ") + WideToUtf8(name);
     }
     return text;
-}
-
-std::vector<std::wstring> PortsIn(const std::wstring& text) {
-    std::vector<std::wstring> ports;
-    std::wistringstream stream(text);
-    for (std::wstring name; std::getline(stream, name, L',');) {
-        ports.push_back(name);
-    }
-    return ports;
-}
-
-std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port) {
-    std::vector<std::wstring> names;
-    for (const Queue& queue : queues) {
-        if (WithName(queue.ports, port) != queue.ports.end()) {
-            names.push_back(queue.name);
-        }
-    }
-    return names;
-}
-
-std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
-                                     const std::vector<std::wstring>& names) {
-    std::vector<std::wstring> busy;
-    for (const Queue& queue : queues) {
-        if (queue.jobs != 0 && WithName(names, queue.name) != names.end()) {
-            busy.push_back(queue.name);
-        }
-    }
-    return busy;
-}
-
-PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name) {
-    const std::string failure = "port " + WideToUtf8(name) + " cannot be read";
-    PortRecords records;
-    Require(SendName(channel, L"GetConfigInfo", name, &records.standard, sizeof(records.standard)),
-            failure);
-    Require(
-        SendName(channel, L"GetConfigExData", name, &records.extended, sizeof(records.extended)),
-        failure);
-    return records;
 }
 
 CommandFailed NameTaken(const std::wstring& name) {
@@ -200,11 +145,11 @@ void RequireFreeName(SpoolerChannel& channel, const std::wstring& name, Remedy r
 
 void AddPort(SpoolerChannel& channel, const std::wstring& name, const PortRecords& records) {
     RequireNoOwnPort(channel, name, Remedy::ChangePort);
-    const DWORD code = SendName(channel, L"AddPort", name);
+    const DWORD code = SendPortName(channel, L"AddPort", name);
     if (code == ERROR_ALREADY_EXISTS) {
         throw NameTaken(name);
     }
-    Require(code, "port " + WideToUtf8(name) + " cannot be added");
+    RequireSuccess(code, "port " + WideToUtf8(name) + " cannot be added");
     try {
         WritePort(channel, name, records);
     } catch (const CommandFailed& failed) {
@@ -237,8 +182,8 @@ void ChangePort(SpoolerChannel& channel, const std::wstring& name, const PortRec
     }
 }
 
-void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
-           const std::function<void(size_t)>& tell) {
+void ApplyAllOrNothing(SpoolerChannel& channel, const std::vector<PortStep>& steps,
+                       const std::function<void(size_t)>& tell) {
     size_t done = 0;
     try {
         for (; done < steps.size(); ++done) {
@@ -265,10 +210,10 @@ void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
 }
 
 void DeletePort(SpoolerChannel& channel, const std::wstring& name) {
-    const DWORD code = SendName(channel, L"DeletePort", name);
+    const DWORD code = SendPortName(channel, L"DeletePort", name);
     if (code == ERROR_BUSY) {
         throw CommandFailed("port " + WideToUtf8(name) + " is in use by a printer",
                             Remedy::MovePrinter);
     }
-    Require(code, "port " + WideToUtf8(name) + " cannot be deleted");
+    RequireSuccess(code, "port " + WideToUtf8(name) + " cannot be deleted");
 }

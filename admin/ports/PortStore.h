@@ -16,9 +16,10 @@ std::optional<std::wstring> PortCalled(SpoolerChannel& channel, const std::wstri
 // Throws CommandFailed when there is no such port.
 std::wstring FindPort(SpoolerChannel& channel, const std::wstring& name);
 
-// Those of the names that names and patterns mean, each once and in their order; see FindPorts.
-std::vector<std::wstring> Meant(const std::vector<std::wstring>& names,
-                                const std::vector<std::wstring>& wanted, bool mayMiss = false);
+// Returns those of the names that are wanted by name or match a wanted pattern, each once and in
+// their order; see FindPorts.
+std::vector<std::wstring> MatchPorts(const std::vector<std::wstring>& names,
+                                     const std::vector<std::wstring>& wanted, bool mayMiss = false);
 
 // The ports that names and patterns mean, each once and in the monitor's order. See SameName
 // and MatchesPattern.
@@ -34,20 +35,6 @@ std::vector<std::wstring> MatchedByPattern(const std::vector<std::wstring>& port
 
 // Names for a message: "A, B".
 std::string JoinedNames(const std::vector<std::wstring>& names);
-
-// The ports in a queue's port text, "LPT1:" or "LPT1:,OFFICE".
-std::vector<std::wstring> PortsIn(const std::wstring& text);
-
-// The queues among these that print to a port, by name.
-std::vector<std::wstring> QueuesOn(const std::vector<Queue>& queues, const std::wstring& port);
-
-// Those of the named queues that have print jobs.
-std::vector<std::wstring> BusyQueues(const std::vector<Queue>& queues,
-                                     const std::vector<std::wstring>& names);
-
-// Reads both records of a port. A port that was added but never configured reads as all zero.
-// Throws CommandFailed.
-PortRecords ReadPort(SpoolerChannel& channel, const std::wstring& name);
 
 // How a port fails whose name one of another monitor has.
 CommandFailed NameTaken(const std::wstring& name);
@@ -77,8 +64,8 @@ struct PortStep {
 // Makes and changes ports, all or none of them: where one fails, those before it are taken back.
 //   tell: is told how many are done; what it throws ends it in the same way.
 // Throws CommandFailed; the message names ports that could not be taken back.
-void Carry(SpoolerChannel& channel, const std::vector<PortStep>& steps,
-           const std::function<void(size_t done)>& tell);
+void ApplyAllOrNothing(SpoolerChannel& channel, const std::vector<PortStep>& steps,
+                       const std::function<void(size_t done)>& tell);
 
 // Throws CommandFailed.
 void DeletePort(SpoolerChannel& channel, const std::wstring& name);

@@ -8,7 +8,7 @@
 #include "address/MacAddress.h"
 #include "base/Ascii.h"
 #include "base/CommandFailed.h"
-#include "admin/ports/PortSettings.h"
+#include "admin/search/PrinterIdentity.h"
 #include "base/Text.h"
 #include "slp/AttributeList.h"
 #include "admin/search/SlpHandle.h"

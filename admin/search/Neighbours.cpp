@@ -6,7 +6,7 @@
 #include <map>
 #include <memory>
 
-#include "admin/ports/PortSettings.h"
+#include "admin/search/PrinterIdentity.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/Parallel.h"
 

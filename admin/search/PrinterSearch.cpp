@@ -11,10 +11,10 @@
 
 #include "base/CommandFailed.h"
 #include "admin/search/Hosts.h"
-#include "admin/ports/PortSettings.h"
 #include "base/Text.h"
 #include "base/Handles.h"
 #include "discovery/PrinterDiscovery.h"
+#include "discovery/PrinterDiscoveryClass.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 
 #include "base/CommandFailed.h"
 #include "admin/search/PrinterIdentity.h"
-#include "discovery/PrinterDiscoveryClass.h"
+#include "discovery/Printer.h"
 
 // SLPConf.xml is missing or is not well-formed XML.
 struct NoSearchFile : CommandFailed {

@@ -196,8 +196,8 @@ void SwapFiles(const Plan& plan, Machine& machine, Undo& undo) {
 // Makes the spooler load the monitor now or, when it does not run, when it starts.
 // Returns true when it is loaded.
 bool Register(Machine& machine, Undo& undo) {
-    const bool hadKey = MonitorKeyExists(machine);
-    const std::wstring driver = RegisteredDriver(machine);
+    const bool hadKey = MonitorKeyExists(machine.PrintKey());
+    const std::wstring driver = RegisteredDriver(machine.PrintKey());
     const bool hadDriver = !driver.empty();
     if (hadDriver && lstrcmpiW(driver.c_str(), kMonitorLibrary) != 0) {
         throw CommandFailed("the registry names " + WideToUtf8(driver) +
@@ -238,7 +238,7 @@ bool Register(Machine& machine, Undo& undo) {
 bool IsComplete(const Plan& plan, Machine& machine) {
     bool listed = true;
     return plan.files.empty() &&
-           lstrcmpiW(RegisteredDriver(machine).c_str(), kMonitorLibrary) == 0 &&
+           lstrcmpiW(RegisteredDriver(machine.PrintKey()).c_str(), kMonitorLibrary) == 0 &&
            (machine.SpoolerState() != ServiceState::Running ||
             (machine.ListsMonitor(listed) == ERROR_SUCCESS && listed));
 }

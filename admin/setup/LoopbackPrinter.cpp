@@ -5,7 +5,7 @@
 
 #include "base/CommandFailed.h"
 #include "base/Text.h"
-#include "monitor/PortConfig.h"
+#include "monitor/PortData.h"
 
 namespace {
 

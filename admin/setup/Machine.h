@@ -9,8 +9,6 @@
 #include <string>
 #include <vector>
 
-// The name under which the monitor is registered, and its library.
-constexpr wchar_t kMonitorName[] = L"kestmon";
 constexpr wchar_t kMonitorLibrary[] = L"kestmon.dll";
 constexpr wchar_t kSpoolerService[] = L"Spooler";
 

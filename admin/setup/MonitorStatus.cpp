@@ -61,13 +61,13 @@ MonitorStatus ReadMonitorStatus(Machine& machine) {
         const fs::path file = folder / name;
         status.libraries.push_back({file, Exists(file), optional, ReadFileVersion(file)});
     }
-    status.driver = RegisteredDriver(machine);
+    status.driver = RegisteredDriver(machine.PrintKey());
     status.spooler = machine.SpoolerState();
     bool listed = false;
     if (status.spooler == ServiceState::Running && machine.ListsMonitor(listed) == ERROR_SUCCESS) {
         status.listed = listed;
     }
-    status.ports = StoredPorts(machine);
+    status.ports = StoredPorts(machine.PrintKey());
     status.configurationFile = folder / kConfigurationFile;
     status.configurationState = ReadConfiguration(folder, status.configuration);
     status.addresses = SearchAddresses();

@@ -16,7 +16,7 @@ namespace {
 
 // Throws CommandFailed unless all stored ports are read.
 std::vector<NamedPort> ReadStoredPorts(Machine& machine, const ChannelFactory& openChannel) {
-    const size_t stored = StoredPorts(machine).size();
+    const size_t stored = StoredPorts(machine.PrintKey()).size();
     if (stored == 0) {
         return {};
     }

@@ -43,7 +43,7 @@ void Unregister(Machine& machine, bool force, const Report& report) {
         }
     }
     const DWORD unregistered =
-        MonitorKeyExists(machine) ? machine.Unregister(false) : ERROR_SUCCESS;
+        MonitorKeyExists(machine.PrintKey()) ? machine.Unregister(false) : ERROR_SUCCESS;
     Require(pause.Resume(), "the print spooler does not start again");
     Require(unregistered, "the monitor's registry key cannot be deleted");
 }
@@ -101,9 +101,9 @@ bool HasOwnConfiguration(Machine& machine) {
 
 void CheckRemoval(Machine& machine, bool force) {
     RequireElevated(machine);
-    const std::vector<Queue> queues = StoredQueues(machine);
+    const std::vector<Queue> queues = StoredQueues(machine.PrintKey());
     std::string users;
-    for (const StoredPort& port : StoredPorts(machine)) {
+    for (const StoredPort& port : StoredPorts(machine.PrintKey())) {
         for (const std::wstring& queue : QueuesOn(queues, port.name)) {
             users +=
                 (users.empty() ? "" : ", ") + WideToUtf8(queue) + " on " + WideToUtf8(port.name);
@@ -117,11 +117,11 @@ void CheckRemoval(Machine& machine, bool force) {
 void RemoveMonitor(Machine& machine, const SetupOptions& options, const Report& report) {
     CheckRemoval(machine, options.force);
     const std::vector<fs::path> files = InstalledFiles(machine, report);
-    if (files.empty() && !MonitorKeyExists(machine)) {
+    if (files.empty() && !MonitorKeyExists(machine.PrintKey())) {
         report("kestmon is not installed; nothing to do");
         return;
     }
-    const size_t ports = StoredPorts(machine).size();
+    const size_t ports = StoredPorts(machine.PrintKey()).size();
     if (options.dryRun) {
         ReportRemoval(files, ports, report);
         return;

@@ -11,8 +11,6 @@
 // Takes one line about what happens (UTF-8), for whoever watches.
 using Report = std::function<void(const std::string& line)>;
 
-constexpr wchar_t kLogFile[] = L"KestSetupWizard.log";
-
 bool Exists(const std::filesystem::path& path);
 
 // A file's name without its folder.

@@ -128,7 +128,7 @@ std::vector<std::filesystem::path> WindowsMachine::TemporaryFolders() {
 }
 
 std::wstring WindowsMachine::PrintKey() {
-    return L"SYSTEM\\CurrentControlSet\\Control\\Print";
+    return kPrintKey;
 }
 
 ServiceState WindowsMachine::SpoolerState() {
@@ -236,13 +236,13 @@ DWORD WindowsMachine::ListsMonitor(bool& listed) {
 }
 
 DWORD WindowsMachine::Register() {
-    return static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE, MonitorKey(*this).c_str(),
+    return static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE, MonitorKey(PrintKey()).c_str(),
                                               L"Driver", REG_SZ, kMonitorLibrary,
                                               sizeof(kMonitorLibrary)));
 }
 
 DWORD WindowsMachine::Unregister(bool keepPorts) {
-    const std::wstring key = MonitorKey(*this);
+    const std::wstring key = MonitorKey(PrintKey());
     return static_cast<DWORD>(keepPorts
                                   ? RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), L"Driver")
                                   : RegDeleteTreeW(HKEY_LOCAL_MACHINE, key.c_str()));

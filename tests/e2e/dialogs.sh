@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# The dialogs that Windows opens by AddPort, ConfigurePort and DeletePort, driven by keyboard, and
-# what they leave in Wine's print spooler. Runs itself again in a network namespace, because the
-# dialogs search for printers: dialogs.sh [inside]
+# Operates the dialogs that AddPort, ConfigurePort and DeletePort of Windows open with the keyboard,
+# and checks the results in Wine's print spooler. Runs itself again in a network namespace because
+# the dialogs search for printers: dialogs.sh [inside]
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/screen.sh"
@@ -82,6 +82,9 @@ expect 0 $'LABELS\nOFFICE\nok' spooler ports
 
 say "configure a port"
 opens "Configure Port LABELS" "10.77.1.31" configure-port LABELS
+keys alt+e
+shows "Configure Port LABELS" "10.77.1.31 accepts connections on TCP port 9100."
+shows "Configure Port LABELS" "The printer at this address is the one"
 keys alt+l alt+q
 write zebra
 keys Return

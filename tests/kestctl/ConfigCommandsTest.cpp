@@ -6,7 +6,7 @@
 #include <iterator>
 
 #include "kestctl/Interruption.h"
-#include "tests/support/FakeMonitor.h"
+#include "tests/kestctl/CommandLine.h"
 #include "tests/support/ImportPatch.h"
 
 namespace fs = std::filesystem;

@@ -2,7 +2,7 @@
 
 #include "admin/ports/Migration.h"
 #include "admin/ports/PortStore.h"
-#include "tests/support/FakeMonitor.h"
+#include "tests/kestctl/CommandLine.h"
 #include "tests/support/TempFile.h"
 
 using testing::AllOf;

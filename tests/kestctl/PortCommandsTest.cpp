@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/FakeMonitor.h"
+#include "tests/kestctl/CommandLine.h"
 #include "kestctl/Interruption.h"
 
 using nlohmann::json;

@@ -1,7 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "base/Handles.h"
-#include "tests/support/FakeMonitor.h"
+#include "tests/kestctl/CommandLine.h"
 #include "tests/support/TempFile.h"
 #include "kestctl/Interruption.h"
 

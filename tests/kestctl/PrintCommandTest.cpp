@@ -4,7 +4,7 @@
 #include <fstream>
 
 #include "base/Text.h"
-#include "tests/support/FakeMonitor.h"
+#include "tests/kestctl/CommandLine.h"
 
 using testing::AllOf;
 using testing::HasSubstr;

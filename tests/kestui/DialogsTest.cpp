@@ -1,4 +1,4 @@
-// The dialogues on a screen, driven by their controls as a user does, on a thread beside them.
+// The dialogs on a screen. A second thread operates their controls as a user does.
 #include <gmock/gmock.h>
 
 #include <windows.h>
@@ -13,6 +13,8 @@
 
 #include "base/Text.h"
 #include "tests/kestui/Scene.h"
+#include "tests/support/SocketsStarted.h"
+#include "tests/support/TcpPeer.h"
 #include "kestui/MonitorUI.h"
 #include "kestui/DialogIds.h"
 #include "kestui/Texts.h"
@@ -35,12 +37,12 @@ bool Eventually(const std::function<bool()>& holds) {
     return false;
 }
 
-// Somebody in front of the dialogue that a thread shows.
+// The user of the dialog that a thread shows.
 class User {
   public:
     explicit User(DWORD thread) : thread_(thread) {}
 
-    // The window that has the user's attention: a message box before its dialogue.
+    // Returns the window that takes input: a message box if there is one, otherwise the dialog.
     HWND Window() const {
         std::vector<HWND> windows;
         EnumThreadWindows(
@@ -76,7 +78,7 @@ class User {
         ASSERT_TRUE(Eventually([&] { return Enabled(id); })) << id;
         SendMessageW(Control(id), BM_CLICK, 0, 0);
     }
-    // Presses what may show a window of its own, which is not waited for.
+    // Presses a button that can open a window, without waiting for it.
     void Press(UINT id) const { PostMessageW(Window(), WM_COMMAND, MAKEWPARAM(id, BN_CLICKED), 0); }
     void Pick(int row) const {
         const HWND list = Control(IDC_LIST);
@@ -93,7 +95,7 @@ class User {
             << id << " says " << WideToUtf8(Text(id)) << ", not " << WideToUtf8(part);
     }
     void AwaitProblem(UINT text) const { Await(IDC_PROBLEM, kEnglish(text)); }
-    // Closes the message box that says this.
+    // Closes the message box with this text.
     void Dismiss(const std::string& part) const {
         EXPECT_TRUE(Eventually([&] { return MessageText().find(part) != std::string::npos; }))
             << MessageText() << " is not " << part;
@@ -102,7 +104,7 @@ class User {
         EXPECT_TRUE(Eventually([&] { return !IsWindow(box); }));
     }
     std::string MessageText() const {
-        // A message box has its text in a control that has no number of ours.
+        // The identifier that Windows gives to the text of a message box.
         const HWND text = GetDlgItem(Window(), 0xFFFF);
         WCHAR shown[2048] = {};
         SendMessageW(text, WM_GETTEXT, 2048, reinterpret_cast<LPARAM>(shown));
@@ -113,7 +115,6 @@ class User {
     DWORD thread_;
 };
 
-// Shows dialogues to users.
 class Dialogs : public testing::Test {
   protected:
     Dialogs() {
@@ -176,7 +177,7 @@ class Dialogs : public testing::Test {
     std::wstring added_;
 };
 
-TEST_F(Dialogs, APortForAPrinterThatIsPicked) {
+TEST_F(Dialogs, AddPortForSelectedPrinter) {
     Scene scene;
     scene.AddPrinters(12);
     scene.withoutAddress = 1;
@@ -194,7 +195,7 @@ TEST_F(Dialogs, APortForAPrinterThatIsPicked) {
         EXPECT_EQ(user.Rows(), 11);
         user.Pick(1);
         user.Await(IDC_ADDRESS, L"10.1.0.3");
-        // Sorted by name, as a person counts; the printer that is picked stays so.
+        // Sorting by name compares numbers by value and keeps the selection.
         const HWND header = ListView_GetHeader(user.Control(IDC_LIST));
         RECT heading;
         Header_GetItemRect(header, 0, &heading);
@@ -213,7 +214,7 @@ TEST_F(Dialogs, APortForAPrinterThatIsPicked) {
         SameSettings(scene.monitor.ports[added_], Port("10.1.0.13", "0004004A01BC", "prn-12")));
 }
 
-// Types each value into a field and expects the same problem, shown beside the field.
+// Types each value into a field and expects the same problem beside the field.
 void ExpectRefused(const User& user, UINT field, const std::vector<const wchar_t*>& values,
                    UINT problem) {
     for (const wchar_t* value : values) {
@@ -227,7 +228,7 @@ void ExpectRefused(const User& user, UINT field, const std::vector<const wchar_t
     }
 }
 
-TEST_F(Dialogs, APortForAnAddressThatIsTyped) {
+TEST_F(Dialogs, AddPortForTypedAddress) {
     Scene scene;
     scene.AddPrinters(1);
     scene.hosts["office.example"] = "10.1.0.2";
@@ -239,7 +240,7 @@ TEST_F(Dialogs, APortForAnAddressThatIsTyped) {
         refused(IDC_ADDRESS, {L"", L"1.2.3", L"224.0.0.1", L"10.0.0.1:9100", L"a b", L"fd00::x"},
                 IDS_BAD_ADDRESS);
         refused(IDC_ADDRESS, {L"nowhere.example"}, IDS_UNRESOLVED_HOST);
-        // It is asked when the field is left, and does not say who it is.
+        // The lookup starts when the field loses the focus.
         user.Type(IDC_ADDRESS, L"10.9.9.9");
         user.Type(IDC_NAME, L"");
         user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_UNIDENTIFIED));
@@ -260,7 +261,7 @@ TEST_F(Dialogs, APortForAnAddressThatIsTyped) {
         user.Type(IDC_QUEUE, L"text");
         user.Click(IDC_SNMP);
         user.Click(IDC_ADVANCED);
-        // What is refused is shown, folded or not.
+        // A hidden field with a problem is shown.
         refused(IDC_COMMUNITY, {L"a b"}, IDS_BAD_WORD);
         EXPECT_TRUE(IsWindowVisible(user.Control(IDC_COMMUNITY)));
         user.Type(IDC_COMMUNITY, L"kest");
@@ -276,8 +277,8 @@ TEST_F(Dialogs, APortForAnAddressThatIsTyped) {
     EXPECT_NE(port.extended.dwAlwaysPrint, 0u);
 }
 
-// Wherever a dialogue is closed, nothing has changed, nothing runs on, and it takes no time.
-TEST_F(Dialogs, CancelledAtEachStep) {
+// A dialog that is cancelled changes nothing, closes at once and leaves no job running.
+TEST_F(Dialogs, CancelAtEachStep) {
     const std::pair<const char*, std::function<void(Scene&, const User&)>> steps[] = {
         {"searching",
          [](Scene& scene, const User&) {
@@ -312,7 +313,9 @@ TEST_F(Dialogs, CancelledAtEachStep) {
         scene.silent = false;
         EXPECT_TRUE(Eventually([&] { return scene.running == 0; })) << step;
     }
-    // While it is written: what has been written is taken back.
+}
+
+TEST_F(Dialogs, CancelWhileAPortIsWrittenRollsBack) {
     for (const wchar_t* command : {L"AddPort", L"ConfigurePort", L"GetConfigExData"}) {
         Scene scene;
         scene.AddPrinters(1);
@@ -328,7 +331,7 @@ TEST_F(Dialogs, CancelledAtEachStep) {
     }
 }
 
-TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
+TEST_F(Dialogs, FailuresAreShownAndRolledBack) {
     for (const wchar_t* step :
          {L"AddPort", L"ConfigurePort", L"SetConfigExData", L"GetConfigInfo"}) {
         Scene scene;
@@ -356,7 +359,7 @@ TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
         }
         user.Press(IDCANCEL);
     });
-    // Who may not administer learns it at once.
+    // An account without rights sees the failure at once.
     scene.monitor.failing[L"MonitorUI"] = ERROR_ACCESS_DENIED;
     const auto dismiss = [](const User& user) { user.Dismiss("permission to manage"); };
     Add(scene, ERROR_CANCELLED, dismiss);
@@ -366,11 +369,11 @@ TEST_F(Dialogs, FailuresAreToldAndLeaveNothing) {
     EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
 }
 
-TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
+TEST_F(Dialogs, ConfigureTestAndFindPrinter) {
     Scene scene;
     scene.AddPrinters(3);
     PortRecords port = Port("10.1.0.2", "0004004A004A", "prn-2");  // moved to .3
-    port.standard.dwPortNumber = 515;  // which is LPR's, and stays all the same
+    port.standard.dwPortNumber = 515;  // not the default of RAW, and kept
     scene.monitor.ports[L"OFFICE"] = port;
     Configure(scene, ERROR_SUCCESS, [&](const User& user) {
         user.Await(IDC_ADDRESS, L"10.1.0.2");
@@ -397,7 +400,11 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
     });
     wcscpy(port.standard.sztIPAddress, L"10.1.0.3");
     EXPECT_TRUE(SameSettings(scene.monitor.ports[L"OFFICE"], port));
-    // A failure puts back what was there; so does cancelling while it is written.
+}
+
+TEST_F(Dialogs, ConfigureRollsBackWhenCancelledOrFailed) {
+    Scene scene;
+    scene.monitor.ports[L"OFFICE"] = Port("10.1.0.3", "0004004A004A", "prn-2");
     scene.held = L"GetConfigExData";
     scene.release = true;
     const auto change = [&](const User& user) {
@@ -421,7 +428,81 @@ TEST_F(Dialogs, ConfiguringTestingAndFindingAgain) {
     });
 }
 
-TEST_F(Dialogs, DeletingAsks) {
+// A pending save belongs to the address whose lookup it waits for.
+TEST_F(Dialogs, PendingSaveEndsWithItsLookup) {
+    Scene scene;
+    scene.AddPrinters(2);
+    scene.hosts["office.example"] = "10.1.0.3";
+    Add(scene, ERROR_SUCCESS, [&](const User& user) {
+        EXPECT_TRUE(Eventually([&] { return user.Rows() == 2; }));
+        user.Type(IDC_NAME, L"OFFICE");
+        scene.silent = true;
+        user.Type(IDC_ADDRESS, L"10.1.0.9");
+        user.Press(IDC_ADD);
+        user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_QUERYING));
+        user.Pick(0);
+        user.Await(IDC_FOLLOW_NOTE, L"prn-1");
+        scene.silent = false;
+        user.Type(IDC_ADDRESS, L"office.example");
+        user.Type(IDC_NAME, L"OFFICE");
+        user.Await(IDC_FOLLOW_NOTE, L"prn-2");
+        scene.silent = true;
+        user.Type(IDC_ADDRESS, L"10.1.0.2");
+        user.Press(IDC_ADD);
+        user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_QUERYING));
+        scene.silent = false;
+    });
+    EXPECT_EQ(Destination(scene.monitor.ports[L"OFFICE"]), "raw to 10.1.0.2:9100");
+}
+
+TEST_F(Dialogs, ConfigureReportsWhatTheTestFinds) {
+    Scene scene;
+    scene.AddPrinters(2);
+    PortRecords port = Port("10.1.0.2", "000400000001", "other");
+    port.standard.sztHostAddress[0] = port.extended.sztHWAddress[0] = L'\0';
+    scene.monitor.ports[L"OFFICE"] = port;
+    Configure(scene, ERROR_CANCELLED, [&](const User& user) {
+        user.Await(IDC_FOLLOW_NOTE, L"prn-1");
+        EXPECT_FALSE(user.Enabled(IDC_FIND));
+        user.Click(IDC_TEST);
+        user.Await(IDC_RESULT, L"not configured for a specific printer");
+        user.Type(IDC_ADDRESS, L"10.9.9.9");
+        user.Click(IDC_TEST);
+        user.Await(IDC_RESULT, kEnglish(IDS_UNIDENTIFIED));
+        user.Press(IDCANCEL);
+    });
+    // The stored host name belongs to another printer, and the monitor cannot clear it.
+    scene.printers[0].identity.hostName.clear();
+    scene.monitor.ports[L"OFFICE"] = Port("10.9.9.9", "000400000001", "other");
+    Configure(scene, ERROR_CANCELLED, [&](const User& user) {
+        user.Await(IDC_FOLLOW_NOTE, L"00:04:00:00:00:01 or its host name other");
+        user.Click(IDC_FIND);
+        user.Await(IDC_RESULT, kEnglish(IDS_NOT_FOUND));
+        user.Type(IDC_ADDRESS, L"10.1.0.2");
+        user.Type(IDC_PORT, L"9101");
+        user.Await(IDC_FOLLOW_NOTE, kEnglish(IDS_FOLLOW_OLD_NAME, {L"other"}));
+        EXPECT_FALSE(user.Enabled(IDC_FOLLOW) || user.Checked(IDC_FOLLOW));
+        scene.searchFails = "no network";
+        user.Click(IDC_FIND);
+        user.Await(IDC_RESULT, L"The operation failed. Details: no network");
+        user.Press(IDCANCEL);
+    });
+}
+
+// The real network, as far as the loopback goes.
+TEST(SystemEnvironment, ResolvesAndConnects) {
+    const SocketsStarted sockets;
+    const Environment environment = SystemEnvironment();
+    EXPECT_EQ(environment.resolve("127.0.0.1"), "127.0.0.1");
+    EXPECT_THROW(environment.resolve("1.2.3"), CommandFailed);
+    const TcpPeer peer([](const PeerConnection&) {});
+    const RefusingPort refusing;
+    const std::chrono::seconds timeout(5);
+    EXPECT_EQ(environment.connect("127.0.0.1", peer.port, timeout).error, "");
+    EXPECT_NE(environment.connect("127.0.0.1", refusing.number, timeout).error, "");
+}
+
+TEST_F(Dialogs, DeletePortAsksForConfirmation) {
     Scene scene;
     scene.monitor.ports[L"OFFICE"] = {};
     scene.monitor.queues = {{L"Laser", {L"OFFICE"}}, {L"Color & more", {L"OFFICE"}}};
@@ -446,8 +527,8 @@ TEST_F(Dialogs, DeletingAsks) {
     EXPECT_THAT(scene.monitor.ports, IsEmpty());
 }
 
-// The shipped library, as the print system has it, over this machine's spooler.
-TEST_F(Dialogs, TheLibraryServesAndGoes) {
+// The shipped library over the spooler of this computer.
+TEST_F(Dialogs, LibraryOpensDialogsAndUnloads) {
     const auto path = std::filesystem::absolute(KESTUI_DLL).make_preferred();
     const HMODULE library = LoadLibraryExW(path.c_str(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
     ASSERT_NE(library, nullptr) << GetLastError();
@@ -465,12 +546,12 @@ TEST_F(Dialogs, TheLibraryServesAndGoes) {
                    [](const User& user) { user.Dismiss("Install kestmon"); }),
               DWORD{ERROR_CANCELLED});
     EXPECT_EQ(name, nullptr);
-    // The search that ran beside is over, or holds the library till it is.
+    // The library stays loaded until its search has ended.
     FreeLibrary(library);
     EXPECT_TRUE(Eventually([] { return GetModuleHandleW(L"kestui.dll") == nullptr; }));
 }
 
-// Whether a text fits into the room of its control, as it is drawn there.
+// Returns true if a text fits its control.
 bool Fits(HWND control, const std::wstring& text) {
     const HDC device = GetDC(control);
     const HGDIOBJ before =
@@ -491,14 +572,14 @@ bool Fits(HWND control, const std::wstring& text) {
     return needed.right + beside <= room.right && needed.bottom <= room.bottom + 1;
 }
 
-TEST_F(Dialogs, NoTextIsCutAndNoMnemonicIsTwice) {
+TEST_F(Dialogs, TextsFitAndMnemonicsAreUnique) {
     for (const LANGID language : {MAKELANGID(LANG_ENGLISH, SUBLANG_ENGLISH_US),
                                   MAKELANGID(LANG_GERMAN, SUBLANG_GERMAN_SWISS)}) {
         Scene scene;
         scene.environment.language = language;
         scene.monitor.ports[L"OFFICE"] = {};
         const Texts texts(language);
-        // The longest that is put in, as printers and networks have it.
+        // The longest values to insert.
         const auto text = [&texts](UINT id) {
             return texts(id, {L"fe80::204:ff:fe4a:1b2c%12", L"00:04:00:4A:1B:2C, npi4a1b2c"});
         };

@@ -1,4 +1,4 @@
-// Shows one dialogue over simulated printers until it is ended, for a picture:
+// Shows one dialog with simulated printers for a screenshot, until the process is ended:
 //   Picture.exe add|typed|advanced|configure|delete en|de
 #include <windows.h>
 #include <commctrl.h>
@@ -11,30 +11,30 @@
 
 namespace {
 
-HWND dialogue = nullptr;
+HWND dialog = nullptr;
 
 HWND Control(int id) {
-    return GetDlgItem(dialogue, id);
+    return GetDlgItem(dialog, id);
 }
 
 void Click(int id) {
     SendMessageW(Control(id), BM_CLICK, 0, 0);
 }
 
-// Brings the dialogue into the state that is to be seen.
+// Operates the dialog for the screenshot.
 void Prepare(const std::string& what) {
-    while (dialogue == nullptr || !IsWindowVisible(dialogue)) {
+    while (dialog == nullptr || !IsWindowVisible(dialog)) {
         Sleep(50);
-        dialogue = FindWindowW(L"#32770", nullptr);
+        dialog = FindWindowW(L"#32770", nullptr);
     }
     Sleep(1000);
     if (what == "add" || what == "advanced") {
-        SendMessageW(dialogue, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(IDC_LIST)), TRUE);
+        SendMessageW(dialog, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(IDC_LIST)), TRUE);
         ListView_SetItemState(Control(IDC_LIST), 2, LVIS_SELECTED | LVIS_FOCUSED,
                               LVIS_SELECTED | LVIS_FOCUSED);
     }
     if (what == "typed") {
-        SendMessageW(dialogue, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(IDC_ADDRESS)), TRUE);
+        SendMessageW(dialog, WM_NEXTDLGCTL, reinterpret_cast<WPARAM>(Control(IDC_ADDRESS)), TRUE);
         SendMessageW(Control(IDC_ADDRESS), WM_SETTEXT, 0, reinterpret_cast<LPARAM>(L"10.1.0"));
         Click(IDC_ADD);
     }
@@ -47,7 +47,7 @@ void Prepare(const std::string& what) {
     }
     Sleep(1000);
     RECT at;
-    GetWindowRect(dialogue, &at);
+    GetWindowRect(dialog, &at);
     std::cout << at.right - at.left << 'x' << at.bottom - at.top << '+' << at.left << '+' << at.top
               << std::endl;
 }

@@ -1,5 +1,4 @@
-// What the dialogues reach of the world, as a few fields: printers that answer, hosts with
-// addresses, and the monitor behind a channel.
+// A simulated outside world of the dialogs: printers, hosts and the monitor behind a channel.
 #pragma once
 
 #include <atomic>
@@ -15,17 +14,17 @@ struct Scene {
     FakeMonitor monitor;
     std::vector<FoundPrinter> printers;
     size_t withoutAddress = 0;
-    std::string searchFails;                   // with this message
-    std::atomic<bool> searchGoesOn = false;    // until it is told to end
-    std::atomic<int> running = 0;              // searches and questions
+    std::string searchFails;                   // message of the failure
+    std::atomic<bool> searchGoesOn = false;    // until it is stopped
+    std::atomic<int> running = 0;              // searches and identity queries
     std::map<std::string, std::string> hosts;  // names with addresses
-    std::atomic<bool> silent = false;          // who is asked does not answer, for as long as this
-    bool answers = true;                       // connections are taken
+    std::atomic<bool> silent = false;          // identity queries block while this is set
+    bool answers = true;                       // connections are accepted
     std::wstring held;                         // command that waits until `release`
-    std::atomic<bool> waits = false;           // somebody waits there
+    std::atomic<bool> waits = false;           // a thread waits there
     std::atomic<bool> release = false;
-    std::wstring asked;   // print server that is asked for
-    std::wstring server;  // that the channel was last opened to
+    std::wstring asked;   // print server to open
+    std::wstring server;  // server of the last channel
     Environment environment;
 
     Scene();

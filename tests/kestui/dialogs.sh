@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs the tests of the dialogues on a virtual screen: dialogs.sh PROGRAM.exe [ARGUMENT...]
+# Runs the tests of the dialogs on a virtual screen: dialogs.sh PROGRAM.exe [ARGUMENT...]
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/screen.sh"
 

@@ -74,9 +74,9 @@ class FakeMachine : public WindowsMachine {
         };
         std::map<std::wstring, std::string> state = {
             {L"loaded", shown(loaded)},
-            {L"key", MonitorKeyExists(*this) ? "there" : ""},
-            {L"driver", RegisteredDriver(*this).empty() ? "" : "registered"},
-            {L"ports", std::to_string(StoredPorts(*this).size())}};
+            {L"key", MonitorKeyExists(PrintKey()) ? "there" : ""},
+            {L"driver", RegisteredDriver(PrintKey()).empty() ? "" : "registered"},
+            {L"ports", std::to_string(StoredPorts(PrintKey()).size())}};
         for (const auto& entry : fs::directory_iterator(system)) {
             state[entry.path().filename()] = shown(ReadAll(entry.path()));
         }
@@ -110,7 +110,7 @@ class FakeMachine : public WindowsMachine {
             return ERROR_SERVICE_LOGON_FAILED;
         }
         running.insert(name);
-        return name == L"Spooler" && !RegisteredDriver(*this).empty() ? Load() : ERROR_SUCCESS;
+        return name == L"Spooler" && !RegisteredDriver(PrintKey()).empty() ? Load() : ERROR_SUCCESS;
     }
     DWORD AddToSpooler() override {
         return Fails() || (Load(), loaded.empty()) ? ERROR_PROC_NOT_FOUND

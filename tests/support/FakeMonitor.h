@@ -2,17 +2,14 @@
 // what jobs are sent.
 #pragma once
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
+#include <algorithm>
 #include <cstring>
 #include <functional>
-#include <iostream>
 #include <map>
-#include <sstream>
 
-#include "admin/ports/PortSettings.h"
-#include "kestctl/Command.h"
+#include "admin/channel/PortRecords.h"
+#include "admin/search/PrinterIdentity.h"
+#include "base/CommandFailed.h"
 
 struct FakeMonitor {
     std::map<std::wstring, PortRecords> ports;
@@ -133,51 +130,4 @@ class FakeChannel : public SpoolerChannel {
 
 inline ChannelFactory FakeMonitor::Factory() {
     return [this] { return std::make_unique<FakeChannel>(*this); };
-}
-
-// Runs a command line with this monitor behind it. Returns what it printed; what it throws passes.
-inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> arguments) {
-    CLI::App app;
-    app.allow_windows_style_options(false);
-    AddPortCommands(
-        app, monitor.Factory(),
-        [&monitor](const std::string& host) {
-            const auto found = monitor.printers.find(host);
-            return found != monitor.printers.end() ? found->second
-                                                   : throw CommandFailed("no answer");
-        },
-        [] { return std::wstring(); });
-    AddPrintCommand(app, monitor.Factory());
-    std::ostringstream output;
-    std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
-    struct Restore {
-        ~Restore() {
-            std::cout.rdbuf(buffer);
-            printed = output.str();
-        }
-        std::streambuf* buffer;
-        const std::ostringstream& output;
-        std::string& printed;
-    } restore{before, output, monitor.printed};
-    std::reverse(arguments.begin(), arguments.end());
-    app.parse(arguments);
-    return output.str();
-}
-
-// Runs a command line with --json. Returns what it printed.
-inline nlohmann::json Json(FakeMonitor& monitor, std::vector<std::string> arguments) {
-    arguments.emplace_back("--json");
-    return nlohmann::json::parse(Kestctl(monitor, std::move(arguments)));
-}
-
-// What a command line fails with, or nothing.
-inline std::string Failure(FakeMonitor& monitor, std::vector<std::string> arguments) {
-    try {
-        Kestctl(monitor, std::move(arguments));
-    } catch (const CommandFailed& failed) {
-        return Explained(failed);
-    } catch (const std::exception& error) {
-        return error.what();
-    }
-    return {};
 }

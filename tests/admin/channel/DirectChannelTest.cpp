@@ -113,7 +113,7 @@ TEST_F(DirectChannelTest, CarriesAJobAndLeavesNothingInAnyQueue) {
 TEST_F(DirectChannelTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
     EXPECT_THAT(Print("x"), HasSubstr("OFFICE"));  // there is no such port yet
     host_->Xcv(L"AddPort", L"OFFICE", 14, nullptr, 0);
-    EXPECT_THAT(Print("x"), HasSubstr("kestctl port set"));
+    EXPECT_THAT(Print("x"), HasSubstr("is not configured"));
     DeletePort(*host_, L"OFFICE");
 
     std::atomic<bool> breaks = true;

@@ -8,11 +8,10 @@
 #include <iterator>
 
 #include "base/CommandFailed.h"
-#include "admin/ports/PortStore.h"
+#include "admin/channel/PortRecords.h"
 #include "base/Text.h"
 #include "tests/support/ImportPatch.h"
 #include "tests/support/WinePrinter.h"
-#include "kestctl/Command.h"
 
 using testing::AllOf;
 using testing::Contains;
@@ -71,38 +70,27 @@ BOOL WINAPI AskForPrinter(LPWSTR name, LPHANDLE, LPPRINTER_DEFAULTSW) {
     return FALSE;
 }
 
-std::string Refusal(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const CommandFailed& failed) {
-        return Explained(failed);
-    }
-    return {};
-}
-
-TEST(SpoolerService, AnotherServersNameReachesTheSpoolerAndTheAdvice) {
+TEST(SpoolerService, AnotherServersNameReachesTheSpooler) {
     const HMODULE self = GetModuleHandleW(nullptr);
     const ImportPatch patches[] = {{self, "EnumPrintersW", AskPrinters},
                                    {self, "EnumPortsW", AskPorts},
                                    {self, "EnumMonitorsW", AskMonitors},
                                    {self, "OpenPrinterW", AskForPrinter}};
-    CLI::App app;
-    app.fallthrough();
-    AddDirectFlag(app);
-    AddServerOption(app);
-    AddPortCommands(
-        app, [&app] { return OpenChannel(app); }, {}, [&app] { return ServerName(app); });
-    EXPECT_THAT(Refusal([&app] { app.parse("--server PRINT1 port list"); }),
-                HasSubstr("Check that PRINT1 is the right name"));
-    EXPECT_THAT(Refusal([&app] { ReadPort(*OpenChannel(app), L"OFFICE"); }),
-                HasSubstr("may manage the print server PRINT1"));
+    const auto refusal = [](const auto& action) {
+        SpoolerService server(L"kestmon", LR"(\\PRINT1)");
+        try {
+            action(server);
+        } catch (const CommandFailed& failed) {
+            return failed.remedy;
+        }
+        return Remedy::None;
+    };
+    EXPECT_EQ(refusal([](SpoolerChannel& server) { server.Queues(); }), Remedy::None);
+    EXPECT_EQ(refusal([](SpoolerChannel& server) { server.PortNames(); }), Remedy::StartSpooler);
+    EXPECT_EQ(refusal([](SpoolerChannel& server) { ReadPort(server, L"OFFICE"); }),
+              Remedy::RunAsAdministrator);
     EXPECT_THAT(asked, ElementsAre(R"(printers \\PRINT1)", R"(ports \\PRINT1)",
                                    R"(monitors \\PRINT1)", R"(open \\PRINT1\,XcvMonitor kestmon)"));
-    for (const Remedy remedy : {Remedy::InstallMonitor, Remedy::ListPorts, Remedy::ChangePort,
-                                Remedy::ShowPort, Remedy::DeletePort, Remedy::AddPrinter}) {
-        EXPECT_THAT(Explained(CommandFailed("", remedy, L"OFFICE")),
-                    AllOf(HasSubstr("PRINT1"), Not(HasSubstr("--direct"))));
-    }
 }
 
 TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {

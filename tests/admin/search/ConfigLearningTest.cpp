@@ -8,10 +8,6 @@
 #include <iostream>
 
 #include "admin/search/Hosts.h"
-#include "admin/search/Population.h"
-#include "tests/support/FakeMonitor.h"
-#include "kestctl/Output.h"
-#include "admin/ports/PortPrinters.h"
 
 namespace {
 
@@ -90,78 +86,6 @@ TEST(ConfigLearning, KeepsWhatPrintersOfAnotherMakeAnnounce) {
               "old-ip x-ip old-mac old-name");
     // Its own attribute under that tag would be taken for its address.
     EXPECT_EQ(kept({ip, mac, {"old-ip", "0.0.0.0"}}), "x-ip old-ip x-mac old-name");
-}
-
-TEST(ConfigLearning, CountsPrintersThatAreLost) {
-    StartedNetwork();
-    FakeMonitor monitor;
-    const auto add = [&monitor](const wchar_t* name, const char* mac, const char* host) {
-        PortChange change;
-        change.address = "10.0.0.1";
-        change.mac = mac;
-        change.hostName = host;
-        Apply(change, monitor.ports[name]);
-    };
-    add(L"A", "000400000001", "prn-1");
-    add(L"SAME AS A", "000400000001", "prn-1");
-    add(L"B", "", "prn-2");
-    add(L"NO KEYS", "", "");
-    const auto channel = monitor.Factory()();
-    const std::vector<PortRecords> ports = PrintersOfPorts(*channel, false);
-    EXPECT_EQ(ports.size(), 2u);
-    EXPECT_EQ(PrintersOfPorts(*channel, true).size(), 0u);
-    const std::vector<PrinterIdentity> both = {{"10.0.0.1", "000400000001", ""},
-                                               {"10.0.0.2", "", "PRN-2"}};
-    EXPECT_EQ(CountFound(ports, both), 2u);
-    EXPECT_EQ(CountLost(ports, both, {}), 2u);
-    EXPECT_EQ(CountLost(ports, both, {{"10.0.0.1", "", "prn-1"}}), 1u) << "by its name";
-    EXPECT_EQ(CountLost(ports, both, {{"0.0.0.0", "000400000001", ""}, both[1]}), 1u);
-    EXPECT_EQ(CountLost(ports, {}, both), 0u);
-}
-
-TEST(FindWatch, TellsWhoComesMovesAndGoes) {
-    std::string told;
-    Population population(
-        [&told](Population::Event event, const SearchHit& printer, const std::string& before) {
-            told += std::to_string(static_cast<int>(event)) + printer.identity.address +
-                    (before.empty() ? "" : "<" + before) + ' ';
-        });
-    // What a round with answers from these addresses tells.
-    const auto round = [&](const std::vector<const char*>& addresses) {
-        told.clear();
-        for (const char* address : addresses) {
-            Printer printer;
-            printer.SetFirstIPAddress(IPAddress(address));
-            printer.SetMacAddress(MacAddress("000400000001"));
-            population.Answered(printer);
-        }
-        population.EndRound();
-        return told;
-    };
-    EXPECT_EQ(round({"10.0.0.1"}), "010.0.0.1 ");
-    EXPECT_EQ(round({"10.0.0.2", "10.0.0.1"}), "") << "it also answers at the old address";
-    EXPECT_EQ(round({"10.0.0.2", "10.0.0.3"}), "110.0.0.2<10.0.0.1 ");
-    EXPECT_EQ(round({}) + round({}), "");
-    EXPECT_EQ(round({"10.0.0.2"}), "") << "an answer ends the count";
-    EXPECT_EQ(round({}) + round({}), "");
-    EXPECT_EQ(round({}), "210.0.0.2 ");
-    EXPECT_EQ(population.Size(), 0u);
-    EXPECT_EQ(population.Counted(Population::Event::Moved), 1u);
-}
-
-TEST(FindWatch, NoticesThatItsOutputIsClosed) {
-    const HANDLE before = GetStdHandle(STD_OUTPUT_HANDLE);
-    HANDLE reader = nullptr;
-    HANDLE writer = nullptr;
-    ASSERT_TRUE(CreatePipe(&reader, &writer, nullptr, 0));
-    SetStdHandle(STD_OUTPUT_HANDLE, writer);
-    const bool open = OutputIsClosed();
-    CloseHandle(reader);
-    const bool closed = OutputIsClosed();
-    SetStdHandle(STD_OUTPUT_HANDLE, before);
-    CloseHandle(writer);
-    EXPECT_FALSE(open);
-    EXPECT_TRUE(closed);
 }
 
 }  // namespace
