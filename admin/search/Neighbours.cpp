@@ -70,9 +70,14 @@ void LookUpMacAddresses(std::vector<SearchHit>& printers) {
             asked.size(), kAskedAtOnce, [&](size_t at) { SendEcho(icmp, *asked[at]); },
             [](size_t) {});
     }
-    MIB_IPNET_TABLE2* table = nullptr;
-    if (GetIpNetTable2(AF_UNSPEC, &table) == NO_ERROR) {
-        const std::unique_ptr<void, decltype(&FreeMibTable)> freeing(table, FreeMibTable);
-        SetMacAddresses(printers, {table->Table, table->NumEntries});
+    // One after the other: a system may have the table of one family alone.
+    std::vector<MIB_IPNET_ROW2> rows;
+    for (const ADDRESS_FAMILY family : {AF_INET, AF_INET6}) {
+        MIB_IPNET_TABLE2* table = nullptr;
+        if (GetIpNetTable2(family, &table) == NO_ERROR) {
+            const std::unique_ptr<void, decltype(&FreeMibTable)> freeing(table, FreeMibTable);
+            rows.insert(rows.end(), table->Table, table->Table + table->NumEntries);
+        }
     }
+    SetMacAddresses(printers, rows);
 }
