@@ -1,4 +1,5 @@
-// The platform's resources as types: whatever is opened here closes itself.
+// Resources of the platform as types that close themselves. An object is not for several threads at
+// once; different objects are.
 #pragma once
 
 #include <winsock2.h>
@@ -6,10 +7,11 @@
 #include <windows.h>
 #include <winspool.h>
 
+#include <type_traits>
 #include <utility>
 
-// Owns one value of Traits::Type and gives it back with Traits::Close when it ends. A
-// UniqueResource has the size of the value itself, so it can stand in a record in its place.
+// Owns one value of Traits::Type and closes it with Traits::Close. A UniqueResource has the size of
+// the value itself, so it can stand in a record in its place.
 template <class Traits>
 class UniqueResource {
   public:
@@ -28,15 +30,17 @@ class UniqueResource {
 
     explicit operator bool() const noexcept { return value_ != Traits::kNone; }
     Type Get() const noexcept { return value_; }
+    Type operator->() const noexcept requires std::is_pointer_v<Type> { return value_; }
+    // Returns the value, which is the caller's to close from now on.
     Type Release() noexcept { return std::exchange(value_, Traits::kNone); }
-    // Stores first and closes then: closing may take its time, and who looks meanwhile is not to
-    // find what is about to be gone.
+    // Replaces the value before closing the old one: closing can block, and another thread must not
+    // see a handle that is being closed.
     void Reset(Type value = Traits::kNone) noexcept {
         if (const Type old = std::exchange(value_, value); old != Traits::kNone) {
             Traits::Close(old);
         }
     }
-    // For functions that hand a resource out through a pointer; what was held is closed first.
+    // For functions that return a resource through a pointer. Closes the old value first.
     Type* Out() noexcept {
         Reset();
         return &value_;
@@ -44,6 +48,14 @@ class UniqueResource {
 
   private:
     Type value_ = Traits::kNone;
+};
+
+// Traits of a pointer, or a handle that is null if there is none, which kClose closes.
+template <class T, auto kClose>
+struct ClosedBy {
+    using Type = T;
+    static constexpr T kNone = nullptr;
+    static void Close(T value) noexcept { kClose(value); }
 };
 
 struct SocketTraits {
@@ -58,46 +70,25 @@ struct FileTraits {
     static void Close(HANDLE file) noexcept { CloseHandle(file); }
 };
 
-struct PrinterTraits {
-    using Type = HANDLE;
-    static constexpr HANDLE kNone = nullptr;
-    static void Close(HANDLE printer) noexcept { ClosePrinter(printer); }
-};
-
-struct RegistryKeyTraits {
-    using Type = HKEY;
-    static constexpr HKEY kNone = nullptr;
-    static void Close(HKEY key) noexcept { RegCloseKey(key); }
-};
-
-struct LibraryTraits {
-    using Type = HMODULE;
-    static constexpr HMODULE kNone = nullptr;
-    static void Close(HMODULE library) noexcept { FreeLibrary(library); }
-};
-
-struct AddressListTraits {
-    using Type = addrinfo*;
-    static constexpr addrinfo* kNone = nullptr;
-    static void Close(addrinfo* list) noexcept { freeaddrinfo(list); }
-};
-
-// Text or bytes in a block of the platform's global allocator.
-template <class T>
-struct GlobalBlockTraits {
-    using Type = T*;
-    static constexpr T* kNone = nullptr;
-    static void Close(T* block) noexcept { GlobalFree(block); }
+template <class Interface>
+struct ComTraits {
+    using Type = Interface*;
+    static constexpr Interface* kNone = nullptr;
+    static void Close(Interface* object) noexcept { object->Release(); }
 };
 
 using UniqueSocket = UniqueResource<SocketTraits>;
 using UniqueFile = UniqueResource<FileTraits>;
-using UniquePrinter = UniqueResource<PrinterTraits>;
-using UniqueRegistryKey = UniqueResource<RegistryKeyTraits>;
-using UniqueLibrary = UniqueResource<LibraryTraits>;
-using UniqueAddressList = UniqueResource<AddressListTraits>;
+using UniqueHandle = UniqueResource<ClosedBy<HANDLE, CloseHandle>>;  // event, thread or token
+using UniquePrinter = UniqueResource<ClosedBy<HANDLE, ClosePrinter>>;
+using UniqueRegistryKey = UniqueResource<ClosedBy<HKEY, RegCloseKey>>;
+using UniqueLibrary = UniqueResource<ClosedBy<HMODULE, FreeLibrary>>;
+using UniqueAddressList = UniqueResource<ClosedBy<addrinfo*, freeaddrinfo>>;
+template <class Interface>
+using ComPointer = UniqueResource<ComTraits<Interface>>;
+// Text, bytes or a record in a block of the platform's global allocator.
 template <class T>
-using UniqueBlock = UniqueResource<GlobalBlockTraits<T>>;
+using UniqueBlock = UniqueResource<ClosedBy<T*, GlobalFree>>;
 
 // Holds a critical section for the length of a scope.
 class LockGuard {

@@ -40,12 +40,7 @@ class AsProcess {
     explicit operator bool() const noexcept { return self_; }
 
   private:
-    struct TokenTraits {
-        using Type = HANDLE;
-        static constexpr HANDLE kNone = nullptr;
-        static void Close(HANDLE token) noexcept { CloseHandle(token); }
-    };
-    UniqueResource<TokenTraits> client_;
+    UniqueHandle client_;
     bool self_ = false;
 };
 

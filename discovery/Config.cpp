@@ -9,6 +9,7 @@
 #include <new>
 #include <utility>
 
+#include "base/Handles.h"
 #include "base/Text.h"
 #include "diag/Log.h"
 
@@ -25,54 +26,30 @@ constexpr IID kXmlDomDocument = {
 
 std::atomic<HMODULE> configModule = nullptr;
 
-// A COM object, released at its end.
-template <class Interface>
-class ComObject {
-  public:
-    ComObject() = default;
-    ComObject(const ComObject&) = delete;
-    ComObject& operator=(const ComObject&) = delete;
-    ~ComObject() {
-        if (object_ != nullptr) {
-            object_->Release();
-        }
-    }
-    explicit operator bool() const { return object_ != nullptr; }
-    Interface* operator->() const { return object_; }
-    Interface& operator*() const { return *object_; }
-    Interface** Out() { return &object_; }
-
-  private:
-    Interface* object_ = nullptr;
-};
-
 // An automation text, freed at its end.
 class AutomationText {
   public:
     AutomationText() = default;
     explicit AutomationText(const std::wstring& text) : text_(SysAllocString(text.c_str())) {
-        if (text_ == nullptr) {
+        if (!text_) {
             throw std::bad_alloc();
         }
     }
-    AutomationText(const AutomationText&) = delete;
-    AutomationText& operator=(const AutomationText&) = delete;
-    ~AutomationText() { SysFreeString(text_); }
 
-    BSTR Get() const { return text_; }
-    BSTR* Out() { return &text_; }
+    BSTR Get() const { return text_.Get(); }
+    BSTR* Out() { return text_.Out(); }
 
     // A variant that lends the text out, for arguments.
     VARIANT Variant() const {
         VARIANT variant;
         VariantInit(&variant);
         variant.vt = VT_BSTR;
-        variant.bstrVal = text_;
+        variant.bstrVal = Get();
         return variant;
     }
 
   private:
-    BSTR text_ = nullptr;
+    UniqueResource<ClosedBy<BSTR, SysFreeString>> text_;
 };
 
 // The folder of the module, without the last backslash.
@@ -95,8 +72,8 @@ bool Load(IXMLDOMDocument& document, const std::wstring& path) {
 // The text of the first element that the path matches; `value` stays as it is without one.
 void ReadText(IXMLDOMDocument& document, const wchar_t* xmlPath, std::string& value) {
     const AutomationText query{std::wstring(xmlPath)};
-    ComObject<IXMLDOMNodeList> nodes;
-    ComObject<IXMLDOMNode> node;
+    ComPointer<IXMLDOMNodeList> nodes;
+    ComPointer<IXMLDOMNode> node;
     AutomationText text;
     if (SUCCEEDED(document.selectNodes(query.Get(), nodes.Out())) && nodes &&
         SUCCEEDED(nodes->nextNode(node.Out())) && node && SUCCEEDED(node->get_text(text.Out())) &&
@@ -126,10 +103,10 @@ bool Config::InitializeFrom(const std::wstring& path) noexcept {
         // Never uninitialised: the thread is the spooler's, which may have initialised COM before
         // and go on using it.
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
-        ComObject<IXMLDOMDocument> document;
+        ComPointer<IXMLDOMDocument> document;
         void** const out = reinterpret_cast<void**>(document.Out());
         if (FAILED(CoCreateInstance(kDomDocument, nullptr, CLSCTX_ALL, kXmlDomDocument, out)) ||
-            !document || !Load(*document, path)) {
+            !document || !Load(*document.Get(), path)) {
             return false;
         }
 
@@ -145,10 +122,10 @@ bool Config::InitializeFrom(const std::wstring& path) noexcept {
             {L"/slp_config/service_name", &serviceName_},
         };
         for (const auto& [xmlPath, value] : texts) {
-            ReadText(*document, xmlPath, *value);
+            ReadText(*document.Get(), xmlPath, *value);
         }
         std::string version;
-        ReadText(*document, L"/slp_config/version", version);
+        ReadText(*document.Get(), L"/slp_config/version", version);
         if (!version.empty()) {
             version_ = std::strtol(version.c_str(), nullptr, 10);
         }

@@ -17,18 +17,6 @@ constexpr char kLanguage[] = "en";
 constexpr int32_t kEndOffset = 101;
 static_assert(SLP_LAST_CALL - kEndOffset == PD_END_OF_RESULTS);
 
-// Closes a handle at the end of its scope.
-class HandleCloser {
-  public:
-    explicit HandleCloser(SLPHandle handle) : handle_(handle) {}
-    ~HandleCloser() { SLPClose(handle_); }
-    HandleCloser(const HandleCloser&) = delete;
-    HandleCloser& operator=(const HandleCloser&) = delete;
-
-  private:
-    SLPHandle handle_;
-};
-
 // Directs the handle to one printer.
 int32_t SetUnicast(SLPHandle& handle, const sockaddr* address) {
     if (address == nullptr) {
@@ -78,7 +66,7 @@ int32_t PD_DiscoverPrintersSynch(const char* serviceType, uint32_t, PD_Callback 
 
     SLPError error = SLP_OK;
     {
-        const HandleCloser closer(handle);
+        const UniqueSlpHandle closer(handle);
         if (!unicast) {
             LogInfo(kSynch, "SLPSetUnicastIP() - setting mcaddr");
         } else if (const int32_t code = SetUnicast(handle, address); code != PD_SUCCESS) {

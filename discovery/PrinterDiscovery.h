@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-#include "slp/Slp.h"
+#include "slp/SlpHandle.h"
 
 // What the engine's functions return and its callbacks are told. A callback may be told any other
 // code of the SLP library as well.

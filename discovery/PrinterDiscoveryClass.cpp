@@ -18,10 +18,6 @@ constexpr char kIPv6Group[] = "FF02:0:0:0:0:0:0:116";  // RFC 3111: SLP, link-lo
 constexpr uint32_t kAllInterfaces = 0xFFFFFFFF;
 constexpr LCID kEnglishUnitedStates = 0x0409;
 
-struct SlpFree {
-    void operator()(char* text) const { SLPFree(text); }
-};
-
 // Text from the network as one line of the log: control characters, which could end the line and
 // begin a forged one, are shown as '?'. One character each: an answer that consists of them must
 // not take more room in the log than others.
@@ -205,38 +201,41 @@ bool PrinterDiscovery::DoSpecificSearch(Printer& result) {
     bool unicast = false;
     if (searchType_ == FIND_IP) {
         LogInfo(kName, "Searching for a specific IP address");
-        unicast = true;
         if (!localIp.IsValid()) {
             LogSystemError(kName, "IP address not valid, bail out");
             return false;
         }
-        if (network.Ping(localIp) != 0) {
+        unicast = network.Ping(localIp) == 0;
+        if (!unicast) {
             LogSystemError(kName, "Can't ping, do multicast instead");
-            unicast = false;
         }
     }
+    return unicast ? DiscoverByUnicast(localIp, result) : DiscoverByMulticast(localIp, result);
+}
 
-    sockaddr_storage group = {};
-    const IPAddress groupV6{std::string(kIPv6Group)};
-    const sockaddr* destination = nullptr;
+bool PrinterDiscovery::DiscoverByUnicast(const IPAddress& ip, Printer& result) {
+    constexpr char kName[] = "PrinterDiscovery::DoSpecificSearch";
+    LogInfo(kName, "Searching for a specific ip address - start");
     int length = 0;
-    if (unicast) {
-        LogInfo(kName, "Searching for a specific ip address - start");
-        destination = localIp.GetSockAddr(length);
-        LogInfo(kName, "Searching for a specific ip address - end");
-    } else {
-        LogInfo(kName, "Searching for a printer by ip addr, mac addr or hostname!");
-        if (searchType_ == FIND_IP && localIp.GetType() == IPV6) {
-            destination = groupV6.GetSockAddr(length);
-            LogInfo(kName, "Using IPv6 Multicast Address = ", groupV6);
-        } else {
-            group = MulticastGroup(config_);
-            destination = reinterpret_cast<const sockaddr*>(&group);
-            LogInfo(kName, "Using IPv4 Multicast Address = ", config_.GetMulticastAddress());
-        }
-    }
+    const sockaddr* const destination = ip.GetSockAddr(length);
+    LogInfo(kName, "Searching for a specific ip address - end");
+    return Discover(destination, true, result);
+}
 
-    return Discover(destination, unicast, result);
+// Asks the group of IPv6 if the address of the printer that is sought is one of IPv6.
+bool PrinterDiscovery::DiscoverByMulticast(const IPAddress& ip, Printer& result) {
+    constexpr char kName[] = "PrinterDiscovery::DoSpecificSearch";
+    LogInfo(kName, "Searching for a printer by ip addr, mac addr or hostname!");
+    if (searchType_ == FIND_IP && ip.GetType() == IPV6) {
+        const IPAddress group{std::string(kIPv6Group)};
+        int length = 0;
+        const sockaddr* const destination = group.GetSockAddr(length);
+        LogInfo(kName, "Using IPv6 Multicast Address = ", group);
+        return Discover(destination, false, result);
+    }
+    const sockaddr_storage group = MulticastGroup(config_);
+    LogInfo(kName, "Using IPv4 Multicast Address = ", config_.GetMulticastAddress());
+    return Discover(reinterpret_cast<const sockaddr*>(&group), false, result);
 }
 
 bool PrinterDiscovery::AskPrinterAt(const IPAddress& ip, Printer& result) {
@@ -365,12 +364,12 @@ bool PrinterDiscovery::ExtractStringValue(const std::string& key, const std::str
                                           std::string& value) {
     char* found = nullptr;
     SLPParseAttrs(data.c_str(), key.c_str(), &found);
-    const std::unique_ptr<char, SlpFree> text(found);
+    const UniqueSlpText text(found);
     if (!text) {
         return false;
     }
-    LogInfo("PrinterDiscovery::ExtractStringValue", "pdDataStr is ", OneLine{text.get()});
-    value = text.get();
+    LogInfo("PrinterDiscovery::ExtractStringValue", "pdDataStr is ", OneLine{found});
+    value = found;
     return true;
 }
 

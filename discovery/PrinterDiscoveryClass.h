@@ -136,6 +136,8 @@ class PrinterDiscovery : public IPrinterDiscovery {
 
   private:
     bool DoSpecificSearch(Printer& result);
+    bool DiscoverByUnicast(const IPAddress& ip, Printer& result);
+    bool DiscoverByMulticast(const IPAddress& ip, Printer& result);
     bool Discover(const sockaddr* destination, bool unicast, Printer& result);
     bool Matches(const Printer& printer) const;
 

@@ -180,7 +180,7 @@ void AddPortDialog::RejectField(UINT field, UINT text) {
 bool AddPortDialog::ReadName() {
     std::string name = TrimmedText(IDC_NAME);
     if (!CheckPortName(name).empty()) {
-        const bool isReserved = IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
+        const bool isReserved = IsReservedPortName(name);
         RejectField(IDC_NAME, isReserved ? IDS_RESERVED_NAME : IDS_BAD_NAME);
         return false;
     }

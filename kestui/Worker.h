@@ -9,14 +9,6 @@
 #include "base/CommandFailed.h"
 #include "base/Handles.h"
 
-struct ThreadTraits {
-    using Type = HANDLE;
-    static constexpr HANDLE kNone = nullptr;
-    static void Close(HANDLE thread) noexcept { CloseHandle(thread); }
-};
-
-// Every job gets a thread of its own and no thread of a pool: the search leaves COM initialized on
-// the thread that reads SLPConf.xml.
 class Worker {
     struct State;
     struct Start;
@@ -64,5 +56,5 @@ class Worker {
     static DWORD WINAPI Thread(void* start) noexcept;
 
     std::shared_ptr<State> state_;
-    UniqueResource<ThreadTraits> thread_;
+    UniqueHandle thread_;
 };

@@ -11,22 +11,6 @@ constexpr u_short kPort = 5353;
 constexpr DWORD kGroup4 = 0xE00000FB;  // 224.0.0.251
 constexpr IN6_ADDR kGroup6{{{0xFF, 0x02, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xFB}}};
 
-// Returns the list of adapters (IP_ADAPTER_ADDRESSES), or nothing if the system does not list them.
-std::vector<char> ReadAdapters() {
-    // Under Wine the list of DNS servers makes the whole call fail for IPv6.
-    constexpr ULONG kFlags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST |
-                             GAA_FLAG_SKIP_DNS_SERVER | GAA_FLAG_SKIP_FRIENDLY_NAME;
-    std::vector<char> buffer;
-    ULONG size = 16 * 1024;  // what the platform's documentation advises to begin with
-    ULONG error = ERROR_BUFFER_OVERFLOW;
-    while (error == ERROR_BUFFER_OVERFLOW) {  // the list can grow between two calls
-        buffer.resize(size);
-        error = GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr,
-                                     reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.data()), &size);
-    }
-    return error == ERROR_SUCCESS ? std::move(buffer) : std::vector<char>();
-}
-
 bool IsUsable(const IP_ADAPTER_ADDRESSES& adapter) {
     return adapter.OperStatus == IfOperStatusUp && adapter.IfType != IF_TYPE_SOFTWARE_LOOPBACK &&
            (adapter.Flags & IP_ADAPTER_NO_MULTICAST) == 0;
@@ -61,21 +45,9 @@ bool IsLinkLocal(const SOCKADDR_INET& address) {
 
 }  // namespace
 
-Links::SocketsReference::SocketsReference() {
-    WSADATA data;
-    ok_ = WSAStartup(MAKEWORD(2, 2), &data) == 0;
-}
-
-Links::SocketsReference::~SocketsReference() {
-    if (ok_) {
-        WSACleanup();
-    }
-}
-
 Links::Links() {
     const auto adapters = ReadAdapters();
-    for (auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(adapters.data());
-         adapter != nullptr; adapter = adapter->Next) {
+    for (const auto* adapter = adapters.Get(); adapter != nullptr; adapter = adapter->Next) {
         if (IsUsable(*adapter)) {
             AddLink(*adapter, AF_INET);
             AddLink(*adapter, AF_INET6);

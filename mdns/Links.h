@@ -10,7 +10,7 @@
 #include <array>
 #include <vector>
 
-#include "base/Handles.h"
+#include "base/Sockets.h"
 #include "mdns/Browser.h"
 #include "mdns/Limits.h"
 
@@ -26,17 +26,6 @@ class Links : public Network {
     std::optional<Datagram> Receive(Clock::time_point until) override;
 
   private:
-    // One of the process's references to Windows Sockets 2.2.
-    class SocketsReference {
-      public:
-        SocketsReference();
-        ~SocketsReference();
-        SocketsReference(const SocketsReference&) = delete;
-        SocketsReference& operator=(const SocketsReference&) = delete;
-
-      private:
-        bool ok_;
-    };
     struct Subnet {
         SOCKADDR_INET address;
         unsigned prefixBits;

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "base/LastError.h"
 #include "base/Text.h"
 
 namespace {
@@ -48,7 +49,7 @@ class WithoutWaiting {
     // The last error is the dialogue's. A connection that was lost meanwhile is left alone: its
     // socket's number may be another's by now.
     void Set(u_long on) noexcept {
-        const DWORD lastError = GetLastError();
+        const LastErrorKeeper keeper;
         LockGuard lock(PortListLock);
         if (on != 0) {
             socket_ = port_->socket.Get();
@@ -56,7 +57,6 @@ class WithoutWaiting {
         if (socket_ != INVALID_SOCKET && socket_ == port_->socket.Get()) {
             ioctlsocket(socket_, FIONBIO, &on);
         }
-        SetLastError(lastError);
     }
 
     PortEntry* port_;
@@ -77,43 +77,49 @@ int WaitForRoom(PortEntry* port) {
     return select(0, nullptr, &writable, nullptr, &second) == SOCKET_ERROR ? WSAGetLastError() : 0;
 }
 
-// Sends all the bytes, each piece once and under the lock, and as many pieces in one hold as there
-// is room for: with the lock taken anew for each, a long job waits thousands of times for the
-// acknowledgements of others. On an error the connection is closed, behind the lock: that may take
-// the whole linger time.
-bool Send(PortEntry* port, const char* bytes, size_t length) {
-    const DWORD lastError = GetLastError();  // a send that had to wait is no error
-    while (length > 0) {
-        int error = WaitForRoom(port);
-        UniqueSocket lost;
-        {
-            LockGuard lock(PortListLock);
-            if (!port->socket) {
-                return Refuse(ERROR_INVALID_HANDLE);
-            }
-            while (error == 0 && length > 0) {
-                const size_t piece = std::min<size_t>(length, kPiece);
-                const int sent = send(port->socket.Get(), bytes, static_cast<int>(piece), 0);
-                if (sent == SOCKET_ERROR) {
-                    error = WSAGetLastError();
-                } else {
-                    bytes += sent;
-                    length -= static_cast<size_t>(sent);
-                }
-            }
-            if (error == 0 || error == WSAEWOULDBLOCK) {
-                continue;
-            }
-            lost = port->socket.Take();
+// Sends as many pieces as there is room for, each once, in one hold of the lock: with the lock
+// taken for each piece, a long job waits thousands of times for the acknowledgements of others. On
+// an error it closes the connection, outside the lock: that can take the whole linger time.
+//   bytes, length: what is left to send; updated.
+// Returns 0 or the error.
+int SendWhatFits(PortEntry* port, const char*& bytes, size_t& length) {
+    int error = WaitForRoom(port);
+    UniqueSocket lost;
+    {
+        LockGuard lock(PortListLock);
+        if (!port->socket) {
+            return ERROR_INVALID_HANDLE;
         }
-        // One that does not wait would not close at all while bytes are on their way.
-        u_long off = 0;
-        ioctlsocket(lost.Get(), FIONBIO, &off);
-        lost.Reset();
-        return Refuse(static_cast<DWORD>(error));
+        while (error == 0 && length > 0) {
+            const size_t piece = std::min<size_t>(length, kPiece);
+            const int sent = send(port->socket.Get(), bytes, static_cast<int>(piece), 0);
+            if (sent == SOCKET_ERROR) {
+                error = WSAGetLastError();
+            } else {
+                bytes += sent;
+                length -= static_cast<size_t>(sent);
+            }
+        }
+        if (error == 0 || error == WSAEWOULDBLOCK) {
+            return 0;
+        }
+        lost = port->socket.Take();
     }
-    SetLastError(lastError);
-    return true;
+    // A socket that does not block would not close at all while bytes are on their way.
+    u_long off = 0;
+    ioctlsocket(lost.Get(), FIONBIO, &off);
+    return error;
+}
+
+bool Send(PortEntry* port, const char* bytes, size_t length) {
+    int error = 0;
+    {
+        const LastErrorKeeper keeper;  // a send that had to wait is no error
+        while (error == 0 && length > 0) {
+            error = SendWhatFits(port, bytes, length);
+        }
+    }
+    return error == 0 || Refuse(static_cast<DWORD>(error));
 }
 
 // Waits for the daemon's acknowledgement, one zero octet.
@@ -122,17 +128,16 @@ bool ReceiveAck(PortEntry* port) {
     if (!port->socket) {
         return Refuse(ERROR_INVALID_HANDLE);
     }
-    const DWORD lastError = GetLastError();
+    LastErrorKeeper keeper;
     fd_set readable;
     FD_ZERO(&readable);
     FD_SET(port->socket.Get(), &readable);
     timeval patience = {kAcknowledgeSeconds, 0};
     const int ready = select(0, &readable, nullptr, nullptr, &patience);
-    if (ready == SOCKET_ERROR) {
-        return false;
-    }
-    if (ready == 0) {
-        SetLastError(lastError);
+    if (ready <= 0) {
+        if (ready == SOCKET_ERROR) {
+            keeper.Renew();
+        }
         return false;
     }
     char answer[kAcknowledgeSize];
@@ -140,6 +145,7 @@ bool ReceiveAck(PortEntry* port) {
     if (received == 0) {
         SetLastError(WSAENOTCONN);
     }
+    keeper.Renew();
     return received > 0 && answer[0] == '\0';
 }
 
@@ -171,9 +177,8 @@ bool CreateTempFile(PortEntry* port) {
     port->tempFile.Reset(CreateFileW(port->tempFileName, GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                      CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!port->tempFile) {
-        const DWORD error = GetLastError();
+        const LastErrorKeeper keeper;
         DeleteFileW(port->tempFileName);  // the name was reserved by an empty file
-        SetLastError(error);
     }
     return static_cast<bool>(port->tempFile);
 }

@@ -39,31 +39,24 @@ struct FieldText {
 // what is then read from it or written to it fails with the callbacks' own error.
 class Key {
   public:
-    Key() = default;
-    Key(const Key&) = delete;
-    Key& operator=(const Key&) = delete;
-    ~Key() {
-        if (key_ != nullptr) {
-            // Not by the spooler's callback: a port's keys have always been closed so. Kept on
-            // purpose; the list of names closes its key by the callback.
-            RegCloseKey(static_cast<HKEY>(key_));
-        }
-    }
-
     static HANDLE Root() { return MonitorInit()->hckRegistryRoot; }
-    HANDLE Get() const { return key_; }
+    HANDLE Get() const { return key_.Get(); }
 
     DWORD Open(HANDLE parent, LPCWSTR name, REGSAM access) {
-        return Keep(Registry().fpOpenKey(parent, name, access, &key_, Spooler()));
+        HANDLE key = nullptr;
+        const DWORD error = Registry().fpOpenKey(parent, name, access, &key, Spooler());
+        return Keep(key, error);
     }
 
     DWORD Create(HANDLE parent, LPCWSTR name, REGSAM access) {
+        HANDLE key = nullptr;
         DWORD disposition = 0;
-        return Keep(Registry().fpCreateKey(parent, name, REG_OPTION_NON_VOLATILE, access, nullptr,
-                                           &key_, &disposition, Spooler()));
+        const DWORD error = Registry().fpCreateKey(parent, name, REG_OPTION_NON_VOLATILE, access,
+                                                   nullptr, &key, &disposition, Spooler());
+        return Keep(key, error);
     }
 
-    void Delete(LPCWSTR name) { Registry().fpDeleteKey(key_, name, Spooler()); }
+    void Delete(LPCWSTR name) { Registry().fpDeleteKey(Get(), name, Spooler()); }
 
     // Reads into a text field of a record. Whatever the value is (not text at all, too long, of
     // an odd size, without a terminator), the field is terminated text afterwards.
@@ -104,25 +97,25 @@ class Key {
     static MONITORREG& Registry() { return *MonitorInit()->pMonitorReg; }
     static HANDLE Spooler() { return MonitorInit()->hSpooler; }
 
-    DWORD Keep(LONG error) {
-        if (error != ERROR_SUCCESS) {
-            key_ = nullptr;
-        }
+    DWORD Keep(HANDLE key, DWORD error) {
+        key_.Reset(error == ERROR_SUCCESS ? static_cast<HKEY>(key) : nullptr);
         return error;
     }
 
     DWORD Query(LPCWSTR value, void* data, DWORD& size) {
         DWORD type = 0;
-        return Registry().fpQueryValue(key_, value, &type, static_cast<BYTE*>(data), &size,
+        return Registry().fpQueryValue(Get(), value, &type, static_cast<BYTE*>(data), &size,
                                        Spooler());
     }
 
     DWORD Set(LPCWSTR value, DWORD type, const void* data, size_t size) {
-        return Registry().fpSetValue(key_, value, type, static_cast<const BYTE*>(data),
+        return Registry().fpSetValue(Get(), value, type, static_cast<const BYTE*>(data),
                                      static_cast<DWORD>(size), Spooler());
     }
 
-    HANDLE key_ = nullptr;
+    // Compatibility: RegCloseKey closes a port's keys, not the spooler's callback; observers of the
+    // callbacks rely on seeing one call of fpCloseKey, that of the list of names.
+    UniqueRegistryKey key_;
 };
 
 // The "Ports" key while the names below it are read, closed as it was opened.
@@ -163,6 +156,26 @@ class PortNamesKey {
     HANDLE key_ = nullptr;
 };
 
+// Reads the names of the ports, each with a terminator, and one terminator more.
+//   left: how many characters there is room for.
+DWORD EnumerateNames(PortNamesKey& key, LPWSTR next, DWORD left) {
+    for (DWORD index = 0; left > 0; ++index) {
+        DWORD length = left;
+        const DWORD error = key.Enumerate(index, next, length);
+        if (error == ERROR_NO_MORE_ITEMS) {
+            *next = L'\0';
+            return ERROR_SUCCESS;
+        }
+        if (error != ERROR_SUCCESS) {
+            return error;
+        }
+        const DWORD used = static_cast<DWORD>(EndText(next, left, left)) + 1;
+        next += used;
+        left -= used;
+    }
+    return ERROR_MORE_DATA;
+}
+
 }  // namespace
 
 DWORD LoadPortNames(const MONITORINIT& init, UniqueBlock<WCHAR>& list) noexcept {
@@ -187,24 +200,11 @@ DWORD LoadPortNames(const MONITORINIT& init, UniqueBlock<WCHAR>& list) noexcept 
     if (!names) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
-    LPWSTR next = names.Get();
-    DWORD left = static_cast<DWORD>(room);
-    for (DWORD index = 0; left > 0; ++index) {
-        DWORD length = left;
-        const DWORD error = key.Enumerate(index, next, length);
-        if (error == ERROR_NO_MORE_ITEMS) {
-            *next = L'\0';
-            list = std::move(names);
-            return ERROR_SUCCESS;
-        }
-        if (error != ERROR_SUCCESS) {
-            return error;
-        }
-        const DWORD used = static_cast<DWORD>(EndText(next, left, left)) + 1;
-        next += used;
-        left -= used;
+    const DWORD error = EnumerateNames(key, names.Get(), static_cast<DWORD>(room));
+    if (error == ERROR_SUCCESS) {
+        list = std::move(names);
     }
-    return ERROR_MORE_DATA;
+    return error;
 }
 
 DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept {

@@ -5,6 +5,7 @@
 #include <new>
 #include <utility>
 
+#include "base/LastError.h"
 #include "resources/MonitorStrings.h"
 
 namespace {
@@ -17,6 +18,7 @@ struct MonitorTexts {
     WCHAR description[kResourceTextRoom] = {};
 
     MonitorTexts() noexcept {
+        const LastErrorKeeper keeper;
         LoadStringW(LibraryModule(), IDS_MONITOR_NAME, monitorName, kResourceTextRoom);
         LoadStringW(LibraryModule(), IDS_PORT_DESCRIPTION, description, kResourceTextRoom);
     }
@@ -80,6 +82,20 @@ void PutPort(PortInfoBuffer& buffer, DWORD level, const PortEntry* port,
 
 bool IsListed(const PortEntry* port) {
     return (port->flags & kPortDeleted) == 0;
+}
+
+// Returns how many bytes the records of the listed ports take.
+//   listed: receives their number.
+size_t MeasurePorts(const MonitorHandle* monitor, DWORD level, const MonitorTexts& texts,
+                    size_t& listed) {
+    size_t size = 0;
+    for (const PortEntry* port = monitor->ports; port != nullptr; port = port->next) {
+        if (IsListed(port)) {
+            size += RecordSize(level, port, texts);
+            ++listed;
+        }
+    }
+    return size;
 }
 
 bool HasName(const PortEntry* port, LPCWSTR name) {
@@ -189,19 +205,11 @@ BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR, DWORD Level, LPBYTE pPorts, DWORD
     if (pcbNeeded == nullptr || pcReturned == nullptr) {
         return Refuse(ERROR_INVALID_PARAMETER);
     }
-    const DWORD lastError = GetLastError();
     const MonitorTexts texts;
-    SetLastError(lastError);
 
     LockGuard lock(PortListLock);
-    size_t needed = 0;
     size_t listed = 0;
-    for (const PortEntry* port = monitor->ports; port != nullptr; port = port->next) {
-        if (IsListed(port)) {
-            needed += RecordSize(Level, port, texts);
-            ++listed;
-        }
-    }
+    const size_t needed = MeasurePorts(monitor, Level, texts, listed);
     *pcbNeeded = static_cast<DWORD>(needed);
     if (needed > cbBuf) {
         return Refuse(ERROR_INSUFFICIENT_BUFFER);

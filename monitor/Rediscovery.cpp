@@ -5,7 +5,8 @@
 #include <new>
 #include <string>
 
-#include "base/MemoryReserve.h"
+#include "base/LastError.h"
+#include "base/MemoryRoom.h"
 #include "base/Text.h"
 #include "discovery/PrinterDiscoveryClass.h"
 #include "monitor/Library.h"
@@ -16,10 +17,10 @@ constexpr int kNotFound = 1;
 // Bytes, generously: the SLP library alone remembers up to 4 MiB of answers.
 constexpr size_t kRoomForSearch = 8 << 20;
 
-// Not for a search that would end the process because there is no memory. The first stream of all,
-// the log's, takes some as well, and the compiler's library does not look whether it gets it.
+// Returns false if there is too little memory to search. The process's first stream, the log's,
+// takes some too, and the C++ library does not check whether it gets it.
 bool HasRoomForSearch() {
-    if (!ReserveMemory(kRoomForSearch)) {
+    if (!HasMemoryRoom(kRoomForSearch)) {
         return false;
     }
     const std::locale ofAllStreams;
@@ -97,15 +98,17 @@ int Rediscover(const PortEntry& port, PORT_DATA_1& portData, PortDataEx& portDat
 }  // namespace
 
 int RediscoverPrinter(PortEntry* port, PORT_DATA_1* portData, PortDataEx* portDataEx) noexcept {
-    const DWORD connectError = GetLastError();
     DWORD registryError = ERROR_SUCCESS;
     int result = kNotFound;
-    try {
-        result = Rediscover(*port, *portData, *portDataEx, registryError);
-    } catch (...) {
+    {
+        const LastErrorKeeper keeper;
+        try {
+            result = Rediscover(*port, *portData, *portDataEx, registryError);
+        } catch (...) {
+        }
     }
-    if (result != 0) {
-        SetLastError(registryError != ERROR_SUCCESS ? registryError : connectError);
+    if (registryError != ERROR_SUCCESS) {
+        SetLastError(registryError);
     }
     return result;
 }

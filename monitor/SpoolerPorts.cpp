@@ -1,9 +1,11 @@
 #include "monitor/SpoolerPorts.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cwchar>
 
 #include "base/Handles.h"
+#include "base/LastError.h"
 
 namespace {
 
@@ -29,18 +31,18 @@ EnumPortsProc LoadEnumPorts() {
         SetLastError(ERROR_INSUFFICIENT_BUFFER);
         return nullptr;
     }
-    HMODULE spooler = LoadLibraryW(wcscat(folder, kSpoolerLibrary));
-    if (spooler == nullptr) {
+    UniqueLibrary spooler(LoadLibraryW(wcscat(folder, kSpoolerLibrary)));
+    if (!spooler) {
         return nullptr;
     }
     const auto found = reinterpret_cast<EnumPortsProc>(
-        reinterpret_cast<void*>(GetProcAddress(spooler, "EnumPortsW")));
+        reinterpret_cast<void*>(GetProcAddress(spooler.Get(), "EnumPortsW")));
     if (found == nullptr) {
-        const DWORD error = GetLastError();
-        FreeLibrary(spooler);
-        SetLastError(error);
+        const LastErrorKeeper keeper;
+        spooler.Reset();
         return nullptr;
     }
+    spooler.Release();
     enumPorts = found;
     return found;
 }
@@ -67,10 +69,7 @@ bool PortExistsInSpooler(LPWSTR serverName, LPCWSTR portName, DWORD& error) noex
         return true;
     }
     const auto* info = reinterpret_cast<const PORT_INFO_1W*>(ports.Get());
-    for (DWORD i = 0; i < returned; ++i) {
-        if (lstrcmpiW(info[i].pName, portName) == 0) {
-            return true;
-        }
-    }
-    return false;
+    return std::any_of(info, info + returned, [portName](const PORT_INFO_1W& port) {
+        return lstrcmpiW(port.pName, portName) == 0;
+    });
 }

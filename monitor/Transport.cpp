@@ -6,6 +6,7 @@
 #include <cwchar>
 #include <utility>
 
+#include "base/LastError.h"
 #include "base/Text.h"
 #include "monitor/Lpr.h"
 #include "monitor/Rediscovery.h"
@@ -107,7 +108,7 @@ void ReleaseJob(PortEntry* port) {
 // the job holds is taken out of the port before the next job can start, and closed outside the
 // lock: closing a socket can take the whole linger time.
 void AbandonJob(PortEntry* port) {
-    const DWORD error = GetLastError();
+    const LastErrorKeeper keeper;
     {
         UniqueBlock<WCHAR> printerName;
         UniquePrinter printer;
@@ -121,7 +122,6 @@ void AbandonJob(PortEntry* port) {
         port->flags &= ~(kJobInProgress | kJobStarting);
     }
     LetGoOfPort(port);
-    SetLastError(error);
 }
 
 // Resolves the stored address and connects to the first of its addresses that answers. Waits as
@@ -138,8 +138,7 @@ int ConnectPort(PortEntry* port, const PORT_DATA_1& data, const PortDataEx& data
     hints.ai_family = useIPv6 ? AF_INET6 : AF_INET;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_protocol = IPPROTO_TCP;
-    // Out() lets go of the list of a first attempt, as the end of a failed start does of its own:
-    // nobody holds them, though only the end of a job was ever meant to.
+    // Out() frees the address list of the first attempt, which the retry would leak.
     // The resolver takes an empty name for the local machine, which is no printer.
     const int resolved = host.text[0] == '\0'
                              ? WSAHOST_NOT_FOUND
@@ -162,9 +161,9 @@ int ConnectPort(PortEntry* port, const PORT_DATA_1& data, const PortDataEx& data
             return 0;
         }
     }
+    const LastErrorKeeper keeper;
     const int error = WSAGetLastError();
     port->socket.Take();
-    WSASetLastError(error);
     return error;
 }
 
@@ -308,9 +307,8 @@ BOOL WINAPI WritePort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuf, LPDWORD pcbWrit
     }
     const int sent = send(socket, reinterpret_cast<const char*>(pBuffer), SocketLength(cbBuf), 0);
     if (sent == SOCKET_ERROR) {
-        const int error = WSAGetLastError();
+        const LastErrorKeeper keeper;
         LoseConnection(port);
-        WSASetLastError(error);
         return FALSE;
     }
     *pcbWritten = static_cast<DWORD>(sent);

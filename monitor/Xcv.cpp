@@ -5,6 +5,7 @@
 #include <cwchar>
 #include <new>
 
+#include "base/LastError.h"
 #include "monitor/PortConfig.h"
 #include "monitor/SpoolerPorts.h"
 
@@ -98,7 +99,7 @@ bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name, uint64_t additions) {
         HoldPort(port);  // until here is decided whether it stays
     }
     const bool created = CreatePortKey(name);
-    const DWORD error = GetLastError();
+    const LastErrorKeeper keeper;
     {
         LockGuard lock(PortListLock);
         if (!created) {
@@ -108,7 +109,6 @@ bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name, uint64_t additions) {
         }
     }
     LetGoOfPort(port);
-    SetLastError(error);
     return created;
 }
 

@@ -192,13 +192,16 @@ int Network::IsIPv6Supported(bool& supported) const {
 
 int Network::GetIpAddrFromHostName(const std::string& hostName, IPAddress& result,
                                    bool ipv6) const {
+    const auto failed = [] {
+        LogSystemError("Network::GetIpAddrFromHostName",
+                       system_helper::ErrorText(WSAGetLastError()));
+        return kNotResolved;
+    };
     std::string name = hostName;
     if (name.empty()) {
         char local[NI_MAXHOST] = {};
         if (platform_.getHostName(local, sizeof local) != 0) {
-            LogSystemError("Network::GetIpAddrFromHostName",
-                           system_helper::ErrorText(WSAGetLastError()));
-            return kNotResolved;
+            return failed();
         }
         name = local;
     }
@@ -208,9 +211,7 @@ int Network::GetIpAddrFromHostName(const std::string& hostName, IPAddress& resul
     hints.ai_protocol = IPPROTO_TCP;
     addrinfo* list = nullptr;
     if (platform_.getAddrInfo(name.c_str(), nullptr, &hints, &list) != 0) {
-        LogSystemError("Network::GetIpAddrFromHostName",
-                       system_helper::ErrorText(WSAGetLastError()));
-        return kNotResolved;
+        return failed();
     }
     const std::unique_ptr<addrinfo, decltype(platform_.freeAddrInfo)> owner(list,
                                                                             platform_.freeAddrInfo);
@@ -221,15 +222,11 @@ int Network::GetIpAddrFromHostName(const std::string& hostName, IPAddress& resul
     DWORD capacity = sizeof text;
     const DWORD length =
         list->ai_addr->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
-    const bool converted =
-        platform_.addressToString(list->ai_addr, length, nullptr, text, &capacity) == 0;
-    if (!converted) {
-        LogSystemError("Network::GetIpAddrFromHostName",
-                       system_helper::ErrorText(WSAGetLastError()));
+    if (platform_.addressToString(list->ai_addr, length, nullptr, text, &capacity) != 0) {
+        return failed();
     }
-    // A text that is no address leaves the result as it was.
-    result = IPAddress(converted ? text : "");
-    return converted ? 0 : kNotResolved;
+    result = IPAddress(text);  // a text that is no address leaves the result as it was
+    return 0;
 }
 
 int Network::GetIpAddress(const std::string& hostName, IPAddress& result) const {

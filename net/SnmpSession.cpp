@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <set>
 #include <span>
@@ -72,14 +73,10 @@ class SnmpOid {
     smiOID oid_ = {};
 };
 
-// A request block, freed with its holder; null when there is no memory.
-struct FreeGlobal {
-    void operator()(SnmpRequest* request) const noexcept { GlobalFree(request); }
-};
-std::unique_ptr<SnmpRequest, FreeGlobal> NewRequest(bool isGet, uint32_t count) {
+// Makes a request block; null when there is no memory.
+UniqueBlock<SnmpRequest> NewRequest(bool isGet, uint32_t count) {
     const size_t size = offsetof(SnmpRequest, bindings) + count * sizeof(SnmpBinding);
-    std::unique_ptr<SnmpRequest, FreeGlobal> request(
-        static_cast<SnmpRequest*>(GlobalAlloc(GPTR, size)));
+    UniqueBlock<SnmpRequest> request(static_cast<SnmpRequest*>(GlobalAlloc(GPTR, size)));
     if (request) {
         request->isGet = isGet ? 1 : 0;
         request->count = count;
@@ -192,7 +189,7 @@ bool SnmpValue::GetDottedText(smiUINT32 syntax, std::string& text) const {
     return true;
 }
 
-void SnmpSession::CloseSession::operator()(HSNMP_SESSION session) const noexcept {
+void SnmpSession::CloseSession(HSNMP_SESSION session) noexcept {
     const ExclusiveGuard lock(sessionsLock);
     SnmpClose(session);
     if (--sessions == 0) {
@@ -212,13 +209,13 @@ SNMPAPI_STATUS CALLBACK SnmpSession::Callback(HSNMP_SESSION, HWND, UINT, WPARAM,
 // From here to CloseEvent callbacks may set the event.
 void SnmpSession::OpenEvent() {
     const ExclusiveGuard lock(eventsLock);
-    replyEvent_.reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
+    replyEvent_.Reset(CreateEventA(nullptr, FALSE, FALSE, nullptr));
     if (replyEvent_) {
-        events.insert(replyEvent_.get());
+        events.insert(replyEvent_.Get());
     }
 }
 
-void SnmpSession::CloseEvent::operator()(HANDLE event) const noexcept {
+void SnmpSession::CloseEvent(HANDLE event) noexcept {
     const ExclusiveGuard lock(eventsLock);
     events.erase(event);
     CloseHandle(event);
@@ -229,7 +226,7 @@ void SnmpSession::OpenSession() {
     smiUINT32 unused[5] = {};
     const bool started =
         SnmpStartup(&unused[0], &unused[1], &unused[2], &unused[3], &unused[4]) != SNMPAPI_FAILURE;
-    session_.reset(SnmpCreateSession(nullptr, 0, Callback, replyEvent_.get()));
+    session_.Reset(SnmpCreateSession(nullptr, 0, Callback, replyEvent_.Get()));
     if (session_) {
         ++sessions;
     } else if (started && sessions == 0) {
@@ -246,19 +243,19 @@ void SnmpSession::Open(const IPAddress& target) {
     smiBYTE community[kCommunityLength] = {};
     memcpy(community, kCommunity, sizeof kCommunity);
     const smiOCTETS octets = {kCommunityLength, community};
-    context_.reset(SnmpStrToContext(session_.get(), &octets));
+    context_.Reset(SnmpStrToContext(session_.Get(), &octets));
 
     std::string address;
     NormalizeAddressText(target.GetText(), address, false);
-    destEntity_.reset(SnmpStrToEntity(session_.get(), address.c_str()));
+    destEntity_.Reset(SnmpStrToEntity(session_.Get(), address.c_str()));
     target_ = target;
 }
 
 void SnmpSession::Close() {
-    destEntity_.reset();
-    context_.reset();
-    session_.reset();
-    replyEvent_.reset();
+    destEntity_.Reset();
+    context_.Reset();
+    session_.Reset();
+    replyEvent_.Reset();
 }
 
 int SnmpSession::GetNetworkSettings(std::string& ipAddress, std::string& gateway,
@@ -276,7 +273,7 @@ int SnmpSession::GetNetworkSettings(std::string& ipAddress, std::string& gateway
     bindings[1] = {kGatewayOid, nullptr, &gatewayValue};
     bindings[2] = {kAddressOid, nullptr, &addressValue};
     bindings[3] = {kConfigMethodOid, nullptr, &methodValue};
-    if (const int result = Request(*request); result != kDone) {
+    if (const int result = Request(*request.Get()); result != kDone) {
         return result;
     }
     std::string texts[3];
@@ -307,7 +304,7 @@ int SnmpSession::SetNetworkSettings(const std::string& ipAddress, const std::str
     bindings[0] = {kAddressOid, addressValue.Get(), nullptr};
     bindings[1] = {kGatewayOid, gatewayValue.Get(), nullptr};
     bindings[2] = {kSubnetMaskOid, maskValue.Get(), nullptr};
-    return Request(*request);
+    return Request(*request.Get());
 }
 
 int SnmpSession::GetInteger(const std::string& oid, unsigned& value) {
@@ -357,7 +354,7 @@ struct SnmpSession::PduData {
         HSNMP_VBL list = nullptr;
         valid =
             SnmpGetPduData(pdu, &type, &id, &errorStatus, &errorIndex, &list) != SNMPAPI_FAILURE;
-        bindings.reset(list);
+        bindings.Reset(list);
     }
 
     bool valid = false;
@@ -367,23 +364,23 @@ struct SnmpSession::PduData {
 };
 
 int SnmpSession::Request(SnmpRequest& request) {
-    const UniqueVbl list(SnmpCreateVbl(session_.get(), nullptr, nullptr));
+    const UniqueVbl list(SnmpCreateVbl(session_.Get(), nullptr, nullptr));
     for (const SnmpBinding& binding : std::span(request.bindings, request.count)) {
         const SnmpOid oid(binding.oid);
         // A SET that lacks a binding would leave the printer half changed.
-        if (!oid || SnmpSetVb(list.get(), 0, oid.Get(), binding.value) == SNMPAPI_FAILURE) {
+        if (!oid || SnmpSetVb(list.Get(), 0, oid.Get(), binding.value) == SNMPAPI_FAILURE) {
             return kFailed;
         }
     }
     const UniquePdu pdu(SnmpCreatePdu(
-        session_.get(), request.isGet == 1 ? SNMP_PDU_GET : SNMP_PDU_SET, 0, 0, 0, list.get()));
+        session_.Get(), request.isGet == 1 ? SNMP_PDU_GET : SNMP_PDU_SET, 0, 0, 0, list.Get()));
     // The library has given the request its identifier.
-    const PduData made(pdu.get());
+    const PduData made(pdu.Get());
     if (!made.valid) {
         return kFailed;
     }
-    ResetEvent(replyEvent_.get());
-    const UniqueEntity source = Send(pdu.get());
+    ResetEvent(replyEvent_.Get());
+    const UniqueEntity source = Send(pdu.Get());
     return Await(request, made.id);
 }
 
@@ -396,14 +393,14 @@ SnmpSession::UniqueEntity SnmpSession::Send(HSNMP_PDU pdu) {
     const int rows = table != nullptr ? static_cast<int>(table->dwNumEntries) : 0;
     for (int i = 0; i < rows; ++i) {
         const char* address = network.GetLocalAddress(i);
-        UniqueEntity source(address != nullptr ? SnmpStrToEntity(session_.get(), address)
+        UniqueEntity source(address != nullptr ? SnmpStrToEntity(session_.Get(), address)
                                                : nullptr);
-        if (source && SnmpSendMsg(session_.get(), source.get(), destEntity_.get(), context_.get(),
+        if (source && SnmpSendMsg(session_.Get(), source.Get(), destEntity_.Get(), context_.Get(),
                                   pdu) != SNMPAPI_FAILURE) {
             return source;
         }
     }
-    return nullptr;
+    return {};
 }
 
 // Late answers to earlier requests can come first. The event can stand for several answers, or for
@@ -419,7 +416,7 @@ int SnmpSession::Await(SnmpRequest& request, smiINT32 id) {
             return kNothingReceived;
         }
         if (result == kNothingReceived) {
-            if (WaitForSingleObject(replyEvent_.get(), static_cast<DWORD>(end - now)) ==
+            if (WaitForSingleObject(replyEvent_.Get(), static_cast<DWORD>(end - now)) ==
                 WAIT_FAILED) {
                 Sleep(50);  // there is no event: looking now and then has to do
             }
@@ -434,9 +431,9 @@ int SnmpSession::Receive(SnmpRequest& request, smiINT32 id) {
     HSNMP_ENTITY to = nullptr;
     HSNMP_CONTEXT community = nullptr;
     HSNMP_PDU received = nullptr;
-    const SNMPAPI_STATUS status = SnmpRecvMsg(session_.get(), &from, &to, &community, &received);
+    const SNMPAPI_STATUS status = SnmpRecvMsg(session_.Get(), &from, &to, &community, &received);
     const bool nothing =
-        status == SNMPAPI_FAILURE && SnmpGetLastError(session_.get()) == SNMPAPI_NOOP;
+        status == SNMPAPI_FAILURE && SnmpGetLastError(session_.Get()) == SNMPAPI_NOOP;
     UniqueEntity answering(from);
     const UniqueEntity self(to);
     UniqueContext answerContext(community);
@@ -444,7 +441,7 @@ int SnmpSession::Receive(SnmpRequest& request, smiINT32 id) {
     if (!pdu) {
         return nothing ? kNothingReceived : kFailed;
     }
-    const PduData answer(pdu.get());
+    const PduData answer(pdu.Get());
     if (answer.valid && answer.id != id) {
         return kOthersAnswer;
     }
@@ -457,7 +454,7 @@ int SnmpSession::Receive(SnmpRequest& request, smiINT32 id) {
     smiUINT32 index = 0;
     for (const SnmpBinding& binding : std::span(request.bindings, request.count)) {
         ++index;
-        if (binding.result != nullptr && !TakeResult(answer.bindings.get(), index, binding)) {
+        if (binding.result != nullptr && !TakeResult(answer.bindings.Get(), index, binding)) {
             return kFailed;
         }
     }

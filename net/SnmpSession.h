@@ -7,11 +7,11 @@
 #include <winsnmp.h>
 
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <utility>
 
 #include "address/IPAddress.h"
+#include "base/Handles.h"
 
 // The IPv4 settings of a printer. All are IpAddress but the method, which is an integer.
 extern const char kConfigMethodOid[];
@@ -118,20 +118,12 @@ class SnmpSession {
 
   private:
     struct PduData;
-    struct CloseSession {
-        void operator()(HSNMP_SESSION session) const noexcept;
-    };
-    struct CloseEvent {
-        void operator()(HANDLE event) const noexcept;
-    };
-    template <auto Free>
-    struct FreeBy {
-        void operator()(void* handle) const noexcept { Free(handle); }
-    };
-    using UniqueEntity = std::unique_ptr<void, FreeBy<SnmpFreeEntity>>;
-    using UniqueContext = std::unique_ptr<void, FreeBy<SnmpFreeContext>>;
-    using UniquePdu = std::unique_ptr<void, FreeBy<SnmpFreePdu>>;
-    using UniqueVbl = std::unique_ptr<void, FreeBy<SnmpFreeVbl>>;
+    static void CloseSession(HSNMP_SESSION session) noexcept;
+    static void CloseEvent(HANDLE event) noexcept;
+    using UniqueEntity = UniqueResource<ClosedBy<HSNMP_ENTITY, SnmpFreeEntity>>;
+    using UniqueContext = UniqueResource<ClosedBy<HSNMP_CONTEXT, SnmpFreeContext>>;
+    using UniquePdu = UniqueResource<ClosedBy<HSNMP_PDU, SnmpFreePdu>>;
+    using UniqueVbl = UniqueResource<ClosedBy<HSNMP_VBL, SnmpFreeVbl>>;
 
     int RequestOne(const std::string& oid, const smiVALUE* value, SnmpValue* result);
     void OpenEvent();
@@ -142,7 +134,7 @@ class SnmpSession {
 
     IPAddress target_;
     UniqueContext context_;  // the community
-    std::unique_ptr<void, CloseSession> session_;
-    std::unique_ptr<void, CloseEvent> replyEvent_;
+    UniqueResource<ClosedBy<HSNMP_SESSION, CloseSession>> session_;
+    UniqueResource<ClosedBy<HANDLE, CloseEvent>> replyEvent_;
     UniqueEntity destEntity_;  // the printer; after an answer, who gave it
 };

@@ -45,8 +45,8 @@ bool Request::Prepare() const {
         socket_.Set(IPPROTO_IPV6, IPV6_MULTICAST_HOPS, 255);
     }
     const Address any = Address::Any(question_.to.family());
-    return bind(socket_.get(), any.get(), any.size()) == 0 &&
-           socket_.Signal(datagrams_.get(), FD_READ);
+    return bind(socket_.Get(), any.get(), any.size()) == 0 &&
+           socket_.Signal(datagrams_.Get(), FD_READ);
 }
 
 // Sends the request with the agents heard so far, as many as fit. Returns false when no interface
@@ -79,7 +79,7 @@ bool Request::SendBy(const Interface& outlet, const std::string& bytes) const {
 }
 
 bool Request::SendTo(const Address& to, const std::string& bytes) const {
-    return sendto(socket_.get(), bytes.data(), static_cast<int>(bytes.size()), 0, to.get(),
+    return sendto(socket_.Get(), bytes.data(), static_cast<int>(bytes.size()), 0, to.get(),
                   to.size()) == static_cast<int>(bytes.size());
 }
 
@@ -140,7 +140,7 @@ milliseconds Request::FetchTime() const {
 }
 
 void Request::Wait(Clock::time_point until) {
-    const HANDLE events[] = {stop_.get(), datagrams_.get(), streams_.get()};
+    const HANDLE events[] = {stop_.Get(), datagrams_.Get(), streams_.Get()};
     const bool busy = unread_ || (fetchesWait() && fetches_.size() < kFetchesAtOnce);
     const auto left = std::min(until - Now(), deadline_ - Clock::now());
     const auto time = std::chrono::ceil<milliseconds>(left).count();
@@ -156,7 +156,7 @@ void Request::ReadDatagrams() {
         Address from;
         int fromSize = 0;
         sockaddr* const sender = from.Receive(fromSize);
-        const int size = recvfrom(socket_.get(), datagram_.data(),
+        const int size = recvfrom(socket_.Get(), datagram_.data(),
                                   static_cast<int>(datagram_.size()), 0, sender, &fromSize);
         if (size >= 0) {
             TakeDatagram(from, {datagram_.data(), static_cast<size_t>(size)});
@@ -219,20 +219,20 @@ void Request::StartFetches() {
 
 void Request::Connect(const Address& agent, bool again) {
     Fetch fetch{Socket(agent.family(), SOCK_STREAM), agent, Now(), again, {}};
-    if (!fetch.socket || !fetch.socket.Signal(streams_.get(), FD_CONNECT | FD_READ | FD_CLOSE)) {
+    if (!fetch.socket || !fetch.socket.Signal(streams_.Get(), FD_CONNECT | FD_READ | FD_CLOSE)) {
         return;
     }
-    if (connect(fetch.socket.get(), agent.get(), agent.size()) == 0 ||
+    if (connect(fetch.socket.Get(), agent.get(), agent.size()) == 0 ||
         WSAGetLastError() == WSAEWOULDBLOCK) {
         fetches_.push_back(std::move(fetch));
     }
 }
 
 void Request::ServeFetches() {
-    if (WaitForSingleObject(streams_.get(), 0) != WAIT_OBJECT_0) {
+    if (WaitForSingleObject(streams_.Get(), 0) != WAIT_OBJECT_0) {
         return;
     }
-    ResetEvent(streams_.get());  // before the look at the sockets, so that nothing later is missed
+    ResetEvent(streams_.Get());  // before the look at the sockets, so that nothing later is missed
     for (auto fetch = fetches_.begin(); fetch != fetches_.end() && !Ended();) {
         fetch = Serve(*fetch) ? std::next(fetch) : fetches_.erase(fetch);
     }
@@ -241,7 +241,7 @@ void Request::ServeFetches() {
 // Takes a fetch further. False when there is nothing more to it.
 bool Request::Serve(Fetch& fetch) {
     WSANETWORKEVENTS events;
-    if (WSAEnumNetworkEvents(fetch.socket.get(), nullptr, &events) != 0) {
+    if (WSAEnumNetworkEvents(fetch.socket.Get(), nullptr, &events) != 0) {
         return false;
     }
     if ((events.lNetworkEvents & FD_CONNECT) != 0) {
@@ -252,7 +252,7 @@ bool Request::Serve(Fetch& fetch) {
             return false;
         }
         const int size = static_cast<int>(bytes->size());
-        if (send(fetch.socket.get(), bytes->data(), size, 0) != size) {
+        if (send(fetch.socket.Get(), bytes->data(), size, 0) != size) {
             return false;
         }
     }
@@ -266,7 +266,7 @@ bool Request::Read(Fetch& fetch) {
     char part[4096];
     while (const size_t wanted = fetch.reply.Wanted()) {
         const int size =
-            recv(fetch.socket.get(), part, static_cast<int>(std::min(wanted, sizeof part)), 0);
+            recv(fetch.socket.Get(), part, static_cast<int>(std::min(wanted, sizeof part)), 0);
         if (size < 0 && WSAGetLastError() == WSAEWOULDBLOCK) {
             return true;
         }
@@ -304,7 +304,7 @@ bool Request::Call(const char* attributes, SLPError code) noexcept {
 
 void Request::Stop() noexcept {
     stopped_ = true;
-    SetEvent(stop_.get());
+    SetEvent(stop_.Get());
 }
 
 }  // namespace slp

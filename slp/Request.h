@@ -88,9 +88,9 @@ class Request {
 
     Question question_;
     Collector collector_;
-    Handle stop_;
-    Handle datagrams_;  // something may be read
-    Handle streams_;    // something has happened to a fetch
+    UniqueHandle stop_;
+    UniqueHandle datagrams_;  // something may be read
+    UniqueHandle streams_;    // something has happened to a fetch
     Socket socket_;
     std::vector<Interface> outlets_;
     std::vector<char> datagram_;

@@ -7,7 +7,7 @@
 #include <map>
 #include <new>
 
-#include "base/MemoryReserve.h"
+#include "base/MemoryRoom.h"
 #include "slp/AttributeList.h"
 
 namespace {
@@ -43,7 +43,7 @@ std::shared_ptr<UserAgent> Remove(SLPHandle handle) {
     return node ? node.mapped() : nullptr;
 }
 
-constexpr size_t kRoom = 64 << 10;  // bytes
+constexpr size_t kRoom = 128 << 10;  // bytes: for some threads at once
 
 // Runs what a function does and turns what it throws into a code.
 template <typename Work>
@@ -61,7 +61,7 @@ SLPError Guarded(Work work) noexcept {
 template <typename Work>
 SLPError WithAgent(SLPHandle handle, Work work) noexcept {
     return Guarded([&]() -> SLPError {
-        if (!ReserveMemory(kRoom)) {
+        if (!HasMemoryRoom(kRoom)) {
             return SLP_MEMORY_ALLOC_FAILED;
         }
         const auto agent = Find(handle);
@@ -96,7 +96,7 @@ SLPError SLPOpen(const char* lang, SLPBoolean isAsync, SLPHandle* out) {
     }
     *out = nullptr;
     return Guarded([&]() -> SLPError {
-        if (!ReserveMemory(kRoom)) {
+        if (!HasMemoryRoom(kRoom)) {
             return SLP_MEMORY_ALLOC_FAILED;
         }
         const std::string language = lang != nullptr && *lang != '\0' ? lang : "en";
@@ -141,10 +141,14 @@ SLPError SLPFindAttrs(SLPHandle handle, const char* urlOrServiceType, const char
     });
 }
 
+// Needs no memory.
 SLPError SLPStopFind(SLPHandle handle) {
-    return WithAgent(handle, [](UserAgent& agent) {
-        agent.StopFind();
-        return SLP_OK;
+    return Guarded([handle] {
+        const auto agent = Find(handle);
+        if (agent) {
+            agent->StopFind();
+        }
+        return agent ? SLP_OK : SLP_PARAMETER_BAD;
     });
 }
 

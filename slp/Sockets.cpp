@@ -1,34 +1,10 @@
 #include "slp/Sockets.h"
 
-#include <iphlpapi.h>
-
 #include <algorithm>
 #include <cstring>
-#include <memory>
 
 namespace slp {
 namespace {
-
-// Hands `use` the list of adapters, whose size can change between being asked and being read.
-std::unique_ptr<char[]> ReadAdapters() {
-    // Under Wine the list of DNS servers makes the whole call fail for IPv6; none is needed.
-    constexpr ULONG kFlags = GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST |
-                             GAA_FLAG_SKIP_DNS_SERVER | GAA_FLAG_SKIP_FRIENDLY_NAME;
-    ULONG size = 16 * 1024;  // what the platform's documentation advises to begin with
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        auto buffer = std::make_unique<char[]>(size);
-        const ULONG error =
-            GetAdaptersAddresses(AF_UNSPEC, kFlags, nullptr,
-                                 reinterpret_cast<IP_ADAPTER_ADDRESSES*>(buffer.get()), &size);
-        if (error == ERROR_SUCCESS) {
-            return buffer;
-        }
-        if (error != ERROR_BUFFER_OVERFLOW) {
-            break;
-        }
-    }
-    return nullptr;
-}
 
 // The adapter's addresses that multicast of `family` may leave by, as far as `only` allows: the
 // one that was named, else the first.
@@ -69,43 +45,20 @@ std::optional<Interface> Usable(const IP_ADAPTER_ADDRESSES& adapter, int family,
 
 }  // namespace
 
-SocketsReference::SocketsReference() {
-    WSADATA data;
-    ok_ = WSAStartup(MAKEWORD(2, 2), &data) == 0;
-}
-
-SocketsReference::~SocketsReference() {
-    if (ok_) {
-        WSACleanup();
-    }
-}
-
-Handle::~Handle() {
-    if (handle_ != nullptr) {
-        CloseHandle(handle_);
-    }
-}
-
-Socket::Socket(int family, int type) : socket_(socket(family, type, 0)) {
+Socket::Socket(int family, int type) : UniqueSocket(socket(family, type, 0)) {
     u_long on = 1;
-    if (socket_ != INVALID_SOCKET) {
-        ioctlsocket(socket_, FIONBIO, &on);
-    }
-}
-
-Socket::~Socket() {
-    if (socket_ != INVALID_SOCKET) {
-        closesocket(socket_);
+    if (*this) {
+        ioctlsocket(Get(), FIONBIO, &on);
     }
 }
 
 bool Socket::Signal(HANDLE event, long networkEvents) const {
-    return WSAEventSelect(socket_, event, networkEvents) == 0;
+    return WSAEventSelect(Get(), event, networkEvents) == 0;
 }
 
 bool Socket::Set(int level, int option, DWORD value) const {
-    return setsockopt(socket_, level, option, reinterpret_cast<const char*>(&value),
-                      sizeof value) == 0;
+    return setsockopt(Get(), level, option, reinterpret_cast<const char*>(&value), sizeof value) ==
+           0;
 }
 
 Address Address::Any(int family) {
@@ -216,13 +169,12 @@ std::string Address::Text() const {
 }
 
 std::optional<std::vector<Interface>> UpInterfaces(int family, const std::vector<Address>& only) {
-    const auto buffer = ReadAdapters();
-    if (!buffer) {
+    const auto adapters = ReadAdapters();
+    if (!adapters) {
         return std::nullopt;
     }
     std::vector<Interface> interfaces;
-    for (auto* adapter = reinterpret_cast<const IP_ADAPTER_ADDRESSES*>(buffer.get());
-         adapter != nullptr; adapter = adapter->Next) {
+    for (const auto* adapter = adapters.Get(); adapter != nullptr; adapter = adapter->Next) {
         if (adapter->OperStatus == IfOperStatusUp) {
             if (const auto usable = Usable(*adapter, family, only)) {
                 interfaces.push_back(*usable);

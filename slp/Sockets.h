@@ -1,5 +1,4 @@
-// The Windows side of a request: sockets, events and addresses as types that close themselves,
-// and the interfaces that multicast goes out of.
+// The Windows side of a request: sockets, addresses, and the interfaces that multicast goes out of.
 #pragma once
 
 #include <winsock2.h>
@@ -8,63 +7,23 @@
 
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "base/Sockets.h"
 
 namespace slp {
 
 inline constexpr unsigned short kPort = 427;
 
-// One of the process's references to Windows Sockets 2.2.
-class SocketsReference {
-  public:
-    SocketsReference();
-    ~SocketsReference();
-    SocketsReference(const SocketsReference&) = delete;
-    SocketsReference& operator=(const SocketsReference&) = delete;
-    bool ok() const { return ok_; }
-
-  private:
-    bool ok_;
-};
-
-// A kernel object's handle; null when there is none.
-class Handle {
-  public:
-    explicit Handle(HANDLE handle = nullptr) : handle_(handle) {}
-    ~Handle();
-    Handle(Handle&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
-    Handle& operator=(Handle&& other) noexcept {
-        std::swap(handle_, other.handle_);
-        return *this;
-    }
-    HANDLE get() const { return handle_; }
-    explicit operator bool() const { return handle_ != nullptr; }
-
-  private:
-    HANDLE handle_;
-};
-
 // A socket that does not block; INVALID_SOCKET when it could not be made.
-class Socket {
+class Socket : public UniqueSocket {
   public:
     Socket(int family, int type);
-    ~Socket();
-    Socket(Socket&& other) noexcept : socket_(std::exchange(other.socket_, INVALID_SOCKET)) {}
-    Socket& operator=(Socket&& other) noexcept {
-        std::swap(socket_, other.socket_);
-        return *this;
-    }
-    SOCKET get() const { return socket_; }
-    explicit operator bool() const { return socket_ != INVALID_SOCKET; }
 
     // Has `event` set whenever one of `networkEvents` (FD_READ and so on) happens.
     bool Signal(HANDLE event, long networkEvents) const;
     // setsockopt for the options that take a number. False when the system refuses.
     bool Set(int level, int option, DWORD value) const;
-
-  private:
-    SOCKET socket_;
 };
 
 // An IPv4 or IPv6 socket address.

@@ -1,19 +1,19 @@
 #include "slp/UserAgent.h"
 
-#include <process.h>
-
 #include <algorithm>
 #include <random>
 #include <string_view>
 
 #include "base/Ascii.h"
-#include "base/MemoryReserve.h"
+#include "base/MemoryRoom.h"
+#include "base/ThreadPool.h"
 
 namespace slp {
 namespace {
 
 constexpr char kGroup2[] = "239.255.255.253";  // RFC 2608, section 6.1
 constexpr char kGroup1[] = "224.0.1.22";       // RFC 2165, section 22
+constexpr size_t kRoomOfThread = 64 << 10;     // bytes
 
 // Not to be guessed by a host that does not see the request.
 uint16_t NewTransaction() {
@@ -23,14 +23,6 @@ uint16_t NewTransaction() {
 
 std::string OrElse(const char* text, const char* otherwise) {
     return text != nullptr && *text != '\0' ? text : otherwise;
-}
-
-// The library cannot be unloaded while this is held: its code is what the thread runs.
-HMODULE HoldLibrary() {
-    HMODULE module = nullptr;
-    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                       reinterpret_cast<LPCWSTR>(&HoldLibrary), &module);
-    return module;
 }
 
 }  // namespace
@@ -143,46 +135,30 @@ SLPError UserAgent::Execute(Running& running) {
     return result;
 }
 
-struct UserAgent::ThreadStart {
+// A request that a thread of the pool executes. Its place ends before its agent, which it uses.
+struct UserAgent::Work {
     std::shared_ptr<UserAgent> agent;
     Reservation running;
-    HMODULE library;
+
+    void operator()() const {
+        // Where there is too little memory yet, there may be some when it is needed.
+        static_cast<void>(HasMemoryRoom(kRoomOfThread));
+        {
+            const std::lock_guard lock(agent->mutex_);
+            running->thread = GetCurrentThreadId();
+        }
+        agent->Execute(*running);
+    }
 };
 
 SLPError UserAgent::ExecuteOnThread(Reservation running) {
-    Running& place = *running;
-    auto start =
-        std::make_unique<ThreadStart>(ThreadStart{shared_from_this(), std::move(running), nullptr});
     {
         const std::lock_guard lock(mutex_);
-        std::erase_if(threads_, [](const Thread& thread) {
-            return WaitForSingleObject(thread.handle.get(), 0) == WAIT_OBJECT_0;
-        });
-        threads_.reserve(threads_.size() + 1);
-        start->library = HoldLibrary();
-        unsigned id = 0;
-        const auto thread =
-            reinterpret_cast<HANDLE>(_beginthreadex(nullptr, 0, ThreadMain, start.get(), 0, &id));
-        if (thread != nullptr) {
-            (void)start.release();  // the thread's now
-            threads_.push_back({Handle(thread), id});
-            place.thread = id;
-            return SLP_OK;
-        }
+        running->thread = 0;
     }
-    FreeLibrary(start->library);
-    return SLP_INTERNAL_SYSTEM_ERROR;
-}
-
-unsigned __stdcall UserAgent::ThreadMain(void* argument) {
-    (void)ReserveMemory(0);  // where there is none yet, there may be some when it is needed
-    HMODULE library = nullptr;
-    {
-        const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
-        library = start->library;
-        start->agent->Execute(*start->running);
-    }
-    FreeLibraryAndExitThread(library, 0);
+    return RunOnThreadPool(Work{shared_from_this(), std::move(running)})
+               ? SLP_OK
+               : SLP_INTERNAL_SYSTEM_ERROR;
 }
 
 void UserAgent::StopFind() {
@@ -195,21 +171,12 @@ void UserAgent::StopFind() {
 void UserAgent::Close() {
     StopFind();
     const DWORD self = GetCurrentThreadId();
-    std::vector<Thread> threads;
-    {
-        std::unique_lock lock(mutex_);
-        closed_ = true;
-        ended_.wait(lock, [&] {
-            return std::all_of(running_.begin(), running_.end(),
-                               [&](const Running& running) { return running.thread == self; });
-        });
-        threads.swap(threads_);
-    }
-    for (const Thread& thread : threads) {
-        if (thread.id != self) {
-            WaitForSingleObject(thread.handle.get(), INFINITE);
-        }
-    }
+    std::unique_lock lock(mutex_);
+    closed_ = true;
+    ended_.wait(lock, [&] {
+        return std::all_of(running_.begin(), running_.end(),
+                           [&](const Running& running) { return running.thread == self; });
+    });
 }
 
 }  // namespace slp

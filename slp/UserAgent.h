@@ -46,7 +46,7 @@ class UserAgent : public std::enable_shared_from_this<UserAgent> {
     // A request whose last call has not returned yet.
     struct Running {
         std::shared_ptr<Request> request;
-        DWORD thread;           // that works on it
+        DWORD thread;           // that works on it; 0 until one does
         bool lastCall = false;  // it is being made: the handle is free for the next request
     };
     using Place = std::list<Running>::iterator;
@@ -64,16 +64,11 @@ class UserAgent : public std::enable_shared_from_this<UserAgent> {
         UserAgent* agent_;
         Place place_;
     };
-    struct Thread {
-        Handle handle;
-        DWORD id;
-    };
-    struct ThreadStart;
+    struct Work;
 
     SLPError Ask(const Query& query, Question& question) const;
     SLPError Execute(Running& running);
     SLPError ExecuteOnThread(Reservation running);
-    static unsigned __stdcall ThreadMain(void* start);
 
     const SocketsReference sockets_;
     const std::string language_;
@@ -84,7 +79,6 @@ class UserAgent : public std::enable_shared_from_this<UserAgent> {
     std::optional<Address> unicast_;
     std::vector<Address> interfaces_;
     std::list<Running> running_;
-    std::vector<Thread> threads_;
     bool closed_ = false;
 };
 

@@ -10,6 +10,7 @@
 #include "address/AddressText.h"
 #include "base/Ascii.h"
 #include "base/CommandFailed.h"
+#include "base/Connect.h"
 #include "admin/search/Hosts.h"
 #include "admin/search/MergedSearch.h"
 #include "base/Parallel.h"
@@ -27,40 +28,6 @@ constexpr size_t kConnectedAtOnce = 32;
 constexpr size_t kAskedAtOnce = 64;
 constexpr milliseconds kMoment{300};  // in which a printer that is there takes a connection
 constexpr char kNoKeys[] = "has neither a MAC address nor a host name to follow";
-
-// Waits for a connection that was begun. Returns 0 or the socket's error.
-int Connected(SOCKET socket, milliseconds timeout) {
-    fd_set made;
-    fd_set failed;
-    FD_ZERO(&made);
-    FD_ZERO(&failed);
-    FD_SET(socket, &made);
-    FD_SET(socket, &failed);
-    const auto time = std::max(timeout, milliseconds(0)).count();
-    timeval wait = {static_cast<long>(time / 1000), static_cast<long>(time % 1000 * 1000)};
-    if (select(0, nullptr, &made, &failed, &wait) == 0) {
-        return WSAETIMEDOUT;
-    }
-    int error = 0;
-    int size = sizeof(error);
-    getsockopt(socket, SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size);
-    return error != 0 || FD_ISSET(socket, &made) ? error : WSAECONNREFUSED;
-}
-
-// Returns 0 or the socket's error.
-int Connect(const addrinfo& address, milliseconds timeout) {
-    const UniqueSocket socket(
-        ::socket(address.ai_family, address.ai_socktype, address.ai_protocol));
-    u_long nonBlocking = 1;
-    if (!socket || ioctlsocket(socket.Get(), FIONBIO, &nonBlocking) != 0) {
-        return WSAGetLastError();
-    }
-    if (connect(socket.Get(), address.ai_addr, static_cast<int>(address.ai_addrlen)) == 0) {
-        return 0;
-    }
-    const int error = WSAGetLastError();
-    return error == WSAEWOULDBLOCK ? Connected(socket.Get(), timeout) : error;
-}
 
 std::string ConnectionError(int error) {
     switch (error) {
@@ -96,7 +63,9 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     }
     for (const addrinfo* address = addresses.Get(); address != nullptr;
          address = address->ai_next) {
-        error = Connect(*address, (timeout - took()) / left--);
+        UniqueSocket connection;
+        error = Connect(connection, address->ai_addr, static_cast<int>(address->ai_addrlen),
+                        (timeout - took()) / left--);
         if (error == 0) {
             return {{}, took()};
         }

@@ -128,6 +128,10 @@ void ApplySnmp(const PortChange& change, PORT_DATA_1& port) {
 
 }  // namespace
 
+bool IsReservedPortName(const std::string& name) {
+    return IsSpoolerPseudoPort(Utf8ToWide(name).c_str());
+}
+
 std::string CheckPortName(std::string& text) {
     if (std::string problem = CheckStoredText(text, kPortNameRoom); !problem.empty()) {
         return problem;
@@ -141,7 +145,7 @@ std::string CheckPortName(std::string& text) {
     if (text.find(',') != std::string::npos) {
         return "must not contain a comma, because the spooler separates ports by commas";
     }
-    if (IsSpoolerPseudoPort(Utf8ToWide(text).c_str())) {
+    if (IsReservedPortName(text)) {
         return "is a name of the spooler's own network ports, which the monitor skips when it "
                "starts";
     }

@@ -13,6 +13,8 @@
 // form that is stored, and returns what is wrong with it, or nothing. "none" means the same to all
 // of them: that the port is to forget the value; those that the monitor keeps say so.
 std::string CheckPortName(std::string& text);
+// Returns whether the spooler keeps names like this one (UTF-8) for its own network ports.
+bool IsReservedPortName(const std::string& name);
 std::string CheckIPv4Address(std::string& text);
 std::string CheckIPv6Host(std::string& text);    // an IPv6 address or a host name
 std::string CheckPortNumber(std::string& text);  // decimal, 1 to 65535

@@ -4,10 +4,10 @@
 #include <windows.h>
 
 #include "address/IPAddress.h"
-#include "admin/search/SlpHandle.h"
 #include "base/CommandFailed.h"
 #include "slp/AttributeList.h"
 #include "slp/Slp.h"
+#include "slp/SlpHandle.h"
 
 namespace {
 
@@ -73,8 +73,8 @@ void FindAgents(const AgentRequest& request, const std::function<void(AgentAnswe
     SLPHandle opened = nullptr;
     Require(SLPOpen("en", SLP_FALSE, &opened));
     const UniqueSlpHandle handle(opened);
-    SetTarget(handle.get(), request);
-    Require(SLPFindAttrs(handle.get(), request.service.c_str(), nullptr, nullptr, TakeAnswer,
+    SetTarget(handle.Get(), request);
+    Require(SLPFindAttrs(handle.Get(), request.service.c_str(), nullptr, nullptr, TakeAnswer,
                          const_cast<std::function<void(AgentAnswer)>*>(&found), nullptr,
                          request.version));
 }

@@ -11,7 +11,7 @@
 #include "admin/search/PrinterIdentity.h"
 #include "base/Text.h"
 #include "slp/AttributeList.h"
-#include "admin/search/SlpHandle.h"
+#include "slp/SlpHandle.h"
 
 namespace {
 
@@ -68,9 +68,9 @@ SearchAnswer Ask(const IPAddress& address, unsigned version, const std::string& 
         const UniqueSlpHandle handle(opened);
         int length = 0;
         const sockaddr* to = address.GetSockAddr(length);
-        error = to == nullptr ? SLP_PARAMETER_BAD : SLPSetUnicastIP(handle.get(), to);
+        error = to == nullptr ? SLP_PARAMETER_BAD : SLPSetUnicastIP(handle.Get(), to);
         if (error == SLP_OK) {
-            error = SLPFindAttrs(handle.get(), service.c_str(), nullptr, nullptr, TakeAnswer,
+            error = SLPFindAttrs(handle.Get(), service.c_str(), nullptr, nullptr, TakeAnswer,
                                  &answer, nullptr, version);
         }
     }

@@ -473,6 +473,24 @@ TEST(UserAgent, MemoryMayRunOutAtAnyStep) {
     EXPECT_EQ(found, list.size());
 }
 
+// A caller that runs out of memory can still end its request.
+TEST(UserAgent, CanBeStoppedWithoutMemory) {
+    const UniqueLibrary library(LoadLibraryA(SLP64_DLL));
+    ASSERT_TRUE(library);
+    SLPHandle handle = nullptr;
+    ASSERT_EQ(Entry(library.Get(), SLPOpen, "SLPOpen")("en", SLP_FALSE, &handle), SLP_OK);
+    {
+        const ScarceMemory memory(library.Get());
+        const ImportPatch none(
+            library.Get(), "GlobalAlloc", +[](UINT, SIZE_T) -> HGLOBAL { return nullptr; });
+        const ScarceMemory::Limit limit(0);
+        EXPECT_EQ(Entry(library.Get(), SLPAssociateIFList, "SLPAssociateIFList")(handle, kHere),
+                  SLP_MEMORY_ALLOC_FAILED);
+        EXPECT_EQ(Entry(library.Get(), SLPStopFind, "SLPStopFind")(handle), SLP_OK);
+    }
+    Entry(library.Get(), SLPClose, "SLPClose")(handle);
+}
+
 // The program lets go of the DLL as soon as it has heard the last call, in which the handle was
 // closed: the thread that made it still has to come home.
 TEST(UserAgent, CanBeUnloadedAtOnce) {
