@@ -329,8 +329,7 @@ LearnedPrinter AskPrinter(const LearnArguments& arguments, const SearchSettings&
     LearnedPrinter printer = LearnPrinter(address, arguments.services, present);
     if (printer.answers.empty()) {
         const auto dnsSd = FindByDnsSd([] { return true; });
-        if (std::ranges::any_of(dnsSd,
-                                [&](const auto& hit) { return HasAddress(hit, address); })) {
+        if (std::ranges::any_of(dnsSd, [&](const auto& hit) { return HasAddress(hit, address); })) {
             throw CommandFailed(address.GetText() +
                                 " answers DNS-SD but not SLP, so jobs cannot follow this printer. "
                                 "Switch SLP on in the printer's web page, under network protocols");

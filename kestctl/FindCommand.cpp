@@ -124,11 +124,11 @@ SearchHit FindOne(const FindArguments& arguments) {
         [&](const SearchHit& hit) {
             const std::string& name = hit.identity.hostName;
             return MatchesPattern(hit, arguments.model) &&
-                   (!arguments.mac.empty()        ? hit.identity.mac == arguments.mac
-                    : !arguments.hostName.empty() ? EqualsIgnoreCase(name, arguments.hostName) ||
-                                                        EqualsIgnoreCase(name + ".local",
-                                                                         arguments.hostName)
-                                                  : HasAddress(hit, address));
+                   (!arguments.mac.empty() ? hit.identity.mac == arguments.mac
+                    : !arguments.hostName.empty()
+                        ? EqualsIgnoreCase(name, arguments.hostName) ||
+                              EqualsIgnoreCase(name + ".local", arguments.hostName)
+                        : HasAddress(hit, address));
         });
 }
 
@@ -183,8 +183,8 @@ void PrintEventText(const std::string& event, const PrinterIdentity& identity,
     // Without the date, which the user knows.
     std::cout << TimeText("%04u-%02u-%02u %02u:%02u:%02u", time).substr(11) << "  "
               << Padded(event, 5) << "  " << Padded(Cell(identity.hostName), 20) << "  "
-              << Padded(Cell(identity.mac), 12) << "  "
-              << Padded(SourceText(identity.source), 6) << "  " << Printable(identity.address)
+              << Padded(Cell(identity.mac), 12) << "  " << Padded(SourceText(identity.source), 6)
+              << "  " << Printable(identity.address)
               << (before.empty() ? "" : ", was at " + Printable(before)) << std::endl;
 }
 
@@ -243,10 +243,11 @@ void RunWatch(const FindArguments& arguments) {
         progress.Show("watching, " + HereText(population));
         return !interruption.Requested() && std::cout && !OutputIsClosed();
     };
-    WatchPrinters(arguments.Sources(), arguments.model, population, goOn, [&progress](const CommandFailed& failed) {
-        progress.Clear();
-        std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
-    });
+    WatchPrinters(arguments.Sources(), arguments.model, population, goOn,
+                  [&progress](const CommandFailed& failed) {
+                      progress.Clear();
+                      std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
+                  });
     progress.Clear();
     if (OutputIsClosed()) {
         // Not a failure to write: the reader has read all that it wants.

@@ -418,8 +418,7 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
 }  // namespace
 
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
-                     const PrinterIdentifier& identify,
-                     const std::function<std::wstring()>& server,
+                     const PrinterIdentifier& identify, const std::function<std::wstring()>& server,
                      const PrinterIdentifier& identifyByBoth) {
     CLI::App& port = AddGroup(app, "port", "Manage the monitor's ports");
     const auto [list, listed] =

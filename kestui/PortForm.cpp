@@ -166,8 +166,7 @@ void PortForm::EndLookup(const Lookup& outcome) {
 
 bool PortForm::CanFollow() const {
     const auto* resolved = std::get_if<Resolved>(&lookup_);
-    return resolved != nullptr &&
-           resolved->printer.source != SearchSource::DnsSd &&
+    return resolved != nullptr && resolved->printer.source != SearchSource::DnsSd &&
            (!resolved->printer.mac.empty() || !resolved->printer.hostName.empty()) &&
            !KeepsOtherName(resolved->printer, stored_);
 }

@@ -1,5 +1,5 @@
-// Makes ports follow their printers. Jobs cannot follow a printer that does not answer SLP: its port
-// gets the MAC address and the host name, but not "always print".
+// Makes ports follow their printers. Jobs cannot follow a printer that does not answer SLP: its
+// port gets the MAC address and the host name, but not "always print".
 #pragma once
 
 #include <functional>

@@ -225,7 +225,8 @@ std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
                              const SearchOutcome& search) {
     const std::string who = IdentityText(port.printer);
     if (port.printer.source == SearchSource::DnsSd) {
-        return "announces " + who + " by DNS-SD, but does not answer the search by SLP: jobs cannot follow it";
+        return "announces " + who +
+               " by DNS-SD, but does not answer the search by SLP: jobs cannot follow it";
     }
     if (!search.failure.empty()) {
         return "there was no search: " + search.failure;

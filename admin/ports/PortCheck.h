@@ -63,7 +63,7 @@ struct CheckedPort {
 struct SearchOutcome {
     std::vector<PrinterIdentity> printers = {};  // those by SLP first
     std::string failure = {};                    // of the search by SLP
-    bool noFile = false;  // SLPConf.xml is missing or broken
+    bool noFile = false;                         // SLPConf.xml is missing or broken
 };
 
 // Returns the address at which a job would look for the port's printer among these: by its MAC

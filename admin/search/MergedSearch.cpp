@@ -103,9 +103,7 @@ SearchHit::SearchHit(const mdns::Printer& printer) {
 }
 
 const char* SourceText(SearchSource source) {
-    return source == SearchSource::Slp     ? "SLP"
-           : source == SearchSource::DnsSd ? "DNS-SD"
-                                           : "both";
+    return source == SearchSource::Slp ? "SLP" : source == SearchSource::DnsSd ? "DNS-SD" : "both";
 }
 
 bool HasAddress(const SearchHit& hit, const IPAddress& address) {
@@ -209,10 +207,10 @@ SearchHit FindPrinter(const SearchSources& sources, const std::function<Printer(
 
 PrinterIdentity IdentifyPrinterByBoth(const std::string& host) {
     const IPAddress address = AddressOf(StartedNetwork(), host);
-    PrinterIdentity identity =
-        FindPrinter({}, [&] { return FindPrinterAt(address.GetText(), ""); },
-                    [&](const SearchHit& hit) { return HasAddress(hit, address); })
-            .identity;
+    PrinterIdentity identity = FindPrinter(
+                                   {}, [&] { return FindPrinterAt(address.GetText(), ""); },
+                                   [&](const SearchHit& hit) { return HasAddress(hit, address); })
+                                   .identity;
     identity.address = address.GetText();
     RequireKeys(identity);
     return identity;

@@ -13,7 +13,7 @@
 namespace {
 
 constexpr size_t kAskedAtOnce = 64;
-constexpr size_t kMostAsked = 256;  // addresses; any host can announce many
+constexpr size_t kMostAsked = 256;   // addresses; any host can announce many
 constexpr DWORD kEchoTimeout = 300;  // ms
 
 // Whether a row has the MAC address of a host that has answered.

@@ -4,7 +4,6 @@
 
 #include <chrono>
 
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -70,14 +69,15 @@ void Population::Tell(Event event, const SearchHit& printer, const std::string& 
     tell_(event, printer, addressBefore);
 }
 
-void WatchPrinters(const SearchSources& sources, const std::string& modelPattern, Population& population,
-                   const std::function<bool()>& goOn,
+void WatchPrinters(const SearchSources& sources, const std::string& modelPattern,
+                   Population& population, const std::function<bool()>& goOn,
                    const std::function<void(const CommandFailed&)>& failed) {
     for (bool first = true; goOn(); first = false) {
         const auto next = Clock::now() + kBetween;
         try {
             FindPrinters(
-                sources, modelPattern, [&](const SearchHit& printer) { population.Answered(printer); }, goOn);
+                sources, modelPattern,
+                [&](const SearchHit& printer) { population.Answered(printer); }, goOn);
             if (goOn()) {
                 population.EndRound();
             }

@@ -16,8 +16,8 @@ class Population {
 
     // Called for each event.
     //   addressBefore: of a printer that has moved; otherwise empty.
-    using Listener =
-        std::function<void(Event event, const SearchHit& printer, const std::string& addressBefore)>;
+    using Listener = std::function<void(Event event, const SearchHit& printer,
+                                        const std::string& addressBefore)>;
 
     explicit Population(Listener tell) : tell_(std::move(tell)) {}
 
@@ -34,7 +34,7 @@ class Population {
   private:
     struct Known {
         SearchHit printer;
-        SearchHit latest;                   // its first answer in this round
+        SearchHit latest;                 // its first answer in this round
         std::set<std::string> addresses;  // at which it answered in this round
         int missed = 0;                   // rounds without an answer
     };
@@ -53,6 +53,6 @@ class Population {
 //   failed: called for a round that fails. The next one may succeed: the file may be being changed,
 //           or the network may be down for a while.
 // Throws CommandFailed if the first round fails.
-void WatchPrinters(const SearchSources& sources, const std::string& modelPattern, Population& population,
-                   const std::function<bool()>& goOn,
+void WatchPrinters(const SearchSources& sources, const std::string& modelPattern,
+                   Population& population, const std::function<bool()>& goOn,
                    const std::function<void(const CommandFailed& failure)>& failed);

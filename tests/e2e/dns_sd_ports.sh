@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Printers that answer SLP, DNS-SD or both, end to end: they are found, ports are added for them, and
-# `port check --repair` follows one that only announces itself by DNS-SD. dns_sd_ports.sh BIN-FOLDER
+# Printers that answer SLP, DNS-SD or both, end to end: they are found, ports are added for them,
+# and `port check --repair` follows one that only answers DNS-SD. dns_sd_ports.sh BIN-FOLDER
 . "$(dirname "${BASH_SOURCE[0]}")/../../script/common.sh"
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/moving.sh"
@@ -25,7 +25,8 @@ has() {
 }
 
 say "100 printers, of which 25 answer SLP, 50 DNS-SD, and 25 both"
-agents "service:printer first=10.77.1.1 count=50 list=$(announcement "{ip}" "{mac}" "slp-{n}" Model_A)"
+list=$(announcement "{ip}" "{mac}" "slp-{n}" Model_A)
+agents "service:printer first=10.77.1.1 count=50 list=$list"
 dns_sd "first=10.77.1.26 count=75 name=prn"
 begin=$(date +%s%N)
 kestctl find >"$work/found"
@@ -44,7 +45,8 @@ has "one" "$(kestctl find --host-name PRN-60.local)" 10.77.1.86 DNS-SD
 has "one" "$(kestctl find --ip 10.77.1.87)" prn-61 DNS-SD
 
 say "printers that a user adds"
-note="This printer does not answer SLP. Jobs will not follow it; \`kestctl port check --repair\` can."
+note="This printer does not answer SLP. Jobs will not follow it; "
+note+="\`kestctl port check --repair\` can."
 printers "$work/jobs" 10.77.1.20 10.77.1.21 10.77.255.2
 agents "service:printer first=10.77.1.20 list=$(announcement 10.77.1.20 0004004A1B2C prn-1 Model_1)"
 dns_sd "first=10.77.1.21 name=quiet" "first=10.77.255.2 name=near"

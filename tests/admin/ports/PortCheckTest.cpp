@@ -149,14 +149,13 @@ TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
     CheckNetwork network = Network();
     network.search = []() -> std::vector<PrinterIdentity> { throw NoSearchFile("no file"); };
     network.searchDnsSd = [&] {
-        return std::vector<PrinterIdentity>{announced("10.0.0.1", "", "prn-1"),
-                                            announced("10.0.1.4", "0004000000EE", "prn-4"),
-                                            announced("10.0.1.5", "", "PRN-5"),
-                                            announced("10.0.1.6", "000400000006", "x")};
+        return std::vector<PrinterIdentity>{
+            announced("10.0.0.1", "", "prn-1"), announced("10.0.1.4", "0004000000EE", "prn-4"),
+            announced("10.0.1.5", "", "PRN-5"), announced("10.0.1.6", "000400000006", "x")};
     };
     std::vector<RepairResult> results;
-    for (const CheckedPort& port : CheckPorts(*channel, {L"A", L"C", L"D", L"E"}, network, 3s,
-                                              [](size_t, size_t) {})) {
+    for (const CheckedPort& port :
+         CheckPorts(*channel, {L"A", L"C", L"D", L"E"}, network, 3s, [](size_t, size_t) {})) {
         results.push_back({port});
     }
     RepairPorts(
