@@ -142,6 +142,32 @@ TEST(MigrateCommand, WrongArgumentsAndNothingToDo) {
         HasSubstr("0 ports migrated, 1 port already migrated\n"));
 }
 
+TEST(MigrateCommand, UndoRefusesAFileOfAnotherServerOrWithWrongSettings) {
+    FakeMonitor monitor = Server();
+    const TempFile file("undo.json");
+    Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()});
+    const std::string migrated = State(monitor);
+    const auto written = nlohmann::json::parse(std::ifstream(file.Name()));
+    const auto refusal = [&](const nlohmann::json& document) {
+        file.Write(document.dump());
+        const std::string failure = Failure(monitor, {"port", "migrate", "--undo", file.Name()});
+        EXPECT_EQ(State(monitor), migrated);
+        return failure;
+    };
+    auto document = written;
+    document["server"] = "PRINT2";
+    EXPECT_THAT(refusal(document), HasSubstr("with --server PRINT2. Undo it in the same way"));
+    document = written;
+    document["ports"][0]["settings"]["portNumber"] = 70000;
+    EXPECT_THAT(refusal(document), HasSubstr("the settings of port LABELS-kestmon are wrong: "));
+    document = written;
+    document["ports"][0].erase("queues");
+    EXPECT_THAT(refusal(document), HasSubstr("is not a file that `port migrate` wrote"));
+    EXPECT_THAT(refusal("text"), HasSubstr("is not a file that `port migrate` wrote"));
+    file.Write(written.dump());
+    EXPECT_EQ(Kestctl(monitor, {"port", "migrate", "--undo", file.Name()}), "1 port undone\n");
+}
+
 FakeMonitor Office() {
     FakeMonitor monitor;
     Kestctl(monitor, {"port", "add", "OFFICE", "--address", "10.0.0.1", "--mac", "0004004A1B2C",

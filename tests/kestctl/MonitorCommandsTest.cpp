@@ -195,6 +195,33 @@ TEST(MonitorCommands, StatusSaysWhatIsWrongAndWhatToDo) {
     EXPECT_EQ(nlohmann::json::parse(json.substr(0, json.rfind("FAILED")))["ports"], 1);
 }
 
+TEST(MonitorCommands, StatusNamesWhatOthersHaveChanged) {
+    constexpr wchar_t kKey[] = L"\\Monitors\\kestmon";
+    const LogCapture log;
+    FakeMachine machine;
+    Install(machine);
+    const auto expect = [&machine](const std::string& line, const std::string& toDo, bool broken) {
+        const std::string output = Tool(machine, {"monitor", "status"});
+        EXPECT_THAT(output, AllOf(HasSubstr(line), HasSubstr(toDo)));
+        EXPECT_EQ(output.find("FAILED") != output.npos, broken) << output;
+    };
+    const std::string slp = ReadAll(machine.system / "slp64.dll");
+    WriteAll(machine.system / "slp64.dll", "of another product");
+    expect("damaged, or of another product", "kestctl monitor install --force", true);
+    WriteAll(machine.system / "slp64.dll", slp);
+    machine.Set(kKey, L"Driver", L"other.dll");
+    expect("as other.dll", "set Driver to kestmon.dll", true);
+    machine.Set(kKey, L"Driver", L"kestmon.dll");
+    machine.failing = machine.steps + 1;
+    expect("unknown: the spooler does not respond", "net stop spooler, then net start", true);
+    WriteAll(machine.system / "SLPConf.xml", "<slp_config/>");
+    expect("(none) at (none)", "fill in version, service_name and multicast_address", false);
+    WriteAll(machine.temporary / "npm12.tmp", "a job");
+    expect("1 in " + machine.temporary.string(), "check and delete them", false);
+    fs::remove(machine.system / "kestmon.dll");
+    expect("not checked without kestmon.dll", "-> kestctl monitor install", true);
+}
+
 TEST(SelfTest, TakesEverythingAwayWhenItFailsAndWhenItIsInterrupted) {
     FakeMachine machine;
     FakeMonitor& monitor = machine.monitor;

@@ -89,7 +89,8 @@ SLPError SLPFindAttrs(SLPHandle handle, const char* service, const char* scopes,
     if (handle == kAsyncHandle) {
         current->asyncCallback = callback;
         current->asyncCookie = cookie;
-    } else if (current->findResult == SLP_OK) {
+    }
+    if ((handle == kHandle || current->reportsAtOnce) && current->findResult == SLP_OK) {
         current->Report(callback, cookie);
     }
     return current->findResult;

@@ -19,6 +19,7 @@ struct FakeSlp {
 
     // Reports to the last asynchronous request: the answers, the errors, the last call.
     void Report();
+    bool reportsAtOnce = false;  // to each asynchronous request, before SLPFindAttrs returns
 
     std::vector<std::string> answers;  // attribute lists
     std::vector<SLPError> errors;      // reported behind them

@@ -10,6 +10,7 @@
 #include "tests/support/TcpPeer.h"
 #include "tests/support/WinePrinter.h"
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -132,6 +133,50 @@ TEST_F(DirectChannelTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
     EXPECT_EQ(received, "the next");
     printer.Finish();
     EXPECT_THAT(Print("x"), HasSubstr("(10061)"));
+    EXPECT_EQ(WaitingJobs(), 0u);
+}
+
+BOOL WINAPI KnowNoPrinter(LPWSTR, LPDWORD size) {
+    *size = 0;
+    return SetLastError(ERROR_FILE_NOT_FOUND), FALSE;
+}
+DWORD WINAPI RefuseToStart(HANDLE, DWORD, LPBYTE) {
+    return SetLastError(ERROR_ACCESS_DENIED), 0;
+}
+int deletedJobs = 0;
+BOOL WINAPI RefuseToPause(HANDLE printer, DWORD job, DWORD level, LPBYTE info, DWORD command) {
+    // Not ::SetJobW, which is replaced.
+    static const auto real = reinterpret_cast<decltype(&::SetJobW)>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"winspool.drv"), "SetJobW")));
+    deletedJobs += command == JOB_CONTROL_DELETE ? 1 : 0;
+    return command == JOB_CONTROL_PAUSE ? (SetLastError(ERROR_ACCESS_DENIED), FALSE)
+                                        : real(printer, job, level, info, command);
+}
+
+TEST_F(DirectChannelTest, AJobNeedsAPrinterThatHoldsItsOwn) {
+    Add(L"OFFICE", 9100);
+    const auto refusal = [this](const std::wstring& printer) -> std::string {
+        try {
+            host_->StartJob(L"OFFICE", L"a document", printer);
+        } catch (const CommandFailed& failed) {
+            return failed.what();
+        }
+        return "started";
+    };
+    const HMODULE self = GetModuleHandleW(nullptr);
+    EXPECT_THAT(refusal(L"no such printer"),
+                AllOf(HasSubstr("no such printer cannot be opened"), HasSubstr("--printer")));
+    {
+        const ImportPatch patch(self, "GetDefaultPrinterW", KnowNoPrinter);
+        EXPECT_THAT(refusal(L""), HasSubstr("there is no default printer"));
+    }
+    {
+        const ImportPatch patch(self, "StartDocPrinterW", RefuseToStart);
+        EXPECT_THAT(refusal(printer_.Name()), HasSubstr("gives no job"));
+    }
+    const ImportPatch patch(self, "SetJobW", RefuseToPause);
+    EXPECT_THAT(refusal(printer_.Name()), HasSubstr("does not hold its job"));
+    EXPECT_EQ(deletedJobs, 1) << "the spooler would print it";
     EXPECT_EQ(WaitingJobs(), 0u);
 }
 

@@ -113,4 +113,115 @@ TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {
     std::filesystem::remove(port);
 }
 
+BOOL WINAPI RefuseToOpen(LPWSTR, LPHANDLE, LPPRINTER_DEFAULTSW) {
+    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
+}
+DWORD WINAPI RefuseToStart(HANDLE, DWORD, LPBYTE) {
+    return SetLastError(ERROR_ACCESS_DENIED), 0;
+}
+BOOL WINAPI RefuseToWrite(HANDLE, LPVOID, DWORD, LPDWORD) {
+    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
+}
+BOOL WINAPI TakeNothing(HANDLE, LPVOID, DWORD, LPDWORD taken) {
+    *taken = 0;
+    return SetLastError(ERROR_ACCESS_DENIED), TRUE;
+}
+BOOL WINAPI RefuseToEnd(HANDLE) {
+    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
+}
+BOOL WINAPI RefuseToSet(HANDLE, DWORD, LPBYTE, DWORD) {
+    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
+}
+BOOL WINAPI RefuseToRead(HANDLE, DWORD, LPBYTE, DWORD, LPDWORD needed) {
+    *needed = 0;
+    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
+}
+BOOL WINAPI RefuseToPassOn(HANDLE, PCWSTR, PBYTE, DWORD, PBYTE, DWORD, PDWORD, PDWORD) {
+    return SetLastError(RPC_S_SERVER_UNAVAILABLE), FALSE;
+}
+int aborted = 0;
+BOOL WINAPI CountAborted(HANDLE) {
+    return ++aborted, TRUE;
+}
+
+template <class Action>
+CommandFailed FailureOf(const Action& action) {
+    try {
+        action();
+    } catch (const CommandFailed& failed) {
+        return failed;
+    }
+    return CommandFailed("nothing failed");
+}
+
+TEST(SpoolerService, AJobThatTheSpoolerRefusesFailsAndIsAborted) {
+    const WinePrinter queue(L"NUL:");
+    const HMODULE self = GetModuleHandleW(nullptr);
+    const ImportPatch counting(self, "AbortPrinter", CountAborted);
+    const struct {
+        const char* function;
+        void* replacement;
+        const char* failure;
+        int aborted;
+    } cases[] = {
+        {"OpenPrinterW", reinterpret_cast<void*>(RefuseToOpen), " cannot be opened: ", 0},
+        {"StartDocPrinterW", reinterpret_cast<void*>(RefuseToStart), " does not take the job: ", 0},
+        {"WritePrinter", reinterpret_cast<void*>(RefuseToWrite), " takes no more of job ", 1},
+        // The caller would offer the same bytes for ever.
+        {"WritePrinter", reinterpret_cast<void*>(TakeNothing), " takes no more of job ", 1},
+        {"EndDocPrinter", reinterpret_cast<void*>(RefuseToEnd), " does not end job ", 1},
+    };
+    for (const auto& [function, replacement, failure, expected] : cases) {
+        aborted = 0;
+        const ImportPatch patch(self, function, replacement);
+        const CommandFailed failed = FailureOf([&queue] {
+            const auto job = SpoolerService().StartJob(L"NUL:", L"document", queue.Name());
+            job->Write(reinterpret_cast<const BYTE*>("a job"), 5);
+            job->End();
+        });
+        EXPECT_THAT(failed.what(), AllOf(HasSubstr(failure), HasSubstr("(5)")));
+        EXPECT_EQ(aborted, expected) << failure;
+    }
+}
+
+TEST(SpoolerService, ReportsWhyAQueueIsNotMovedAndACommandNotPassedOn) {
+    const WinePrinter queue(L"NUL:");
+    const HMODULE self = GetModuleHandleW(nullptr);
+    SpoolerService spooler(L"Local Port");
+    const auto move = [&] {
+        return FailureOf([&] { spooler.MoveQueue(queue.Name(), {L"LPT1:", L"LPT2:"}); });
+    };
+    {
+        const ImportPatch patch(self, "SetPrinterW", RefuseToSet);
+        EXPECT_THAT(move().what(), HasSubstr(" cannot be moved to port LPT1:,LPT2:: "));
+        EXPECT_EQ(move().remedy, Remedy::RunAsAdministrator);
+    }
+    {
+        const ImportPatch patch(self, "GetPrinterW", RefuseToRead);
+        EXPECT_THAT(move().what(), HasSubstr(" cannot be read: "));
+    }
+    {
+        const ImportPatch patch(self, "OpenPrinterW", RefuseToOpen);
+        EXPECT_THAT(move().what(), HasSubstr(" cannot be opened: "));
+    }
+    EXPECT_THAT(QueuesOn(spooler.Queues(), L"NUL:"), ElementsAre(queue.Name()));
+    const ImportPatch patch(self, "XcvDataW", RefuseToPassOn);
+    const CommandFailed failed =
+        FailureOf([&spooler] { spooler.Xcv(L"MonitorUI", nullptr, 0, nullptr, 0); });
+    EXPECT_THAT(failed.what(), HasSubstr("does not pass on MonitorUI: "));
+    EXPECT_EQ(failed.remedy, Remedy::StartSpooler);
+}
+
+LONG WINAPI RefuseToConnect(LPCWSTR, HKEY, PHKEY) {
+    return ERROR_BAD_NETPATH;
+}
+
+TEST(SpoolerService, NamesTheServiceThatReadsTheStandardPortsOfAServer) {
+    const ImportPatch patch(GetModuleHandleW(nullptr), "RegConnectRegistryW", RefuseToConnect);
+    EXPECT_THAT(
+        FailureOf([] { SpoolerService(L"kestmon", LR"(\\PRINT1)").StandardPorts(); }).what(),
+        AllOf(HasSubstr(R"(the registry of \\PRINT1 cannot be reached: )"),
+              HasSubstr("Remote Registry")));
+}
+
 }  // namespace
