@@ -134,9 +134,10 @@ done
 
 say "kestctl find"
 expect "all printers" "$(kestctl find)" \
-    "NAME                  MODEL                      ADDRESS           MAC
+    "NAME               MODEL                ADDRESS          MAC           FOUND BY
 $(for n in 1 2 3 4 5; do
-        printf '%-20s  %-25s  %-16s  %s\n' "prn-4$n" "Model 500" "10.77.1.5$n" "00040000004$n"
+        printf '%-17s  %-19s  %-15s  %s  SLP\n' "prn-4$n" "Model 500" "10.77.1.5$n" \
+            "00040000004$n"
     done)"
 prints '"address": "10.77.1.53"' kestctl find --mac 00:04:00:00:00:43 --json ||
     fail "kestctl find --mac does not find its printer"
@@ -171,8 +172,8 @@ not_at "its device identifier is too short for the keys of model and description
 SLPConf.xml names"
 announce "$(announcement 10.77.9.1 00040000004a Büro Model_100)"
 expect "a name with an umlaut" "$(kestctl find --ip 10.77.9.1)" \
-    "NAME                  MODEL                      ADDRESS           MAC
-Büro                  Model 100                  10.77.9.1         00040000004A"
+    "NAME               MODEL                ADDRESS          MAC           FOUND BY
+Büro               Model 100            10.77.9.1        00040000004A  SLP"
 [[ $(kestctl find --json) == *'"hostName": "Büro"'*'"mac": "00040000004A"'* ]] ||
     fail "kestctl find --json calls them otherwise than kestctl port"
 
