@@ -83,9 +83,10 @@ std::unique_ptr<SpoolerChannel> OpenChannel(const CLI::App& app);
 
 // Add the groups of commands.
 //   server: where the channel leads to, \\SERVER; empty for this machine.
+//   identifyByBoth: for `port add --follow`; see IdentifyPrinterByBoth. If empty, `identify`.
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
-                     const PrinterIdentifier& identify,
-                     const std::function<std::wstring()>& server);
+                     const PrinterIdentifier& identify, const std::function<std::wstring()>& server,
+                     const PrinterIdentifier& identifyByBoth = {});
 void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel);
 void AddPortMigrate(CLI::App& port, const ChannelFactory& openChannel,
                     const PrinterIdentifier& identify, const std::function<std::wstring()>& server);

@@ -13,6 +13,7 @@
 #include "admin/ports/PortPrinters.h"
 #include "admin/search/ConfigTrial.h"
 #include "admin/search/Hosts.h"
+#include "admin/search/MergedSearch.h"
 #include "admin/search/PrinterSearch.h"
 #include "admin/search/SearchSettings.h"
 #include "base/Text.h"
@@ -327,6 +328,12 @@ LearnedPrinter AskPrinter(const LearnArguments& arguments, const SearchSettings&
     progress.Show("asking in both versions");
     LearnedPrinter printer = LearnPrinter(address, arguments.services, present);
     if (printer.answers.empty()) {
+        const auto dnsSd = FindByDnsSd([] { return true; });
+        if (std::ranges::any_of(dnsSd, [&](const auto& hit) { return HasAddress(hit, address); })) {
+            throw CommandFailed(address.GetText() +
+                                " answers DNS-SD but not SLP, so jobs cannot follow this printer. "
+                                "Switch SLP on in the printer's web page, under network protocols");
+        }
         throw CommandFailed(address.GetText() + " did not answer under any of " +
                             Count(printer.servicesAsked, "service type") +
                             " in either version of SLP. Check that SLP is enabled on the "

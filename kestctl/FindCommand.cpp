@@ -13,8 +13,11 @@
 #include <vector>
 
 #include "admin/ports/PortSettings.h"
+#include "admin/search/Hosts.h"
+#include "admin/search/MergedSearch.h"
 #include "admin/search/Population.h"
 #include "admin/search/PrinterSearch.h"
+#include "base/Ascii.h"
 #include "base/Text.h"
 #include "kestctl/Command.h"
 #include "kestctl/Interruption.h"
@@ -26,34 +29,43 @@ struct FindArguments {
     std::string hostName;
     std::string ip;
     std::string model;
+    bool slp = false;
+    bool dnsSd = false;
     bool watch = false;
     bool json = false;
+
+    // Neither of the two options, or both: both.
+    SearchSources Sources() const { return {slp || !dnsSd, dnsSd || !slp}; }
 };
 
 // Shows printers one by one as they answer, in columns of a fixed width: 79 characters in all, for
 // a console of 80.
 class Table {
   public:
-    void Add(const Printer& printer) {
+    void Add(const SearchHit& hit) {
+        const Printer& printer = hit.record;
         if (!headed_) {
-            PrintRow("NAME", "MODEL", "ADDRESS", "MAC");
+            PrintRow("NAME", "MODEL", "ADDRESS", "MAC", "FOUND BY");
             headed_ = true;
         }
         PrintRow(printer.GetHostName(), printer.GetModelName(), printer.GetIPAddress().GetText(),
-                 MacText(printer.GetMacAddress()));
+                 MacText(printer.GetMacAddress()), SourceText(hit.identity.source));
     }
 
   private:
     static void PrintRow(const std::string& name, const std::string& model,
-                         const std::string& address, const std::string& mac) {
-        std::cout << Padded(Cell(name), 20) << "  " << Padded(Cell(model), 25) << "  "
-                  << Padded(Cell(address), 16) << "  " << Cell(mac) << std::endl;
+                         const std::string& address, const std::string& mac,
+                         const std::string& foundBy) {
+        std::cout << Padded(Cell(name), 17) << "  " << Padded(Cell(model), 19) << "  "
+                  << Padded(Cell(address), 15) << "  " << Padded(Cell(mac), 12) << "  " << foundBy
+                  << std::endl;
     }
 
     bool headed_ = false;
 };
 
-nlohmann::json ToJson(const Printer& printer) {
+nlohmann::json ToJson(const SearchHit& hit) {
+    const Printer& printer = hit.record;
     const auto address = [](const IPAddress& ip) { return ip.IsValid() ? ip.GetText() : ""; };
     return {{"hostName", printer.GetHostName()},
             {"model", printer.GetModelName()},
@@ -61,21 +73,23 @@ nlohmann::json ToJson(const Printer& printer) {
             {"address", address(printer.GetFirstIPAddress())},
             {"address2", address(printer.GetSecondIPAddress())},
             {"mac", MacText(printer.GetMacAddress())},
-            {"deviceId", printer.GetDeviceId()}};
+            {"deviceId", printer.GetDeviceId()},
+            {"foundBy", SourceText(hit.identity.source)}};
 }
 
 // Finds all printers, each given to `show` as it answers.
 //   interruption: ends the search early.
 //   withoutAddress: receives how many answered, but not with an address.
-std::vector<Printer> FindAll(const std::string& model, const Interruption& interruption,
-                             Progress& progress, const std::function<void(const Printer&)>& show,
-                             size_t& withoutAddress) {
+std::vector<SearchHit> FindAll(const FindArguments& arguments, const Interruption& interruption,
+                               Progress& progress,
+                               const std::function<void(const SearchHit&)>& show,
+                               size_t& withoutAddress) {
     using namespace std::chrono;
-    std::vector<Printer> found;
+    std::vector<SearchHit> found;
     const auto begin = steady_clock::now();
     withoutAddress = FindPrinters(
-        model,
-        [&](const Printer& printer) {
+        arguments.Sources(), arguments.model,
+        [&](const SearchHit& printer) {
             found.push_back(printer);
             show(printer);
         },
@@ -92,7 +106,7 @@ std::vector<Printer> FindAll(const std::string& model, const Interruption& inter
     return found;
 }
 
-Printer FindOne(const FindArguments& arguments) {
+Printer FindOneBySlp(const FindArguments& arguments) {
     if (!arguments.mac.empty()) {
         return FindPrinterByMacAddress(MacAddress(arguments.mac), arguments.model);
     }
@@ -102,8 +116,24 @@ Printer FindOne(const FindArguments& arguments) {
     return FindPrinterAt(arguments.ip, arguments.model);
 }
 
+SearchHit FindOne(const FindArguments& arguments) {
+    const IPAddress address =
+        arguments.ip.empty() ? IPAddress() : AddressOf(StartedNetwork(), arguments.ip);
+    return FindPrinter(
+        arguments.Sources(), [&] { return FindOneBySlp(arguments); },
+        [&](const SearchHit& hit) {
+            const std::string& name = hit.identity.hostName;
+            return MatchesPattern(hit, arguments.model) &&
+                   (!arguments.mac.empty() ? hit.identity.mac == arguments.mac
+                    : !arguments.hostName.empty()
+                        ? EqualsIgnoreCase(name, arguments.hostName) ||
+                              EqualsIgnoreCase(name + ".local", arguments.hostName)
+                        : HasAddress(hit, address));
+        });
+}
+
 // Finds one printer. Ctrl-C ends the process: the search itself cannot be stopped.
-Printer FindOneOrEnd(const FindArguments& arguments, Progress& progress) {
+SearchHit FindOneOrEnd(const FindArguments& arguments, Progress& progress) {
     const Interruption interruption;
     auto search = std::async(std::launch::async, FindOne, arguments);
     while (search.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
@@ -153,16 +183,17 @@ void PrintEventText(const std::string& event, const PrinterIdentity& identity,
     // Without the date, which the user knows.
     std::cout << TimeText("%04u-%02u-%02u %02u:%02u:%02u", time).substr(11) << "  "
               << Padded(event, 5) << "  " << Padded(Cell(identity.hostName), 20) << "  "
-              << Padded(Cell(identity.mac), 12) << "  " << Printable(identity.address)
+              << Padded(Cell(identity.mac), 12) << "  " << Padded(SourceText(identity.source), 6)
+              << "  " << Printable(identity.address)
               << (before.empty() ? "" : ", was at " + Printable(before)) << std::endl;
 }
 
-void TellEvent(bool json, Population::Event event, const Printer& printer,
+void TellEvent(bool json, Population::Event event, const SearchHit& printer,
                const std::string& before) {
     const char* const name = event == Population::Event::Came   ? "came"
                              : event == Population::Event::Went ? "went"
                                                                 : "moved";
-    const PrinterIdentity identity = IdentityOf(printer);
+    const PrinterIdentity& identity = printer.identity;
     if (!json) {
         PrintEventText(name, identity, before);
         return;
@@ -171,7 +202,8 @@ void TellEvent(bool json, Population::Event event, const Printer& printer,
                                {"address", identity.address},
                                {"mac", identity.mac},
                                {"hostName", identity.hostName},
-                               {"model", printer.GetModelName()}};
+                               {"model", printer.record.GetModelName()},
+                               {"foundBy", SourceText(identity.source)}};
     if (!before.empty()) {
         document["addressBefore"] = before;
     }
@@ -203,7 +235,7 @@ void RunWatch(const FindArguments& arguments) {
     const Interruption interruption;
     Progress progress(!arguments.json);
     Population population(
-        [&](Population::Event event, const Printer& printer, const std::string& before) {
+        [&](Population::Event event, const SearchHit& printer, const std::string& before) {
             progress.Clear();
             TellEvent(arguments.json, event, printer, before);
         });
@@ -211,10 +243,11 @@ void RunWatch(const FindArguments& arguments) {
         progress.Show("watching, " + HereText(population));
         return !interruption.Requested() && std::cout && !OutputIsClosed();
     };
-    WatchPrinters(arguments.model, population, goOn, [&progress](const CommandFailed& failed) {
-        progress.Clear();
-        std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
-    });
+    WatchPrinters(arguments.Sources(), arguments.model, population, goOn,
+                  [&progress](const CommandFailed& failed) {
+                      progress.Clear();
+                      std::cerr << "kestctl: this round failed: " << Explained(failed) << std::endl;
+                  });
     progress.Clear();
     if (OutputIsClosed()) {
         // Not a failure to write: the reader has read all that it wants.
@@ -225,9 +258,9 @@ void RunWatch(const FindArguments& arguments) {
     PrintSummary(population, arguments.json);
 }
 
-void PrintFound(const std::vector<Printer>& found) {
+void PrintFound(const std::vector<SearchHit>& found) {
     auto document = nlohmann::json::array();
-    for (const Printer& printer : found) {
+    for (const SearchHit& printer : found) {
         document.push_back(ToJson(printer));
     }
     PrintJson(document);
@@ -238,9 +271,9 @@ void RunFindAll(const FindArguments& arguments) {
     Progress progress(!arguments.json);
     const Interruption interruption;
     size_t withoutAddress = 0;
-    const std::vector<Printer> found = FindAll(
-        arguments.model, interruption, progress,
-        [&](const Printer& printer) {
+    const std::vector<SearchHit> found = FindAll(
+        arguments, interruption, progress,
+        [&](const SearchHit& printer) {
             progress.Clear();
             if (!arguments.json) {
                 table.Add(printer);
@@ -260,7 +293,7 @@ void RunFindAll(const FindArguments& arguments) {
 void RunFindOne(const FindArguments& arguments) {
     Progress progress(!arguments.json);
     progress.Show("searching");
-    const Printer printer = FindOneOrEnd(arguments, progress);
+    const SearchHit printer = FindOneOrEnd(arguments, progress);
     progress.Clear();
     if (arguments.json) {
         PrintFound({printer});
@@ -301,6 +334,9 @@ void AddFindCommand(CLI::App& app) {
     hostName.excludes(&ip);
     AddText(command, "--model", arguments.model,
             "Only printers whose model matches this pattern (* any text, ? any character)");
+    command.add_flag("--slp", arguments.slp, "Search by SLP alone");
+    command.add_flag("--dns-sd", arguments.dnsSd,
+                     "Search by DNS-SD alone; without both options, or with both, by both");
     command
         .add_flag(
             "--watch", arguments.watch,

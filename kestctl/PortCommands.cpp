@@ -175,7 +175,14 @@ std::string ResolvedText(const std::string& name) {
 }
 
 std::string FollowingText(const std::optional<PrinterIdentity>& printer) {
-    return printer ? ", following " + IdentityText(*printer) : std::string();
+    if (!printer) {
+        return {};
+    }
+    return printer->source == SearchSource::DnsSd
+               ? ", the address of " + IdentityText(*printer) +
+                     "\nThis printer does not answer SLP. Jobs will not follow it; `kestctl port "
+                     "check --repair` can."
+               : ", following " + IdentityText(*printer);
 }
 
 // Changes a port unless it is a dry run, and reports it. Returns it as JSON.
@@ -226,9 +233,9 @@ nlohmann::json AddNewPort(SpoolerChannel& channel, const std::wstring& name,
 }
 
 void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
-            const PrinterIdentifier& identify) {
+            const PrinterIdentifier& identifyByBoth) {
     const std::string resolved = ResolveAddress(arguments.change);
-    const PortWishes wishes = WishesOf(arguments, identify);
+    const PortWishes wishes = WishesOf(arguments, identifyByBoth);
     const std::wstring name = Utf8ToWide(arguments.names[0]);
     if (!arguments.tolerant) {
         PortRecords unused;
@@ -238,7 +245,7 @@ void RunAdd(PortArguments& arguments, const ChannelFactory& openChannel,
     const Interruption untilDone;  // a port without settings would remain
     const auto there = arguments.tolerant ? PortCalled(*channel, name) : std::nullopt;
     const nlohmann::json document =
-        there ? SetPort(*channel, PlanChanges(*channel, {*there}, wishes, identify, {})[0],
+        there ? SetPort(*channel, PlanChanges(*channel, {*there}, wishes, identifyByBoth, {})[0],
                         arguments, resolved)
               : AddNewPort(*channel, name, arguments, wishes, resolved);
     if (arguments.json) {
@@ -411,8 +418,8 @@ void AddSet(CLI::App& port, const ChannelFactory& openChannel, const PrinterIden
 }  // namespace
 
 void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
-                     const PrinterIdentifier& identify,
-                     const std::function<std::wstring()>& server) {
+                     const PrinterIdentifier& identify, const std::function<std::wstring()>& server,
+                     const PrinterIdentifier& identifyByBoth) {
     CLI::App& port = AddGroup(app, "port", "Manage the monitor's ports");
     const auto [list, listed] =
         Add(port, "list", "List the ports with their addresses and printers", "port list --json",
@@ -422,7 +429,7 @@ void AddPortCommands(CLI::App& app, const ChannelFactory& openChannel,
         Add(port, "show", "Show all settings of ports", "port show OFFICE", openChannel, RunShow);
     AddNames(show, shown.names).required();
     AddJsonFlag(show, shown.json);
-    AddAdd(port, openChannel, identify);
+    AddAdd(port, openChannel, identifyByBoth ? identifyByBoth : identify);
     AddSet(port, openChannel, identify);
     const auto [remove, removed] = Add(port, "delete", "Delete ports that no printer uses",
                                        "port delete OFFICE", openChannel, RunDelete);

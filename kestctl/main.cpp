@@ -17,6 +17,7 @@
 #include <streambuf>
 
 #include "Version.h"
+#include "admin/search/MergedSearch.h"
 #include "admin/search/PrinterSearch.h"
 #include "base/Text.h"
 #include "admin/setup/WindowsMachine.h"
@@ -154,7 +155,9 @@ int Run() {
     AddServerOption(app);
 
     const ChannelFactory openChannel = [&app] { return OpenChannel(app); };
-    AddPortCommands(app, openChannel, IdentifyPrinter, [&app] { return ServerName(app); });
+    AddPortCommands(
+        app, openChannel, IdentifyPrinter, [&app] { return ServerName(app); },
+        IdentifyPrinterByBoth);
     AddPrintCommand(app, openChannel);
     AddNetworkCommands(app);
     AddSlpCommands(app);

@@ -2,7 +2,7 @@
 
 #include "admin/channel/SpoolerService.h"
 #include "admin/search/Hosts.h"
-#include "admin/search/PrinterSearch.h"
+#include "admin/search/MergedSearch.h"
 
 Environment SystemEnvironment() {
     Environment environment;
@@ -11,16 +11,16 @@ Environment SystemEnvironment() {
     };
     environment.search = [](const auto& found, const auto& mayContinue) {
         return FindPrinters(
-            "",
-            [&found](const Printer& printer) {
-                found({IdentityOf(printer), printer.GetHostName(), printer.GetModelName()});
+            {}, "",
+            [&found](const SearchHit& hit) {
+                found({hit.identity, hit.record.GetHostName(), hit.record.GetModelName()});
             },
             mayContinue);
     };
     environment.resolve = [](const std::string& host) {
         return AddressOf(StartedNetwork(), host).GetText();
     };
-    environment.identify = IdentifyPrinter;
+    environment.identify = IdentifyPrinterByBoth;
     environment.connect = [](const std::string& host, DWORD port,
                              std::chrono::milliseconds timeout) {
         return RealCheckNetwork().connect(host, port, timeout);

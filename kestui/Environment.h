@@ -32,7 +32,7 @@ struct Environment {
     // Returns the IP address of a host name or IP address.
     std::function<std::string(const std::string& host)> resolve;
 
-    // See IdentifyPrinter.
+    // See IdentifyPrinterByBoth.
     PrinterIdentifier identify;
 
     decltype(CheckNetwork::connect) connect;

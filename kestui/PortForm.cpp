@@ -80,8 +80,25 @@ void PortForm::EnableFields() {
     }
 }
 
+// Fills in how a printer announces that it takes jobs. A port that exists keeps its settings.
+void PortForm::TakeService(const PrinterIdentity& printer) {
+    if (stored_.standard.dwProtocol != 0 || printer.services.empty()) {
+        return;
+    }
+    const auto& [protocol, port, queue] = printer.services[0];
+    CheckRadioButton(Window(), IDC_RAW, IDC_LPR, protocol == "lpr" ? IDC_LPR : IDC_RAW);
+    ChangeProtocol();
+    SetText(IDC_PORT, std::to_wstring(port));
+    if (std::string checked = queue; CheckQueue(checked).empty()) {
+        SetText(IDC_QUEUE, Utf8ToWide(checked));
+    }
+}
+
 void PortForm::Enter(Lookup state) {
     lookup_ = std::move(state);
+    if (const auto* resolved = std::get_if<Resolved>(&lookup_)) {
+        TakeService(resolved->printer);
+    }
     SetText(IDC_FOLLOW_NOTE, FollowNote());
     const bool isUnknown =
         std::holds_alternative<NoAddress>(lookup_) || std::holds_alternative<LookingUp>(lookup_);
@@ -149,7 +166,7 @@ void PortForm::EndLookup(const Lookup& outcome) {
 
 bool PortForm::CanFollow() const {
     const auto* resolved = std::get_if<Resolved>(&lookup_);
-    return resolved != nullptr &&
+    return resolved != nullptr && resolved->printer.source != SearchSource::DnsSd &&
            (!resolved->printer.mac.empty() || !resolved->printer.hostName.empty()) &&
            !KeepsOtherName(resolved->printer, stored_);
 }
@@ -166,6 +183,9 @@ std::wstring PortForm::FollowNote() const {
     const std::wstring name = DisplayText(resolved->printer.hostName);
     if (mac.empty() && name.empty()) {
         return texts_(resolved->identified ? IDS_FOLLOW_NEITHER : IDS_FOLLOW_UNIDENTIFIED);
+    }
+    if (resolved->printer.source == SearchSource::DnsSd) {
+        return texts_(IDS_FOLLOW_NO_SLP);
     }
     if (!CanFollow()) {
         return texts_(IDS_FOLLOW_OLD_NAME, {DisplayText(StoredPrinter(stored_).hostName)});

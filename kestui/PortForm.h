@@ -78,6 +78,7 @@ class PortForm : public Dialog {
     bool ReadAddress(PortChange& change);
     bool ReadText(UINT field, std::string (*check)(std::string&), UINT problem, std::string& text);
     void ChangeProtocol();
+    void TakeService(const PrinterIdentity& printer);
     void EnableFields();
 
     std::string host_;  // the text of the address field that the state belongs to

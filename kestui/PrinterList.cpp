@@ -15,12 +15,20 @@ struct Column {
     std::wstring (*text)(const FoundPrinter&);
 };
 constexpr Column kColumns[] = {
-    {IDS_COLUMN_NAME, 24, [](const FoundPrinter& printer) { return DisplayText(printer.name); }},
-    {IDS_COLUMN_MODEL, 34, [](const FoundPrinter& printer) { return DisplayText(printer.model); }},
-    {IDS_COLUMN_ADDRESS, 20,
+    {IDS_COLUMN_NAME, 22, [](const FoundPrinter& printer) { return DisplayText(printer.name); }},
+    {IDS_COLUMN_MODEL, 26, [](const FoundPrinter& printer) { return DisplayText(printer.model); }},
+    {IDS_COLUMN_ADDRESS, 18,
      [](const FoundPrinter& printer) { return DisplayText(printer.identity.address); }},
-    {IDS_COLUMN_MAC, 22,
+    {IDS_COLUMN_MAC, 19,
      [](const FoundPrinter& printer) { return DisplayMac(printer.identity.mac); }},
+    {IDS_COLUMN_FOUND_BY, 15,
+     [](const FoundPrinter& printer) {
+         // Names of protocols, the same in each language.
+         const SearchSource source = printer.identity.source;
+         return std::wstring(source == SearchSource::Slp     ? L"SLP"
+                             : source == SearchSource::DnsSd ? L"DNS-SD"
+                                                             : L"SLP, DNS-SD");
+     }},
 };
 
 // Compares numbers by value: 10.0.0.9 comes before 10.0.0.10.

@@ -1,5 +1,7 @@
 #include "admin/ports/Following.h"
 
+#include <algorithm>
+
 #include "address/AddressText.h"
 #include "base/Parallel.h"
 
@@ -8,7 +10,30 @@ bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before) {
            FieldText(before.extended.sztHWAddress) != printer.mac;
 }
 
+namespace {
+
+// Has a new port print as the printer announces, as far as the change does not say otherwise.
+void TakeService(const PrinterIdentity& printer, PortChange& change) {
+    const auto service = std::ranges::find_if(printer.services, [&](const auto& announced) {
+        return !change.protocol || *change.protocol == announced.protocol;
+    });
+    if (service == printer.services.end()) {
+        return;
+    }
+    change.protocol = service->protocol;
+    change.portNumber = change.portNumber.value_or(service->port);
+    std::string queue = service->queue;
+    if (!change.queue && service->protocol == "lpr" && CheckQueue(queue).empty()) {
+        change.queue = queue;
+    }
+}
+
+}  // namespace
+
 void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change) {
+    if (before.standard.dwProtocol == 0) {
+        TakeService(printer, change);
+    }
     if (!change.address && !change.ipv6) {
         (IsIPv4AddressText(printer.address) ? change.address : change.ipv6) = printer.address;
     }
@@ -26,7 +51,7 @@ void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, Po
     if (!printer.hostName.empty()) {
         change.hostName = printer.hostName;
     }
-    change.alwaysPrint = true;
+    change.alwaysPrint = printer.source != SearchSource::DnsSd;
 }
 
 std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& hosts,

@@ -1,4 +1,5 @@
-// Makes ports follow their printers.
+// Makes ports follow their printers. Jobs cannot follow a printer that does not answer SLP: its
+// port gets the MAC address and the host name, but not "always print".
 #pragma once
 
 #include <functional>
@@ -14,7 +15,8 @@
 bool KeepsOtherName(const PrinterIdentity& printer, const PortRecords& before);
 
 // Completes a change so that the port follows a printer. Without an address in the change, the port
-// also sends to the address where the printer answered.
+// also sends to the address where the printer answered. A new port gets the protocol, TCP port and
+// queue that the printer announces, unless the change has them.
 //   before: the port's records, all zero for a new port.
 // Throws CommandFailed if the port would keep the host name of another printer.
 void Follow(const PrinterIdentity& printer, const PortRecords& before, PortChange& change);

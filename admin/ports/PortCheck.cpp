@@ -12,6 +12,7 @@
 #include "base/CommandFailed.h"
 #include "base/Connect.h"
 #include "admin/search/Hosts.h"
+#include "admin/search/MergedSearch.h"
 #include "base/Parallel.h"
 #include "admin/ports/PortStore.h"
 #include "admin/search/PrinterSearch.h"
@@ -106,10 +107,29 @@ bool IsToBeLocated(const CheckedPort& port) {
            HasKeys(port.records);
 }
 
+const PrinterIdentity* FindOwn(const PortRecords& records,
+                               const std::vector<PrinterIdentity>& printers) {
+    const Keys port(records);
+    const PrinterIdentity* byName = nullptr;
+    for (const PrinterIdentity& printer : printers) {
+        if (!port.mac.empty() && printer.mac == port.mac) {
+            return &printer;
+        }
+        // A name in DNS-SD is anybody's: it does not count against the MAC address.
+        const bool other = printer.source == SearchSource::DnsSd && IsAnother(port, printer);
+        if (byName == nullptr && !other && !port.hostName.empty() &&
+            ToLower(printer.hostName) == port.hostName) {
+            byName = &printer;
+        }
+    }
+    return byName;
+}
+
 // Completes what is known of a port by what the search has found.
 void Locate(CheckedPort& port, const SearchOutcome& search) {
-    const std::string found = FindOwnPrinter(port.records, search.printers);
-    if (!search.failure.empty()) {
+    const PrinterIdentity* own = FindOwn(port.records, search.printers);
+    const std::string found = own != nullptr ? own->address : "";
+    if (!search.failure.empty() && found.empty()) {
         port.detail += ", and there was no search: " + search.failure;
     } else if (found.empty()) {
         port.detail += ", and no search finds the port's printer";
@@ -117,6 +137,7 @@ void Locate(CheckedPort& port, const SearchOutcome& search) {
         port.detail += ", but answers the search from there";
     } else {
         port.found = found;
+        port.foundByDnsSd = own->source == SearchSource::DnsSd;
         if (port.state == PortState::Unreachable) {
             port.state = PortState::Moved;
             port.detail.clear();
@@ -135,6 +156,32 @@ SearchOutcome Outcome(const std::function<std::vector<PrinterIdentity>()>& searc
         outcome.failure = failed.what();
     }
     return outcome;
+}
+
+// Searches by both protocols. What both have found at one address counts as found by SLP.
+SearchOutcome SearchBoth(const CheckNetwork& network) {
+    auto dnsSd = std::async(std::launch::async, [&] {
+        return network.searchDnsSd ? network.searchDnsSd() : std::vector<PrinterIdentity>();
+    });
+    SearchOutcome outcome = Outcome(network.search);
+    for (PrinterIdentity& printer : dnsSd.get()) {
+        if (std::ranges::none_of(outcome.printers, [&printer](const PrinterIdentity& other) {
+                return other.source == SearchSource::Slp &&
+                       AddressKey(other.address) == AddressKey(printer.address);
+            })) {
+            outcome.printers.push_back(std::move(printer));
+        }
+    }
+    return outcome;
+}
+
+// The printers that a job can find: it searches by SLP alone.
+std::vector<PrinterIdentity> FoundByJobs(const SearchOutcome& search) {
+    std::vector<PrinterIdentity> printers;
+    std::ranges::copy_if(
+        search.printers, std::back_inserter(printers),
+        [](const PrinterIdentity& printer) { return printer.source != SearchSource::DnsSd; });
+    return printers;
 }
 
 bool CanBeFollowed(const CheckedPort& port) {
@@ -177,6 +224,10 @@ void Identify(const std::vector<CheckedPort*>& ports, const CheckNetwork& networ
 std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
                              const SearchOutcome& search) {
     const std::string who = IdentityText(port.printer);
+    if (port.printer.source == SearchSource::DnsSd) {
+        return "announces " + who +
+               " by DNS-SD, but does not answer the search by SLP: jobs cannot follow it";
+    }
     if (!search.failure.empty()) {
         return "there was no search: " + search.failure;
     }
@@ -200,7 +251,7 @@ void Judge(CheckedPort& port, const SearchOutcome& search) {
         port.state = PortState::CannotFollow;
         port.detail = kNoKeys;
     } else if (port.records.extended.dwAlwaysPrint != 0) {
-        const std::string found = FindOwnPrinter(port.records, search.printers);
+        const std::string found = FindOwnPrinter(port.records, FoundByJobs(search));
         const bool unknown = IdentityText(port.printer).empty();
         if (search.noFile) {
             port.state = PortState::NoConfiguration;
@@ -262,7 +313,7 @@ SearchOutcome TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& netwo
     const bool wanted = std::any_of(ports.begin(), ports.end(),
                                     [](const CheckedPort& port) { return HasKeys(port.records); });
     const std::shared_future<SearchOutcome> search = std::async(
-        std::launch::async, [&] { return wanted ? Outcome(network.search) : SearchOutcome(); });
+        std::launch::async, [&] { return wanted ? SearchBoth(network) : SearchOutcome(); });
     ForEach(
         ports.size(), kConnectedAtOnce,
         [&](size_t at) { Reach(ports[at], network, std::min(kMoment, timeout)); },
@@ -290,26 +341,14 @@ SearchOutcome TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& netwo
 
 CheckNetwork RealCheckNetwork() {
     StartedNetwork();
-    return {TryConnection, IdentityAt, [] { return FindIdentities([] { return true; }); }};
+    return {TryConnection, IdentityAt, [] { return FindIdentities([] { return true; }); },
+            FindIdentitiesByDnsSd};
 }
 
 std::string FindOwnPrinter(const PortRecords& records,
                            const std::vector<PrinterIdentity>& printers) {
-    const Keys port(records);
-    const auto by = [&printers](const auto& is) {
-        const auto found = std::find_if(printers.begin(), printers.end(), is);
-        return found != printers.end() ? found->address : std::string();
-    };
-    std::string address;
-    if (!port.mac.empty()) {
-        address = by([&](const PrinterIdentity& printer) { return printer.mac == port.mac; });
-    }
-    if (address.empty() && !port.hostName.empty()) {
-        address = by([&](const PrinterIdentity& printer) {
-            return ToLower(printer.hostName) == port.hostName;
-        });
-    }
-    return address;
+    const PrinterIdentity* own = FindOwn(records, printers);
+    return own != nullptr ? own->address : "";
 }
 
 bool HasKeys(const PortRecords& records) {

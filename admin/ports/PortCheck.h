@@ -30,6 +30,8 @@ struct CheckNetwork {
     PrinterIdentifier identify;
     // All printers that answer. Throws NoSearchFile and CommandFailed.
     std::function<std::vector<PrinterIdentity>()> search;
+    // All printers that announce themselves by DNS-SD, once for each address. May be empty.
+    std::function<std::vector<PrinterIdentity>()> searchDnsSd = {};
 };
 
 // The real one. Throws CommandFailed where there is no network.
@@ -53,14 +55,15 @@ struct CheckedPort {
     Connection connection = {};
     PrinterIdentity printer = {};  // who answered at the address; all empty: it keeps silent
     std::string found = {};        // where the port's own printer is instead; empty: not known
+    bool foundByDnsSd = false;     // it does not answer SLP there
     std::string detail = {};       // what else there is to say
 };
 
 // The printers that a search found, or why there was none.
 struct SearchOutcome {
-    std::vector<PrinterIdentity> printers = {};
-    std::string failure = {};
-    bool noFile = false;  // SLPConf.xml is missing or broken
+    std::vector<PrinterIdentity> printers = {};  // those by SLP first
+    std::string failure = {};                    // of the search by SLP
+    bool noFile = false;                         // SLPConf.xml is missing or broken
 };
 
 // Returns the address at which a job would look for the port's printer among these: by its MAC

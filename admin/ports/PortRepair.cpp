@@ -4,7 +4,8 @@ namespace {
 
 void RepairOne(SpoolerChannel& channel, bool dryRun, const std::function<bool()>& goOn,
                RepairResult& result) {
-    if (result.port.records.extended.dwAlwaysPrint == 0) {
+    // No job can follow a printer without SLP: its ports are without --always-print.
+    if (result.port.records.extended.dwAlwaysPrint == 0 && !result.port.foundByDnsSd) {
         throw CommandFailed("the port does not follow its printer (--always-print)");
     }
     if (!goOn()) {

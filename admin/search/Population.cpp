@@ -4,8 +4,6 @@
 
 #include <chrono>
 
-#include "admin/search/PrinterSearch.h"
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -15,8 +13,7 @@ constexpr DWORD kPause = 100;                // ms, between calls of goOn
 constexpr int kPatience = 3;                 // rounds without an answer until a printer is gone
 
 // What a printer is recognised by. One with neither key is known by its address: it cannot move.
-std::string KeyOf(const Printer& printer) {
-    const PrinterIdentity identity = IdentityOf(printer);
+std::string KeyOf(const PrinterIdentity& identity) {
     return !identity.mac.empty()        ? identity.mac
            : !identity.hostName.empty() ? "name " + identity.hostName
                                         : "at " + identity.address;
@@ -24,8 +21,14 @@ std::string KeyOf(const Printer& printer) {
 
 }  // namespace
 
-void Population::Answered(const Printer& printer) {
-    const auto [place, isNew] = known_.try_emplace(KeyOf(printer));
+void Population::Answered(const SearchHit& printer) {
+    std::string key = KeyOf(printer.identity);
+    if (const std::string& name = printer.identity.hostName; !name.empty()) {
+        const std::string& knownKey = keys_.try_emplace(name, key).first->second;
+        // DNS-SD does not give the MAC address each time.
+        key = printer.identity.source == SearchSource::DnsSd ? knownKey : key;
+    }
+    const auto [place, isNew] = known_.try_emplace(key);
     Known& known = place->second;
     if (isNew) {
         known.printer = printer;
@@ -35,13 +38,13 @@ void Population::Answered(const Printer& printer) {
         known.missed = 0;
         known.latest = printer;
     }
-    known.addresses.insert(printer.GetIPAddress().GetText());
+    known.addresses.insert(printer.identity.address);
 }
 
 void Population::EndRound() {
     for (auto place = known_.begin(); place != known_.end();) {
         Known& known = place->second;
-        const std::string before = known.printer.GetIPAddress().GetText();
+        const std::string before = known.printer.identity.address;
         if (known.addresses.empty() && ++known.missed >= kPatience) {
             Tell(Event::Went, known.printer);
             place = known_.erase(place);
@@ -61,19 +64,20 @@ size_t Population::Counted(Event event) const {
     return found != counts_.end() ? found->second : 0;
 }
 
-void Population::Tell(Event event, const Printer& printer, const std::string& addressBefore) {
+void Population::Tell(Event event, const SearchHit& printer, const std::string& addressBefore) {
     ++counts_[event];
     tell_(event, printer, addressBefore);
 }
 
-void WatchPrinters(const std::string& modelPattern, Population& population,
-                   const std::function<bool()>& goOn,
+void WatchPrinters(const SearchSources& sources, const std::string& modelPattern,
+                   Population& population, const std::function<bool()>& goOn,
                    const std::function<void(const CommandFailed&)>& failed) {
     for (bool first = true; goOn(); first = false) {
         const auto next = Clock::now() + kBetween;
         try {
             FindPrinters(
-                modelPattern, [&](const Printer& printer) { population.Answered(printer); }, goOn);
+                sources, modelPattern,
+                [&](const SearchHit& printer) { population.Answered(printer); }, goOn);
             if (goOn()) {
                 population.EndRound();
             }

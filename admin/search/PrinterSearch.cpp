@@ -267,15 +267,19 @@ Printer FindPrinterAt(const std::string& host, const std::string& modelPattern) 
     return printer;
 }
 
+void RequireKeys(const PrinterIdentity& printer) {
+    if (printer.mac.empty() && printer.hostName.empty()) {
+        throw CommandFailed("the printer at " + printer.address +
+                                " announces neither a MAC address nor a host name",
+                            Remedy::CheckSearch);
+    }
+}
+
 PrinterIdentity IdentifyPrinter(const std::string& host) {
     const std::string address = AddressOf(StartedNetwork(), host).GetText();
     PrinterIdentity identity = IdentityOf(FindPrinterAt(address, ""));
     identity.address = address;
-    if (identity.mac.empty() && identity.hostName.empty()) {
-        throw CommandFailed(
-            "the printer at " + address + " announces neither a MAC address nor a host name",
-            Remedy::CheckSearch);
-    }
+    RequireKeys(identity);
     return identity;
 }
 

@@ -46,6 +46,9 @@ Printer FindPrinterByMacAddress(const MacAddress& mac, const std::string& modelP
 Printer FindPrinterByHostName(const std::string& hostName, const std::string& modelPattern);
 Printer FindPrinterAt(const std::string& host, const std::string& modelPattern);
 
+// Throws CommandFailed for a printer that announces neither MAC address nor host name.
+void RequireKeys(const PrinterIdentity& printer);
+
 // Asks the printer at a host for its MAC address and its name; also fails when it announces
 // neither.
 PrinterIdentity IdentifyPrinter(const std::string& host);

@@ -214,6 +214,29 @@ TEST_F(Dialogs, AddPortForSelectedPrinter) {
         SameSettings(scene.monitor.ports[added_], Port("10.1.0.13", "0004004A01BC", "prn-12")));
 }
 
+TEST_F(Dialogs, AddPortForPrinterWithoutSlp) {
+    Scene scene;
+    scene.AddPrinters(2);
+    scene.printers[0].identity.source = SearchSource::Both;
+    scene.printers[1].identity = {
+        "10.1.0.9", "", "quiet", SearchSource::DnsSd, {{"lpr", 1515, "q1"}, {"raw", 9100, ""}}};
+    Add(scene, ERROR_SUCCESS, [&](const User& user) {
+        user.Await(IDC_STATUS, L"2 printers were found");
+        user.Type(IDC_FILTER, L"SLP, DNS-SD");
+        EXPECT_EQ(user.Rows(), 1);
+        user.Type(IDC_FILTER, L"dns-sd");
+        EXPECT_EQ(user.Rows(), 2);
+        user.Pick(1);
+        user.Await(IDC_FOLLOW_NOTE, L"does not answer SLP. Jobs will not follow it");
+        EXPECT_FALSE(user.Enabled(IDC_FOLLOW) || user.Checked(IDC_FOLLOW));
+        user.Press(IDC_ADD);
+    });
+    const PortRecords& port = scene.monitor.ports[added_];
+    EXPECT_EQ(Destination(port), "lpr to 10.1.0.9:1515, queue q1");
+    EXPECT_EQ(port.extended.dwAlwaysPrint, 0u);
+    EXPECT_EQ(FieldText(port.standard.sztHostAddress), "quiet");
+}
+
 // Types each value into a field and expects the same problem beside the field.
 void ExpectRefused(const User& user, UINT field, const std::vector<const wchar_t*>& values,
                    UINT problem) {

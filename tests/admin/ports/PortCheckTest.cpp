@@ -140,6 +140,38 @@ TEST_F(PortCheckTest, ARepairKeepsWhatWasSetSinceTheCheck) {
     EXPECT_EQ(AddressInUse(monitor.ports[L"E"]), "10.0.1.6");
 }
 
+// Ports A, C, D and E, of printers that DNS-SD alone finds.
+TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
+    const auto announced = [](const char* address, const char* mac, const char* name) {
+        return PrinterIdentity{address, mac, name, SearchSource::DnsSd};
+    };
+    monitor.ports[L"D"].extended.dwAlwaysPrint = 0;
+    CheckNetwork network = Network();
+    network.search = []() -> std::vector<PrinterIdentity> { throw NoSearchFile("no file"); };
+    network.searchDnsSd = [&] {
+        return std::vector<PrinterIdentity>{
+            announced("10.0.0.1", "", "prn-1"), announced("10.0.1.4", "0004000000EE", "prn-4"),
+            announced("10.0.1.5", "", "PRN-5"), announced("10.0.1.6", "000400000006", "x")};
+    };
+    std::vector<RepairResult> results;
+    for (const CheckedPort& port :
+         CheckPorts(*channel, {L"A", L"C", L"D", L"E"}, network, 3s, [](size_t, size_t) {})) {
+        results.push_back({port});
+    }
+    RepairPorts(
+        *channel, false, [] { return true; }, results);
+    EXPECT_EQ(results[0].port.state, PortState::NoConfiguration) << "no job can follow";
+    EXPECT_EQ(results[1].port.found, "") << "the MAC address tells that it is another";
+    EXPECT_TRUE(results[2].repaired) << "without `always print`, too";
+    EXPECT_EQ(AddressInUse(monitor.ports[L"D"]), "10.0.1.5");
+
+    network.search = [] { return std::vector<PrinterIdentity>(); };
+    const auto again = CheckPorts(*channel, {L"A", L"E"}, network, 3s, [](size_t, size_t) {});
+    EXPECT_EQ(again[0].state, PortState::NotRecognised);
+    EXPECT_THAT(again[0].detail, HasSubstr("by DNS-SD, but does not answer"));
+    EXPECT_EQ(again[1].found, "10.0.1.6") << "by its MAC address";
+}
+
 TEST_F(PortCheckTest, ADryRunAndCtrlCRepairNothing) {
     monitor.ports[L"D"].extended.dwAlwaysPrint = 0;
     std::vector<RepairResult> results;

@@ -10,8 +10,8 @@ namespace {
 TEST(Population, TellsWhoComesMovesAndGoes) {
     std::string told;
     Population population(
-        [&told](Population::Event event, const Printer& printer, const std::string& before) {
-            told += std::to_string(static_cast<int>(event)) + printer.GetIPAddress().GetText() +
+        [&told](Population::Event event, const SearchHit& printer, const std::string& before) {
+            told += std::to_string(static_cast<int>(event)) + printer.identity.address +
                     (before.empty() ? "" : "<" + before) + ' ';
         });
     // What a round with answers from these addresses tells.
@@ -36,6 +36,24 @@ TEST(Population, TellsWhoComesMovesAndGoes) {
     EXPECT_EQ(round({}), "210.0.0.2 ");
     EXPECT_EQ(population.Size(), 0u);
     EXPECT_EQ(population.Counted(Population::Event::Moved), 1u);
+}
+
+TEST(Population, APrinterWithoutSlpIsKnownByItsName) {
+    std::string told;
+    Population population(
+        [&told](Population::Event event, const SearchHit& printer, const std::string&) {
+            told += std::to_string(static_cast<int>(event)) + printer.identity.address + ' ';
+        });
+    SearchHit printer(mdns::Printer{"", "prn.local", {"10.0.0.1"}, {}, "", "", ""});
+    population.Answered(printer);
+    population.EndRound();
+    printer.identity.mac = "000400000001";  // known in this round alone
+    population.Answered(printer);
+    population.EndRound();
+    population.Answered(SearchHit(mdns::Printer{"", "prn.local", {"10.0.0.2"}, {}, "", "", ""}));
+    population.EndRound();
+    EXPECT_EQ(told, "010.0.0.1 110.0.0.2 ");
+    EXPECT_EQ(population.Size(), 1u);
 }
 
 }  // namespace
