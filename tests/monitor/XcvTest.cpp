@@ -280,6 +280,30 @@ TEST_F(XcvTest, MonitorUITellsTheNameOfItsLibrary) {
               DWORD{ERROR_INVALID_PARAMETER});
 }
 
+// The sizes claim a buffer: without these checks the spooler would end.
+TEST_F(XcvTest, NullPointersAreRefused) {
+    WCHAR name[] = L"LPT1:";
+    auto* input = reinterpret_cast<PBYTE>(name);
+    BYTE buffer[64];
+    for (const wchar_t* command : {L"MonitorUI", L"PortExists"}) {
+        EXPECT_EQ(spooler->pfnXcvDataPort(anybody, command, input, sizeof(name), nullptr,
+                                          sizeof(buffer), &needed),
+                  DWORD{ERROR_INVALID_PARAMETER});
+        EXPECT_EQ(spooler->pfnXcvDataPort(anybody, command, input, sizeof(name), buffer,
+                                          sizeof(buffer), nullptr),
+                  DWORD{ERROR_INVALID_PARAMETER});
+    }
+    EXPECT_EQ(spooler->pfnXcvDataPort(anybody, L"PortExists", nullptr, sizeof(name), buffer,
+                                      sizeof(buffer), &needed),
+              DWORD{ERROR_INVALID_PARAMETER});
+    HANDLE xcv = nullptr;
+    EXPECT_FALSE(spooler->pfnXcvOpenPort(spooler.monitor, nullptr, 0, &xcv));
+    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_PARAMETER});
+    EXPECT_FALSE(spooler->pfnXcvOpenPort(spooler.monitor, L"", 0, nullptr));
+    EXPECT_FALSE(spooler->pfnXcvOpenPort(nullptr, L"", 0, &xcv));
+    EXPECT_EQ(xcv, nullptr);
+}
+
 TEST_F(XcvTest, PortExistsAsksTheSpooler) {
     spooler.spoolerPorts = {L"LPT1:", L"Office"};
     EXPECT_EQ(Send(anybody, L"PortExists", L"office", -1, 3), DWORD{ERROR_INSUFFICIENT_BUFFER});
