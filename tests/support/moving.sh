@@ -78,7 +78,8 @@ printers_at_exit() {
 # Ends one program, starts another and waits until it is ready.
 in_place_of() {
     switch_off "$1" "$2"
-    exec {ready}< <(exec "${priority[@]}" "${printers_host[@]}" "${@:3}")
+    # No compiled modules among the sources.
+    exec {ready}< <(PYTHONDONTWRITEBYTECODE=1 exec "${priority[@]}" "${printers_host[@]}" "${@:3}")
     started=$!
     [ -n "${has_printers:-}" ] || at_exit printers_at_exit
     has_printers=1
