@@ -253,6 +253,7 @@ TEST_F(SharedPortTest, AnEndThatWaitsKeepsNobodyFromTheNextPort) {
         job.ReadAll();
         if (isFirst) {
             waiting.Hold();
+            job.Write(std::string(10'000, 'x'));  // must not end the wait
         }
     });
     HANDLE port = StartJob(printer);
@@ -352,6 +353,7 @@ TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
     EXPECT_EQ(second.get(), DWORD{WSAECONNRESET});
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
     EXPECT_EQ(openSockets, 0);
+    EXPECT_TRUE(WriteFails(port));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
