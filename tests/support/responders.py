@@ -1,11 +1,13 @@
-"""Datagrams of simulated hosts: sockets that hear multicast on every interface and answer from any
-address that is routed to this computer."""
+"""Sockets of simulated hosts, which hear multicast on every interface and use any address that is
+routed to this computer."""
 import heapq
 import ipaddress
 import itertools
+import os
 import selectors
 import socket
 import struct
+import threading
 import time
 
 FAMILIES = socket.AF_INET, socket.AF_INET6
@@ -44,6 +46,23 @@ def udp_socket(family, port, groups, group6):
                 "=4s4si", socket.inet_aton(group), bytes(4), index))
     udp.bind(("", port))
     return udp
+
+
+def tcp_socket(family, host, port):
+    listener = socket.socket(family, socket.SOCK_STREAM)
+    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    if family == socket.AF_INET6:
+        listener.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
+        listener.setsockopt(socket.IPPROTO_IPV6, IPV6_FREEBIND, 1)
+    listener.bind((host, port))
+    listener.listen(1024)
+    return listener
+
+
+def end_process(failure):
+    """An exception in any thread ends the process, so that the test notices."""
+    threading.__excepthook__(failure)
+    os._exit(1)
 
 
 def send(udp, datagram, source, to):

@@ -27,7 +27,6 @@ at port 427; they are silent when they find themselves among the responders of a
 in a list is written as `_`. Prints `ready` when all of that is in place.
 """
 import ipaddress
-import os
 import socket
 import struct
 import sys
@@ -226,16 +225,6 @@ def serve_connection(population, connection):
     connection.close()
 
 
-def tcp_socket(family):
-    listener = socket.socket(family, socket.SOCK_STREAM)
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    if family == socket.AF_INET6:
-        listener.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
-    listener.bind(("", PORT))
-    listener.listen(1024)
-    return listener
-
-
 def serve_streams(population, listener):
     while True:
         connection, _ = listener.accept()
@@ -243,20 +232,15 @@ def serve_streams(population, listener):
                          daemon=True).start()
 
 
-def end_process(failure):
-    """An exception in any thread ends the process, so that the test notices."""
-    threading.__excepthook__(failure)
-    os._exit(1)
-
-
 def main():
     if len(sys.argv) < 2 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__)
-    threading.excepthook = end_process
+    threading.excepthook = responders.end_process
     population = [Agents(text) for text in sys.argv[1:]]
     if any(agents.tcp and agents.tcp != "refuse" for agents in population):
-        for family in (socket.AF_INET, socket.AF_INET6):
-            threading.Thread(target=serve_streams, args=(population, tcp_socket(family)),
+        for family in responders.FAMILIES:
+            listener = responders.tcp_socket(family, "", PORT)
+            threading.Thread(target=serve_streams, args=(population, listener),
                              daemon=True).start()
     serve_datagrams(population)
 
