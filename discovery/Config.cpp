@@ -100,7 +100,7 @@ bool Config::Initialize(const std::wstring& fileName) noexcept {
 
 bool Config::InitializeFrom(const std::wstring& path) noexcept {
     try {
-        // Compatibility: COM stays initialised on the calling thread; the spooler, which owns the
+        // Compatibility: COM stays initialized on the calling thread; the spooler, which owns the
         // thread, could rely on it.
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
         ComPointer<IXMLDOMDocument> document;
