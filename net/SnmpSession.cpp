@@ -139,7 +139,7 @@ bool TakeResult(HSNMP_VBL answer, smiUINT32 index, const SnmpBinding& binding) {
 }
 
 // Compatibility: SetAddress and SetInteger return 1 for success and 0 for failure, unlike all other
-// operations; their callers rely on 1 for success.
+// operations; callers could rely on 1 for success.
 int Inverted(int result) {
     return result == kDone ? 1 : 0;
 }
