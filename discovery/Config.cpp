@@ -100,7 +100,7 @@ bool Config::Initialize(const std::wstring& fileName) noexcept {
 
 bool Config::InitializeFrom(const std::wstring& path) noexcept {
     try {
-        // Never uninitialised: the thread is the spooler's, which may have initialised COM before
+        // Never uninitialized: the thread is the spooler's, which may have initialized COM before
         // and go on using it.
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
         ComPointer<IXMLDOMDocument> document;
