@@ -36,7 +36,7 @@ AnsiText<kUserNameSize> UserName() {
     return AnsiText<kUserNameSize>(name);
 }
 
-// For the length of a dialogue, sends take what there is room for and do not wait: each happens
+// For the length of a dialog, sends take what there is room for and do not wait: each happens
 // under the lock. WritePort, which waits in its sends, holds no lock.
 class WithoutWaiting {
   public:
@@ -46,7 +46,7 @@ class WithoutWaiting {
     WithoutWaiting& operator=(const WithoutWaiting&) = delete;
 
   private:
-    // The last error is the dialogue's. A connection that was lost meanwhile is left alone: its
+    // The last error is the dialog's. A connection that was lost meanwhile is left alone: its
     // socket's number may be another's by now.
     void Set(u_long on) noexcept {
         const LastErrorKeeper keeper;
@@ -78,7 +78,7 @@ int WaitForRoom(PortEntry* port) {
 }
 
 // Sends as many pieces as there is room for, each once, in one hold of the lock: with the lock
-// taken for each piece, a long job waits thousands of times for the acknowledgements of others. On
+// taken for each piece, a long job waits thousands of times for the acknowledgments of others. On
 // an error it closes the connection, outside the lock: that can take the whole linger time.
 //   bytes, length: what is left to send; updated.
 // Returns 0 or the error.
@@ -122,7 +122,7 @@ bool Send(PortEntry* port, const char* bytes, size_t length) {
     return error == 0 || Refuse(static_cast<DWORD>(error));
 }
 
-// Waits for the daemon's acknowledgement, one zero octet.
+// Waits for the daemon's acknowledgment, one zero octet.
 bool ReceiveAck(PortEntry* port) {
     LockGuard lock(PortListLock);
     if (!port->socket) {
