@@ -293,7 +293,7 @@ void PortForm::Write(std::function<void(SpoolerChannel&)> write,
             write(channel);
             if (channel.TakeCancellation()) {
                 undo(channel);
-                throw CommandFailed("cancelled");
+                throw CommandFailed("canceled");
             }
             task.Post([this] { End(ERROR_SUCCESS); });
         },

@@ -42,9 +42,9 @@ class PortForm : public Dialog {
     virtual void RejectField(UINT field, UINT text) { ShowProblem(field, text); }
 
     // Writes on a thread of its own and ends the dialog.
-    //   write: its channel throws once after the user has cancelled, which starts the rollback.
-    //   undo: rolls back a change that was complete when the user cancelled.
-    //   failed: called with the failure, but not if the user cancelled and nothing is left.
+    //   write: its channel throws once after the user has canceled, which starts the rollback.
+    //   undo: rolls back a change that was complete when the user canceled.
+    //   failed: called with the failure, but not if the user canceled and nothing is left.
     void Write(std::function<void(SpoolerChannel&)> write,
                std::function<void(SpoolerChannel&)> undo,
                std::function<void(const CommandFailed&)> failed);

@@ -73,7 +73,7 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     return {ConnectionError(error), took(), error == WSAETIMEDOUT};
 }
 
-// What a port recognises its printer by.
+// What a port recognizes its printer by.
 struct Keys {
     explicit Keys(const PortRecords& records)
         : mac(MacText(MacAddress(FieldText(records.extended.sztHWAddress)))),
@@ -219,7 +219,7 @@ void Identify(const std::vector<CheckedPort*>& ports, const CheckNetwork& networ
     }
 }
 
-// Why the search does not recognise the printer of a port that takes connections.
+// Why the search does not recognize the printer of a port that takes connections.
 //   found: where the search finds it instead; empty if nowhere.
 std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
                              const SearchOutcome& search) {

@@ -17,7 +17,7 @@ class Listener {
         address_.sin_family = AF_INET;
         address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         int size = sizeof address_;
-        bind(socket_.Get(), address(), size);
+        EXPECT_EQ(bind(socket_.Get(), address(), size), 0);
         getsockname(socket_.Get(), reinterpret_cast<sockaddr*>(&address_), &size);
         if (listens) {
             listen(socket_.Get(), 1);

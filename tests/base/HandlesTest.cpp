@@ -24,7 +24,7 @@ TEST(Handles, CloseEachResourceOnce) {
         Number first(0);  // a valid value, as it is for sockets
         EXPECT_TRUE(first);
         Number second(std::move(first));
-        EXPECT_FALSE(first);
+        EXPECT_FALSE(first);  // NOLINT(bugprone-use-after-move): it must be empty now
         Number third(2);
         third = std::move(second);
         EXPECT_THAT(closed, ElementsAre(2));

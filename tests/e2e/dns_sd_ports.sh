@@ -54,7 +54,7 @@ kestctl port show QUIET --json >"$work/shown"
 has "without always print" "$(cat "$work/shown")" '"alwaysPrint": false' '"hostName": "quiet-0"' \
     '"mac": ""'
 mac=$(in_peer cat /sys/class/net/cable/address | tr -d : | tr a-f A-F)
-has "neighbour" "$(kestctl port add NEAR --follow 10.77.255.2)" "$mac, near-0"
+has "neighbor" "$(kestctl port add NEAR --follow 10.77.255.2)" "$mac, near-0"
 has "learn" "$(kestctl config learn 10.77.1.21 2>&1 || true)" \
     "answers DNS-SD but not SLP" "in the printer's web page, under network protocols"
 kestctl port delete OTHER SPOOLED >/dev/null

@@ -299,7 +299,7 @@ TEST_F(Dialogs, AddPortForTypedAddress) {
     EXPECT_NE(port.extended.dwAlwaysPrint, 0u);
 }
 
-// A dialog that is cancelled changes nothing, closes at once and leaves no job running.
+// A dialog that is canceled changes nothing, closes at once and leaves no job running.
 TEST_F(Dialogs, CancelAtEachStep) {
     const std::pair<const char*, std::function<void(Scene&, const User&)>> steps[] = {
         {"searching",

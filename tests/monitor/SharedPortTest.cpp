@@ -239,7 +239,7 @@ TEST_F(SharedPortTest, AnLprStartThatFailsUnderAnEndClosesItsConnection) {
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     refusal.Release();
     EXPECT_FALSE(start.get());
-    EXPECT_EQ(rest.get_future().get(), "") << "the dialogue goes no further";
+    EXPECT_EQ(rest.get_future().get(), "") << "the dialog goes no further";
     EXPECT_EQ(openSockets, 0);
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
 }

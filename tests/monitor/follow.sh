@@ -184,7 +184,7 @@ kestctl port add ACME --address 10.77.1.60 --mac 000400000060 --always-print >/d
 if said=$(kestctl config check 2>&1); then
     fail "kestctl config check is content with a file that no printer fits: $said"
 fi
-[[ $said == *"recognises no port's printer"* ]] || fail "kestctl config check: $said"
+[[ $said == *"recognizes no port's printer"* ]] || fail "kestctl config check: $said"
 kestctl config learn 10.77.1.60 --service service:x-acme >"$work/said"
 [[ $(kestctl config learn 10.77.1.60 --service service:x-acme --json | tr -s ' \n' ' ') == \
     *'"mac_addr_key": { "recognised": true, "says": "000400000060", "value": "x-hw", '* ]] ||
