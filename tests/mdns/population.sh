@@ -26,7 +26,8 @@ finds() {
     dns_sd "$@"
     client_wine "$find" >"$work/found" || fail "the query was not sent"
     tr -d '\r' <"$work/found" | sed '/^flood/d' | LC_ALL=C sort |
-        diff <(LC_ALL=C sort "$work/expected") - || fail "other printers are found than are there: $*"
+        diff <(LC_ALL=C sort "$work/expected") - ||
+        fail "other printers are found than are there: $*"
 }
 
 find=$1

@@ -3,8 +3,8 @@
 # Sourced, after script/common.sh: printers that take jobs, say who they are, and move.
 #
 printers_host=()               # a command that runs others where the printers are to be
-#   printers_network NAME      two hosts with a cable, printers on the peer, and a folder, $work, that
-#                              goes at exit; after netns.sh
+#   printers_network NAME      two hosts with a cable, printers on the peer, and the folder $work;
+#                              after netns.sh
 #   printers FOLDER ADDRESS... these addresses take jobs now, and no others: see printers.py
 #   agents GROUP...            these agents answer now, and no others: see service_agents.py
 #   dns_sd GROUP...            these answer by DNS-SD now, and no others: see dns_sd_responders.py
