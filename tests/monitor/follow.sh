@@ -5,12 +5,7 @@
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/moving.sh"
 
-netns_need
-netns_up
-printers_host=(ip netns exec "$peer_ns")
-
-work=$(mktemp -d "$build/follow.XXXXXX")
-at_exit "rm -rf '$work'"
+printers_network follow
 mkdir "$work/jobs"
 bin=$work/bin
 cp -r "$1" "$bin"
