@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -78,9 +79,12 @@ class PortForm : public Dialog {
     bool ReadAddress(PortChange& change);
     bool ReadText(UINT field, std::string (*check)(std::string&), UINT problem, std::string& text);
     void ChangeProtocol();
+    // The fields that an announced service fills in, as they are now.
+    std::tuple<bool, std::wstring, std::wstring> ServiceFields() const;
     void TakeService(const PrinterIdentity& printer);
     void EnableFields();
 
+    std::tuple<bool, std::wstring, std::wstring> filled_;  // by the form, not by the user
     std::string host_;  // the text of the address field that the state belongs to
     Lookup lookup_;
     bool wantsToFollow_ = true;

@@ -43,7 +43,7 @@ void SetMacAddresses(std::vector<SearchHit>& printers, std::span<const MIB_IPNET
         for (const MIB_IPNET_ROW2& row : table) {
             std::string mac = MacText(MacAddress(row.PhysicalAddress, row.PhysicalAddressLength));
             if (IsUsable(row) && CheckMacAddress(mac).empty() &&
-                std::ranges::find(printer.addresses, AddressOf(row)) != printer.addresses.end()) {
+                AddressOf(row) == printer.addresses[0]) {
                 owners[mac].push_back(&printer);
                 break;
             }

@@ -151,11 +151,12 @@ TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
         return PrinterIdentity{address, mac, name, SearchSource::DnsSd};
     };
     monitor.ports[L"D"].extended.dwAlwaysPrint = 0;
+    monitor.ports[L"D"].extended.sztHWAddress[0] = 0;
     CheckNetwork network = Network();
     network.search = []() -> std::vector<PrinterIdentity> { throw NoSearchFile("no file"); };
     network.searchDnsSd = [&] {
         return std::vector<PrinterIdentity>{
-            announced("10.0.0.1", "", "prn-1"), announced("10.0.1.4", "0004000000EE", "prn-4"),
+            announced("10.0.0.1", "", "prn-1"), announced("10.0.1.4", "", "prn-4"),
             announced("10.0.1.5", "", "PRN-5"), announced("10.0.1.6", "000400000006", "x")};
     };
     std::vector<RepairResult> results =
@@ -163,7 +164,7 @@ TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
     RepairPorts(
         *channel, false, [] { return true; }, results);
     EXPECT_EQ(results[0].port.state, PortState::NoConfiguration) << "no job can follow";
-    EXPECT_EQ(results[1].port.found, "") << "the MAC address tells that it is another";
+    EXPECT_EQ(results[1].port.found, "") << "a name is not enough for a port with a MAC address";
     EXPECT_TRUE(results[2].repaired) << "without `always print`, too";
     EXPECT_EQ(AddressInUse(monitor.ports[L"D"]), "10.0.1.5");
 
@@ -172,6 +173,14 @@ TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
     EXPECT_EQ(again[0].state, PortState::NotRecognised);
     EXPECT_THAT(again[0].detail, HasSubstr("by DNS-SD, but does not answer"));
     EXPECT_EQ(again[1].found, "10.0.1.6") << "by its MAC address";
+
+    network.searchDnsSd = [&] {
+        return std::vector<PrinterIdentity>{announced("10.0.0.1", "", "x"),
+                                            announced("10.0.1.9", "", "prn-1")};
+    };
+    const auto attacked = CheckPorts(*channel, {L"A"}, network, 3s, [](size_t, size_t) {});
+    EXPECT_EQ(attacked[0].state, PortState::NotRecognised) << "its address takes connections";
+    EXPECT_EQ(attacked[0].found, "");
 }
 
 TEST_F(PortCheckTest, ADryRunAndCtrlCRepairNothing) {
