@@ -11,7 +11,6 @@
 #include "admin/search/Hosts.h"
 #include "admin/search/Neighbours.h"
 #include "admin/search/PrinterSearch.h"
-#include "base/Ascii.h"
 #include "base/CommandFailed.h"
 #include "discovery/DeviceId.h"
 
@@ -32,8 +31,6 @@ class DnsSdSearch {
         }
     }
     ~DnsSdSearch() { stop_ = true; }
-    DnsSdSearch(const DnsSdSearch&) = delete;
-    DnsSdSearch& operator=(const DnsSdSearch&) = delete;
 
     bool Runs() const {
         return hits_.valid() &&
@@ -68,13 +65,6 @@ void Complete(SearchHit& hit, std::vector<SearchHit>& others) {
     }
 }
 
-std::string NameWithoutDomain(const std::string& host) {
-    constexpr std::string_view kDomain = ".local";
-    const size_t length = host.size() - std::min(host.size(), kDomain.size());
-    return EqualsIgnoreCase(host.substr(length), std::string(kDomain)) ? host.substr(0, length)
-                                                                       : host;
-}
-
 }  // namespace
 
 SearchHit::SearchHit(const Printer& printer) : record(printer), identity(IdentityOf(printer)) {
@@ -89,7 +79,7 @@ SearchHit::SearchHit(const mdns::Printer& printer) {
     if (addresses.size() > 1) {
         record.SetSecondIPAddress(addresses[1]);
     }
-    record.SetHostName(NameWithoutDomain(printer.host));
+    record.SetHostName(printer.host.substr(0, printer.host.rfind('.')));  // the domain is `local`
     record.SetModelName(printer.model);
     record.SetDescription(printer.instance);
     identity = IdentityOf(record);

@@ -4,10 +4,11 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
+#include <set>
 
 #include "admin/search/PrinterIdentity.h"
 #include "admin/search/PrinterSearch.h"
+#include "base/Handles.h"
 #include "base/Parallel.h"
 
 namespace {
@@ -15,12 +16,6 @@ namespace {
 constexpr size_t kAskedAtOnce = 64;
 constexpr size_t kMostAsked = 256;   // addresses; any host can announce many
 constexpr DWORD kEchoTimeout = 300;  // ms
-
-// Whether a row has the MAC address of a host that has answered.
-bool IsUsable(const MIB_IPNET_ROW2& row) {
-    return row.PhysicalAddressLength == 6 && row.State != NlnsUnreachable &&
-           row.State != NlnsIncomplete;
-}
 
 IPAddress AddressOf(const MIB_IPNET_ROW2& row) {
     return row.Address.si_family == AF_INET ? IPAddress(row.Address.Ipv4.sin_addr)
@@ -38,21 +33,26 @@ void SendEcho(HANDLE icmp, const IPAddress& address) {
 }  // namespace
 
 void SetMacAddresses(std::vector<SearchHit>& printers, std::span<const MIB_IPNET_ROW2> table) {
-    std::map<std::string, std::vector<SearchHit*>> owners;
-    for (SearchHit& printer : printers) {
-        for (const MIB_IPNET_ROW2& row : table) {
-            std::string mac = MacText(MacAddress(row.PhysicalAddress, row.PhysicalAddressLength));
-            if (IsUsable(row) && CheckMacAddress(mac).empty() &&
-                std::ranges::find(printer.addresses, AddressOf(row)) != printer.addresses.end()) {
-                owners[mac].push_back(&printer);
-                break;
+    std::map<std::string, std::set<SearchHit*>> owners;
+    for (const MIB_IPNET_ROW2& row : table) {
+        std::string mac = MacText(MacAddress(row.PhysicalAddress, row.PhysicalAddressLength));
+        // Of a host that has answered.
+        if (row.PhysicalAddressLength != 6 || row.State == NlnsUnreachable ||
+            row.State == NlnsIncomplete || !CheckMacAddress(mac).empty()) {
+            continue;
+        }
+        const IPAddress address = AddressOf(row);
+        for (SearchHit& printer : printers) {
+            if (HasAddress(printer, address)) {
+                owners[mac].insert(&printer);
             }
         }
     }
     for (const auto& [mac, sharing] : owners) {
         if (sharing.size() == 1) {
-            sharing[0]->identity.mac = mac;
-            sharing[0]->record.SetMacAddress(MacAddress(mac));
+            SearchHit& printer = **sharing.begin();
+            printer.identity.mac = mac;
+            printer.record.SetMacAddress(MacAddress(mac));
         }
     }
 }
@@ -65,7 +65,7 @@ void LookUpMacAddresses(std::vector<SearchHit>& printers) {
         }
     }
     if (const HANDLE icmp = IcmpCreateFile(); icmp != INVALID_HANDLE_VALUE) {
-        const std::unique_ptr<void, decltype(&IcmpCloseHandle)> closing(icmp, IcmpCloseHandle);
+        const UniqueResource<ClosedBy<HANDLE, IcmpCloseHandle>> closing(icmp);
         ForEach(
             asked.size(), kAskedAtOnce, [&](size_t at) { SendEcho(icmp, *asked[at]); },
             [](size_t) {});
