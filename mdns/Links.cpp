@@ -75,8 +75,8 @@ bool IsOnLink(const SOCKADDR_INET& source, const Link& link) {
 // Opens the socket of a link. Returns false if it cannot be used to send from this address to the
 // group by the link's interface.
 bool Open(Link& link, SOCKADDR_INET own) {
-    // Wine leaves the first of the two zero.
     const auto& adapter = *link.adapter;
+    // Wine leaves the first of the two zero.
     const ULONG index = adapter.Ipv6IfIndex != 0 ? adapter.Ipv6IfIndex : adapter.IfIndex;
     const bool ipv4 = own.si_family == AF_INET;
     link.group.si_family = own.si_family;

@@ -67,10 +67,10 @@ void Complete(SearchHit& hit, std::vector<SearchHit>& others) {
 
 }  // namespace
 
-SearchHit::SearchHit(const Printer& printer) : record(printer), identity(IdentityOf(printer)) {
-    addresses.push_back(printer.GetIPAddress());
-    addresses.push_back(printer.GetOtherIPAddress());
-}
+SearchHit::SearchHit(const Printer& printer)
+    : record(printer),
+      identity(IdentityOf(printer)),
+      addresses{printer.GetIPAddress(), printer.GetOtherIPAddress()} {}
 
 SearchHit::SearchHit(const mdns::Printer& printer) {
     std::ranges::transform(printer.addresses, std::back_inserter(addresses),
