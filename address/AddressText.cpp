@@ -214,6 +214,8 @@ void NormalizeAddressText(const std::string& in, std::string& out, bool ipv6) {
         if (character == separator && previous == separator) {
             if (!ipv6) {
                 text.Append('0');
+                // Compatibility: every run of zero groups collapses, so the result is not always
+                // an address; callers that compare two such texts could rely on it.
             } else if (text.Last(2) == separator) {
                 continue;
             }

@@ -11,7 +11,7 @@
 #include <utility>
 
 // What can be done about a failure, beyond what its message says, on the print server that it is
-// about. Who shows the failure says how: the tool names commands, a dialogue names buttons.
+// about. Who shows the failure says how: the tool names commands, a dialog names buttons.
 enum class Remedy {
     None,
     RunAsAdministrator,

@@ -29,6 +29,7 @@ int AwaitConnection(SOCKET socket, milliseconds timeout) {
 }  // namespace
 
 int Connect(UniqueSocket& connection, const sockaddr* address, int size, milliseconds timeout) {
+    connection.Reset();  // first, because it can change the last error
     connection.Reset(socket(address->sa_family, SOCK_STREAM, IPPROTO_TCP));
     u_long nonBlocking = 1;
     if (!connection || ioctlsocket(connection.Get(), FIONBIO, &nonBlocking) != 0) {

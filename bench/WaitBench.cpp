@@ -22,7 +22,7 @@ constexpr wchar_t kNowhere[] = L"10.78.0.1";    // beyond a router that drops wh
 constexpr wchar_t kRefusing[] = L"10.77.1.1";   // a machine where nobody listens
 
 constexpr milliseconds kPatience(5000);  // of a printer that is to be waited for
-// A daemon that is as late as it may be, at each of a step's acknowledgements.
+// A daemon that is as late as it may be, at each of a step's acknowledgments.
 constexpr milliseconds kAlmost(1000 * kAcknowledgeSeconds - 150);
 
 constexpr double kSearch =
@@ -144,8 +144,8 @@ void ShowEnds(FakeSpooler& spooler) {
         const Job lpr(spooler, 2, half.port, L"127.0.0.1", doubleSpool);
         lpr.Start();
         lpr.Write(1000);
-        Show(doubleSpool ? "double-spooled LPR, EndDocPort: no acknowledgement"
-                         : "LPR, EndDocPort: no acknowledgement",
+        Show(doubleSpool ? "double-spooled LPR, EndDocPort: no acknowledgment"
+                         : "LPR, EndDocPort: no acknowledgment",
              kAcknowledgeSeconds, [&] { return lpr.End(); });
     }
 }

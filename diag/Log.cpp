@@ -9,6 +9,8 @@
 
 namespace {
 
+// Compatibility: the log has the name of a set-up wizard, also that of the monitor; tools that read
+// or collect the log rely on the name.
 constexpr wchar_t kFileName[] = L"KestSetupWizard.log";
 constexpr wchar_t kFallbackPath[] = L"c:\\KestSetupWizard.log";
 constexpr DWORD kFolderSize = 256;  // characters, with terminator

@@ -54,6 +54,8 @@ void LogSink::SetLogFile(const std::wstring& path) {
     if (file_ && file_->Path() != path) {
         file_.reset();
     }
+    // Compatibility: a file that could not be opened is not tried again while the path is the same;
+    // the spooler relies on one attempt instead of one for each line.
     if (!file_) {
         file_ = std::make_unique<LogFile>(path);
     }

@@ -100,8 +100,8 @@ bool Config::Initialize(const std::wstring& fileName) noexcept {
 
 bool Config::InitializeFrom(const std::wstring& path) noexcept {
     try {
-        // Never uninitialised: the thread is the spooler's, which may have initialised COM before
-        // and go on using it.
+        // Compatibility: COM stays initialized on the calling thread; the spooler, which owns the
+        // thread, could rely on it.
         CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED);
         ComPointer<IXMLDOMDocument> document;
         void** const out = reinterpret_cast<void**>(document.Out());

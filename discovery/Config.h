@@ -14,7 +14,7 @@ class Config {
     // that of the program.
     static void SetModule(HMODULE module) noexcept;
 
-    // Reads the file. Initialises COM on this thread, apartment-threaded, for good.
+    // Reads the file. Initializes COM on this thread, apartment-threaded, for good.
     //   fileName: with its leading backslash, "\SLPConf.xml".
     // Returns false when there is no XML parser or the file is missing or broken; the values stay
     // as they were. An element that is missing leaves its value as it was, and is no failure.

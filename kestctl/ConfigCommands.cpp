@@ -120,7 +120,7 @@ void RequireGood(const std::string& path, const SearchFile& file, const Recognit
     }
     if (recognised.failure.empty() && recognised.printers != 0 && recognised.found == 0) {
         throw CommandFailed(path +
-                            ": a search with this file recognises no port's printer. Check that "
+                            ": a search with this file recognizes no port's printer. Check that "
                             "the printers are on. " +
                             Advised("config learn ADDRESS") + " shows what one of them announces");
     }
@@ -400,7 +400,7 @@ void RunLearn(const LearnArguments& arguments, const ChannelFactory& openChannel
 void AddLearn(CLI::App& group, const ChannelFactory& openChannel) {
     const auto [command, arguments] = AddCommand<LearnArguments>(
         group, "learn",
-        "Ask one printer, recognise its attributes by their values, and show what the file should "
+        "Ask one printer, recognize its attributes by their values, and show what the file should "
         "say",
         "config learn 192.168.1.20 --write",
         [openChannel](const LearnArguments& given) { RunLearn(given, openChannel); });

@@ -234,8 +234,8 @@ void AddPortCheck(CLI::App& port, const ChannelFactory& openChannel) {
     AddTimeout(check, checked.timeout);
     CLI::Option* repair =
         check.add_flag("--repair", checked.repair,
-                       "Change ports that follow their printer (--always-print) to the address "
-                       "where the printer was found");
+                       "Change ports with --always-print, and those of printers without SLP, to "
+                       "the address where the printer was found");
     AddDryRunFlag(check, checked.dryRun);
     check.get_option("--dry-run")->needs(repair);
     AddJsonFlag(check, checked.json);

@@ -39,7 +39,7 @@ void RunExport(const ExportArguments& arguments, SpoolerChannel& channel) {
     const std::vector<NamedPort> ports = ReadAllPorts(channel);
     const std::string text = csv ? PortsAsCsv(ports) : PortsAsJson(ports);
     if (toFile) {
-        // Spreadsheets recognise UTF-8 by its mark.
+        // Spreadsheets recognize UTF-8 by its mark.
         SaveFile(arguments.file, (csv ? "\xEF\xBB\xBF" : "") + text, arguments.force);
         std::cout << arguments.file << ": " << Count(ports.size(), "port") << '\n';
     } else {

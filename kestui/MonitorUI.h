@@ -6,7 +6,7 @@
 
 #include "kestui/Environment.h"
 
-// All return TRUE, or FALSE with the last error set: ERROR_CANCELLED if the user cancelled or saw
+// All return TRUE, or FALSE with the last error set: ERROR_CANCELLED if the user canceled or saw
 // the failure, ERROR_INVALID_PARAMETER without a window, otherwise the reason of the failure.
 //   server: the print server, "\\SERVER"; null or empty for this computer.
 //   owner: the window that is disabled while the dialog is open.

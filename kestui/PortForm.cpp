@@ -26,6 +26,7 @@ void PortForm::FillFields(const PortRecords& stored) {
     SetText(IDC_COMMUNITY, Utf8ToWide(FieldText(port.sztSNMPCommunity)));
     SetText(IDC_INDEX, std::to_wstring(port.dwSNMPDevIndex == 0 ? 1 : port.dwSNMPDevIndex));
     EnableFields();
+    filled_ = ServiceFields();
     if (!printer.address.empty()) {
         wantsToFollow_ = stored.extended.dwAlwaysPrint != 0;
     }
@@ -80,18 +81,28 @@ void PortForm::EnableFields() {
     }
 }
 
-// Fills in how a printer announces that it takes jobs. A port that exists keeps its settings.
+std::tuple<bool, std::wstring, std::wstring> PortForm::ServiceFields() const {
+    return {Checked(IDC_LPR), Text(IDC_PORT), Text(IDC_QUEUE)};
+}
+
+// Fills in how a printer announces that it takes jobs, or the defaults. A port that exists keeps
+// its settings, and so do fields that the user has changed.
 void PortForm::TakeService(const PrinterIdentity& printer) {
-    if (stored_.standard.dwProtocol != 0 || printer.services.empty()) {
+    if (stored_.standard.dwProtocol != 0 || ServiceFields() != filled_) {
         return;
     }
-    const auto& [protocol, port, queue] = printer.services[0];
-    CheckRadioButton(Window(), IDC_RAW, IDC_LPR, protocol == "lpr" ? IDC_LPR : IDC_RAW);
-    ChangeProtocol();
-    SetText(IDC_PORT, std::to_wstring(port));
-    if (std::string checked = queue; CheckQueue(checked).empty()) {
-        SetText(IDC_QUEUE, Utf8ToWide(checked));
+    const bool lpr = !printer.services.empty() && printer.services[0].protocol == "lpr";
+    const PORT_DATA_1 usual = DefaultSettings(lpr ? "lpr" : "raw");
+    const DWORD port = printer.services.empty() ? usual.dwPortNumber : printer.services[0].port;
+    std::string queue = lpr ? printer.services[0].queue : "";
+    if (!CheckQueue(queue).empty()) {
+        queue = FieldText(usual.sztQueue);
     }
+    CheckRadioButton(Window(), IDC_RAW, IDC_LPR, lpr ? IDC_LPR : IDC_RAW);
+    SetText(IDC_PORT, std::to_wstring(port));
+    SetText(IDC_QUEUE, Utf8ToWide(queue));
+    EnableFields();
+    filled_ = ServiceFields();
 }
 
 void PortForm::Enter(Lookup state) {
@@ -293,7 +304,7 @@ void PortForm::Write(std::function<void(SpoolerChannel&)> write,
             write(channel);
             if (channel.TakeCancellation()) {
                 undo(channel);
-                throw CommandFailed("cancelled");
+                throw CommandFailed("canceled");
             }
             task.Post([this] { End(ERROR_SUCCESS); });
         },

@@ -5,6 +5,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -42,9 +43,9 @@ class PortForm : public Dialog {
     virtual void RejectField(UINT field, UINT text) { ShowProblem(field, text); }
 
     // Writes on a thread of its own and ends the dialog.
-    //   write: its channel throws once after the user has cancelled, which starts the rollback.
-    //   undo: rolls back a change that was complete when the user cancelled.
-    //   failed: called with the failure, but not if the user cancelled and nothing is left.
+    //   write: its channel throws once after the user has canceled, which starts the rollback.
+    //   undo: rolls back a change that was complete when the user canceled.
+    //   failed: called with the failure, but not if the user canceled and nothing is left.
     void Write(std::function<void(SpoolerChannel&)> write,
                std::function<void(SpoolerChannel&)> undo,
                std::function<void(const CommandFailed&)> failed);
@@ -78,9 +79,12 @@ class PortForm : public Dialog {
     bool ReadAddress(PortChange& change);
     bool ReadText(UINT field, std::string (*check)(std::string&), UINT problem, std::string& text);
     void ChangeProtocol();
+    // The fields that an announced service fills in, as they are now.
+    std::tuple<bool, std::wstring, std::wstring> ServiceFields() const;
     void TakeService(const PrinterIdentity& printer);
     void EnableFields();
 
+    std::tuple<bool, std::wstring, std::wstring> filled_;  // by the form, not by the user
     std::string host_;  // the text of the address field that the state belongs to
     Lookup lookup_;
     bool wantsToFollow_ = true;

@@ -36,7 +36,7 @@ AnsiText<kUserNameSize> UserName() {
     return AnsiText<kUserNameSize>(name);
 }
 
-// For the length of a dialogue, sends take what there is room for and do not wait: each happens
+// For the length of a dialog, sends take what there is room for and do not wait: each happens
 // under the lock. WritePort, which waits in its sends, holds no lock.
 class WithoutWaiting {
   public:
@@ -46,7 +46,7 @@ class WithoutWaiting {
     WithoutWaiting& operator=(const WithoutWaiting&) = delete;
 
   private:
-    // The last error is the dialogue's. A connection that was lost meanwhile is left alone: its
+    // The last error is the dialog's. A connection that was lost meanwhile is left alone: its
     // socket's number may be another's by now.
     void Set(u_long on) noexcept {
         const LastErrorKeeper keeper;
@@ -78,7 +78,7 @@ int WaitForRoom(PortEntry* port) {
 }
 
 // Sends as many pieces as there is room for, each once, in one hold of the lock: with the lock
-// taken for each piece, a long job waits thousands of times for the acknowledgements of others. On
+// taken for each piece, a long job waits thousands of times for the acknowledgments of others. On
 // an error it closes the connection, outside the lock: that can take the whole linger time.
 //   bytes, length: what is left to send; updated.
 // Returns 0 or the error.
@@ -122,7 +122,7 @@ bool Send(PortEntry* port, const char* bytes, size_t length) {
     return error == 0 || Refuse(static_cast<DWORD>(error));
 }
 
-// Waits for the daemon's acknowledgement, one zero octet.
+// Waits for the daemon's acknowledgment, one zero octet.
 bool ReceiveAck(PortEntry* port) {
     LockGuard lock(PortListLock);
     if (!port->socket) {
@@ -203,11 +203,11 @@ size_t ReadBlock(HANDLE file, LONG& left, char (&block)[kBlock], bool& readable)
     return filled;
 }
 
-// Sends the temporary file as far as its length was announced; the count includes earlier jobs, so
-// the file's end is the usual end. A count that has gone beyond 2 GiB is negative and announces
-// nothing: the job then vanishes, and beyond 4 GiB it is cut, as it always has been. Kept on
-// purpose, like the running total itself. Returns false when the file cannot be read to its end:
-// the octet that says "complete" must not follow then.
+// Sends the temporary file up to the announced length; the count includes earlier jobs, so the
+// file's end is the usual end. Returns false if the file cannot be read to its end: the octet that
+// says "complete" must not follow then.
+// Compatibility: a count beyond 2 GiB is negative and sends nothing of the job; beyond 4 GiB it
+// starts again at 0 and truncates the job. Print daemons have always received this count.
 bool SendTempFileData(PortEntry* port) {
     if (SetFilePointer(port->tempFile.Get(), 0, nullptr, FILE_BEGIN) == INVALID_SET_FILE_POINTER) {
         return false;
@@ -235,6 +235,8 @@ bool SendTempFile(PortEntry* port) {
 bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
     {
         LockGuard lock(PortListLock);
+        // Compatibility: the job number has eight bits and wraps from 255 to 0; print daemons and
+        // tools that read their control files have always received these numbers.
         port->runningLprJob = ++port->lprJobNumber;
     }
     const WithoutWaiting mode(port);
@@ -245,8 +247,9 @@ bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
         return false;
     }
 
-    // RFC 1179, 6.2: receive control file; its closing zero octet is the text's own NUL. Daemons
-    // expect three digits of job number, but cope with what follows the two fixed zeros.
+    // RFC 1179, 6.2: receive control file; its closing zero octet is the text's own NUL.
+    // Compatibility: the number follows two fixed zeros without padding ("cfA007", "cfA00123");
+    // print daemons accept it, and tools could search for these file names.
     char controlFile[2 * kHostNameSize + kUserNameSize + 32];
     snprintf(controlFile, sizeof(controlFile), "H%s\nP%s\nldfA00%d%s\n", host.text, UserName().text,
              port->runningLprJob, host.text);
@@ -260,6 +263,8 @@ bool StartLprJob(PortEntry* port, LPCWSTR queue) noexcept {
     if (port->doubleSpool != 0) {
         return CreateTempFile(port);
     }
+    // Compatibility: without double spooling the length 0 is announced, which RFC 1179 does not
+    // define; print daemons take it as "until the connection ends".
     return SendDataFileCommand(port, 0, host.text);
 }
 
@@ -275,6 +280,8 @@ BOOL SpoolLprData(PortEntry* port, const BYTE* data, DWORD size, LPDWORD written
 
 void EndLprJob(PortEntry* port) noexcept {
     const WithoutWaiting mode(port);
+    // Compatibility: failures are not reported, and the temporary file of a job that the daemon
+    // refused stays on disk; administrators rely on it to recover the job.
     if (port->doubleSpool != 0 &&
         !(SendDataFileCommand(port, port->byteCount, HostName().text) && SendTempFile(port))) {
         return;

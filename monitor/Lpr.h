@@ -1,11 +1,11 @@
-// The line printer daemon's dialogue of an LPR job (RFC 1179), over the connection that the job's
+// The line printer daemon's dialog of an LPR job (RFC 1179), over the connection that the job's
 // start has made. With double spooling the job is first collected in a temporary file, so that its
 // length can be announced before its data.
 #pragma once
 
 #include "monitor/PortList.h"
 
-constexpr long kAcknowledgeSeconds = 4;  // that the daemon has for each acknowledgement
+constexpr long kAcknowledgeSeconds = 4;  // that the daemon has for each acknowledgment
 
 // Opens the job at the daemon: receive-job command for the queue, control file, and either the
 // data file subcommand (length 0: "until the connection ends") or the temporary file.

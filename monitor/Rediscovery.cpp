@@ -53,8 +53,7 @@ bool FindPrinter(IPrinterDiscovery& search, const MacAddress& mac, const std::st
 }
 
 // Stores the address in the records and in the registry, as the text that the printer announced.
-// An answer without any valid address counts as an IPv6 one: it empties the field, and the job
-// fails where it connects. Returns 0 or the registry's error.
+// Returns 0 or the registry's error.
 // Compatibility: padded octets and a port number are stored as well, and the text is truncated to
 // the field; tools that read the value rely on finding the announced text.
 DWORD StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& portData,
@@ -65,6 +64,8 @@ DWORD StoreAddress(LPCWSTR portName, const IPAddress& address, PORT_DATA_1& port
         portDataEx.dwUseIPV6 = 0;
         return WritePortAddress(portName, portData.sztIPAddress, 0);
     }
+    // Compatibility: an answer without a valid address counts as IPv6: it empties IPv6HostName, and
+    // the job fails to connect; tools that read the registry find such a port in this state.
     CopyTruncated(portDataEx.sztIPv6HostName, text);
     portDataEx.dwUseIPV6 = 1;
     return WritePortAddress(portName, portDataEx.sztIPv6HostName, 1);
@@ -81,8 +82,8 @@ int Rediscover(const PortEntry& port, PORT_DATA_1& portData, PortDataEx& portDat
     const std::unique_ptr<PrinterDiscovery> search(
         HasRoomForSearch() ? new (std::nothrow) PrinterDiscovery : nullptr);
     if (!search) {
-        // Not a failure, on purpose: the caller connects once more, to the old address, and
-        // reports what comes of that.
+        // Compatibility: too little memory to search is no failure; the caller relies on it to
+        // connect to the old address once more and to report the result of that attempt.
         return 0;
     }
     Config::SetModule(LibraryModule());

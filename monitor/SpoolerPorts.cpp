@@ -61,6 +61,8 @@ bool PortExistsInSpooler(LPWSTR serverName, LPCWSTR portName, DWORD& error) noex
     if (enumerate(serverName, 1, nullptr, 0, &needed, &returned)) {
         return false;
     }
+    // Compatibility: a list that cannot be read counts as "the port exists", without an error;
+    // AddPort relies on it to add no port twice.
     if (GetLastError() != ERROR_INSUFFICIENT_BUFFER) {
         return true;
     }

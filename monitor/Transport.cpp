@@ -154,7 +154,8 @@ int ConnectPort(PortEntry* port, const PORT_DATA_1& data, const PortDataEx& data
     if (!port->socket) {
         return -1;
     }
-    // One socket serves the whole list, also for an address of another family.
+    // Compatibility: one socket serves the whole list, also for an address of another family, so
+    // such an address fails; callers rely on the error code of the last attempt.
     for (const addrinfo* address = first; address != nullptr; address = address->ai_next) {
         if (connect(port->socket.Get(), address->ai_addr, static_cast<int>(address->ai_addrlen)) ==
             0) {
@@ -193,6 +194,8 @@ bool StartJob(PortEntry* port, LPCWSTR printerName, DWORD jobId) {
     port->protocol = data.dwProtocol;
     port->doubleSpool = data.dwDoubleSpool;
 
+    // Compatibility: if the printer cannot be opened, a RAW job starts without a connection, and
+    // its first WritePort fails with ERROR_INVALID_HANDLE; the spooler handles the error there.
     if (port->printerName && OpenPrinterW(port->printerName.Get(), port->printer.Out(), nullptr)) {
         port->jobId = jobId;
         if (!ConnectOrFollow(port, data, dataEx)) {
@@ -271,6 +274,8 @@ BOOL WINAPI StartDocPort(HANDLE hPort, LPWSTR pPrinterName, DWORD JobId, DWORD, 
         case Beginning::Deleted:
             return Refuse(ERROR_INVALID_HANDLE);
         case Beginning::Busy:
+            // Compatibility: a second start succeeds and does nothing; a caller that starts a job
+            // twice relies on it.
             return TRUE;
         case Beginning::Begun:
             break;
@@ -329,6 +334,8 @@ BOOL WINAPI ReadPort(HANDLE hPort, LPBYTE pBuffer, DWORD cbBuffer, LPDWORD pcbRe
     if (socket == INVALID_SOCKET) {
         return Refuse(ERROR_INVALID_HANDLE);
     }
+    // Compatibility: reading from an LPR port fails without a last error of its own; the spooler
+    // has always received it.
     if (port->protocol == kProtocolLpr) {
         return FALSE;
     }

@@ -1,7 +1,7 @@
 // One print job's way from the spooler to the printer over TCP: the entry points of a job
-// (platform interface MONITOR2). RAW jobs are the plain stream; LPR jobs add the dialogue of Lpr.h.
+// (platform interface MONITOR2). RAW jobs are the plain stream; LPR jobs add the dialog of Lpr.h.
 //
-// The spooler serialises the calls of one job; jobs of different ports run at the same time.
+// The spooler serializes the calls of one job; jobs of different ports run at the same time.
 // Several callers may use one port all the same: StartDocPort has the port for itself until it
 // returns, one EndDocPort ends the job, and nothing that a call still uses is closed.
 #pragma once

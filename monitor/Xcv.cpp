@@ -80,11 +80,12 @@ void CopyText(const BYTE* text, WCHAR (&copy)[N]) {
     copy[length] = L'\0';
 }
 
-// Adds a port to the list and to the registry, or to neither. A name that the monitor alone knows,
-// and the spooler does not, is added once more: the spooler's list decides.
+// Adds a port to the list and to the registry, or to neither.
 //   additions: how many ports had been added when the spooler was asked.
 // Returns false with the last error set: ERROR_ALREADY_EXISTS when another caller has added a port
 // of this name since then.
+// Compatibility: a name that only the monitor knows is added once more, because only the spooler's
+// list decides; tools rely on it to add a port again that the spooler has lost.
 bool AddPortWithKey(MonitorHandle* monitor, LPCWSTR name, uint64_t additions) {
     PortEntry* port = nullptr;
     {
@@ -146,6 +147,8 @@ DWORD DeletePort(const XcvCall& call) {
     if (call.input == nullptr) {
         return ERROR_INVALID_PARAMETER;
     }
+    // Compatibility: the input's size is not checked, unlike that of AddPort; clients that pass
+    // another size rely on it.
     // Room for one character more than a port's name can have: a longer name matches none.
     WCHAR name[kMaxPortName + 2];
     CopyText(call.input, name);
@@ -199,6 +202,8 @@ DWORD GetRecord(const XcvCall& call) {
         return ERROR_NOT_ENOUGH_MEMORY;
     }
     Record record;
+    // Compatibility: the result is 0 even if the port does not exist, the record is then zero, and
+    // its port name is always empty; clients rely on it to read ports without values.
     read(name.Get(), &record);
     memcpy(call.output, &record, sizeof(record));
     return ERROR_SUCCESS;
@@ -235,7 +240,8 @@ DWORD PortExists(const XcvCall& call) {
     return error != ERROR_SUCCESS ? error : call.Answer(&exists, sizeof(exists));
 }
 
-// Commands that clients of other monitors send. They succeed and touch nothing.
+// Compatibility: six commands return 0, ignore their input and write no output; clients that were
+// written for other monitors send them and rely on success.
 DWORD Accept(const XcvCall&) {
     return ERROR_SUCCESS;
 }

@@ -84,8 +84,8 @@ Network::~Network() {
     if (icmpModule_ != nullptr) {
         platform_.freeLibrary(icmpModule_);
     }
-    // The wrong way round, and it stays so: iphlpapi.dll is never unloaded under the ICMP handles
-    // that were opened through it.
+    // Compatibility: the condition is inverted, so iphlpapi.dll is never unloaded; the open ICMP
+    // handles, which were opened through it, rely on it.
     if (ipHelperModule_ == nullptr) {
         platform_.freeLibrary(ipHelperModule_);
     }

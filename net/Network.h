@@ -46,7 +46,7 @@ class Network : public Singleton<Network> {
     void* GetProc(const std::string& name) const;
 
     // Looks for a provider of an address family (AF_INET, AF_INET6, ...) in the Windows Sockets
-    // catalogue. Returns 0 when there is one, 11 when there is none, 1 when the catalogue cannot
+    // catalog. Returns 0 when there is one, 11 when there is none, 1 when the catalog cannot
     // be read.
     int FindProtocol(int family) const;
 

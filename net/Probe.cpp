@@ -104,7 +104,8 @@ int Network::Ping6(const IPAddress& address) const {
     }
     const auto* reply = reinterpret_cast<const Icmp6EchoReply*>(buffer);
     if (reply->status != IP_SUCCESS) {
-        // "Replay" is how this line has always read, and what people search the log for.
+        // Compatibility: the text says "Replay" instead of "Reply"; tools that read the log search
+        // for it.
         LogSystemInfo("Network::Ping6", "Ping6: Replay failed, Status = ", reply->status);
         return kNotAnswered;
     }
@@ -119,6 +120,8 @@ int SetV6Scope(sockaddr_in6* address) {
     }
     for (ULONG scope = 0; scope <= kLastScope; ++scope) {
         address->sin6_scope_id = scope;
+        // Compatibility: the socket is bound to the given address, so only an address of this
+        // computer gets a scope; tools that read the log rely on a line for each attempt.
         if (bind(probe.Get(), reinterpret_cast<sockaddr*>(address), sizeof *address) == 0) {
             LogInfo("SetV6Scope", "SetV6Scope: Able to bind scope ID-", scope);
             return 0;

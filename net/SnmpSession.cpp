@@ -31,8 +31,8 @@ constexpr int kOthersAnswer = -1;  // no result of an operation
 constexpr DWORD kTimeout = 5000;   // ms
 
 constexpr char kCommunity[] = "snmpro";
-// The octet string has this length whatever the text's, and keeps it: printers are given the
-// community with the zeros behind it.
+// Compatibility: the community has this length whatever its text's, padded with zeros; printers
+// that were set up for this system accept it in this form.
 constexpr smiUINT32 kCommunityLength = 21;
 static_assert(sizeof kCommunity <= kCommunityLength);
 
@@ -138,8 +138,8 @@ bool TakeResult(HSNMP_VBL answer, smiUINT32 index, const SnmpBinding& binding) {
     return answered == asked;
 }
 
-// SetAddress and SetInteger answer the other way round than all the rest, and go on doing so:
-// their callers take 1 for success.
+// Compatibility: SetAddress and SetInteger return 1 for success and 0 for failure, unlike all other
+// operations; callers could rely on 1 for success.
 int Inverted(int result) {
     return result == kDone ? 1 : 0;
 }
@@ -203,6 +203,7 @@ SNMPAPI_STATUS CALLBACK SnmpSession::Callback(HSNMP_SESSION, HWND, UINT, WPARAM,
     if (events.contains(data)) {
         SetEvent(data);
     }
+    // Compatibility: the result is 0 instead of SNMPAPI_SUCCESS; WinSNMP has always received it.
     return 0;
 }
 
@@ -297,6 +298,8 @@ int SnmpSession::SetNetworkSettings(const std::string& ipAddress, const std::str
     if (!request) {
         return kNoBlock;
     }
+    // Compatibility: a text that is no IPv4 address is sent without a value; callers rely on the
+    // printer to refuse the request.
     const AddressValue addressValue(ipAddress);
     const AddressValue gatewayValue(gateway);
     const AddressValue maskValue(subnetMask);

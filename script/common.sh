@@ -55,7 +55,7 @@ source_date() {
 # which programs contain have changed, and returns what was compiled with other ones.
 has_compiler_cache() { grep -qs '^CMAKE_CXX_COMPILER_LAUNCHER:.*=.' "$build/CMakeCache.txt"; }
 
-# Prefix of a command that plays a machine in a simulated network. Searches and acknowledgements
+# Prefix of a command that plays a machine in a simulated network. Searches and acknowledgments
 # have time limits, so a busy test machine must not slow it down. Only root may raise a priority,
 # outside some containers.
 priority=()

@@ -132,6 +132,8 @@ SLPError SLPAssociateIFList(SLPHandle handle, const char* list) {
     return WithAgent(handle, [&](UserAgent& agent) { return agent.AssociateInterfaces(list); });
 }
 
+// Compatibility: a destination and a protocol version are accepted, which RFC 2614 does not have;
+// kestmon.dll relies on them, and so could other programs that load slp64.dll.
 SLPError SLPFindAttrs(SLPHandle handle, const char* urlOrServiceType, const char* scopes,
                       const char* attrIds, SLPAttrCallback callback, void* cookie,
                       const struct sockaddr* to, unsigned version) {

@@ -141,8 +141,9 @@ struct UserAgent::Work {
     Reservation running;
 
     void operator()() const {
-        // Where there is too little memory yet, there may be some when it is needed.
-        static_cast<void>(HasMemoryRoom(kRoomOfThread));
+        if (!HasMemoryRoom(kRoomOfThread)) {
+            running->request->Stop();  // so Collect only ends the request
+        }
         {
             const std::lock_guard lock(agent->mutex_);
             running->thread = GetCurrentThreadId();

@@ -10,20 +10,20 @@
 #include "admin/channel/SpoolerChannel.h"
 #include "base/CommandFailed.h"
 
-// Forwards commands to another channel. The first command after the user has cancelled throws
+// Forwards commands to another channel. The first command after the user has canceled throws
 // CommandFailed; the commands that roll the change back pass again.
 class CancellableChannel : public SpoolerChannel {
   public:
     CancellableChannel(std::unique_ptr<SpoolerChannel> channel, std::function<bool()> isCancelled)
         : channel_(std::move(channel)), isCancelled_(std::move(isCancelled)) {}
 
-    // Returns true if the user has cancelled and no command has failed for that reason yet.
+    // Returns true if the user has canceled and no command has failed for that reason yet.
     bool TakeCancellation() { return isCancelled_() && !std::exchange(taken_, true); }
 
     DWORD Xcv(LPCWSTR command, const void* input, DWORD inputSize, void* output,
               DWORD outputSize) override {
         if (TakeCancellation()) {
-            throw CommandFailed("cancelled");
+            throw CommandFailed("canceled");
         }
         return channel_->Xcv(command, input, inputSize, output, outputSize);
     }

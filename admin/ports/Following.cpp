@@ -15,7 +15,8 @@ namespace {
 // Has a new port print as the printer announces, as far as the change does not say otherwise.
 void TakeService(const PrinterIdentity& printer, PortChange& change) {
     const auto service = std::ranges::find_if(printer.services, [&](const auto& announced) {
-        return !change.protocol || *change.protocol == announced.protocol;
+        return change.protocol ? *change.protocol == announced.protocol
+                               : !change.portNumber || *change.portNumber == announced.port;
     });
     if (service == printer.services.end()) {
         return;
@@ -47,11 +48,17 @@ void FollowInPlace(const PrinterIdentity& printer, const PortRecords& before, Po
             FieldText(before.standard.sztHostAddress) +
             " of another printer. Delete the port and add it again");
     }
-    change.mac = printer.mac;
+    // A port that follows its printer by SLP must not lose this because of one lost answer.
+    const bool keeps = before.standard.dwProtocol != 0 && printer.source == SearchSource::DnsSd;
+    if (!keeps || !printer.mac.empty()) {
+        change.mac = printer.mac;
+    }
     if (!printer.hostName.empty()) {
         change.hostName = printer.hostName;
     }
-    change.alwaysPrint = printer.source != SearchSource::DnsSd;
+    if (!keeps) {
+        change.alwaysPrint = printer.source != SearchSource::DnsSd;
+    }
 }
 
 std::vector<IdentifiedPrinter> IdentifyPrinters(const std::vector<std::string>& hosts,

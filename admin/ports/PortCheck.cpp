@@ -73,7 +73,7 @@ Connection TryConnection(const std::string& host, DWORD port, milliseconds timeo
     return {ConnectionError(error), took(), error == WSAETIMEDOUT};
 }
 
-// What a port recognises its printer by.
+// What a port recognizes its printer by.
 struct Keys {
     explicit Keys(const PortRecords& records)
         : mac(MacText(MacAddress(FieldText(records.extended.sztHWAddress)))),
@@ -115,8 +115,8 @@ const PrinterIdentity* FindOwn(const PortRecords& records,
         if (!port.mac.empty() && printer.mac == port.mac) {
             return &printer;
         }
-        // A name in DNS-SD is anybody's: it does not count against the MAC address.
-        const bool other = printer.source == SearchSource::DnsSd && IsAnother(port, printer);
+        // Any host can announce a name by DNS-SD: a port with a MAC address needs that.
+        const bool other = printer.source == SearchSource::DnsSd && !port.mac.empty();
         if (byName == nullptr && !other && !port.hostName.empty() &&
             ToLower(printer.hostName) == port.hostName) {
             byName = &printer;
@@ -160,8 +160,12 @@ SearchOutcome Outcome(const std::function<std::vector<PrinterIdentity>()>& searc
 
 // Searches by both protocols. What both have found at one address counts as found by SLP.
 SearchOutcome SearchBoth(const CheckNetwork& network) {
-    auto dnsSd = std::async(std::launch::async, [&] {
-        return network.searchDnsSd ? network.searchDnsSd() : std::vector<PrinterIdentity>();
+    auto dnsSd = std::async(std::launch::async, [&]() -> std::vector<PrinterIdentity> {
+        try {
+            return network.searchDnsSd ? network.searchDnsSd() : std::vector<PrinterIdentity>();
+        } catch (const std::exception&) {
+            return {};  // the search by SLP goes on
+        }
     });
     SearchOutcome outcome = Outcome(network.search);
     for (PrinterIdentity& printer : dnsSd.get()) {
@@ -210,7 +214,7 @@ void Identify(const std::vector<CheckedPort*>& ports, const CheckNetwork& networ
     std::string failure;
     try {
         printer = network.identify(AddressInUse(ports.front()->records));
-    } catch (const CommandFailed& silent) {
+    } catch (const std::exception& silent) {
         failure = silent.what();
     }
     for (CheckedPort* port : ports) {
@@ -219,7 +223,7 @@ void Identify(const std::vector<CheckedPort*>& ports, const CheckNetwork& networ
     }
 }
 
-// Why the search does not recognise the printer of a port that takes connections.
+// Why the search does not recognize the printer of a port that takes connections.
 //   found: where the search finds it instead; empty if nowhere.
 std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
                              const SearchOutcome& search) {
@@ -244,7 +248,10 @@ std::string WhyNotRecognised(const CheckedPort& port, const std::string& found,
 
 // Returns the state of a port that accepts connections and whose printer is identified.
 void Judge(CheckedPort& port, const SearchOutcome& search) {
-    if (IsAnother(Keys(port.records), port.printer)) {
+    // A name that is announced by DNS-SD says nothing about a printer that takes connections.
+    const bool isProven = port.printer.source != SearchSource::DnsSd ||
+                          (!port.printer.mac.empty() && !Keys(port.records).mac.empty());
+    if (isProven && IsAnother(Keys(port.records), port.printer)) {
         port.state = PortState::AnotherPrinter;
         port.detail = "is " + IdentityText(port.printer);
     } else if (!CanBeFollowed(port)) {
@@ -324,16 +331,17 @@ SearchOutcome TestAll(std::vector<CheckedPort>& ports, const CheckNetwork& netwo
     for (CheckedPort& port : ports) {
         (port.connection.silent ? silent : others).push_back(&port);
     }
-    const auto recognising =
+    auto recognising =
         std::async(std::launch::async, [&] { Recognise(others, search.get(), network); });
     ForEach(
         silent.size(), kConnectedAtOnce,
         [&](size_t at) { Reach(*silent[at], network, timeout - kMoment); },
         [&](size_t done) { tell(others.size() + done); });
     Await(recognising, [&] { tell(ports.size()); });
-    const auto late =
-        std::async(std::launch::async, [&] { Recognise(silent, search.get(), network); });
+    recognising.get();
+    auto late = std::async(std::launch::async, [&] { Recognise(silent, search.get(), network); });
     Await(late, [&] { tell(ports.size()); });
+    late.get();
     return search.get();
 }
 

@@ -42,8 +42,8 @@ enum class PortState {
     Unreachable,      // takes no connection, and was found nowhere else
     Moved,            // takes no connection, and was found elsewhere
     AnotherPrinter,   // another printer is at its address
-    NotRecognised,    // is to be followed, but the search does not recognise the printer there
-    CannotFollow,     // is to be followed, but the port does not know how to recognise it
+    NotRecognised,    // is to be followed, but the search does not recognize the printer there
+    CannotFollow,     // is to be followed, but the port does not know how to recognize it
     NoConfiguration,  // is to be followed, but SLPConf.xml is missing or broken
     NotConfigured,    // the port has no settings
 };
@@ -75,7 +75,7 @@ std::string FindOwnPrinter(const PortRecords& records,
 bool HasKeys(const PortRecords& records);
 
 // Connects to the port's address and queries the printer for its identity. The printer of a
-// port that follows it must be recognised by that answer.
+// port that follows it must be recognized by that answer.
 //   timeout: how long the connection may take.
 CheckedPort TestPort(const std::wstring& name, const PortRecords& records,
                      const CheckNetwork& network, std::chrono::milliseconds timeout);

@@ -1,4 +1,4 @@
-// What SLPConf.xml has to say for a printer, recognised from what that printer announces.
+// What SLPConf.xml has to say for a printer, recognized from what that printer announces.
 #pragma once
 
 #include <functional>
@@ -28,7 +28,7 @@ struct LearnedSettings {
     std::vector<std::string> remarks;      // what else fits, and what does not and why
 
     SearchSettings Settings() const;
-    // How much of what a printer is found by was recognised.
+    // How much of what a printer is found by was recognized.
     size_t Recognised() const;
 };
 
@@ -44,9 +44,9 @@ using NameResolver = std::function<IPAddress(const std::string& name)>;
 std::vector<SearchAnswer> AskEverything(const IPAddress& address,
                                         const std::vector<std::string>& services);
 
-// Recognises attributes by their values.
+// Recognizes attributes by their values.
 //   address: where the printer was asked.
-//   present: the values to keep where nothing is recognised.
+//   present: the values to keep where nothing is recognized.
 LearnedSettings Learn(const SearchAnswer& answer, const IPAddress& address,
                       const SearchSettings& present, const NameResolver& resolve);
 

@@ -43,7 +43,7 @@ bool IsPresentRequest(const SearchAnswer& answer, const SearchSettings& present)
            std::to_string(answer.version) == present[kVersion];
 }
 
-// Takes the answer of which the most is recognised; of equals the one to the file's own request, or
+// Takes the answer of which the most is recognized; of equals the one to the file's own request, or
 // the first, which is version 2's.
 void TakeBest(LearnedPrinter& printer, const SearchSettings& present) {
     for (size_t i = 0; i < printer.answers.size(); ++i) {

@@ -18,7 +18,7 @@ struct LearnedPrinter {
     IPAddress address;
     size_t servicesAsked = 0;
     std::vector<SearchAnswer> answers;  // empty: it did not answer, and nothing below is set
-    size_t taken = 0;                   // the answer of which the most is recognised
+    size_t taken = 0;                   // the answer of which the most is recognized
     LearnedSettings learned;            // from that answer
     SearchSettings cautious;            // as much of the present file as finds this printer
     MacAddress mac;                     // as announced; invalid without one

@@ -6,7 +6,7 @@
 #include "base/Text.h"
 
 Network& StartedNetwork() {
-    // The dialogues search and ask on several threads, and the network starts on one.
+    // The dialogs search and ask on several threads, and the network starts on one.
     static std::mutex starting;
     const std::lock_guard lock(starting);
     Network& network = Singleton<Network>::GetInstance();

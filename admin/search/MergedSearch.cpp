@@ -6,6 +6,7 @@
 #include <exception>
 #include <future>
 #include <optional>
+#include <ranges>
 #include <utility>
 
 #include "admin/search/Hosts.h"
@@ -19,6 +20,8 @@ namespace {
 constexpr std::chrono::milliseconds kAskInterval{200};
 // After which a printer that has answered SLP is not waited for any longer.
 constexpr std::chrono::milliseconds kPatience{1500};
+// Addresses and services of one printer that are used; a host can announce thousands.
+constexpr size_t kMostOfPrinter = 16;
 
 // A search by DNS-SD on a thread of its own, which ends with this object.
 class DnsSdSearch {
@@ -26,8 +29,7 @@ class DnsSdSearch {
     // With `run` false, it finds nothing.
     explicit DnsSdSearch(bool run) {
         if (run) {
-            hits_ = std::async(std::launch::async,
-                               [this] { return FindByDnsSd([this] { return !stop_; }); });
+            hits_ = std::async(std::launch::async, [this] { return Find(); });
         }
     }
     ~DnsSdSearch() { stop_ = true; }
@@ -46,6 +48,15 @@ class DnsSdSearch {
     }
 
   private:
+    // A search that fails does not affect that by SLP.
+    std::vector<SearchHit> Find() const {
+        try {
+            return FindByDnsSd([this] { return !stop_; });
+        } catch (const std::exception&) {
+            return {};
+        }
+    }
+
     std::atomic<bool> stop_ = false;
     std::future<std::vector<SearchHit>> hits_;  // waits, so it goes first
 };
@@ -60,7 +71,9 @@ void Complete(SearchHit& hit, std::vector<SearchHit>& others) {
     for (SearchHit& other : others) {
         if (IsSamePrinter(hit, other)) {
             hit.identity.source = other.identity.source = SearchSource::Both;
-            hit.identity.services = other.identity.services;
+            if (hit.identity.services.empty()) {
+                hit.identity.services = other.identity.services;
+            }
         }
     }
 }
@@ -73,7 +86,8 @@ SearchHit::SearchHit(const Printer& printer)
       addresses{printer.GetIPAddress(), printer.GetOtherIPAddress()} {}
 
 SearchHit::SearchHit(const mdns::Printer& printer) {
-    std::ranges::transform(printer.addresses, std::back_inserter(addresses),
+    std::ranges::transform(printer.addresses | std::views::take(kMostOfPrinter),
+                           std::back_inserter(addresses),
                            [](const std::string& text) { return IPAddress(text); });
     record.SetFirstIPAddress(addresses[0]);
     if (addresses.size() > 1) {
@@ -84,7 +98,8 @@ SearchHit::SearchHit(const mdns::Printer& printer) {
     record.SetDescription(printer.instance);
     identity = IdentityOf(record);
     identity.source = SearchSource::DnsSd;
-    for (const auto& [protocol, port, queue] : printer.services) {
+    for (const auto& [protocol, port, queue] :
+         printer.services | std::views::take(kMostOfPrinter)) {
         if (protocol == mdns::Protocol::Raw || protocol == mdns::Protocol::Lpr) {
             const bool raw = protocol == mdns::Protocol::Raw;
             identity.services.push_back({raw ? "raw" : "lpr", port, raw ? "" : queue});
@@ -105,6 +120,7 @@ bool MatchesPattern(const SearchHit& hit, const std::string& pattern) {
 }
 
 std::vector<SearchHit> FindByDnsSd(const std::function<bool()>& goOn) {
+    StartedNetwork();  // addresses are converted after the search has ended
     std::vector<SearchHit> hits;
     for (const mdns::Printer& printer : mdns::FindPrinters(goOn).printers) {
         hits.emplace_back(printer);
@@ -121,6 +137,10 @@ std::vector<PrinterIdentity> FindIdentitiesByDnsSd() {
         for (const IPAddress& address : hit.addresses) {
             printers.push_back(hit.identity);
             printers.back().address = address.GetText();
+            // The MAC address is that of the first address; any host can announce the others.
+            if (!(address == hit.addresses[0])) {
+                printers.back().mac.clear();
+            }
         }
     }
     return printers;

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <map>
-#include <set>
 
 #include "admin/search/PrinterIdentity.h"
 #include "admin/search/PrinterSearch.h"
@@ -16,6 +15,12 @@ namespace {
 constexpr size_t kAskedAtOnce = 64;
 constexpr size_t kMostAsked = 256;   // addresses; any host can announce many
 constexpr DWORD kEchoTimeout = 300;  // ms
+
+// Whether a row has the MAC address of a host that has answered.
+bool IsUsable(const MIB_IPNET_ROW2& row) {
+    return row.PhysicalAddressLength == 6 && row.State != NlnsUnreachable &&
+           row.State != NlnsIncomplete;
+}
 
 IPAddress AddressOf(const MIB_IPNET_ROW2& row) {
     return row.Address.si_family == AF_INET ? IPAddress(row.Address.Ipv4.sin_addr)
@@ -33,26 +38,21 @@ void SendEcho(HANDLE icmp, const IPAddress& address) {
 }  // namespace
 
 void SetMacAddresses(std::vector<SearchHit>& printers, std::span<const MIB_IPNET_ROW2> table) {
-    std::map<std::string, std::set<SearchHit*>> owners;
-    for (const MIB_IPNET_ROW2& row : table) {
-        std::string mac = MacText(MacAddress(row.PhysicalAddress, row.PhysicalAddressLength));
-        // Of a host that has answered.
-        if (row.PhysicalAddressLength != 6 || row.State == NlnsUnreachable ||
-            row.State == NlnsIncomplete || !CheckMacAddress(mac).empty()) {
-            continue;
-        }
-        const IPAddress address = AddressOf(row);
-        for (SearchHit& printer : printers) {
-            if (HasAddress(printer, address)) {
-                owners[mac].insert(&printer);
+    std::map<std::string, std::vector<SearchHit*>> owners;
+    for (SearchHit& printer : printers) {
+        for (const MIB_IPNET_ROW2& row : table) {
+            std::string mac = MacText(MacAddress(row.PhysicalAddress, row.PhysicalAddressLength));
+            if (IsUsable(row) && CheckMacAddress(mac).empty() &&
+                AddressOf(row) == printer.addresses[0]) {
+                owners[mac].push_back(&printer);
+                break;
             }
         }
     }
     for (const auto& [mac, sharing] : owners) {
         if (sharing.size() == 1) {
-            SearchHit& printer = **sharing.begin();
-            printer.identity.mac = mac;
-            printer.record.SetMacAddress(MacAddress(mac));
+            sharing[0]->identity.mac = mac;
+            sharing[0]->record.SetMacAddress(MacAddress(mac));
         }
     }
 }
@@ -75,7 +75,7 @@ void LookUpMacAddresses(std::vector<SearchHit>& printers) {
     for (const ADDRESS_FAMILY family : {AF_INET, AF_INET6}) {
         MIB_IPNET_TABLE2* table = nullptr;
         if (GetIpNetTable2(family, &table) == NO_ERROR) {
-            const std::unique_ptr<void, decltype(&FreeMibTable)> freeing(table, FreeMibTable);
+            const UniqueResource<ClosedBy<MIB_IPNET_TABLE2*, FreeMibTable>> freeing(table);
             rows.insert(rows.end(), table->Table, table->Table + table->NumEntries);
         }
     }

@@ -1,4 +1,4 @@
-// MAC addresses of hosts on a local subnet, from the system's neighbour table.
+// MAC addresses of hosts on a local subnet, from the system's neighbor table.
 #pragma once
 
 #include "admin/search/MergedSearch.h"

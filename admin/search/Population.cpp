@@ -12,7 +12,7 @@ constexpr std::chrono::seconds kBetween{5};  // from the beginning of one round 
 constexpr DWORD kPause = 100;                // ms, between calls of goOn
 constexpr int kPatience = 3;                 // rounds without an answer until a printer is gone
 
-// What a printer is recognised by. One with neither key is known by its address: it cannot move.
+// What a printer is recognized by. One with neither key is known by its address: it cannot move.
 std::string KeyOf(const PrinterIdentity& identity) {
     return !identity.mac.empty()        ? identity.mac
            : !identity.hostName.empty() ? "name " + identity.hostName

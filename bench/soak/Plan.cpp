@@ -19,7 +19,7 @@ struct Chance {
     double probability;
 };
 
-// The waits for an acknowledgement are the long ones: few jobs meet them.
+// The waits for an acknowledgment are the long ones: few jobs meet them.
 constexpr Chance kRawChances[] = {
     {Behaviour::Slow, 0.02},         {Behaviour::SendsBack, 0.04},
     {Behaviour::SendsLong, 0.01},    {Behaviour::HalfCloses, 0.03},

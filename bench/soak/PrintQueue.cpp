@@ -99,7 +99,7 @@ struct PrintQueue::Attempt {
     bool disturbed = false;  // by an administrator who replaced the port
     DWORD error = 0;         // of the call that failed
 
-    // Whether the daemon keeps an acknowledgement back without which no job may start.
+    // Whether the daemon keeps an acknowledgment back without which no job may start.
     bool NotAcknowledged() const {
         const Protocol protocol = ProtocolOf(PortOfJob(job));
         return protocol != Protocol::Raw &&
@@ -285,7 +285,7 @@ bool PrintQueue::Run(Attempt& attempt, const std::string& document) {
             Timed(protocol_ == Protocol::Raw ? Call::EndRaw : Call::EndLpr,
                   [&] { return spooler_->pfnEndDocPort(port_); });
         }
-        // On a machine that stood still an acknowledgement may have come too late.
+        // On a machine that stood still an acknowledgment may have come too late.
         const bool late = Lateness() - lateBefore > kAcknowledgeSeconds / 2.0;
         const bool faultless =
             !attempt.visit->IsFault() && !injection.Struck() && !attempt.disturbed && !late;

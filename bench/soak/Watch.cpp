@@ -20,7 +20,7 @@ int64_t Now() {
 
 // For the work itself, while all the others do theirs.
 constexpr double kSlack = 5;
-// A call that needs the lock may come behind an acknowledgement that every LPR port waits for.
+// A call that needs the lock may come behind an acknowledgment that every LPR port waits for.
 constexpr uint32_t kLprPorts = kPorts - kPorts / 3;
 constexpr double kLock = kAcknowledgeSeconds * kLprPorts;
 // A printer of the soak goes on after a third of a second at the latest.
@@ -57,12 +57,12 @@ CallRecord calls[] = {
     {"OpenPort", kLock + kSlack, "the lock"},
     {"ClosePort", kSlack, "waits for nothing"},
     {"StartDocPort, RAW", kLock + kSlack, "the lock"},
-    {"StartDocPort, LPR", 4 * kAcknowledgeSeconds + kLock + kSlack, "4 acknowledgements, the lock"},
+    {"StartDocPort, LPR", 4 * kAcknowledgeSeconds + kLock + kSlack, "4 acknowledgments, the lock"},
     {"WritePort", kPrinter + kSlack, "the printer"},
     {"ReadPort", kSlack, "waits for nothing"},
     {"EndDocPort, RAW", kPrinter + kSlack, "the printer"},
     {"EndDocPort, LPR", 2 * kAcknowledgeSeconds + kPrinter + kLock + kSlack,
-     "2 acknowledgements, the printer, the lock"},
+     "2 acknowledgments, the printer, the lock"},
     {"EnumPorts", kLock + kSlack, "the lock"},
     {"AddPort, AddPortEx", kLock + kSlack, "the lock"},
     {"DeletePort", kLock + kSlack, "the lock"},

@@ -58,7 +58,7 @@ closes ok
 expect 0 '"address": "10.77.1.20"' kestctl port show OFFICE --json
 expect 0 '"mac": "0004004A1B2C"' kestctl port show OFFICE --json
 
-say "add a port: one of the list is picked, then all is cancelled"
+say "add a port: one of the list is picked, then all is canceled"
 opens "Add Printer Port" "2 printers were found." add-port kestmon
 keys alt+p Down
 shows "Add Printer Port" "The printer is identified by"

@@ -5,12 +5,7 @@
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/moving.sh"
 
-netns_need
-netns_up
-# shellcheck disable=SC2034 # moving.sh runs the printers there
-printers_host=(ip netns exec "$peer_ns")
-work=$(mktemp -d "$build/dns_sd_ports.XXXXXX")
-at_exit "rm -rf '$work'"
+printers_network dns_sd_ports
 mkdir "$work/jobs"
 cp -r "$1" "$work/bin"
 kestctl() { client_wine "$work/bin/kestctl.exe" --direct "$@" | tr -d '\r'; }
@@ -59,7 +54,7 @@ kestctl port show QUIET --json >"$work/shown"
 has "without always print" "$(cat "$work/shown")" '"alwaysPrint": false' '"hostName": "quiet-0"' \
     '"mac": ""'
 mac=$(in_peer cat /sys/class/net/cable/address | tr -d : | tr a-f A-F)
-has "neighbour" "$(kestctl port add NEAR --follow 10.77.255.2)" "$mac, near-0"
+has "neighbor" "$(kestctl port add NEAR --follow 10.77.255.2)" "$mac, near-0"
 has "learn" "$(kestctl config learn 10.77.1.21 2>&1 || true)" \
     "answers DNS-SD but not SLP" "in the printer's web page, under network protocols"
 kestctl port delete OTHER SPOOLED >/dev/null

@@ -5,11 +5,7 @@
 . "$root/tests/support/moving.sh"
 . "$root/tests/support/spooler.sh"
 
-netns_need
-netns_up
-printers_host=(ip netns exec "$peer_ns")
-work=$(mktemp -d "$build/moved.XXXXXX")
-at_exit "rm -rf '$work'"
+printers_network moved
 mkdir "$work/jobs"
 spooler_on "$client_prefix" client_wine
 spooler_install

@@ -3,6 +3,7 @@
 
 #include "admin/channel/PortRecords.h"
 #include "kestctl/Command.h"
+#include "tests/support/FailureOf.h"
 #include "tests/support/ImportPatch.h"
 
 using testing::AllOf;
@@ -14,42 +15,22 @@ namespace {
 BOOL WINAPI ListNothing(LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
     return TRUE;
 }
-BOOL WINAPI FindNoServer(LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
-    SetLastError(RPC_S_SERVER_UNAVAILABLE);
-    return FALSE;
-}
-BOOL WINAPI RefusePrinter(LPWSTR, LPHANDLE, LPPRINTER_DEFAULTSW) {
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
-}
-BOOL WINAPI ListNoPrinters(DWORD, LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
-    return FALSE;
-}
-
-std::string Refusal(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (const CommandFailed& failed) {
-        return Explained(failed);
-    }
-    return {};
-}
-
 TEST(Channel, AnotherServersNameReachesTheAdvice) {
     const HMODULE self = GetModuleHandleW(nullptr);
-    const ImportPatch patches[] = {{self, "EnumPrintersW", ListNoPrinters},
-                                   {self, "EnumPortsW", ListNothing},
-                                   {self, "EnumMonitorsW", FindNoServer},
-                                   {self, "OpenPrinterW", RefusePrinter}};
+    const ImportPatch patches[] = {
+        {self, "EnumPrintersW", Refusing<NO_ERROR>(EnumPrintersW)},
+        {self, "EnumPortsW", ListNothing},
+        {self, "EnumMonitorsW", Refusing<RPC_S_SERVER_UNAVAILABLE>(EnumMonitorsW)},
+        {self, "OpenPrinterW", Refusing<ERROR_ACCESS_DENIED>(OpenPrinterW)}};
     CLI::App app;
     app.fallthrough();
     AddDirectFlag(app);
     AddServerOption(app);
     AddPortCommands(
         app, [&app] { return OpenChannel(app); }, {}, [&app] { return ServerName(app); });
-    EXPECT_THAT(Refusal([&app] { app.parse("--server PRINT1 port list"); }),
+    EXPECT_THAT(Explained(FailureOf([&app] { app.parse("--server PRINT1 port list"); })),
                 HasSubstr("Check that PRINT1 is the right name"));
-    EXPECT_THAT(Refusal([&app] { ReadPort(*OpenChannel(app), L"OFFICE"); }),
+    EXPECT_THAT(Explained(FailureOf([&app] { ReadPort(*OpenChannel(app), L"OFFICE"); })),
                 HasSubstr("may manage the print server PRINT1"));
     for (const Remedy remedy : {Remedy::InstallMonitor, Remedy::ListPorts, Remedy::ChangePort,
                                 Remedy::ShowPort, Remedy::DeletePort, Remedy::AddPrinter}) {

@@ -11,6 +11,38 @@
 #include "kestctl/Command.h"
 #include "tests/support/FakeMonitor.h"
 
+// Runs a command line. Puts what it printed into `printed`; what it throws passes.
+inline void Parse(CLI::App& app, std::vector<std::string> arguments, std::string& printed) {
+    std::ostringstream output;
+    std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
+    struct Restore {
+        ~Restore() {
+            std::cout.rdbuf(buffer);
+            printed = output.str();
+        }
+        std::streambuf* buffer;
+        const std::ostringstream& output;
+        std::string& printed;
+    } restore{before, output, printed};
+    std::reverse(arguments.begin(), arguments.end());
+    app.parse(arguments);
+}
+
+// As Parse, and keeps why the command failed or was not understood.
+inline std::string Parse(CLI::App& app, std::vector<std::string> arguments, std::string& failure,
+                         std::string& usageError) {
+    std::string printed;
+    failure = usageError = "";
+    try {
+        Parse(app, std::move(arguments), printed);
+    } catch (const CommandFailed& failed) {
+        failure = Explained(failed);
+    } catch (const CLI::ParseError& error) {
+        usageError = error.what();
+    }
+    return printed;
+}
+
 // Runs a command line with this monitor behind it. Returns what it printed; what it throws passes.
 inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> arguments) {
     CLI::App app;
@@ -24,20 +56,8 @@ inline std::string Kestctl(FakeMonitor& monitor, std::vector<std::string> argume
         },
         [] { return std::wstring(); });
     AddPrintCommand(app, monitor.Factory());
-    std::ostringstream output;
-    std::streambuf* const before = std::cout.rdbuf(output.rdbuf());
-    struct Restore {
-        ~Restore() {
-            std::cout.rdbuf(buffer);
-            printed = output.str();
-        }
-        std::streambuf* buffer;
-        const std::ostringstream& output;
-        std::string& printed;
-    } restore{before, output, monitor.printed};
-    std::reverse(arguments.begin(), arguments.end());
-    app.parse(arguments);
-    return output.str();
+    Parse(app, std::move(arguments), monitor.printed);
+    return monitor.printed;
 }
 
 // Runs a command line with --json. Returns what it printed.

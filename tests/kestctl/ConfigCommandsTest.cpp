@@ -51,16 +51,10 @@ class ConfigCommands : public testing::Test {
         CLI::App app;
         AddConfigCommands(app, factory_);
         arguments.insert(arguments.begin(), "config");
-        std::reverse(arguments.begin(), arguments.end());
-        testing::internal::CaptureStdout();
         std::string failure;
-        try {
-            app.parse(arguments);
-        } catch (const CommandFailed& failed) {
-            failure = Explained(failed);
-        }
-        std::cout.flush();
-        return testing::internal::GetCapturedStdout() + failure;
+        std::string usageError;
+        const std::string printed = Parse(app, std::move(arguments), failure, usageError);
+        return printed + failure + usageError;
     }
 
     std::string shipped_;

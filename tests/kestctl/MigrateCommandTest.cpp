@@ -47,10 +47,22 @@ std::string State(FakeMonitor& monitor) {
     return text;
 }
 
-TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
+class MigrateCommand : public testing::Test {
+  protected:
+    // `port migrate ARGUMENT... --yes`, with the file to undo it.
+    std::vector<std::string> Command(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), {"port", "migrate"});
+        arguments.insert(arguments.end(), {"--yes", "--undo-file", file.Name()});
+        return arguments;
+    }
+
     FakeMonitor monitor = Server();
+    const TempFile file{"undo.json"};
+    const std::vector<std::string> undo = {"port", "migrate", "--undo", file.Name()};
+};
+
+TEST_F(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     const std::string before = State(monitor);
-    const TempFile file("undo.json");
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "--dry-run"}),
                 AllOf(HasSubstr("LABELS         LABELS-kestmon       lpr to 127.0.0.1:515, queue "
                                 "zebra, double spooled  Pool "),
@@ -59,8 +71,7 @@ TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     EXPECT_THAT(Failure(monitor, {"port", "migrate"}), HasSubstr("--yes"));
     EXPECT_EQ(State(monitor), before);
 
-    EXPECT_THAT(Failure(monitor, {"port", "migrate", "--yes", "--undo-file", file.Name()}),
-                HasSubstr("2 ports could not be migrated"));
+    EXPECT_THAT(Failure(monitor, Command({})), HasSubstr("2 ports could not be migrated"));
     EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1-kestmon"));
     EXPECT_THAT(monitor.queues[2].ports, ElementsAre(L"IP_10.0.0.4"));
     EXPECT_EQ(Destination(monitor.ports[L"LABELS-kestmon"]),
@@ -75,7 +86,6 @@ TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     EXPECT_THAT(monitor.queues[2].ports, ElementsAre(L"IP_10.0.0.4-kestmon"));
     // The first file gives that printer back, too.
     const std::string after = State(monitor);
-    const std::vector<std::string> undo = {"port", "migrate", "--undo", file.Name()};
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "--undo", file.Name(), "--dry-run"}),
                 AllOf(HasSubstr("IP_10.0.0.4-kestmon  IP_10.0.0.4"), HasSubstr("Dry run")));
     EXPECT_EQ(State(monitor), after);
@@ -85,25 +95,22 @@ TEST(MigrateCommand, MovesWhatItCanAndTakesItBack) {
     EXPECT_EQ(State(monitor), before);
 }
 
-TEST(MigrateCommand, APrinterWithOneWaitingJobStays) {
-    FakeMonitor monitor = Server();
+TEST_F(MigrateCommand, APrinterWithOneWaitingJobStays) {
     monitor.queues[0].jobs = 1;
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "IP_10.0.0.1", "--dry-run"}),
                 HasSubstr("not moved: print jobs wait in Laser"));
     // The job comes between the plan and the move.
     monitor.queues[0].jobs = 0;
-    monitor.added = [&monitor] { monitor.queues[0].jobs = 1; };
-    const TempFile file("undo.json");
-    Failure(monitor,
-            {"port", "migrate", "IP_10.0.0.1", "--yes", "--undo-file", file.Name(), "--json"});
+    monitor.added = [this] { monitor.queues[0].jobs = 1; };
+    Failure(monitor, Command({"IP_10.0.0.1", "--json"}));
     EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1"));
     const auto port = nlohmann::json::parse(monitor.printed)["ports"][0];
     EXPECT_EQ(port["waiting"], nlohmann::json({"Laser"}));
     EXPECT_EQ(port["moved"], nlohmann::json({"Pool"}));
 }
 
-TEST(MigrateCommand, ThePlanShowsWhatTheNewPortsCannotDo) {
-    FakeMonitor monitor;
+TEST_F(MigrateCommand, ThePlanShowsWhatTheNewPortsCannotDo) {
+    monitor = {};
     StandardPort lpr = {L"LPR", "10.0.0.1", "", 515, 2, "q", true, false, "", 1};
     monitor.standardPorts = {lpr};
     lpr.name = L"LPR PLAIN";
@@ -120,8 +127,7 @@ TEST(MigrateCommand, ThePlanShowsWhatTheNewPortsCannotDo) {
     EXPECT_EQ(plan[2]["settings"]["snmp"]["enabled"], false) << plan[2];
 }
 
-TEST(MigrateCommand, WrongArgumentsAndNothingToDo) {
-    FakeMonitor monitor = Server();
+TEST_F(MigrateCommand, WrongArgumentsAndNothingToDo) {
     EXPECT_THAT(Failure(monitor, {"port", "migrate", "LABELS", "nosuch*", "--dry-run"}),
                 AllOf(HasSubstr("no standard TCP/IP port nosuch*"),
                       HasSubstr("`kestctl port migrate --dry-run` shows")));
@@ -134,23 +140,19 @@ TEST(MigrateCommand, WrongArgumentsAndNothingToDo) {
                 HasSubstr(" LABELS/LABELS "));
     EXPECT_THAT(Failure(monitor, {"port", "migrate", "--undo", "no-such-file"}), HasSubstr("(2)"));
 
-    const TempFile file("undo.json");
-    Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()});
+    Kestctl(monitor, Command({"LABELS"}));
     // No file is written for a way back that nobody needs: the name of this one is taken.
-    EXPECT_THAT(
-        Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()}),
-        HasSubstr("0 ports migrated, 1 port already migrated\n"));
+    EXPECT_THAT(Kestctl(monitor, Command({"LABELS"})),
+                HasSubstr("0 ports migrated, 1 port already migrated\n"));
 }
 
-TEST(MigrateCommand, UndoRefusesAFileOfAnotherServerOrWithWrongSettings) {
-    FakeMonitor monitor = Server();
-    const TempFile file("undo.json");
-    Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()});
+TEST_F(MigrateCommand, UndoRefusesAFileOfAnotherServerOrWithWrongSettings) {
+    Kestctl(monitor, Command({"LABELS"}));
     const std::string migrated = State(monitor);
     const auto written = nlohmann::json::parse(std::ifstream(file.Name()));
     const auto refusal = [&](const nlohmann::json& document) {
         file.Write(document.dump());
-        const std::string failure = Failure(monitor, {"port", "migrate", "--undo", file.Name()});
+        const std::string failure = Failure(monitor, undo);
         EXPECT_EQ(State(monitor), migrated);
         return failure;
     };
@@ -165,7 +167,7 @@ TEST(MigrateCommand, UndoRefusesAFileOfAnotherServerOrWithWrongSettings) {
     EXPECT_THAT(refusal(document), HasSubstr("is not a file that `port migrate` wrote"));
     EXPECT_THAT(refusal("text"), HasSubstr("is not a file that `port migrate` wrote"));
     file.Write(written.dump());
-    EXPECT_EQ(Kestctl(monitor, {"port", "migrate", "--undo", file.Name()}), "1 port undone\n");
+    EXPECT_EQ(Kestctl(monitor, undo), "1 port undone\n");
 }
 
 FakeMonitor Office() {
@@ -227,11 +229,8 @@ TEST(RenameCommand, AFailureChangesNothing) {
     }
 }
 
-TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
-    FakeMonitor monitor = Server();
-    const TempFile file("undo.json");
-    const std::vector<std::string> migrate = {"port",  "migrate",     "IP_*",     "LABELS",
-                                              "--yes", "--undo-file", file.Name()};
+TEST_F(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
+    const std::vector<std::string> migrate = Command({"IP_*", "LABELS"});
     monitor.unmovable = L"Pool";
     Failure(monitor, migrate);
     EXPECT_THAT(monitor.queues[0].ports, ElementsAre(L"IP_10.0.0.1"));
@@ -243,7 +242,7 @@ TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
     EXPECT_THAT(Failure(monitor, migrate), HasSubstr("cannot be written"));
     // A port that was changed since, or is used by somebody else, is not taken back.
     Kestctl(monitor, {"port", "set", "IP_10.0.0.4-kestmon", "--port", "9101"});
-    Failure(monitor, {"port", "migrate", "--undo", file.Name()});
+    Failure(monitor, undo);
     EXPECT_THAT(Kestctl(monitor, {"port", "list"}), HasSubstr("10.0.0.4:9101"));
     // Names: one for two ports, and two that are taken.
     monitor.otherPorts = {L"LPT1:"};
@@ -254,19 +253,16 @@ TEST(MigrateCommand, APortThatFailsIsAsItWasAndTheOthersGoOn) {
     }
 }
 
-TEST(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
-    FakeMonitor monitor = Server();
+TEST_F(MigrateCommand, FollowsThePrintersThatSayWhoTheyAre) {
     monitor.printers = {{"10.0.0.1", {"10.0.0.1", "0004004A1B2C", "prn-1"}}};
-    const TempFile file("undo.json");
-    Kestctl(monitor, {"port", "migrate", "IP_10.0.0.1", "--follow", "--yes", "--name-format",
-                      "OFFICE {address}", "--undo-file", file.Name()});
+    Kestctl(monitor, Command({"IP_10.0.0.1", "--follow", "--name-format", "OFFICE {address}"}));
     const PortRecords& port = monitor.ports[L"OFFICE 10.0.0.1"];
     EXPECT_EQ(FieldText(port.extended.sztHWAddress), "0004004A1B2C");
     EXPECT_EQ(FieldText(port.standard.sztHostAddress), "prn-1");
     EXPECT_EQ(port.extended.dwAlwaysPrint, 1u);
     // It has followed its printer since.
     Kestctl(monitor, {"port", "set", "OFFICE 10.0.0.1", "--ipv6", "fd00::1"});
-    Kestctl(monitor, {"port", "migrate", "--undo", file.Name()});
+    Kestctl(monitor, undo);
     EXPECT_TRUE(monitor.ports.empty());
 }
 
@@ -281,11 +277,7 @@ struct RefusesToMoveBack : FakeChannel {
     }
 };
 
-TEST(MigrateCommand, AFailedRollbackReportsWhatRemains) {
-    FakeMonitor monitor = Server();
-    const TempFile file("undo.json");
-    const std::vector<std::string> migrate = {"port",  "migrate",     "IP_10.0.0.1", "--json",
-                                              "--yes", "--undo-file", file.Name()};
+TEST_F(MigrateCommand, AFailedRollbackReportsWhatRemains) {
     // Laser is moved, Pool cannot be, and then Laser cannot be moved back.
     monitor.unmovable = L"Pool";
     RefusesToMoveBack channel(monitor);
@@ -297,23 +289,22 @@ TEST(MigrateCommand, AFailedRollbackReportsWhatRemains) {
     // The port itself cannot be configured, and cannot be deleted.
     FakeMonitor other = Server();
     other.failing = {{L"SetConfigExData", ERROR_ACCESS_DENIED}, {L"DeletePort", ERROR_BUSY}};
-    Failure(other, migrate);
+    Failure(other, Command({"IP_10.0.0.1", "--json"}));
     const auto port = nlohmann::json::parse(other.printed)["ports"][0];
     EXPECT_EQ(port["name"], "IP_10.0.0.1-kestmon");
     EXPECT_THAT(port["error"].get<std::string>(),
                 AllOf(HasSubstr("incomplete port remains"), Not(HasSubstr("were undone"))));
 }
 
-TEST(MigrateCommand, UndoDryRunShowsThePresentState) {
-    FakeMonitor monitor = Server();
-    const TempFile file("undo.json");
-    Kestctl(monitor, {"port", "migrate", "LABELS", "--yes", "--undo-file", file.Name()});
+TEST_F(MigrateCommand, UndoDryRunShowsThePresentState) {
+    Kestctl(monitor, Command({"LABELS"}));
     // Nothing is left to do, and no terminal is needed to hear that.
     EXPECT_THAT(Kestctl(monitor, {"port", "migrate", "LABELS"}), HasSubstr("already migrated"));
-    const std::vector<std::string> undo = {"port", "migrate", "--undo", file.Name(), "--dry-run"};
-    EXPECT_THAT(Kestctl(monitor, undo), HasSubstr("Pool      is deleted"));
+    std::vector<std::string> dryRun = undo;
+    dryRun.emplace_back("--dry-run");
+    EXPECT_THAT(Kestctl(monitor, dryRun), HasSubstr("Pool      is deleted"));
     monitor.queues[0].ports = {L"LABELS-kestmon"};
-    EXPECT_THAT(Kestctl(monitor, undo), HasSubstr("no change  port LABELS-kestmon stays: Laser"));
+    EXPECT_THAT(Kestctl(monitor, dryRun), HasSubstr("no change  port LABELS-kestmon stays: Laser"));
 }
 
 }  // namespace

@@ -1,10 +1,9 @@
 #include <winsock2.h>
 
 #include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 
+#include "tests/kestctl/CommandLine.h"
 #include "tests/support/LogCapture.h"
-#include "kestctl/Command.h"
 
 namespace {
 
@@ -16,20 +15,12 @@ class NetworkCommands : public testing::Test {
 
     // The output of a command; what it throws is kept.
     std::string Run(std::vector<std::string> arguments) {
-        failure_.clear();
-        std::reverse(arguments.begin(), arguments.end());
-        testing::internal::CaptureStdout();
-        try {
-            app_.parse(arguments);
-        } catch (const CommandFailed& failure) {
-            failure_ = failure.what();
-        }
-        std::cout.flush();
-        return testing::internal::GetCapturedStdout();
+        return Parse(app_, std::move(arguments), failure_, usageError_);
     }
 
     CLI::App app_{"kestctl"};
     std::string failure_;
+    std::string usageError_;
     LogCapture log_;
 };
 

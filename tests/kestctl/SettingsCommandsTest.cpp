@@ -1,10 +1,9 @@
 #include <winsock2.h>
 
 #include <gmock/gmock.h>
-#include <nlohmann/json.hpp>
 
+#include "tests/kestctl/CommandLine.h"
 #include "tests/support/SnmpMachine.h"
-#include "kestctl/Command.h"
 
 namespace {
 
@@ -18,22 +17,10 @@ class SettingsCommands : public testing::Test {
   protected:
     // Standard output of "settings ARGUMENT..."; what is thrown is kept.
     string Run(std::vector<string> arguments) {
-        failure_.clear();
-        usageError_.clear();
         arguments.insert(arguments.begin(), "settings");
-        std::reverse(arguments.begin(), arguments.end());
         CLI::App app("kestctl");
         AddSettingsCommands(app);
-        testing::internal::CaptureStdout();
-        try {
-            app.parse(arguments);
-        } catch (const CommandFailed& failure) {
-            failure_ = failure.what();
-        } catch (const CLI::ParseError& error) {
-            usageError_ = error.what();
-        }
-        std::cout.flush();
-        return testing::internal::GetCapturedStdout();
+        return Parse(app, std::move(arguments), failure_, usageError_);
     }
 
     const SnmpMachine machine_;

@@ -5,12 +5,7 @@
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/moving.sh"
 
-netns_need
-netns_up
-# shellcheck disable=SC2034 # moving.sh runs the printers there
-printers_host=(ip netns exec "$peer_ns")
-work=$(mktemp -d "$build/fleet.XXXXXX")
-at_exit "rm -rf '$work'"
+printers_network fleet
 mkdir "$work/jobs"
 cp -r "$1" "$work/bin"
 kestctl() { client_wine "$work/bin/kestctl.exe" --direct "$@"; }

@@ -124,7 +124,7 @@ TEST(Browser, CanBeCancelled) {
     EXPECT_THROW(FindPrinters(fail, network, kId), std::runtime_error);
 }
 
-// A host that never stops sending keeps the search neither from its end nor from being cancelled.
+// A host that never stops sending keeps the search neither from its end nor from being canceled.
 TEST(Browser, AFloodDoesNotHoldItUp) {
     FakeNetwork network;
     network.delay = milliseconds(0);

@@ -68,13 +68,9 @@ publish -a -R other.local 10.77.1.9
 publish -H other.local -s "$(printf 'long\033 %.0s' {1..10})" _ipps._tcp 443 "product=(Acme 2)"
 publish -H other.local -s "None" _printer._tcp 0
 
-# A busy machine can answer after the 2.5 s that a search takes: it may try again.
-for ((tries = 0; tries < 3; tries++)); do
-    client_wine "$1" >"$work/found" || fail "the query was not sent"
-    tr -d '\r' <"$work/found" | diff - <(
-        echo "other.local;instance=;model=Acme 2;url=;uuid=;10.77.1.9;ipps:443:"
-        echo "prn-office.local;instance=Büro 2. OG;model=Acme 1 \"ü\";url=http://prn-office.local/;\
+client_wine "$1" >"$work/found" || fail "the query was not sent"
+tr -d '\r' <"$work/found" | diff - <(
+    echo "other.local;instance=;model=Acme 2;url=;uuid=;10.77.1.9;ipps:443:"
+    echo "prn-office.local;instance=Büro 2. OG;model=Acme 1 \"ü\";url=http://prn-office.local/;\
 uuid=1234;10.77.255.2;fd77::2;raw:9100:;lpr:515:lp;ipp:631:ipp/print"
-    ) && exit
-done
-fail "other printers are found than Avahi announces"
+) || fail "other printers are found than Avahi announces"

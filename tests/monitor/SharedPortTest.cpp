@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <future>
-#include <thread>
 
 #include "tests/support/FakeSpooler.h"
 #include "tests/support/HeldCall.h"
@@ -116,25 +115,60 @@ class SharedPortTest : public testing::Test {
         EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", name), 0u);
         spooler->pfnXcvClosePort(xcv);
     }
-    // A job by a caller of its own. Returns whether it started.
-    bool PrintOnce() {
-        HANDLE port = spooler.Open(L"P");
-        const bool started = port != nullptr && spooler.Start(port);
-        if (started) {
-            spooler.WriteAll(port, "page");
-            spooler->pfnEndDocPort(port);
-        }
-        if (port != nullptr) {
-            spooler->pfnClosePort(port);
-        }
-        return started;
+    // Opens a new port P and starts a job on it.
+    HANDLE StartJob(const TcpPeer& printer, DWORD protocol = kProtocolRaw) {
+        HANDLE port = spooler.OpenNew(L"P", protocol, printer.port);
+        EXPECT_TRUE(spooler.Start(port));
+        spooler.TakeJobCalls();
+        return port;
     }
-    void PrintOnAPortThatComesAndGoes(DWORD protocol);
+    // The following calls run on a thread of their own.
+    auto StartLater(HANDLE port) {
+        return std::async(std::launch::async, [=, this] { return spooler.Start(port); });
+    }
+    auto EndLater(HANDLE port) {
+        return std::async(std::launch::async, [=, this] { return spooler->pfnEndDocPort(port); });
+    }
+    // Returns 0 if the page was taken, otherwise the last error.
+    auto WriteLater(HANDLE port) {
+        return std::async(std::launch::async, [=, this] {
+            DWORD written = 7;
+            const BOOL done = spooler.Write(port, "page", written);
+            const DWORD error = done ? 0 : GetLastError();
+            EXPECT_EQ(written, done ? 4u : 0u);
+            return error;
+        });
+    }
+    // Returns the first bytes that the printer sends.
+    auto ReadLater(HANDLE port) {
+        return std::async(std::launch::async, [=, this] {
+            char buffer[8];
+            DWORD count = 0;
+            while (spooler->pfnReadPort(port, reinterpret_cast<PBYTE>(buffer), sizeof(buffer),
+                                        &count) &&
+                   count == 0) {
+                Sleep(1);
+            }
+            return std::string(buffer, count);
+        });
+    }
+    void PrintPage(HANDLE port) {
+        EXPECT_TRUE(spooler.WriteAll(port, "page"));
+        EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    }
 
     HeldCall call;
     FakeSpooler spooler;
     std::vector<std::unique_ptr<ImportPatch>> patches;
 };
+
+void Discard(PeerConnection& job) {
+    job.ReadAll();
+}
+void SendStatus(PeerConnection& job) {
+    job.Write("status");
+    job.ReadAll();
+}
 
 // A start has the port for itself, in each of the calls in which it waits.
 TEST_F(SharedPortTest, NobodyEndsAJobThatStarts) {
@@ -150,7 +184,7 @@ TEST_F(SharedPortTest, NobodyEndsAJobThatStarts) {
         HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
         spooler.TakeJobCalls();
         HoldNext();
-        auto start = std::async(std::launch::async, [&] { return spooler.Start(port); });
+        auto start = StartLater(port);
         waiting.Await();
         EXPECT_TRUE(spooler->pfnEndDocPort(port));
         EXPECT_TRUE(spooler.Start(port, L"Office", 43)) << "a second start does nothing";
@@ -171,7 +205,7 @@ TEST_F(SharedPortTest, NobodyEndsAJobThatStarts) {
 
 TEST_F(SharedPortTest, AStartThatFailsUnderAnEndLeavesThePortIdle) {
     Patch("connect", HeldConnect);
-    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
+    TcpPeer printer(Discard);
     HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
     HoldNext(1, WSAECONNREFUSED);
     auto start = std::async(std::launch::async, [&] {
@@ -187,8 +221,7 @@ TEST_F(SharedPortTest, AStartThatFailsUnderAnEndLeavesThePortIdle) {
     EXPECT_EQ(openLists, 0);
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
     EXPECT_TRUE(spooler.Start(port));
-    EXPECT_TRUE(spooler.WriteAll(port, "page"));
-    EXPECT_TRUE(spooler->pfnEndDocPort(port));
+    PrintPage(port);
 }
 
 TEST_F(SharedPortTest, AnLprStartThatFailsUnderAnEndClosesItsConnection) {
@@ -201,12 +234,12 @@ TEST_F(SharedPortTest, AnLprStartThatFailsUnderAnEndClosesItsConnection) {
         rest.set_value(job.ReadAll());
     });
     HANDLE port = spooler.OpenNew(L"P", 2, daemon.port);
-    auto start = std::async(std::launch::async, [&] { return spooler.Start(port); });
+    auto start = StartLater(port);
     refusal.Await();
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     refusal.Release();
     EXPECT_FALSE(start.get());
-    EXPECT_EQ(rest.get_future().get(), "") << "the dialogue goes no further";
+    EXPECT_EQ(rest.get_future().get(), "") << "the dialog goes no further";
     EXPECT_EQ(openSockets, 0);
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("OpenPrinter Office", "ClosePrinter"));
 }
@@ -220,11 +253,11 @@ TEST_F(SharedPortTest, AnEndThatWaitsKeepsNobodyFromTheNextPort) {
         job.ReadAll();
         if (isFirst) {
             waiting.Hold();
+            job.Write(std::string(10'000, 'x'));  // must not end the wait
         }
     });
-    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    HANDLE port = StartJob(printer);
+    auto end = EndLater(port);
     waiting.Await();
     EXPECT_TRUE(spooler->pfnEndDocPort(port)) << "one end is enough";
     EXPECT_TRUE(spooler.Start(port)) << "the job goes on until it has ended";
@@ -237,8 +270,7 @@ TEST_F(SharedPortTest, AnEndThatWaitsKeepsNobodyFromTheNextPort) {
     HANDLE next = spooler.OpenNew(L"P", 1, printer.port);
     EXPECT_NE(next, port);
     ASSERT_TRUE(spooler.Start(next, L"Office", 43));
-    EXPECT_TRUE(spooler.WriteAll(next, "page"));
-    EXPECT_TRUE(spooler->pfnEndDocPort(next));
+    PrintPage(next);
     EXPECT_THAT(spooler.TakeJobCalls(),
                 ElementsAre("OpenPrinter Office", "SetJob 43 6", "ClosePrinter"));
     EXPECT_EQ(openSockets, 1);
@@ -255,20 +287,16 @@ TEST_F(SharedPortTest, AnEndWaitsForTheWriteThatRuns) {
         job.ReadAll();
         closed.set_value();
     });
-    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-    ASSERT_TRUE(spooler.Start(port));
+    HANDLE port = StartJob(printer);
     HoldNext();
-    DWORD written = 0;
-    auto write =
-        std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    auto write = WriteLater(port);
     call.Await();
-    spooler.TakeJobCalls();
-    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    auto end = EndLater(port);
     closed.get_future().wait();
     EXPECT_EQ(end.wait_for(kMoment), std::future_status::timeout);
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre());
     call.Release();
-    EXPECT_FALSE(write.get()) << "the end of the job came first";
+    EXPECT_NE(write.get(), 0u) << "the end of the job came first";
     EXPECT_TRUE(end.get());
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
@@ -276,26 +304,15 @@ TEST_F(SharedPortTest, AnEndWaitsForTheWriteThatRuns) {
 // ReadPort has found bytes and receives them next: the end of the job must not take them first.
 TEST_F(SharedPortTest, AnEndLeavesAReadItsBytes) {
     Patch("recv", HeldReceive);
-    TcpPeer printer([](PeerConnection& job) {
-        job.Write("status");
-        job.ReadAll();
-    });
-    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    BYTE buffer[8];
-    DWORD count = 0;
+    TcpPeer printer(SendStatus);
+    HANDLE port = StartJob(printer);
     HoldNext();
-    auto read = std::async(std::launch::async, [&] {
-        while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count) && count == 0) {
-            Sleep(1);
-        }
-    });
+    auto read = ReadLater(port);
     call.Await();
-    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    auto end = EndLater(port);
     EXPECT_EQ(end.wait_for(kMoment), std::future_status::timeout);
     call.Release();
-    read.get();
-    EXPECT_EQ(std::string(buffer, buffer + count), "status");
+    EXPECT_EQ(read.get(), "status");
     EXPECT_TRUE(end.get());
 }
 
@@ -305,20 +322,17 @@ TEST_F(SharedPortTest, AnLprJobIsClosedBehindAllOfItsData) {
     visit.lpr = true;
     visit.size = 4;
     TcpPeer daemon([&](PeerConnection& job) { Serve(job, visit); });
-    HANDLE port = spooler.OpenNew(L"P", 2, daemon.port);
-    ASSERT_TRUE(spooler.Start(port));
+    HANDLE port = StartJob(daemon, kProtocolLpr);
     HoldNext();
-    DWORD written = 0;
-    auto write =
-        std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    auto write = WriteLater(port);
     call.Await();
-    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
+    auto end = EndLater(port);
     while ((static_cast<PortEntry*>(port)->flags & kJobEnding) == 0) {
         Sleep(1);
     }
     EXPECT_TRUE(WriteFails(port)) << "nothing more is taken once the end has begun";
     call.Release();
-    EXPECT_TRUE(write.get());
+    EXPECT_EQ(write.get(), 0u);
     EXPECT_TRUE(end.get());
     daemon.Finish();
     EXPECT_EQ(visit.data, "page");
@@ -327,27 +341,19 @@ TEST_F(SharedPortTest, AnLprJobIsClosedBehindAllOfItsData) {
 
 TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
     Patch("send", HeldSend);
-    TcpPeer printer([](PeerConnection& job) { job.ReadAll(); });
-    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    spooler.TakeJobCalls();
-    const auto write = [&] {
-        DWORD written = 7;
-        const BOOL done = spooler.Write(port, "page", written);
-        EXPECT_EQ(GetLastError(), DWORD{WSAECONNRESET});
-        EXPECT_EQ(written, 0u);
-        return done;
-    };
+    TcpPeer printer(Discard);
+    HANDLE port = StartJob(printer);
     HoldNext(2, WSAECONNRESET);
-    auto first = std::async(std::launch::async, write);
+    auto first = WriteLater(port);
     call.Await();
-    auto second = std::async(std::launch::async, write);
+    auto second = WriteLater(port);
     call.Await();
     call.Release();
-    EXPECT_FALSE(first.get());
-    EXPECT_FALSE(second.get());
+    EXPECT_EQ(first.get(), DWORD{WSAECONNRESET});
+    EXPECT_EQ(second.get(), DWORD{WSAECONNRESET});
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
     EXPECT_EQ(openSockets, 0);
+    EXPECT_TRUE(WriteFails(port));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
@@ -356,34 +362,22 @@ TEST_F(SharedPortTest, TwoWritesThatLoseOneConnectionRestartTheJobOnce) {
 TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
     Patch("send", HeldSend);
     Patch("recv", HeldReceive);
-    TcpPeer printer([](PeerConnection& job) {
-        job.Write("status");
-        job.ReadAll();
-    });
-    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    BYTE buffer[8];
-    DWORD count = 0;
+    TcpPeer printer(SendStatus);
+    HANDLE port = StartJob(printer);
     HoldNext();
-    auto read = std::async(std::launch::async, [&] {
-        while (spooler->pfnReadPort(port, buffer, sizeof(buffer), &count) && count == 0) {
-            Sleep(1);
-        }
-    });
+    auto read = ReadLater(port);
     call.Await();
     DWORD none = 7;
-    EXPECT_TRUE(spooler->pfnReadPort(port, buffer, sizeof(buffer), &none)) << "one reads already";
+    BYTE byte = 0;
+    EXPECT_TRUE(spooler->pfnReadPort(port, &byte, 1, &none)) << "one reads already";
     EXPECT_EQ(none, 0u);
-    spooler.TakeJobCalls();
 
     injected = WSAECONNRESET;
     HeldCall writing;
     writing.Release();
     held = &writing;
     callsToHold = 1;
-    DWORD written = 0;
-    auto write =
-        std::async(std::launch::async, [&] { return spooler.Write(port, "page", written); });
+    auto write = WriteLater(port);
     while (static_cast<PortEntry*>(port)->socket) {  // until the write has failed
         Sleep(1);
     }
@@ -393,7 +387,7 @@ TEST_F(SharedPortTest, ALostConnectionIsClosedBehindTheCallsThatUseIt) {
     injected = 0;
     call.Release();
     read.get();
-    EXPECT_FALSE(write.get());
+    EXPECT_EQ(write.get(), DWORD{WSAECONNRESET});
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
 }
@@ -407,8 +401,7 @@ TEST_F(SharedPortTest, AFailedWriteEndsAWriteThatIsBlocked) {
         });
     HeldCall stalling;
     TcpPeer printer([&](PeerConnection&) { stalling.Hold(); });
-    HANDLE port = spooler.OpenNew(L"P", 1, printer.port);
-    ASSERT_TRUE(spooler.Start(port));
+    HANDLE port = StartJob(printer);
     auto blocked = std::async(std::launch::async,
                               [&] { return spooler.WriteAll(port, std::string(64 << 20, 'x')); });
     EXPECT_EQ(blocked.wait_for(kMoment), std::future_status::timeout);
@@ -421,54 +414,6 @@ TEST_F(SharedPortTest, AFailedWriteEndsAWriteThatIsBlocked) {
     EXPECT_FALSE(blocked.get());
     EXPECT_TRUE(failing.get());
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
-}
-
-// Several callers use the port without knowing of each other. The printer handle, connections and
-// memory are freed with the last one, and the port still prints.
-void SharedPortTest::PrintOnAPortThatComesAndGoes(DWORD protocol) {
-    constexpr int kCallers = 3;
-    constexpr int kRounds = 150;
-    TcpPeer printer([&](PeerConnection& job) {
-        while (!job.ReadSome().empty()) {
-            job.Write(protocol == kProtocolLpr ? std::string(1, '\0') : "");
-        }
-    });
-    std::atomic<int> printers = 0;
-    std::atomic<int> jobs = 0;
-    spooler.listener = [&](const std::string& text) {
-        printers += (text == "OpenPrinter Office") - (text == "ClosePrinter");
-        return LONG{0};
-    };
-    std::vector<std::thread> threads;
-    spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
-    for (int i = 0; i < kCallers; ++i) {
-        threads.emplace_back([&] {
-            for (int round = 0; round < kRounds; ++round) {
-                jobs += PrintOnce();
-            }
-        });
-    }
-    for (int round = 0; round < kRounds / 3; ++round) {
-        Delete(L"P");
-        spooler->pfnClosePort(spooler.OpenNew(L"P", protocol, printer.port, true));
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_TRUE(PrintOnce());
-    EXPECT_GT(jobs, 0);
-    EXPECT_EQ(printers, 0);
-    EXPECT_EQ(openSockets, 0);
-    Delete(L"P");
-    spooler.listener = nullptr;
-}
-
-TEST_F(SharedPortTest, SeveralCallersUseARawPortThatComesAndGoes) {
-    PrintOnAPortThatComesAndGoes(kProtocolRaw);
-}
-
-TEST_F(SharedPortTest, SeveralCallersUseAnLprPortThatComesAndGoes) {
-    PrintOnAPortThatComesAndGoes(kProtocolLpr);
 }
 
 }  // namespace

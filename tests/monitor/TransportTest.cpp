@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <atomic>
 #include <future>
 
 #include "tests/support/FakeSpooler.h"
@@ -52,37 +51,6 @@ TEST_F(TransportTest, ARawJobArrivesByteForByteAndIsReportedAsSent) {
     EXPECT_EQ(lingering.l_linger, 120);
     EXPECT_TRUE(spooler->pfnEndDocPort(port));
     EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre());
-}
-
-// Two who end one job at once end it once.
-TEST_F(TransportTest, TheEndOfAJobWaitsForThePrinter) {
-    static std::atomic<int> closed;
-    closed = 0;
-    ImportPatch close(
-        spooler.dll, "closesocket", +[](SOCKET socket) -> int WSAAPI {
-            ++closed;
-            return closesocket(socket);
-        });
-    std::promise<void> go;
-    std::atomic<bool> waited = false;
-    TcpPeer printer([&](PeerConnection& job) {
-        job.ReadAll();
-        waited = go.get_future().wait_for(std::chrono::seconds(10)) == std::future_status::ready;
-        job.Write(std::string(10000, 'x'));
-    });
-    HANDLE port = OpenPort(printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    EXPECT_TRUE(spooler.WriteAll(port, "page"));
-    spooler.TakeJobCalls();
-    auto end = std::async(std::launch::async, [&] { return spooler->pfnEndDocPort(port); });
-    EXPECT_EQ(end.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
-    EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    EXPECT_EQ(closed, 0);
-    go.set_value();
-    EXPECT_TRUE(end.get());
-    EXPECT_TRUE(waited);
-    EXPECT_EQ(closed, 1);
-    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
 }
 
 TEST_F(TransportTest, AJobWithoutAPrinterHasNoConnection) {
@@ -199,28 +167,6 @@ TEST_F(TransportTest, OneSocketServesAllAddressesOfAName) {
     EXPECT_EQ(GetLastError(), DWORD{WSAECONNREFUSED});
 }
 
-TEST_F(TransportTest, ALostConnectionRestartsTheJob) {
-    TcpPeer printer([](PeerConnection& job) {
-        job.Read(1);
-        job.Reset();
-    });
-    HANDLE port = OpenPort(printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    spooler.TakeJobCalls();
-    DWORD written = 0;
-    const std::string chunk(65536, 'x');
-    while (spooler.Write(port, chunk, written)) {
-        EXPECT_GT(written, 0u);
-    }
-    EXPECT_EQ(written, 0u);
-    EXPECT_THAT(GetLastError(), testing::AnyOf(WSAECONNRESET, WSAECONNABORTED));
-    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 4"));
-    EXPECT_FALSE(spooler.Write(port, chunk, written));
-    EXPECT_EQ(GetLastError(), DWORD{ERROR_INVALID_HANDLE});
-    EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    EXPECT_THAT(spooler.TakeJobCalls(), ElementsAre("SetJob 42 6", "ClosePrinter"));
-}
-
 TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {
     HANDLE step = CreateEventW(nullptr, FALSE, FALSE, nullptr);
     TcpPeer printer([&](PeerConnection& job) {
@@ -251,23 +197,6 @@ TEST_F(TransportTest, ReadsWhatThePrinterSendsWithoutWaiting) {
     EXPECT_EQ(GetLastError(), DWORD{WSAENOTCONN});
     spooler->pfnEndDocPort(port);
     CloseHandle(step);
-}
-
-TEST_F(TransportTest, APortThatIsDeletedUnderAJobLetsItFinish) {
-    std::promise<std::string> received;
-    TcpPeer printer([&](PeerConnection& job) { received.set_value(job.ReadAll()); });
-    HANDLE port = OpenPort(printer.port);
-    ASSERT_TRUE(spooler.Start(port));
-    HANDLE xcv = spooler.OpenXcv();
-    EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", L"P"), 0u);
-    EXPECT_EQ(spooler.Xcv(xcv, L"DeletePort", L"P"), DWORD{ERROR_FILE_NOT_FOUND});
-    EXPECT_EQ(spooler.Open(L"P"), nullptr);
-    EXPECT_TRUE(spooler.WriteAll(port, "the rest"));
-    EXPECT_TRUE(spooler->pfnEndDocPort(port));
-    EXPECT_EQ(received.get_future().get(), "the rest");
-    EXPECT_FALSE(spooler.Start(port));
-    EXPECT_TRUE(spooler->pfnClosePort(port));
-    spooler->pfnXcvClosePort(xcv);
 }
 
 }  // namespace

@@ -5,12 +5,7 @@
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/moving.sh"
 
-netns_need
-netns_up
-printers_host=(ip netns exec "$peer_ns")
-
-work=$(mktemp -d "$build/follow.XXXXXX")
-at_exit "rm -rf '$work'"
+printers_network follow
 mkdir "$work/jobs"
 bin=$work/bin
 cp -r "$1" "$bin"
@@ -189,7 +184,7 @@ kestctl port add ACME --address 10.77.1.60 --mac 000400000060 --always-print >/d
 if said=$(kestctl config check 2>&1); then
     fail "kestctl config check is content with a file that no printer fits: $said"
 fi
-[[ $said == *"recognises no port's printer"* ]] || fail "kestctl config check: $said"
+[[ $said == *"recognizes no port's printer"* ]] || fail "kestctl config check: $said"
 kestctl config learn 10.77.1.60 --service service:x-acme >"$work/said"
 [[ $(kestctl config learn 10.77.1.60 --service service:x-acme --json | tr -s ' \n' ' ') == \
     *'"mac_addr_key": { "recognised": true, "says": "000400000060", "value": "x-hw", '* ]] ||

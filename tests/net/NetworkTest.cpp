@@ -186,7 +186,7 @@ int Resolve(PCSTR name, PCSTR service, const addrinfo* hints, addrinfo** list) {
 }
 
 TEST_F(NetworkTest, NamesAreResolvedAsIPv4FirstThenIPv6) {
-    static int families;  // of the catalogue: 1 IPv4, 2 IPv6
+    static int families;  // of the catalog: 1 IPv4, 2 IPv6
     static bool convertible;
     NetworkPlatform platform;
     platform.getAddrInfo = Resolve;

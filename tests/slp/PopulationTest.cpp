@@ -71,6 +71,7 @@ TEST(Population, EachThatAnswersIsReportedOnce) {
         unsigned version;
         DWORD callbackTime;
         bool byTcp;
+        unsigned first = 0x100;  // address, below 10.77
     } cases[] = {
         {"service:many", 500, 2, 0, false},
         {"service:old", 100, 1, 0, false},
@@ -79,25 +80,19 @@ TEST(Population, EachThatAnswersIsReportedOnce) {
         {"service:mixed", 30, 2, 0, false},
         {"service:long", 50, 2, 0, true},
         {"service:oldlong", 5, 1, 0, true},
+        // Twice as many as are asked at a time take longer than one may while others wait.
+        {"service:slow", 128, 2, 0, false},
+        // More TCP servers than are asked at a time stall, drip, send without end, break off or
+        // refuse. They keep nobody honest from being found, nor the request from ending.
+        {"service:hostile", 20, 2, 0, false, 0x4000},
     };
     for (const auto& c : cases) {
         const Outcome outcome = Ask(c.service, c.version, nullptr, c.callbackTime);
-        EXPECT_EQ(outcome.addresses, Agents(c.count, 0x100)) << c.service;
+        EXPECT_EQ(outcome.addresses, Agents(c.count, c.first)) << c.service;
         for (const std::string& list : outcome.lists) {
             EXPECT_TRUE(!c.byTcp || Value(list, "end") == "here");
         }
     }
-}
-
-// More TCP servers than are asked at a time stall, drip, send without end, break off or refuse.
-// They keep nobody honest from being found, nor the request from ending.
-TEST(Population, BadTcpServersHoldNobodyUp) {
-    const Outcome outcome = Ask("service:hostile");
-    const auto honest = Agents(20, 0x4000);
-    for (const std::string& address : honest) {
-        EXPECT_EQ(outcome.addresses.count(address), 1u) << address;
-    }
-    EXPECT_EQ(outcome.addresses.size(), honest.size());
 }
 
 // One host answers as five thousand.
@@ -127,12 +122,6 @@ TEST(Population, FewListsAreFetchedFromOtherSubnets) {
     EXPECT_GT(Ask("service:near").lists.size(), slp::kMaxRemoteFetches);
 }
 
-TEST(Population, ErrorsAndSilenceAreNoAnswers) {
-    const Outcome outcome = Ask("service:none");
-    EXPECT_TRUE(outcome.lists.empty());
-    EXPECT_GE(outcome.took, milliseconds(3400));
-}
-
 TEST(Population, SixIsAskedByItsGroupAndByItsAddress) {
     const Endpoint group("ff02::116", 0);
     const Outcome all = Ask("service:six", 2, group.get());
@@ -150,11 +139,6 @@ TEST(Population, FetchesEndWithTheRequest) {
     const Outcome outcome = Ask("service:stalling");
     EXPECT_EQ(outcome.addresses.count("10.77.64.0"), 1u);
     EXPECT_LT(outcome.addresses.size(), slp::kMaxFetches);
-}
-
-// Twice as many printers as are asked at a time take longer than one may while others wait.
-TEST(Population, SlowTcpServersAreFound) {
-    EXPECT_EQ(Ask("service:slow").addresses, Agents(128, 0x100));
 }
 
 }  // namespace

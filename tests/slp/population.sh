@@ -39,9 +39,6 @@ population=(
     "service:office first=10.77.1.0 count=100 list=$ordinary"
     "service:near first=10.77.1.0 count=100 tcp=whole"
     "service:far first=10.79.1.0 count=100 tcp=whole"
-    "service:none first=10.77.1.0 count=10 error=4"
-    "service:none first=10.77.1.10 count=10 silent"
-    "service:none first=10.77.1.20 count=10 version=1"
     "service:shown first=10.77.1.7 list=(ip={ip}),empty,(place=2nd\\2C_left\\1B[2J)"
     "service:six first=fd77:0:0:1::1 count=20"
 )

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Version.h"
 #include "admin/channel/MonitorKey.h"
 #include "admin/setup/WindowsMachine.h"
 #include "tests/support/FakeMonitor.h"
@@ -23,6 +24,11 @@ inline std::string ReadAll(const fs::path& file) {
 inline void WriteAll(const fs::path& file, const std::string& bytes) {
     std::ofstream(file, std::ios::binary) << bytes;
 }
+
+inline const std::string kThisRelease = KESTMON_VERSION_STRING;
+inline const std::string kNextRelease = "2" + kThisRelease.substr(1);  // MakePackage(2)
+
+inline constexpr wchar_t kPort[] = L"\\Monitors\\kestmon\\Ports\\MY PORT";
 
 class FakeMachine : public WindowsMachine {
   public:

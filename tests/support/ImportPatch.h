@@ -53,3 +53,16 @@ class ImportPatch {
     ULONG_PTR* slot_;
     ULONG_PTR original_;
 };
+
+// A function of any signature that fails: it returns 0 and sets the last error.
+template <DWORD error, class Result, class... Arguments>
+Result WINAPI Refuse(Arguments...) {
+    SetLastError(error);
+    return Result{};
+}
+
+// The function of that kind that can replace another one.
+template <DWORD error, class Result, class... Arguments>
+auto Refusing(Result(WINAPI*)(Arguments...)) {
+    return Refuse<error, Result, Arguments...>;
+}

@@ -128,7 +128,7 @@ class Dialogue {
         }
     }
 
-    // Acknowledges a step that is right, in the way of this daemon. Returns whether the dialogue
+    // Acknowledges a step that is right, in the way of this daemon. Returns whether the dialog
     // goes on.
     bool Take(bool right, const std::string& seen, Step step) {
         Check(right, seen, step);

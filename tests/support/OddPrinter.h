@@ -14,7 +14,7 @@ enum class Behaviour {
     Slow,        // reads in small pieces, with pauses
     SendsBack,   // answers each piece that it reads
     SendsLong,   // sends for some time after the job's end
-    HalfCloses,  // closes its own direction: at once, or in place of an acknowledgement
+    HalfCloses,  // closes its own direction: at once, or in place of an acknowledgment
     AcksLate,
     AcksTwice,  // two zero octets at once
     Refuses,
@@ -27,7 +27,7 @@ enum class Behaviour {
     Count
 };
 
-// The acknowledged steps of a line printer daemon's dialogue.
+// The acknowledged steps of a line printer daemon's dialog.
 enum Step { kReceiveJob, kControlFileCommand, kControlFile, kDataFileCommand, kEndOfData, kSteps };
 
 // One connection: what it is to meet, and what came of it.
@@ -38,7 +38,7 @@ struct Visit {
     size_t size = 0;  // bytes of the job
     Behaviour behaviour = Behaviour::Takes;
     size_t after = 0;                // bytes of data, for ClosesAfter and ResetsAfter
-    int step = 0;                    // at which an acknowledgement is odd
+    int step = 0;                    // at which an acknowledgment is odd
     std::chrono::milliseconds time;  // that SendsLong and AcksLate take
 
     // Whether a job may fail to arrive whole for this.
@@ -47,10 +47,10 @@ struct Visit {
     }
 
     // What came. Complete once the visit has ended.
-    std::vector<std::string> commands;  // lines of the dialogue
+    std::vector<std::string> commands;  // lines of the dialog
     std::string controlFile;            // with its closing zero octet
     std::string data;
-    std::string complaint;  // what was wrong with the dialogue; empty when nothing was
+    std::string complaint;  // what was wrong with the dialog; empty when nothing was
     long announced = 0;     // bytes, by the data file subcommand
 
     void End();

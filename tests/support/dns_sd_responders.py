@@ -21,25 +21,18 @@ Each argument is a group of printers that behave alike. The keys:
 Names in the queries end before the first pointer, as those of this project do. Prints `ready` when
 all of that is in place.
 """
-import heapq
-import ipaddress
-import itertools
 import random
-import selectors
 import socket
 import struct
 import sys
-import time
+
+import responders
 
 PORT = 5353
 GROUP, GROUP6 = "224.0.0.251", "ff02::fb"
 A, PTR, TXT, AAAA, SRV = 1, 12, 16, 28, 33
 SERVICES = {"_pdl-datastream._tcp.local": 9100, "_printer._tcp.local": 515,
             "_ipp._tcp.local": 631, "_ipps._tcp.local": 631}
-
-# Linux's numbers; Python 3.11 does not have them.
-IP_PKTINFO = 8
-IPV6_FREEBIND = 78  # answer from addresses that are routed here, if on no interface
 
 
 def wire(name):
@@ -96,10 +89,8 @@ class Printers:
     """One argument of the command line."""
 
     def __init__(self, text):
-        values = dict(option.partition("=")[::2] for option in text.split())
-        first = ipaddress.ip_address(values.get("first", "10.77.1.1"))
-        self.family = socket.AF_INET if first.version == 4 else socket.AF_INET6
-        self.addresses = [str(first + n) for n in range(int(values.get("count", 1)))]
+        values = responders.options(text)
+        self.family, self.addresses = responders.addresses(values, "10.77.1.1")
         self.prefix = values.get("name", "prn")
         self.deaf = int(values.get("deaf", 0))
         self.bare = "bare" in values
@@ -182,59 +173,24 @@ class Printers:
         yield [record("_ipp._tcp.local", PTR, b"\x3fliar")]
 
 
-def udp_socket(family, port):
-    """A socket that can answer from any address of this host."""
-    udp = socket.socket(family, socket.SOCK_DGRAM)
-    udp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    udp.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4 << 20)
-    for index, _ in socket.if_nameindex():
-        if family == socket.AF_INET:
-            udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, struct.pack(
-                "=4s4si", socket.inet_aton(GROUP), bytes(4), index))
-        else:
-            udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_JOIN_GROUP, struct.pack(
-                "=16si", socket.inet_pton(family, GROUP6), index))
-    if family == socket.AF_INET6:
-        udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
-        udp.setsockopt(socket.IPPROTO_IPV6, IPV6_FREEBIND, 1)
-    udp.bind(("", port))
-    return udp
-
-
-def send(udp, datagram, source, to):
-    packed = socket.inet_pton(udp.family, source)
-    if udp.family == socket.AF_INET:
-        control = (socket.IPPROTO_IP, IP_PKTINFO, struct.pack("=i4s4x", 0, packed))
-    else:
-        control = (socket.IPPROTO_IPV6, socket.IPV6_PKTINFO, packed + struct.pack("=i", 0))
-    udp.sendmsg([datagram], [control], 0, to)
-
-
 def serve(population):
-    selector, others = selectors.DefaultSelector(), {}
-    for family in (socket.AF_INET, socket.AF_INET6):
-        selector.register(udp_socket(family, PORT), selectors.EVENT_READ)
-        others[family] = udp_socket(family, PORT + 1)
-    print("ready", flush=True)
-    waiting, order = [], itertools.count()
-    while True:
-        timeout = max(0, waiting[0][0] - time.monotonic()) if waiting else None
-        for key, _ in selector.select(timeout):
-            data, sender = key.fileobj.recvfrom(65536)
+    sockets, others = ([responders.udp_socket(family, port, [GROUP], GROUP6)
+                        for family in responders.FAMILIES] for port in (PORT, PORT + 1))
+
+    def answers(udp):
+        data, sender = udp.recvfrom(65536)
+        for printers in population:
+            if printers.family != udp.family:
+                continue
             query = Query(data)
-            for printers in population:
-                if printers.family != key.fileobj.family:
-                    continue
-                if printers.hostile == "id":
-                    query.id ^= 1
-                udp = others[printers.family] if printers.hostile == "port" else key.fileobj
-                for source, datagram in printers.answers(query):
-                    delay = 0 if printers.hostile else random.uniform(0.02, 0.12)
-                    heapq.heappush(waiting, (time.monotonic() + delay, next(order), udp, datagram,
-                                             source, sender))
-                query = Query(data)
-        while waiting and waiting[0][0] <= time.monotonic():
-            send(*heapq.heappop(waiting)[2:])
+            if printers.hostile == "id":
+                query.id ^= 1
+            at = others[sockets.index(udp)] if printers.hostile == "port" else udp
+            for source, datagram in printers.answers(query):
+                delay = 0 if printers.hostile else random.uniform(0.02, 0.12)
+                yield delay, at, datagram, source, sender
+
+    responders.serve(sockets, answers)
 
 
 if __name__ == "__main__":

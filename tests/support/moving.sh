@@ -3,6 +3,8 @@
 # Sourced, after script/common.sh: printers that take jobs, say who they are, and move.
 #
 printers_host=()               # a command that runs others where the printers are to be
+#   printers_network NAME      two hosts with a cable, printers on the peer, and a folder, $work, that
+#                              goes at exit; after netns.sh
 #   printers FOLDER ADDRESS... these addresses take jobs now, and no others: see printers.py
 #   agents GROUP...            these agents answer now, and no others: see service_agents.py
 #   dns_sd GROUP...            these answer by DNS-SD now, and no others: see dns_sd_responders.py
@@ -17,6 +19,14 @@ printers_host=()               # a command that runs others where the printers a
 printers_pid=
 agents_pid=
 dns_sd_pid=
+
+printers_network() {
+    netns_need
+    netns_up
+    printers_host=(ip netns exec "$peer_ns")
+    work=$(mktemp -d "$build/$1.XXXXXX")
+    at_exit "rm -rf '$work'"
+}
 
 printers() {
     in_place_of "$printers_pid" printers "$root/tests/support/printers.py" "$@"
@@ -78,7 +88,8 @@ printers_at_exit() {
 # Ends one program, starts another and waits until it is ready.
 in_place_of() {
     switch_off "$1" "$2"
-    exec {ready}< <(exec "${priority[@]}" "${printers_host[@]}" "${@:3}")
+    # No compiled modules among the sources.
+    exec {ready}< <(PYTHONDONTWRITEBYTECODE=1 exec "${priority[@]}" "${printers_host[@]}" "${@:3}")
     started=$!
     [ -n "${has_printers:-}" ] || at_exit printers_at_exit
     has_printers=1

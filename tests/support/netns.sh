@@ -47,7 +47,7 @@ netns_up() {
     ip -n "$peer_ns" route add local 10.77.0.0/17 dev lo
     ip -n "$peer_ns" route add local 10.79.0.0/17 dev lo
     ip -n "$peer_ns" -6 route add local fd77:0:0:1::/64 dev lo
-    # By way of the peer's own address: hundreds of hosts, but one neighbour.
+    # By way of the peer's own address: hundreds of hosts, but one neighbor.
     ip -n "$client_ns" route add 10.77.0.0/17 via 10.77.255.2
     ip -n "$client_ns" route add 10.79.0.0/17 via 10.77.255.2
     ip -n "$client_ns" -6 route add fd77:0:0:1::/64 via fd77::2
@@ -58,7 +58,7 @@ netns_up() {
 }
 
 # Without `nodad` an address cannot be used for the first one or two seconds, in which the system
-# looks for others that have it. The link-local address is the one that neighbours resolve others
+# looks for others that have it. The link-local address is the one that neighbors resolve others
 # from, and that multicast is sent from.
 netns_host() {
     ip -n "$1" link set lo up

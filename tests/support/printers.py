@@ -11,8 +11,9 @@ import socket
 import sys
 import threading
 
+import responders
+
 RAW, LPR = 9100, 515
-IPV6_FREEBIND = 78  # Linux's number: listen at addresses that are routed here, if on no interface
 saving = threading.Lock()
 
 
@@ -77,26 +78,15 @@ class Unbuffered:
         return bytes(line)
 
 
-def end_process(failure):
-    """An exception in any thread ends the process, so that the test notices."""
-    threading.__excepthook__(failure)
-    os._exit(1)
-
-
 def main():
     if len(sys.argv) < 3 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__)
-    threading.excepthook = end_process
+    threading.excepthook = responders.end_process
     folder = pathlib.Path(sys.argv[1])
     for address in sys.argv[2:]:
         family = socket.AF_INET6 if ":" in address else socket.AF_INET
         for port, take in ((RAW, take_raw), (LPR, take_lpr)):
-            listener = socket.socket(family, socket.SOCK_STREAM)
-            listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            if family == socket.AF_INET6:
-                listener.setsockopt(socket.IPPROTO_IPV6, IPV6_FREEBIND, 1)
-            listener.bind((address, port))
-            listener.listen()
+            listener = responders.tcp_socket(family, address, port)
             threading.Thread(target=serve, args=(listener, folder, address, take)).start()
     print("ready", flush=True)
 

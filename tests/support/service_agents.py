@@ -26,16 +26,14 @@ Agents hear 239.255.255.253, 224.0.1.22 and FF02::116 on every interface, and th
 at port 427; they are silent when they find themselves among the responders of a request. A blank
 in a list is written as `_`. Prints `ready` when all of that is in place.
 """
-import heapq
 import ipaddress
-import itertools
-import os
-import selectors
 import socket
 import struct
 import sys
 import threading
 import time
+
+import responders
 
 PORT = 427
 GROUPS = ("239.255.255.253", "224.0.1.22")
@@ -43,10 +41,7 @@ GROUP6 = "ff02::116"
 ATTRIBUTE_REQUEST, ATTRIBUTE_REPLY = 6, 7
 MAX_DATAGRAM = 1400
 
-# Linux's numbers; Python 3.11 does not have them.
-IP_RECVTTL = 12
-IP_PKTINFO = 8
-IPV6_FREEBIND = 78  # answer from addresses that are routed here, if on no interface
+IP_RECVTTL = 12  # Linux's number; Python 3.11 does not have it
 
 
 class Reader:
@@ -106,10 +101,9 @@ class Agents:
     """One argument of the command line."""
 
     def __init__(self, text):
-        self.service, *options = text.split()
-        values = dict(option.partition("=")[::2] for option in options)
-        first = ipaddress.ip_address(values.get("first", "10.77.0.1"))
-        self.family = socket.AF_INET if first.version == 4 else socket.AF_INET6
+        self.service, *options = text.split(maxsplit=1)
+        values = responders.options("".join(options))
+        self.family, addresses = responders.addresses(values, "10.77.0.1")
         self.version = int(values.get("version", 2))
         template = values.get("list", "(ip={ip}),(mac={mac}),(n={n})").replace("_", " ")
         earliest, _, latest = values.get("delay", "0").partition("-")
@@ -120,7 +114,6 @@ class Agents:
         self.silent = "silent" in values
         self.unicast = "unicast" in values
         self.tcp = values.get("tcp")
-        addresses = (str(first + n) for n in range(int(values.get("count", 1))))
         # Made before the first request comes, whose answers have to be in time.
         self.lists = {address: template.format(ip=address, n=n, mac=f"0004{n:08x}").encode()
                       for n, address in enumerate(addresses)}
@@ -180,25 +173,13 @@ class Agents:
 
 
 def udp_socket(family):
-    """A socket that tells which address a datagram came to, and can answer from that address."""
-    udp = socket.socket(family, socket.SOCK_DGRAM)
-    udp.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    udp.setsockopt(socket.SOL_SOCKET, socket.SO_SNDBUF, 4 << 20)
-    interfaces = [index for index, _ in socket.if_nameindex()]
+    """A socket that tells which address a datagram came to."""
+    udp = responders.udp_socket(family, PORT, GROUPS, GROUP6)
     if family == socket.AF_INET:
-        udp.setsockopt(socket.IPPROTO_IP, IP_PKTINFO, 1)
+        udp.setsockopt(socket.IPPROTO_IP, responders.IP_PKTINFO, 1)
         udp.setsockopt(socket.IPPROTO_IP, IP_RECVTTL, 1)
-        for group, index in itertools.product(GROUPS, interfaces):
-            udp.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, struct.pack(
-                "=4s4si", socket.inet_aton(group), bytes(4), index))
     else:
-        udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
         udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_RECVPKTINFO, 1)
-        udp.setsockopt(socket.IPPROTO_IPV6, IPV6_FREEBIND, 1)
-        for index in interfaces:
-            udp.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_JOIN_GROUP, struct.pack(
-                "=16si", socket.inet_pton(family, GROUP6), index))
-    udp.bind(("", PORT))
     return udp
 
 
@@ -208,44 +189,25 @@ def receive(udp):
     told = {kind: value for _, kind, value in ancillary}
     if udp.family == socket.AF_INET6:
         return Request(data), sender, socket.inet_ntop(udp.family, told[socket.IPV6_PKTINFO][:16])
-    to = socket.inet_ntop(udp.family, told[IP_PKTINFO][8:12])
+    to = socket.inet_ntop(udp.family, told[responders.IP_PKTINFO][8:12])
     # An agent far away hears only what was sent to go far (RFC 2608, section 6.1).
     if ipaddress.ip_address(to).is_multicast and told[socket.IP_TTL] != struct.pack("=i", 255):
         raise ValueError("it does not come this far")
     return Request(data), sender, to
 
 
-def send(udp, datagram, source, to):
-    packed = socket.inet_pton(udp.family, source)
-    if udp.family == socket.AF_INET:
-        control = (socket.IPPROTO_IP, IP_PKTINFO, struct.pack("=i4s4x", 0, packed))
-    else:
-        control = (socket.IPPROTO_IPV6, socket.IPV6_PKTINFO, packed + struct.pack("=i", 0))
-    udp.sendmsg([datagram], [control], 0, to)
-
-
 def serve_datagrams(population):
-    selector = selectors.DefaultSelector()
-    for family in (socket.AF_INET, socket.AF_INET6):
-        selector.register(udp_socket(family), selectors.EVENT_READ)
-    print("ready", flush=True)
-    waiting, order = [], itertools.count()
-    while True:
-        timeout = max(0, waiting[0][0] - time.monotonic()) if waiting else None
-        for key, _ in selector.select(timeout):
-            udp = key.fileobj
-            try:
-                request, sender, to = receive(udp)
-            except ValueError:
-                continue
-            asked = None if ipaddress.ip_address(to).is_multicast else to
-            now = time.monotonic()
-            for agents in population:
-                for delay, source, datagram in agents.answers(request, udp.family, asked):
-                    heapq.heappush(waiting,
-                                   (now + delay, next(order), udp, datagram, source, sender))
-        while waiting and waiting[0][0] <= time.monotonic():
-            send(*heapq.heappop(waiting)[2:])
+    def answers(udp):
+        try:
+            request, sender, to = receive(udp)
+        except ValueError:
+            return
+        asked = None if ipaddress.ip_address(to).is_multicast else to
+        for agents in population:
+            for delay, source, datagram in agents.answers(request, udp.family, asked):
+                yield delay, udp, datagram, source, sender
+
+    responders.serve([udp_socket(family) for family in responders.FAMILIES], answers)
 
 
 def serve_connection(population, connection):
@@ -263,16 +225,6 @@ def serve_connection(population, connection):
     connection.close()
 
 
-def tcp_socket(family):
-    listener = socket.socket(family, socket.SOCK_STREAM)
-    listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    if family == socket.AF_INET6:
-        listener.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)
-    listener.bind(("", PORT))
-    listener.listen(1024)
-    return listener
-
-
 def serve_streams(population, listener):
     while True:
         connection, _ = listener.accept()
@@ -280,20 +232,15 @@ def serve_streams(population, listener):
                          daemon=True).start()
 
 
-def end_process(failure):
-    """An exception in any thread ends the process, so that the test notices."""
-    threading.__excepthook__(failure)
-    os._exit(1)
-
-
 def main():
     if len(sys.argv) < 2 or sys.argv[1] in ("-h", "--help"):
         sys.exit(__doc__)
-    threading.excepthook = end_process
+    threading.excepthook = responders.end_process
     population = [Agents(text) for text in sys.argv[1:]]
     if any(agents.tcp and agents.tcp != "refuse" for agents in population):
-        for family in (socket.AF_INET, socket.AF_INET6):
-            threading.Thread(target=serve_streams, args=(population, tcp_socket(family)),
+        for family in responders.FAMILIES:
+            listener = responders.tcp_socket(family, "", PORT)
+            threading.Thread(target=serve_streams, args=(population, listener),
                              daemon=True).start()
     serve_datagrams(population)
 

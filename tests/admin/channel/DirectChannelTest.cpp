@@ -3,9 +3,9 @@
 
 #include <gmock/gmock.h>
 
-#include "base/CommandFailed.h"
 #include "admin/ports/PortRename.h"
 #include "admin/ports/PortStore.h"
+#include "tests/support/FailureOf.h"
 #include "tests/support/ImportPatch.h"
 #include "tests/support/TcpPeer.h"
 #include "tests/support/WinePrinter.h"
@@ -83,32 +83,15 @@ TEST_F(DirectChannelTest, RenamesPortsAndMovesTheSystemsQueues) {
     EXPECT_THAT(host_->PortNames(), testing::UnorderedElementsAre(L"HALL", L"NEWER"));
 }
 
-DWORD enumPrintersError = 0;
-
-BOOL WINAPI RefuseToEnumPrinters(DWORD, LPWSTR, DWORD, LPBYTE, DWORD, LPDWORD, LPDWORD) {
-    SetLastError(enumPrintersError);
-    return FALSE;
-}
-
 TEST_F(DirectChannelTest, KnowsTheQueuesOfASpoolerThatDoesNotRunAndOfNoneThatHidesThem) {
-    const ImportPatch patch(GetModuleHandleW(nullptr), "EnumPrintersW", RefuseToEnumPrinters);
-    enumPrintersError = RPC_S_SERVER_UNAVAILABLE;
-    EXPECT_THAT(QueuesOn(host_->Queues(), L"office"), ElementsAre(printer_.Name()));
-    enumPrintersError = ERROR_ACCESS_DENIED;
-    EXPECT_THROW(host_->Queues(), CommandFailed);
-}
-
-TEST_F(DirectChannelTest, CarriesAJobAndLeavesNothingInAnyQueue) {
-    std::string received;
-    TcpPeer printer([&received](PeerConnection& connection) { received = connection.ReadAll(); });
-    Add(L"OFFICE", printer.port);
-    std::string data(3000000, '\0');
-    for (size_t i = 0; i < data.size(); ++i) {
-        data[i] = static_cast<char>(i * i >> 8);
+    const HMODULE self = GetModuleHandleW(nullptr);
+    {
+        const ImportPatch patch(self, "EnumPrintersW",
+                                Refusing<RPC_S_SERVER_UNAVAILABLE>(EnumPrintersW));
+        EXPECT_THAT(QueuesOn(host_->Queues(), L"office"), ElementsAre(printer_.Name()));
     }
-    EXPECT_EQ(Print(data), "");
-    EXPECT_EQ(received, data);
-    EXPECT_EQ(WaitingJobs(), 0u);
+    const ImportPatch patch(self, "EnumPrintersW", Refusing<ERROR_ACCESS_DENIED>(EnumPrintersW));
+    EXPECT_THROW(host_->Queues(), CommandFailed);
 }
 
 TEST_F(DirectChannelTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
@@ -129,8 +112,12 @@ TEST_F(DirectChannelTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
     });
     Add(L"OFFICE", printer.port);
     EXPECT_THAT(Print(std::string(50000000, 'x')), HasSubstr("print it again"));
-    EXPECT_EQ(Print("the next"), "");
-    EXPECT_EQ(received, "the next");
+    std::string next(3'000'000, '\0');
+    for (size_t i = 0; i < next.size(); ++i) {
+        next[i] = static_cast<char>(i * i >> 8);
+    }
+    EXPECT_EQ(Print(next), "");
+    EXPECT_EQ(received, next);
     printer.Finish();
     EXPECT_THAT(Print("x"), HasSubstr("(10061)"));
     EXPECT_EQ(WaitingJobs(), 0u);
@@ -139,9 +126,6 @@ TEST_F(DirectChannelTest, SaysWhyAJobDidNotGoThroughAndCarriesTheNext) {
 BOOL WINAPI KnowNoPrinter(LPWSTR, LPDWORD size) {
     *size = 0;
     return SetLastError(ERROR_FILE_NOT_FOUND), FALSE;
-}
-DWORD WINAPI RefuseToStart(HANDLE, DWORD, LPBYTE) {
-    return SetLastError(ERROR_ACCESS_DENIED), 0;
 }
 int deletedJobs = 0;
 BOOL WINAPI RefuseToPause(HANDLE printer, DWORD job, DWORD level, LPBYTE info, DWORD command) {
@@ -156,12 +140,7 @@ BOOL WINAPI RefuseToPause(HANDLE printer, DWORD job, DWORD level, LPBYTE info, D
 TEST_F(DirectChannelTest, AJobNeedsAPrinterThatHoldsItsOwn) {
     Add(L"OFFICE", 9100);
     const auto refusal = [this](const std::wstring& printer) -> std::string {
-        try {
-            host_->StartJob(L"OFFICE", L"a document", printer);
-        } catch (const CommandFailed& failed) {
-            return failed.what();
-        }
-        return "started";
+        return FailureOf([&] { host_->StartJob(L"OFFICE", L"a document", printer); }).what();
     };
     const HMODULE self = GetModuleHandleW(nullptr);
     EXPECT_THAT(refusal(L"no such printer"),
@@ -171,7 +150,8 @@ TEST_F(DirectChannelTest, AJobNeedsAPrinterThatHoldsItsOwn) {
         EXPECT_THAT(refusal(L""), HasSubstr("there is no default printer"));
     }
     {
-        const ImportPatch patch(self, "StartDocPrinterW", RefuseToStart);
+        const ImportPatch patch(self, "StartDocPrinterW",
+                                Refusing<ERROR_ACCESS_DENIED>(StartDocPrinterW));
         EXPECT_THAT(refusal(printer_.Name()), HasSubstr("gives no job"));
     }
     const ImportPatch patch(self, "SetJobW", RefuseToPause);

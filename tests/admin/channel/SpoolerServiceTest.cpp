@@ -7,9 +7,9 @@
 #include <fstream>
 #include <iterator>
 
-#include "base/CommandFailed.h"
 #include "admin/channel/PortRecords.h"
 #include "base/Text.h"
+#include "tests/support/FailureOf.h"
 #include "tests/support/ImportPatch.h"
 #include "tests/support/WinePrinter.h"
 
@@ -26,12 +26,8 @@ TEST(SpoolerService, ListsOnlyThePortsOfItsMonitor) {
     EXPECT_THAT(SpoolerService(L"Local Monitor").PortNames(), Contains(L"LPT1:"));
     // One without ports, and one that the spooler has not loaded.
     EXPECT_THAT(SpoolerService(L"Local Port").PortNames(), IsEmpty());
-    try {
-        SpoolerService(L"no monitor").PortNames();
-        ADD_FAILURE();
-    } catch (const CommandFailed& failed) {
-        EXPECT_EQ(failed.remedy, Remedy::InstallMonitor);
-    }
+    EXPECT_EQ(FailureOf([] { SpoolerService(L"no monitor").PortNames(); }).remedy,
+              Remedy::InstallMonitor);
 }
 
 TEST(SpoolerService, SendsCommandsAndPassesTheirCodesOn) {
@@ -40,12 +36,10 @@ TEST(SpoolerService, SendsCommandsAndPassesTheirCodesOn) {
     EXPECT_EQ(spooler.Xcv(L"MonitorUI", nullptr, 0, library, sizeof(library)), ERROR_SUCCESS);
     EXPECT_STREQ(library, L"localui.dll");
     EXPECT_EQ(spooler.Xcv(L"MonitorUI", nullptr, 0, library, 2), ERROR_INSUFFICIENT_BUFFER);
-    try {
+    const CommandFailed failed = FailureOf([&library] {
         SpoolerService(L"no monitor").Xcv(L"MonitorUI", nullptr, 0, library, sizeof(library));
-        ADD_FAILURE();
-    } catch (const CommandFailed& failed) {
-        EXPECT_EQ(failed.remedy, Remedy::InstallMonitor);
-    }
+    });
+    EXPECT_EQ(failed.remedy, Remedy::InstallMonitor);
 }
 
 // What another machine's spooler is asked. It has no ports, and no monitor that it tells of.
@@ -78,12 +72,7 @@ TEST(SpoolerService, AnotherServersNameReachesTheSpooler) {
                                    {self, "OpenPrinterW", AskForPrinter}};
     const auto refusal = [](const auto& action) {
         SpoolerService server(L"kestmon", LR"(\\PRINT1)");
-        try {
-            action(server);
-        } catch (const CommandFailed& failed) {
-            return failed.remedy;
-        }
-        return Remedy::None;
+        return FailureOf([&] { action(server); }).remedy;
     };
     EXPECT_EQ(refusal([](SpoolerChannel& server) { server.Queues(); }), Remedy::None);
     EXPECT_EQ(refusal([](SpoolerChannel& server) { server.PortNames(); }), Remedy::StartSpooler);
@@ -113,45 +102,15 @@ TEST(SpoolerService, PrintsThroughTheQueueOfThePort) {
     std::filesystem::remove(port);
 }
 
-BOOL WINAPI RefuseToOpen(LPWSTR, LPHANDLE, LPPRINTER_DEFAULTSW) {
-    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
-}
-DWORD WINAPI RefuseToStart(HANDLE, DWORD, LPBYTE) {
-    return SetLastError(ERROR_ACCESS_DENIED), 0;
-}
-BOOL WINAPI RefuseToWrite(HANDLE, LPVOID, DWORD, LPDWORD) {
-    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
-}
+constexpr DWORD kDenied = ERROR_ACCESS_DENIED;
+
 BOOL WINAPI TakeNothing(HANDLE, LPVOID, DWORD, LPDWORD taken) {
     *taken = 0;
     return SetLastError(ERROR_ACCESS_DENIED), TRUE;
 }
-BOOL WINAPI RefuseToEnd(HANDLE) {
-    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
-}
-BOOL WINAPI RefuseToSet(HANDLE, DWORD, LPBYTE, DWORD) {
-    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
-}
-BOOL WINAPI RefuseToRead(HANDLE, DWORD, LPBYTE, DWORD, LPDWORD needed) {
-    *needed = 0;
-    return SetLastError(ERROR_ACCESS_DENIED), FALSE;
-}
-BOOL WINAPI RefuseToPassOn(HANDLE, PCWSTR, PBYTE, DWORD, PBYTE, DWORD, PDWORD, PDWORD) {
-    return SetLastError(RPC_S_SERVER_UNAVAILABLE), FALSE;
-}
 int aborted = 0;
 BOOL WINAPI CountAborted(HANDLE) {
     return ++aborted, TRUE;
-}
-
-template <class Action>
-CommandFailed FailureOf(const Action& action) {
-    try {
-        action();
-    } catch (const CommandFailed& failed) {
-        return failed;
-    }
-    return CommandFailed("nothing failed");
 }
 
 TEST(SpoolerService, AJobThatTheSpoolerRefusesFailsAndIsAborted) {
@@ -164,12 +123,16 @@ TEST(SpoolerService, AJobThatTheSpoolerRefusesFailsAndIsAborted) {
         const char* failure;
         int aborted;
     } cases[] = {
-        {"OpenPrinterW", reinterpret_cast<void*>(RefuseToOpen), " cannot be opened: ", 0},
-        {"StartDocPrinterW", reinterpret_cast<void*>(RefuseToStart), " does not take the job: ", 0},
-        {"WritePrinter", reinterpret_cast<void*>(RefuseToWrite), " takes no more of job ", 1},
+        {"OpenPrinterW", reinterpret_cast<void*>(Refusing<kDenied>(OpenPrinterW)),
+         " cannot be opened: ", 0},
+        {"StartDocPrinterW", reinterpret_cast<void*>(Refusing<kDenied>(StartDocPrinterW)),
+         " does not take the job: ", 0},
+        {"WritePrinter", reinterpret_cast<void*>(Refusing<kDenied>(WritePrinter)),
+         " takes no more of job ", 1},
         // The caller would offer the same bytes for ever.
         {"WritePrinter", reinterpret_cast<void*>(TakeNothing), " takes no more of job ", 1},
-        {"EndDocPrinter", reinterpret_cast<void*>(RefuseToEnd), " does not end job ", 1},
+        {"EndDocPrinter", reinterpret_cast<void*>(Refusing<kDenied>(EndDocPrinter)),
+         " does not end job ", 1},
     };
     for (const auto& [function, replacement, failure, expected] : cases) {
         aborted = 0;
@@ -192,32 +155,30 @@ TEST(SpoolerService, ReportsWhyAQueueIsNotMovedAndACommandNotPassedOn) {
         return FailureOf([&] { spooler.MoveQueue(queue.Name(), {L"LPT1:", L"LPT2:"}); });
     };
     {
-        const ImportPatch patch(self, "SetPrinterW", RefuseToSet);
+        const ImportPatch patch(self, "SetPrinterW", Refusing<kDenied>(SetPrinterW));
         EXPECT_THAT(move().what(), HasSubstr(" cannot be moved to port LPT1:,LPT2:: "));
         EXPECT_EQ(move().remedy, Remedy::RunAsAdministrator);
     }
     {
-        const ImportPatch patch(self, "GetPrinterW", RefuseToRead);
+        const ImportPatch patch(self, "GetPrinterW", Refusing<kDenied>(GetPrinterW));
         EXPECT_THAT(move().what(), HasSubstr(" cannot be read: "));
     }
     {
-        const ImportPatch patch(self, "OpenPrinterW", RefuseToOpen);
+        const ImportPatch patch(self, "OpenPrinterW", Refusing<kDenied>(OpenPrinterW));
         EXPECT_THAT(move().what(), HasSubstr(" cannot be opened: "));
     }
     EXPECT_THAT(QueuesOn(spooler.Queues(), L"NUL:"), ElementsAre(queue.Name()));
-    const ImportPatch patch(self, "XcvDataW", RefuseToPassOn);
+    const ImportPatch patch(self, "XcvDataW", Refusing<RPC_S_SERVER_UNAVAILABLE>(XcvDataW));
     const CommandFailed failed =
         FailureOf([&spooler] { spooler.Xcv(L"MonitorUI", nullptr, 0, nullptr, 0); });
     EXPECT_THAT(failed.what(), HasSubstr("does not pass on MonitorUI: "));
     EXPECT_EQ(failed.remedy, Remedy::StartSpooler);
 }
 
-LONG WINAPI RefuseToConnect(LPCWSTR, HKEY, PHKEY) {
-    return ERROR_BAD_NETPATH;
-}
-
 TEST(SpoolerService, NamesTheServiceThatReadsTheStandardPortsOfAServer) {
-    const ImportPatch patch(GetModuleHandleW(nullptr), "RegConnectRegistryW", RefuseToConnect);
+    const ImportPatch patch(
+        GetModuleHandleW(nullptr), "RegConnectRegistryW",
+        +[](LPCWSTR, HKEY, PHKEY) -> LONG { return ERROR_BAD_NETPATH; });
     EXPECT_THAT(
         FailureOf([] { SpoolerService(L"kestmon", LR"(\\PRINT1)").StandardPorts(); }).what(),
         AllOf(HasSubstr(R"(the registry of \\PRINT1 cannot be reached: )"),

@@ -35,7 +35,8 @@ const struct {
     {L"F", "10.0.0.7", "", "prn-7", true, PortState::Ok},
     {L"G", "10.0.0.8", "", "prn-8", false, PortState::AnotherPrinter},
     {L"H", "10.0.0.9", "000400000009", "prn-9", true, PortState::AnotherPrinter},
-    {L"I", "10.0.0.1", "", "", true, PortState::CannotFollow},
+    {L"I", "10.0.0.1", "", "", true, PortState::CannotFollow, "",
+     HasSubstr("neither a MAC address nor a host name to follow")},
     {L"J", "10.0.0.11", "00040000000B", "", true, PortState::Unreachable, "",
      HasSubstr("from there")},
     {L"K", "", "", "", false, PortState::NotConfigured},
@@ -87,6 +88,10 @@ class PortCheckTest : public testing::Test {
     }
     std::vector<CheckedPort> Check(const std::vector<std::wstring>& wanted = {}) {
         return CheckPorts(*channel, wanted, Network(), 3s, [](size_t, size_t) {});
+    }
+
+    static std::vector<RepairResult> Results(const std::vector<CheckedPort>& ports) {
+        return {ports.begin(), ports.end()};
     }
 
     // Printers by address; one without a MAC address and a name does not answer who it is.
@@ -146,22 +151,20 @@ TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
         return PrinterIdentity{address, mac, name, SearchSource::DnsSd};
     };
     monitor.ports[L"D"].extended.dwAlwaysPrint = 0;
+    monitor.ports[L"D"].extended.sztHWAddress[0] = 0;
     CheckNetwork network = Network();
     network.search = []() -> std::vector<PrinterIdentity> { throw NoSearchFile("no file"); };
     network.searchDnsSd = [&] {
         return std::vector<PrinterIdentity>{
-            announced("10.0.0.1", "", "prn-1"), announced("10.0.1.4", "0004000000EE", "prn-4"),
+            announced("10.0.0.1", "", "prn-1"), announced("10.0.1.4", "", "prn-4"),
             announced("10.0.1.5", "", "PRN-5"), announced("10.0.1.6", "000400000006", "x")};
     };
-    std::vector<RepairResult> results;
-    for (const CheckedPort& port :
-         CheckPorts(*channel, {L"A", L"C", L"D", L"E"}, network, 3s, [](size_t, size_t) {})) {
-        results.push_back({port});
-    }
+    std::vector<RepairResult> results =
+        Results(CheckPorts(*channel, {L"A", L"C", L"D", L"E"}, network, 3s, [](size_t, size_t) {}));
     RepairPorts(
         *channel, false, [] { return true; }, results);
     EXPECT_EQ(results[0].port.state, PortState::NoConfiguration) << "no job can follow";
-    EXPECT_EQ(results[1].port.found, "") << "the MAC address tells that it is another";
+    EXPECT_EQ(results[1].port.found, "") << "a name is not enough for a port with a MAC address";
     EXPECT_TRUE(results[2].repaired) << "without `always print`, too";
     EXPECT_EQ(AddressInUse(monitor.ports[L"D"]), "10.0.1.5");
 
@@ -170,14 +173,19 @@ TEST_F(PortCheckTest, DnsSdFindsPrintersThatDoNotAnswerSlp) {
     EXPECT_EQ(again[0].state, PortState::NotRecognised);
     EXPECT_THAT(again[0].detail, HasSubstr("by DNS-SD, but does not answer"));
     EXPECT_EQ(again[1].found, "10.0.1.6") << "by its MAC address";
+
+    network.searchDnsSd = [&] {
+        return std::vector<PrinterIdentity>{announced("10.0.0.1", "", "x"),
+                                            announced("10.0.1.9", "", "prn-1")};
+    };
+    const auto attacked = CheckPorts(*channel, {L"A"}, network, 3s, [](size_t, size_t) {});
+    EXPECT_EQ(attacked[0].state, PortState::NotRecognised) << "its address takes connections";
+    EXPECT_EQ(attacked[0].found, "");
 }
 
 TEST_F(PortCheckTest, ADryRunAndCtrlCRepairNothing) {
     monitor.ports[L"D"].extended.dwAlwaysPrint = 0;
-    std::vector<RepairResult> results;
-    for (const CheckedPort& port : Check({L"A", L"C", L"D", L"E"})) {
-        results.push_back({port});
-    }
+    std::vector<RepairResult> results = Results(Check({L"A", L"C", L"D", L"E"}));
     std::vector<RepairResult> interrupted = results;
     RepairPorts(
         *channel, true, [] { return true; }, results);
@@ -202,13 +210,6 @@ TEST_F(PortCheckTest, WithoutASearchFileNoPrinterIsAsked) {
     EXPECT_THAT(states, ElementsAre(PortState::NoConfiguration, PortState::Ok,
                                     PortState::CannotFollow, PortState::Unreachable));
     EXPECT_EQ(asked, 0);
-}
-
-TEST_F(PortCheckTest, TestsOnePortWithoutASearch) {
-    noFile = true;
-    const CheckedPort tested = TestPort(L"N", monitor.ports[L"N"], Network(), 3s);
-    EXPECT_EQ(tested.state, PortState::NotRecognised);
-    EXPECT_EQ(TestPort(L"A", monitor.ports[L"A"], Network(), 3s).state, PortState::Ok);
 }
 
 }  // namespace

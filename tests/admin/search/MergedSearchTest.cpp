@@ -56,7 +56,8 @@ TEST(MergedSearch, AMacAddressIsNeverGuessed) {
                                 "10.0.0.6", "10.0.0.7", "10.0.0.8", "10.9.0.1"}) {
         printers.push_back(Announced("prn.local", {address}));
     }
-    printers.push_back(Announced("six.local", {"10.9.0.2", "fd00::6"}));
+    printers.push_back(Announced("six.local", {"fd00::6", "10.9.0.2"}));
+    printers.push_back(Announced("other.local", {"10.9.0.3", "10.0.0.254"}));
     const std::vector<MIB_IPNET_ROW2> table = {
         Neighbour("10.0.0.1", {0, 4, 0, 0, 0, 1}),
         Neighbour("10.0.0.2", {0, 4, 0, 0, 0, 2}, NlnsIncomplete),
@@ -74,7 +75,8 @@ TEST(MergedSearch, AMacAddressIsNeverGuessed) {
         macs += printer.identity.mac + ' ';
         EXPECT_EQ(printer.record.GetMacAddress().IsValid(), !printer.identity.mac.empty());
     }
-    EXPECT_EQ(macs, "000400000001         00040000AB06 ");
+    EXPECT_EQ(macs, "000400000001         00040000AB06  ")
+        << "an address that only is announced, too, proves nothing";
 }
 
 }  // namespace

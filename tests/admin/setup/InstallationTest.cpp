@@ -4,7 +4,6 @@
 
 #include <functional>
 
-#include "Version.h"
 #include "base/CommandFailed.h"
 #include "tests/support/FakeMachine.h"
 
@@ -13,11 +12,6 @@ using testing::HasSubstr;
 using testing::Not;
 
 namespace {
-
-const std::string kThisRelease = KESTMON_VERSION_STRING;
-const std::string kNextRelease = "2" + kThisRelease.substr(1);  // FakeMachine::MakePackage(2)
-
-constexpr wchar_t kPort[] = L"\\Monitors\\kestmon\\Ports\\MY PORT";
 
 // Installs the machine's package. Returns the report, with the failure if there is one.
 std::string Install(FakeMachine& machine, bool force = false, Remedy remedy = Remedy::None) {
