@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -40,10 +41,10 @@ struct Printer {
     // Numeric addresses, IPv4 before IPv6; of each kind, those that the printer has answered from
     // come first. Any unicast address but those of the loopback and IPv6 link-local ones.
     std::vector<std::string> addresses;
-    std::vector<Service> services;  // ordered by protocol, port and queue; each once
-    std::string model;              // `ty`, or `product` without its parentheses
-    std::string adminUrl;           // `adminurl`, as announced
-    std::string uuid;               // `UUID`, as announced
+    std::set<Service> services;  // ordered by protocol, port and queue
+    std::string model;           // `ty`, or `product` without its parentheses
+    std::string adminUrl;        // `adminurl`, as announced
+    std::string uuid;            // `UUID`, as announced
 };
 
 struct SearchResult {

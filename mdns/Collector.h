@@ -61,11 +61,12 @@ class Collector {
         std::set<std::string> data;  // to keep each once; of PTR records in lower case
     };
     using Question = std::pair<std::string, Type>;
+    using Order =
+        std::pair<size_t, size_t>;  // how many its source refers to before, and its length
 
     void Keep(Family& family, Source& source, Record record);
     const std::vector<Found>& Find(std::string_view name, Type type) const;
-    void AddKnownAnswers(QueryWriter& query) const;
-    std::vector<Question> Missing() const;
+    std::vector<std::pair<Order, Question>> Missing() const;
     void AddServices(Protocol protocol, const std::string& instance,
                      std::map<std::string, Printer>& printers) const;
     void AddAddresses(Printer& printer, const std::string& host, Type type) const;

@@ -1,7 +1,9 @@
 #include "mdns/Message.h"
 
 #include <algorithm>
+#include <utility>
 
+#include "base/Ascii.h"
 #include "mdns/Limits.h"
 
 namespace mdns {
@@ -31,25 +33,21 @@ std::string Bytes(size_t value, int size) {
 // Reads the data of a record as Record has it. Returns false for a type that is of no use.
 bool ReadData(Cursor& in, Record& record) {
     switch (record.type) {
-        case Type::Ptr:
-            record.data = in.Name();
-            return true;
         case Type::Srv:
             in.Bytes(4);  // priority and weight: a printer has one host
             record.data = in.Bytes(2);
+            [[fallthrough]];
+        case Type::Ptr:
             record.data += in.Name();
             return true;
         case Type::A:
-            record.data = in.Bytes(4);
-            return true;
         case Type::Aaaa:
-            record.data = in.Bytes(16);
+            record.data = in.Bytes(record.type == Type::A ? 4 : 16);
             return true;
         case Type::Txt:
+            record.data = Cursor(in).Bytes(in.left());
             while (in.left() > 0) {
-                const uint32_t size = in.Number(1);
-                record.data += static_cast<char>(size);
-                record.data += in.Bytes(size);
+                in.Bytes(in.Number(1));
             }
             return true;
     }
@@ -76,13 +74,7 @@ bool ReadRecord(Cursor& in, std::vector<Record>& records) {
 }  // namespace
 
 std::string Lower(std::string_view name) {
-    std::string lower(name);
-    for (char& byte : lower) {  // the length of a label, at most 63, is no letter
-        if (byte >= 'A' && byte <= 'Z') {
-            byte = static_cast<char>(byte - 'A' + 'a');
-        }
-    }
-    return lower;
+    return ToLower(std::string(name));  // the length of a label, at most 63, is no letter
 }
 
 std::string_view TakeLabel(std::string_view& name) {
@@ -124,20 +116,16 @@ std::string Cursor::Name() {
             if (!label.ok_ || target >= earliest) {
                 return Fail();
             }
-            at_ = jumped ? at_ : label.at_;
-            jumped = true;
+            at_ = std::exchange(jumped, true) ? at_ : label.at_;
             label.at_ = earliest = target;
             continue;
         }
         const std::string_view text = label.Bytes(length);
-        if (!label.ok_ || length > kMaxLabel) {
-            return Fail();
-        }
-        if (length == 0) {
+        if (label.ok_ && length == 0) {
             at_ = jumped ? at_ : label.at_;
             return name;
         }
-        if (name.size() + 1 + length > kMaxName) {
+        if (!label.ok_ || length > kMaxLabel || name.size() + 1 + length > kMaxName) {
             return Fail();
         }
         name += static_cast<char>(length);
@@ -183,8 +171,6 @@ std::optional<std::vector<Record>> ParseResponse(std::string_view message, uint1
     return in.ok() ? std::optional(std::move(found)) : std::nullopt;
 }
 
-QueryWriter::QueryWriter(uint16_t id) : id_(id) {}
-
 bool QueryWriter::Ask(std::string_view name, Type type) {
     if (kHeader + body_.size() + name.size() + 5 > kMaxQuery) {
         return false;
@@ -198,10 +184,10 @@ bool QueryWriter::Ask(std::string_view name, Type type) {
 
 bool QueryWriter::AddKnown(size_t question, std::string_view label) {
     const std::string name = Bytes(kPointer << 8 | names_[question], 2);
+    const std::string data = Bytes(label.size(), 1) + std::string(label) + name;
     const std::string answer = name + Bytes(static_cast<size_t>(Type::Ptr), 2) +
-                               Bytes(kInternet, 2) + Bytes(kKnownTtl, 4) +
-                               Bytes(1 + label.size() + name.size(), 2) + Bytes(label.size(), 1) +
-                               std::string(label) + name;
+                               Bytes(kInternet, 2) + Bytes(kKnownTtl, 4) + Bytes(data.size(), 2) +
+                               data;
     if (kHeader + body_.size() + answer.size() > kMaxQuery) {
         return false;
     }

@@ -67,7 +67,7 @@ std::optional<std::vector<Record>> ParseResponse(std::string_view message, uint1
 // Puts a query together (RFC 6762, sections 5.4 and 7.1). Questions come before known answers.
 class QueryWriter {
   public:
-    explicit QueryWriter(uint16_t id);
+    explicit QueryWriter(uint16_t id) : id_(id) {}
 
     // Adds a question for a name, which may be answered by unicast. Returns false, and adds
     // nothing, if the message would exceed kMaxQuery.

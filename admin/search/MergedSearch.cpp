@@ -12,7 +12,6 @@
 #include "admin/search/Hosts.h"
 #include "admin/search/Neighbours.h"
 #include "admin/search/PrinterSearch.h"
-#include "base/Ascii.h"
 #include "base/CommandFailed.h"
 #include "discovery/DeviceId.h"
 
@@ -34,8 +33,6 @@ class DnsSdSearch {
         }
     }
     ~DnsSdSearch() { stop_ = true; }
-    DnsSdSearch(const DnsSdSearch&) = delete;
-    DnsSdSearch& operator=(const DnsSdSearch&) = delete;
 
     bool Runs() const {
         return hits_.valid() &&
@@ -81,19 +78,12 @@ void Complete(SearchHit& hit, std::vector<SearchHit>& others) {
     }
 }
 
-std::string NameWithoutDomain(const std::string& host) {
-    constexpr std::string_view kDomain = ".local";
-    const size_t length = host.size() - std::min(host.size(), kDomain.size());
-    return EqualsIgnoreCase(host.substr(length), std::string(kDomain)) ? host.substr(0, length)
-                                                                       : host;
-}
-
 }  // namespace
 
-SearchHit::SearchHit(const Printer& printer) : record(printer), identity(IdentityOf(printer)) {
-    addresses.push_back(printer.GetIPAddress());
-    addresses.push_back(printer.GetOtherIPAddress());
-}
+SearchHit::SearchHit(const Printer& printer)
+    : record(printer),
+      identity(IdentityOf(printer)),
+      addresses{printer.GetIPAddress(), printer.GetOtherIPAddress()} {}
 
 SearchHit::SearchHit(const mdns::Printer& printer) {
     std::ranges::transform(printer.addresses | std::views::take(kMostOfPrinter),
@@ -103,7 +93,7 @@ SearchHit::SearchHit(const mdns::Printer& printer) {
     if (addresses.size() > 1) {
         record.SetSecondIPAddress(addresses[1]);
     }
-    record.SetHostName(NameWithoutDomain(printer.host));
+    record.SetHostName(printer.host.substr(0, printer.host.rfind('.')));  // the domain is `local`
     record.SetModelName(printer.model);
     record.SetDescription(printer.instance);
     identity = IdentityOf(record);

@@ -4,10 +4,10 @@
 
 #include <algorithm>
 #include <map>
-#include <memory>
 
 #include "admin/search/PrinterIdentity.h"
 #include "admin/search/PrinterSearch.h"
+#include "base/Handles.h"
 #include "base/Parallel.h"
 
 namespace {
@@ -65,7 +65,7 @@ void LookUpMacAddresses(std::vector<SearchHit>& printers) {
         }
     }
     if (const HANDLE icmp = IcmpCreateFile(); icmp != INVALID_HANDLE_VALUE) {
-        const std::unique_ptr<void, decltype(&IcmpCloseHandle)> closing(icmp, IcmpCloseHandle);
+        const UniqueResource<ClosedBy<HANDLE, IcmpCloseHandle>> closing(icmp);
         ForEach(
             asked.size(), kAskedAtOnce, [&](size_t at) { SendEcho(icmp, *asked[at]); },
             [](size_t) {});
@@ -75,7 +75,7 @@ void LookUpMacAddresses(std::vector<SearchHit>& printers) {
     for (const ADDRESS_FAMILY family : {AF_INET, AF_INET6}) {
         MIB_IPNET_TABLE2* table = nullptr;
         if (GetIpNetTable2(family, &table) == NO_ERROR) {
-            const std::unique_ptr<void, decltype(&FreeMibTable)> freeing(table, FreeMibTable);
+            const UniqueResource<ClosedBy<MIB_IPNET_TABLE2*, FreeMibTable>> freeing(table);
             rows.insert(rows.end(), table->Table, table->Table + table->NumEntries);
         }
     }

@@ -1,15 +1,11 @@
 // MAC addresses of hosts on a local subnet, from the system's neighbor table.
 #pragma once
 
-#include <winsock2.h>
-#include <ws2tcpip.h>
-#include <windows.h>
+#include "admin/search/MergedSearch.h"
+
 #include <iphlpapi.h>
 
 #include <span>
-#include <vector>
-
-#include "admin/search/MergedSearch.h"
 
 // Sets the MAC addresses that this table has for the addresses of printers. Two printers with the
 // same MAC address get none: a device between answers for them, such as a router or print server.

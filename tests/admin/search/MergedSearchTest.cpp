@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,7 @@
 namespace {
 
 SearchHit Announced(const std::string& host, const std::vector<std::string>& addresses,
-                    const std::vector<mdns::Service>& services = {}) {
+                    const std::set<mdns::Service>& services = {}) {
     return SearchHit(mdns::Printer{"Office", host, addresses, services, "Model 1", "", ""});
 }
 
