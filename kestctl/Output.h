@@ -47,7 +47,7 @@ bool HasPrintedJson();
 bool InputIsTerminal();
 bool OutputIsTerminal();
 
-// Returns true if standard output is a pipe that nobody reads any more.
+// Returns true if standard output is a pipe whose reading end is closed.
 bool OutputIsClosed();
 
 // How far something is: "[#####.....] 50 %".

@@ -19,7 +19,7 @@ struct AgentAnswer {
     std::vector<std::pair<std::string, std::string>> attributes;
 };
 
-// Sends the request, and returns when nobody new answers.
+// Sends the request, and returns when no further agent answers.
 //   found: called on this thread for each answer.
 // Throws CommandFailed if the request cannot be made; no answer is no failure.
 void FindAgents(const AgentRequest& request, const std::function<void(AgentAnswer answer)>& found);

@@ -22,7 +22,7 @@ struct NoSearchFile : CommandFailed {
 // The path of the SLPConf.xml that these searches read, whether there is one or not.
 std::wstring SearchFilePath();
 
-// Searches for all printers whose model matches, and returns when nobody new answers: after about
+// Searches for all printers whose model matches, and returns when no other one answers: after about
 // 1 s, or 3.5 s without an answer, 5 s at most.
 //   found: called on this thread for each printer with an address, as it answers.
 //   goOn: asked on this thread, about five times a second; false ends the search at once.

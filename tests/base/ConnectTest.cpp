@@ -42,7 +42,7 @@ TEST(Connect, ReportsWhatBecameOfIt) {
     EXPECT_EQ(Listener(false).To(connection, seconds(5)), WSAECONNREFUSED);
 }
 
-// Nobody accepts, and the queue is full after some connections: the next one gets no answer.
+// No connection is accepted. When the queue is full, the next attempt gets no answer.
 TEST(Connect, EndsInTime) {
     const Listener full(true);
     std::vector<UniqueSocket> queued;

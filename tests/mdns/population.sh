@@ -9,7 +9,7 @@ printers_network dns_sd
 # On the client's link, unlike the other addresses of the peer.
 in_peer ip -6 route add local fd77::1:0/112 dev lo
 
-# expect NAME COUNT NETWORK FIRST: what is to be found of a group of printers
+# expect NAME COUNT NETWORK FIRST: the printers that a search must find of a group
 expect() {
     local n
     for ((n = 0; n < $2; n++)); do

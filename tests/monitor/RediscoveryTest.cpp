@@ -110,7 +110,7 @@ TEST_F(RediscoveryTest, ThePortFollowsItsPrinter) {
     Print({
         // By hardware address, in any letter case, whoever else has the name and answers first.
         {L"0004004a1b2c", L"p1", {kOther, kMoved}, 1},
-        // One that nobody has: by name.
+        // No printer has this MAC address: found by name.
         {L"000400000001", L"p1", {kMoved}, 2},
         // One with separators is none.
         {L"00:04:00:4a:1", L"P1", {kMoved}, 1},

@@ -80,7 +80,7 @@ TEST(Population, EachThatAnswersIsReportedOnce) {
         // Twice as many as are asked at a time take longer than one may while others wait.
         {"service:slow", 128, 2, 0, false},
         // More TCP servers than are asked at a time stall, drip, send without end, break off or
-        // refuse. They keep nobody honest from being found, nor the request from ending.
+        // refuse. The honest agents are found all the same, and the request ends.
         {"service:hostile", 20, 2, 0, false, 0x4000},
     };
     for (const auto& c : cases) {

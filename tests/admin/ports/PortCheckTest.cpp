@@ -28,7 +28,7 @@ const struct {
     {L"A LOWER", "10.0.0.6", "0004000000ff", "", true, PortState::Ok},
     {L"A SILENT ONE", "10.0.0.2", "000400000002", "", false, PortState::Ok, "", "silent"},
     {L"B", "10.0.0.3", "", "", false, PortState::Unreachable},
-    // By its MAC address, though somebody else has its name.
+    // Found by its MAC address, although another printer has its name.
     {L"C", "10.0.0.4", "000400000004", "prn-4", true, PortState::Moved, "10.0.1.4"},
     {L"D", "10.0.0.5", "000400000005", "prn-5", true, PortState::Moved, "fd00::5"},
     {L"E", "10.0.0.6", "000400000006", "", true, PortState::AnotherPrinter, "10.0.1.6"},

@@ -34,8 +34,8 @@ TEST(Installation, InstallUpdateAndInstallAgain) {
     EXPECT_THAT(Install(machine), HasSubstr("nothing to do"));
     EXPECT_EQ(machine.State(), state);
 
-    // The next release comes over libraries that the spooler uses, and an SLPConf.xml that nobody
-    // changed, whatever its line ends.
+    // An update replaces libraries that the spooler uses, and an SLPConf.xml that differs from the
+    // shipped one in its line ends only.
     std::string text = machine.shipped;
     for (size_t i = 0; (i = text.find('\n', i)) != text.npos; i += 2) {
         text.insert(i, 1, '\r');
